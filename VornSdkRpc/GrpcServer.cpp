@@ -1,0 +1,126 @@
+#include "VornSdkRpc/GrpcServer.h"
+
+#include <cassert>
+#include <chrono>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+#include "VornSdkRpc/ScopedNamespace.h"
+
+namespace VornSdkRpc {
+
+using NextStatus = grpc::CompletionQueue::NextStatus;
+
+const char* ServerFailedError::what() const noexcept { return ""; }
+
+GrpcServer::GrpcServer(grpc::ServerBuilder& builder,
+                       std::vector<std::shared_ptr<GrpcService>> services,
+                       ServerProperties& properties, bool accountingEnabled)
+    : builder_(&builder),
+      services_(std::move(services)),
+      tracer_("GrpcServer"),
+      properties_(&properties),
+      accountingEnabled_(accountingEnabled) {
+  for (std::size_t id = 0; id < services_.size(); ++id) {
+    if (!services_[id])
+      throw std::invalid_argument("service " + std::to_string(id) + " of the server is null");
+    services_[id]->selfRegister(id, builder);
+  }
+}
+
+GrpcServer::~GrpcServer() {
+  if (!cq_ || drained_) return;
+  // The queue must be empty before it is destroyed. What completes now is not dispatched any more:
+  // the handlers go with the registry.
+  try {
+    stop();
+  } catch (...) {
+    tracer_.trace0("A service failed to stop.");
+  }
+  if (server_) server_->Shutdown(std::chrono::system_clock::now());
+  cq_->Shutdown();
+  OpaqueId tag = nullptr;
+  bool ok = false;
+  while (cq_->Next(&tag, &ok)) {
+  }
+}
+
+void GrpcServer::run() {
+  setup();
+  while (!stopRequested_)
+    dequeue();
+  teardown();
+  tracer_.trace0("Server is being shut down.");
+}
+
+void GrpcServer::stop() {
+  for (const auto& service : services_)
+    service->stoppingIs(true);
+  stopRequested_ = true;
+}
+
+void GrpcServer::setup() {
+  // The builder keeps a pointer to its queue, and a service can be registered with one server only:
+  // a second BuildAndStart() would end the process.
+  if (cq_) throw ServerFailedError();
+  cq_ = builder_->AddCompletionQueue(true);
+  {
+    const ScopedNamespace scope(properties_->nsName);
+    server_ = builder_->BuildAndStart();
+    if (!server_) throw ServerFailedError();
+  }
+  for (const auto& service : services_)
+    service->started(*this, *cq_, *properties_);
+}
+
+bool GrpcServer::dequeue() {
+  const auto deadline = std::chrono::system_clock::now() + std::chrono::milliseconds(200);
+  OpaqueId tag = nullptr;
+  bool ok = false;
+  const NextStatus nextStatus = cq_->AsyncNext(&tag, &ok, deadline);
+  assert(nextStatus != NextStatus::SHUTDOWN);
+  if (nextStatus != NextStatus::GOT_EVENT) return false;
+  handleTag(tag, ok);
+  return true;
+}
+
+void GrpcServer::handleTag(OpaqueId tag, bool ok) try {
+  std::size_t serviceId = 0;
+  RequestHandlerPtr handler;  // keeps the handler alive while its tag is removed
+  if (!tagManager_.find(tag, serviceId, handler)) {
+    tracer_.trace8("no handler for tag %p", tag);
+    return;
+  }
+  GrpcService& service = *services_.at(serviceId);
+  if (!handler) {
+    tracer_.trace8("no handler for tag %p", tag);
+    return;
+  }
+  if (!stopRequested_ || ok) {
+    completionOk_ = ok;
+    service.process(tag, handler.get());
+  } else {
+    tracer_.trace8("tag %p cancelled", tag);
+    tagManager_.removeHandler(serviceId, tag);
+  }
+} catch (const std::out_of_range&) {
+  // A tag of no service of this server, or a handler's own: this dispatch is over, the server goes
+  // on.
+}
+
+void GrpcServer::teardown() {
+  server_->Shutdown(std::chrono::system_clock::now());
+  while (dequeue()) {
+  }
+  cq_->Shutdown();
+  OpaqueId tag = nullptr;
+  bool ok = false;
+  while (cq_->AsyncNext(&tag, &ok, gpr_inf_future(GPR_CLOCK_REALTIME)) == NextStatus::GOT_EVENT) {
+    handleTag(tag, ok);
+  }
+  drained_ = true;
+  if (accountingEnabled_) tracer_.trace0("Accounting thread finished");
+}
+
+}  // namespace VornSdkRpc

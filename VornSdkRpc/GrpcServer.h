@@ -1,0 +1,112 @@
+#pragma once
+
+#include <grpcpp/grpcpp.h>
+#include <vorn/export.h>
+#include <vorn/tracer.h>
+
+#include <atomic>
+#include <cstddef>
+#include <exception>
+#include <memory>
+#include <vector>
+
+#include "VornSdkRpc/GrpcService.h"
+#include "VornSdkRpc/RequestHandler.h"
+#include "VornSdkRpc/ServerProperties.h"
+#include "VornSdkRpc/TagManager.h"
+
+namespace VornSdkRpc {
+
+// Thrown when the gRPC server can't be built: a port that is taken, say, or a second setup() of one
+// GrpcServer. Carries no text; gRPC's own log says why.
+class VORN_EXPORT ServerFailedError : public std::exception {
+ public:
+  const char* what() const noexcept override;
+};
+
+// The asynchronous gRPC server of an agent. It builds the server from the agent's builder inside
+// the agent's network namespace, starts the services, and runs one loop that takes completed
+// operations from one completion queue and hands each to the handler that waits for it.
+//
+//   grpc::ServerBuilder builder;
+//   builder.AddListeningPort("127.0.0.1:50051", grpc::InsecureServerCredentials());
+//   VornSdkRpc::ServerProperties properties;
+//   VornSdkRpc::GrpcServer server(builder, {std::make_shared<MyService>()}, properties);
+//   server.run();  // until another thread calls server.stop()
+//
+// One thread serves: the one that calls run(). setup(), every handler step and teardown() happen on
+// it. stop() may come from any thread, but not from a signal handler. One object serves once; an
+// agent that wants to serve again makes a new builder, new services and a new GrpcServer.
+class VORN_EXPORT GrpcServer {
+ public:
+  // Gives every service its position in the list as its id, and the builder, through
+  // GrpcService::selfRegister. Owns neither the builder nor the properties: the first must live
+  // until setup() has returned, the second as long as this object. `accountingEnabled` only lets
+  // teardown() say that accounting has finished; accounting itself is on when the builder holds a
+  // LoggingInterceptorFactory. Throws std::invalid_argument for a null service.
+  GrpcServer(grpc::ServerBuilder& builder, std::vector<std::shared_ptr<GrpcService>> services,
+             ServerProperties& properties, bool accountingEnabled = false);
+
+  // Shuts down whatever run() has left running (when an exception has left it, or the steps were
+  // driven by hand), then destroys the handlers, the services' references and the server. run()
+  // must have returned.
+  ~GrpcServer();
+
+  GrpcServer(const GrpcServer&) = delete;
+  GrpcServer& operator=(const GrpcServer&) = delete;
+
+  // setup(), then one dequeue() after another until stop() is seen, then teardown(). Throws what
+  // setup(), a service or a handler throws, but for std::out_of_range (see handleTag).
+  void run();
+
+  // Asks the services and the loop to stop, and returns at once. run() returns after at most one
+  // poll (200 ms), the step in progress and the teardown. May be called before run(), and again.
+  void stop();
+
+  // The steps of run(), public so that an agent with an event loop of its own can drive them, on
+  // one thread.
+
+  // Builds and starts the server inside the namespace of the properties, then starts the services
+  // outside of it. Throws ServerFailedError when gRPC builds no server, with no service started and
+  // the thread back in its own namespace, and on every call but the first: a builder builds one
+  // server.
+  void setup();
+
+  // One poll of the completion queue, for at most 200 ms. Answers whether a completion was handled.
+  bool dequeue();
+
+  // Hands a completed operation to the service and handler of its tag. A tag that is unknown or has
+  // no handler is traced and dropped. After stop(), a failed operation's tag is forgotten instead.
+  // An std::out_of_range from the service or the handler ends the dispatch quietly; any other
+  // exception passes on.
+  void handleTag(OpaqueId tag, bool ok);
+
+  // Cancels every call, shuts the server and the queue down, and handles what is left in the queue.
+  // A pending grpc::Alarm holds it up, and so does a peer that has stopped reading, until keepalive
+  // or TCP gives it up.
+  void teardown();
+
+  TagManager& tagManager() { return tagManager_; }
+
+  // The gRPC server; null until setup() has succeeded.
+  grpc::Server* server() const { return server_.get(); }
+
+  // Whether the operation that handleTag() is dispatching succeeded. Serving thread, within a
+  // dispatch.
+  bool completionOk() const { return completionOk_; }
+
+ private:
+  grpc::ServerBuilder* builder_;
+  std::unique_ptr<grpc::ServerCompletionQueue> cq_;
+  std::unique_ptr<grpc::Server> server_;
+  std::vector<std::shared_ptr<GrpcService>> services_;
+  vorn::tracer tracer_;
+  std::atomic<bool> stopRequested_ = false;
+  TagManager tagManager_;
+  ServerProperties* properties_;
+  bool accountingEnabled_;
+  bool completionOk_ = true;
+  bool drained_ = false;  // the queue has been shut down and has nothing left
+};
+
+}  // namespace VornSdkRpc

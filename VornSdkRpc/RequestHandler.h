@@ -1,0 +1,53 @@
+#pragma once
+
+#include <vorn/export.h>
+
+#include <cstdint>
+#include <memory>
+
+// One call in flight, as the server sees it. An agent derives a class per RPC method; one object
+// serves one call, and the server advances it by one step whenever an operation of it completes on
+// the completion queue.
+namespace VornSdkRpc {
+
+// A completion-queue tag: the address of the tag registry's own record of it. Made by
+// GrpcService::nextOpaqueId and assignExtraTag, never by hand.
+using OpaqueId = void*;
+
+class RequestHandler;
+using RequestHandlerPtr = std::shared_ptr<RequestHandler>;
+
+// Everything but the destructor runs on the thread of GrpcServer::run(), so a handler needs no
+// lock. The destructor runs where the last reference is dropped, which may be under the tag
+// registry's lock: it must not call back into the registry (through GrpcService or TagManager).
+class VORN_EXPORT RequestHandler {
+ public:
+  enum State : std::uint32_t {
+    AWAITING_CALL =
+        0,  // gRPC has been asked for a call; the next completion means that one has arrived
+    IN_PROGRESS = 1,  // in the middle of the exchange; every completion advances the handler
+    FINISHED =
+        2,  // nothing is left to do; the next completion of a tag makes the registry forget it
+  };
+
+  virtual ~RequestHandler() = default;
+
+  // Advances the call by the completion of `tag`: the handler's primary tag or one of its extra
+  // tags. Whether the operation succeeded is answered by GrpcService::completionOk(). A handler
+  // that leaves `state_` at AWAITING_CALL has handed gRPC its last operation, and is FINISHED for
+  // the server.
+  virtual void proceed(OpaqueId tag) = 0;
+
+  // Makes the handler of the method's next call: a fresh one of the same kind, whose opaqueId_ is
+  // `tag` and which has asked gRPC for a call under it. The caller registers it. Called once, when
+  // this handler's call has arrived and before it is advanced.
+  virtual RequestHandlerPtr spawn(OpaqueId tag) = 0;
+
+  State state_ = AWAITING_CALL;
+
+  // The primary tag: from GrpcService::nextOpaqueId() for a method's first handler, from spawn()
+  // for the others.
+  OpaqueId opaqueId_ = nullptr;
+};
+
+}  // namespace VornSdkRpc

@@ -1,0 +1,5 @@
+#pragma once
+
+// Every utility of the library in one include.
+#include "VornSdkRpc/Mutex.h"
+#include "VornSdkRpc/ScopedNamespace.h"

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cstddef>
+#include <ostream>
+#include <string>
+#include <string_view>
+
+namespace Velm {
+
+namespace Impl {
+
+// What a String is made of: the bytes and their equality.
+class StrB {
+ public:
+  bool operator==(StrB const&) const = default;
+
+ protected:
+  StrB() = default;
+  explicit StrB(std::string_view text) : text_(text) {}
+
+  std::string text_;
+};
+
+}  // namespace Impl
+
+// The platform's text value: bytes with a length, which may hold NUL bytes.
+class String : public Impl::StrB {
+ public:
+  String() = default;
+  String(char const* text) : StrB(text) {}
+  String(std::string_view text) : StrB(text) {}
+
+  char const* data() const noexcept { return text_.data(); }
+  char const* c_str() const noexcept { return text_.c_str(); }
+  std::size_t size() const noexcept { return text_.size(); }
+  operator std::string_view() const noexcept { return text_; }
+};
+
+// Writes the text as a stream writes a std::string.
+inline std::ostream& operator<<(std::ostream& stream, String const& text) {
+  return stream << std::string_view(text);
+}
+
+}  // namespace Velm

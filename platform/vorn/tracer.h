@@ -1,0 +1,25 @@
+#pragma once
+
+#include <Kiv/Trace.h>
+#include <vorn/export.h>
+
+namespace vorn {
+
+// The SDK's trace points, printf-style, at the two levels that the SDK uses: 0 for the lifecycle, 8
+// for every event. Lines and levels are those of the trace handle of the same name (Kiv/Trace.h),
+// and Kiv::traceSettingIs decides which are written. Any thread may trace.
+class VORN_EXPORT tracer {
+ public:
+  explicit tracer(char const* name) : handle_(name, false) {}
+
+  // Writes one line when level 0 is enabled. A text of any length is written whole.
+  [[gnu::format(printf, 2, 3)]] void trace0(char const* format, ...) const;
+
+  // The same at level 8.
+  [[gnu::format(printf, 2, 3)]] void trace8(char const* format, ...) const;
+
+ private:
+  Kiv::TraceHandle handle_;
+};
+
+}  // namespace vorn

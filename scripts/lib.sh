@@ -1,0 +1,34 @@
+# Sourced by the scripts beside it: what they share. Leaves the shell in the project's root.
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+# need PACKAGE...: installs those of the Debian packages that are missing, and nothing when none is.
+need() {
+  local missing=() package as_root=()
+  for package in "$@"; do
+    [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] || missing+=("$package")
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  [ "$(id -u)" -eq 0 ] || as_root=(sudo)
+  echo "installing: ${missing[*]}"
+  "${as_root[@]}" apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive "${as_root[@]}" apt-get install -y -qq "${missing[@]}" >/dev/null
+}
+
+# What building the library, its tests, benchmarks and examples takes, and what running them takes.
+need_build() {
+  need g++ cmake ninja-build pkg-config libgrpc++-dev libgrpc-dev protobuf-compiler protobuf-compiler-grpc \
+    libprotobuf-dev libfmt-dev libspdlog-dev libgtest-dev libgmock-dev libbenchmark-dev libasio-dev
+}
+
+need_run() {
+  need iproute2 openssl python3 python3-grpcio python3-protobuf nghttp2-client
+}
+
+# build PRESET [TARGET...]: configures and builds a preset of CMakePresets.json.
+build() {
+  local preset=$1
+  shift
+  cmake --preset "$preset" --log-level=WARNING
+  cmake --build --preset "$preset" "${@/#/--target=}"
+}
