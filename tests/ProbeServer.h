@@ -39,8 +39,15 @@ class ProbeService : public accounting_test::Probe::Service {
   // How many unary calls have arrived that wait until they are cancelled.
   int waiting() const { return waiting_; }
 
+  // The most values of "session-id" that a unary call's connection has had.
+  std::size_t sessionsPerConnection() const { return sessionsPerConnection_; }
+
  private:
   grpc::Status Unary(grpc::ServerContext* context, Call const* call, Reply*) override {
+    if (const auto caller = context->auth_context()) {
+      const auto sessions = caller->FindPropertyValues("session-id").size();
+      if (sessions > sessionsPerConnection_) sessionsPerConnection_ = sessions;
+    }
     if (call->until_cancelled()) ++waiting_;
     while (call->until_cancelled() && !context->IsCancelled())
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -70,6 +77,7 @@ class ProbeService : public accounting_test::Probe::Service {
   }
 
   std::atomic<int> waiting_ = 0;
+  std::atomic<std::size_t> sessionsPerConnection_ = 0;
 };
 
 // A server of gRPC's own threads, with accounting.
@@ -77,7 +85,8 @@ class ProbeServer {
  public:
   explicit ProbeServer(std::shared_ptr<grpc::ServerCredentials> const& credentials =
                            grpc::InsecureServerCredentials(),
-                       std::string const& address = "127.0.0.1:0") {
+                       std::string const& address = "127.0.0.1:0")
+      : address_(address) {
     grpc::ServerBuilder builder;
     builder.AddListeningPort(address, credentials, &port_);
     builder.RegisterService(&service_);
@@ -92,7 +101,10 @@ class ProbeServer {
   }
 
   ProbeService const& service() const { return service_; }
-  std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
+  std::string address() const {
+    if (!address_.ends_with(":0")) return address_;
+    return address_.substr(0, address_.size() - 1) + std::to_string(port_);
+  }
 
   // A channel with a connection of its own.
   std::shared_ptr<grpc::Channel> channel(std::shared_ptr<grpc::ChannelCredentials> const& with =
@@ -104,6 +116,7 @@ class ProbeServer {
 
  private:
   ProbeService service_;
+  std::string address_;
   int port_ = 0;
   std::unique_ptr<grpc::Server> server_;
 };
