@@ -22,11 +22,12 @@ using testing::IsEmpty;
 using testing::UnorderedElementsAreArray;
 using namespace std::string_literals;
 
-// Allocations of this thread that are to fail, for a log call that runs out of memory.
+// Allocations of this thread that are to fail, for a log call that runs out of memory. The
+// operators are not inlined, lest the compiler take them for a mismatch with each other.
 static thread_local int allocationsToRefuse = 0;
 static std::atomic<int> allocationsRefused = 0;
 
-void* operator new(std::size_t size) {
+[[gnu::noinline]] void* operator new(std::size_t size) {
   if (allocationsToRefuse > 0) {
     --allocationsToRefuse;
     ++allocationsRefused;
@@ -35,8 +36,8 @@ void* operator new(std::size_t size) {
   if (void* memory = std::malloc(size)) return memory;
   throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 namespace {
 
