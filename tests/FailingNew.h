@@ -1,9 +1,8 @@
 #pragma once
 
-#include <cstdlib>
 #include <new>
 
-// Replaces the program's allocator by one that fails on demand. For one source of a test program.
+// The program's allocator fails on demand, when FailingNew.cpp is among its sources.
 namespace test {
 
 // How many more allocations of this thread succeed before one fails; negative: all of them.
@@ -27,11 +26,3 @@ int failEachAllocation(Action action, Check check) {
 }
 
 }  // namespace test
-
-void* operator new(std::size_t size) {
-  if (test::allocationsLeft >= 0 && test::allocationsLeft-- == 0) throw std::bad_alloc();
-  if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
-  throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }

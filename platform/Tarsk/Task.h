@@ -9,6 +9,7 @@
 #include <Velm/String.h>
 #include <vorn/export.h>
 
+#include <atomic>
 #include <cstddef>
 #include <utility>
 
@@ -37,7 +38,15 @@ class VORN_EXPORT Task : public Velm::Node {
   // takes the request back before it notifies, so a task that wants another run asks again, and a
   // request made during a run is one for another. The run sees everything that the caller did
   // before it asked.
-  void runnableIs(bool runnable) { taskScheduler_->taskRunnableIs(*this, runnable); }
+  void runnableIs(bool runnable) {
+    // A request that stands is confirmed by a write, not only read: the run that takes it back comes
+    // after that, and sees what was done here before. The scheduler's lock is left alone.
+    bool stands = true;
+    if (runnable && runnable_.compare_exchange_strong(stands, true, std::memory_order_acq_rel)) {
+      return;
+    }
+    taskScheduler_->taskRunnableIs(*this, runnable);
+  }
 
   Velm::Ptr<TaskScheduler> taskScheduler() const { return taskScheduler_; }
   Velm::String taskName() const { return taskName_; }
@@ -59,10 +68,10 @@ class VORN_EXPORT Task : public Velm::Node {
  private:
   friend class TaskScheduler;
 
-  // The place in the scheduler's queues, guarded by its mutex.
+  // The place in the scheduler's queues, which changes under its mutex.
   Task* previous_ = nullptr;
   Task* next_ = nullptr;
-  bool runnable_ = false;
+  std::atomic<bool> runnable_ = false;
   TaskPriority priority_;
 
   mutable Velm::Publisher publisher_;

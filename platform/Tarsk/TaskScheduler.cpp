@@ -82,7 +82,7 @@ void TaskScheduler::taskPriorityIs(Task& task, TaskPriority priority) {
 
 void TaskScheduler::push(Task& task) {
   auto& queue = queues_[task.priority_];
-  task.runnable_ = true;
+  task.runnable_.store(true, std::memory_order_release);
   task.previous_ = queue.tail;
   task.next_ = nullptr;
   (queue.tail != nullptr ? queue.tail->next_ : queue.head) = &task;
@@ -92,7 +92,7 @@ void TaskScheduler::push(Task& task) {
 
 void TaskScheduler::unlink(Task& task) {
   auto& queue = queues_[task.priority_];
-  task.runnable_ = false;
+  task.runnable_.exchange(false, std::memory_order_acq_rel);
   (task.previous_ != nullptr ? task.previous_->next_ : queue.head) = task.next_;
   (task.next_ != nullptr ? task.next_->previous_ : queue.tail) = task.previous_;
   if (queue.head == nullptr) {

@@ -7,7 +7,8 @@ namespace Velm {
 // One notification that is going on: where it stands among the subscribers, kept up to date by
 // whoever changes them meanwhile.
 struct Publisher::Round {
-  explicit Round(Publisher& owner)
+  // Not inlined, where g++ 12 would take the link for one that is left behind.
+  [[gnu::noinline]] explicit Round(Publisher& owner)
       : publisher(&owner), next(owner.head_), end(owner.nextSerial_), outer(owner.rounds_) {
     owner.rounds_ = this;
   }
