@@ -3,17 +3,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdlib>
 #include <future>
 #include <latch>
 #include <map>
-#include <new>
 #include <numeric>
 #include <regex>
 #include <stdexcept>
 
 #include "Capture.h"
+#include "FailingNew.h"
 #include "ProbeServer.h"
 
 using testing::ElementsAre;
@@ -21,23 +19,6 @@ using testing::ElementsAreArray;
 using testing::IsEmpty;
 using testing::UnorderedElementsAreArray;
 using namespace std::string_literals;
-
-// Allocations of this thread that are to fail, for a log call that runs out of memory. The
-// operators are not inlined, lest the compiler take them for a mismatch with each other.
-static thread_local int allocationsToRefuse = 0;
-static std::atomic<int> allocationsRefused = 0;
-
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  if (allocationsToRefuse > 0) {
-    --allocationsToRefuse;
-    ++allocationsRefused;
-    throw std::bad_alloc();
-  }
-  if (void* memory = std::malloc(size)) return memory;
-  throw std::bad_alloc();
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 namespace {
 
@@ -237,19 +218,21 @@ TEST(Accounting, ASinkThatThrowsIsToldOnceAndTheNextRecordIsWritten) {
 }
 
 TEST(Accounting, ARecordOutlastsAMomentWithoutMemory) {
-  const test::Capture log(Kiv::platformLogger(), [first = true]() mutable {
-    if (std::exchange(first, false)) allocationsToRefuse = 3;
+  std::vector<int> left;  // -1 once the allocation has failed
+  const test::Capture log(Kiv::platformLogger(), [&left] {
+    left.push_back(test::allocationsLeft);
+    if (left.size() == 1) test::allocationsLeft = 0;
   });
   ProbeServer server;
   Stub stub(server.channel());
-  for (int status = 0; status < 3; ++status)
+  std::vector<std::string> expected;
+  for (int status = 0; status < 3; ++status) {
     callUnary(stub, callFor(status));
+    expected.push_back(lineOf("unknown", "unknown", "/accounting_test.Probe/Unary", status));
+  }
   server.stop();
-  EXPECT_EQ(allocationsRefused, 3);
-  EXPECT_THAT(linesOf(log),
-              ElementsAre(lineOf("unknown", "unknown", "/accounting_test.Probe/Unary", 0),
-                          lineOf("unknown", "unknown", "/accounting_test.Probe/Unary", 1),
-                          lineOf("unknown", "unknown", "/accounting_test.Probe/Unary", 2)));
+  EXPECT_THAT(linesOf(log), ElementsAreArray(expected));
+  EXPECT_THAT(left, ElementsAre(-1, -1, -1));
 }
 
 TEST(Accounting, AFactoryWithoutCallsWritesNothing) {
