@@ -1,6 +1,10 @@
 #include <VornSdkRpc/GrpcServer.h>
 #include <gmock/gmock.h>
+#include <unistd.h>
 
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
 #include <stdexcept>
 #include <thread>
 
@@ -294,6 +298,29 @@ TEST(Server, LosesNoCallUnderLoad) {
     std::this_thread::yield();
   running.stop();
   EXPECT_EQ(probe->made, 4 + kThreads * kCalls);
+}
+
+// A client that is not gRPC's own, with 64 calls at once over 4 connections.
+TEST(Server, AnswersTenThousandCallsOfH2load) {
+  if (std::system("command -v h2load >/dev/null")) GTEST_SKIP() << "h2load is not installed";
+  const auto probe = std::make_shared<ProbeService>();
+  RunningServer running({probe});
+  const std::string body = testing::TempDir() + "echo-" + std::to_string(getpid());
+  std::ofstream(body, std::ios::binary) << std::string("\0\0\0\0\4\12\2hi", 9);  // Text{"hi"}
+  const std::string command = "h2load -n 10000 -c 4 -m 16 -d " + body +
+                              " -H 'te: trailers' -H 'content-type: application/grpc' http://" +
+                              running.address() + "/test.Probe/Echo";
+  const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), &pclose);
+  std::string output;
+  for (int c = std::fgetc(pipe.get()); c != EOF; c = std::fgetc(pipe.get())) {
+    output += static_cast<char>(c);
+  }
+  std::remove(body.c_str());
+  EXPECT_THAT(output, testing::HasSubstr("10000 succeeded, 0 failed, 0 errored, 0 timeout"));
+  while (running.server().tagManager().size() != 4)
+    std::this_thread::yield();
+  running.stop();
+  EXPECT_EQ(probe->made, 4 + 10000);
 }
 
 TEST(Server, StopsWithCallsInEveryStateAndDestroysTheirHandlers) {
