@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "VornSdkRpc/GrpcService.h"
+#include "VornSdkRpc/PeerInfo.h"
 #include "VornSdkRpc/RequestHandler.h"
 #include "VornSdkRpc/ServerProperties.h"
 #include "VornSdkRpc/TagManager.h"

@@ -1,5 +1,6 @@
 #pragma once
 
 // Every utility of the library in one include.
+#include "VornSdkRpc/Argv.h"
 #include "VornSdkRpc/Mutex.h"
 #include "VornSdkRpc/ScopedNamespace.h"

@@ -1,0 +1,137 @@
+#include "VornSdkRpc/StreamingToolkit.h"
+
+#include <ZilSlab/ZilSlab.h>
+
+#include <cassert>
+#include <new>
+
+namespace VornSdkRpc {
+
+namespace {
+
+constexpr Tarsk::TaskPriority kTaskPriority{3};
+
+}  // namespace
+
+constinit Kiv::AllocTrackTypeInfo* GenericBacklogSm::memAllocationTracker_ = nullptr;
+
+// Takes the place of an implementation that is gone: what is still done to its state machine is
+// then as harmless as it would be without one, and the pointer is never null.
+class BacklogImplBase::Gone final : public BacklogImplBase {
+ public:
+  // Never destroyed, because state machines may outlive any order of destruction.
+  static BacklogImplBase* instance() {
+    alignas(Gone) static std::byte memory[sizeof(Gone)];
+    static auto* const made = new (memory) Gone;
+    return made;
+  }
+
+  void handleBacklog() override {}
+};
+
+BacklogImplBase::BacklogImplBase() = default;
+
+BacklogImplBase::BacklogImplBase(Velm::String name,
+                                 Velm::Ptr<Tarsk::TaskScheduler> const& taskScheduler)
+    : backlogSm_(GenericBacklogSm::GenericBacklogSmIs(name, taskScheduler, this)) {}
+
+BacklogImplBase::~BacklogImplBase() {
+  if (backlogSm_) backlogSm_->backlogImpl_ = Gone::instance();
+}
+
+GenericBacklogSm::GenericBacklogSm(Velm::String const& name,
+                                   Velm::Ptr<Tarsk::TaskScheduler> const& taskScheduler,
+                                   BacklogImplBase* backlogImpl)
+    : backlogImpl_(backlogImpl) {
+  checkBacklogImpl();
+  backlogTaskIs(taskScheduler, kTaskPriority, name);
+  initialized_ = true;
+}
+
+GenericBacklogSm::~GenericBacklogSm() {
+  hasNotificationActiveIs(false);
+  GenericBacklogSm::kivDoZombieReactors(true);
+  backlogTaskDel();
+}
+
+Velm::Ptr<GenericBacklogSm> GenericBacklogSm::GenericBacklogSmIs(
+    Velm::String const& name, Velm::Ptr<Tarsk::TaskScheduler> const& taskScheduler,
+    BacklogImplBase* backlogImpl) {
+  Velm::Ptr<GenericBacklogSm> sm(new GenericBacklogSm(name, taskScheduler, backlogImpl));
+  sm->hasNotificationActiveIs(true);
+  return sm;
+}
+
+Velm::Ptr<Tarsk::Task> GenericBacklogSm::backlogTaskIs(
+    Velm::Ptr<Tarsk::TaskScheduler> const& taskScheduler, Tarsk::TaskPriority taskPriority,
+    Velm::String const& taskName) {
+  auto task = backlogTask_;
+  if (task) {
+    const bool sameScheduler = task->taskScheduler() == taskScheduler;
+    task->taskPriorityIs(taskPriority);
+    if (sameScheduler && task->taskName() == taskName) return task;
+    unsubscribe();
+  }
+  task = Velm::Ptr<Tarsk::Task>(new Tarsk::Task(taskScheduler, taskPriority, taskName));
+  backlogTask_ = task;
+  subscribe();
+  handleBacklogTask();  // may be the end of this object
+  return task;
+}
+
+Velm::Ptr<Tarsk::Task> GenericBacklogSm::backlogTaskDel() {
+  unsubscribe();
+  return std::exchange(backlogTask_, nullptr);
+}
+
+void GenericBacklogSm::handleBacklogTask() {
+  if (initialized_) backlogImpl_->handleBacklog();  // may be the end of this object
+}
+
+void GenericBacklogSm::handleInitialized() { initialized_ = true; }
+
+void GenericBacklogSm::checkBacklogImpl() const { assert(backlogImpl_); }
+
+void GenericBacklogSm::hasNotificationActiveIs(bool active) {
+  if (nodeFlag(notificationActive) == active) return;
+  nodeFlagSet(notificationActive, active);
+  const bool zombie = nodeFlag(zombieReactors);
+  nodeFlagSet(zombieReactors, true);
+  active ? subscribe() : unsubscribe();
+  nodeFlagSet(zombieReactors, zombie);
+}
+
+void GenericBacklogSm::kivDoZombieReactors(bool zombie) {
+  if (nodeFlag(zombieReactors) != zombie) nodeFlagSet(zombieReactors, zombie);
+}
+
+void GenericBacklogSm::backlogTaskDispatch(Velm::Publisher* /*publisher*/,
+                                           Velm::Subscriber* subscriber, Velm::FieldId field,
+                                           void const* /*first*/, void const* /*second*/) {
+  if (field != Tarsk::Task::runField) return;
+  auto& sm = *static_cast<TaskSubscriber*>(subscriber)->sm;
+  if (sm.nodeFlag(zombieReactors)) return;
+  sm.handleBacklogTask();
+}
+
+void* GenericBacklogSm::operator new(std::size_t size) {
+  return ZilSlab::trackedAlloc(&memAllocationTracker_, typeid(GenericBacklogSm), size);
+}
+
+void GenericBacklogSm::operator delete(void* memory) noexcept {
+  ZilSlab::trackedFree(memAllocationTracker_, typeid(GenericBacklogSm), memory);
+}
+
+void GenericBacklogSm::subscribe() {
+  if (!backlogTask_ || taskSubscriber_.callback != nullptr) return;
+  taskSubscriber_.callback = &backlogTaskDispatch;
+  backlogTask_->publisher()->subscriberAdd(taskSubscriber_, false);
+}
+
+void GenericBacklogSm::unsubscribe() {
+  if (!backlogTask_ || taskSubscriber_.callback == nullptr) return;
+  backlogTask_->publisher()->subscriberRemove(taskSubscriber_);
+  taskSubscriber_.callback = nullptr;
+}
+
+}  // namespace VornSdkRpc

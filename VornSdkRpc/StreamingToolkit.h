@@ -1,0 +1,175 @@
+#pragma once
+
+#include <Kiv/AllocTrack.h>
+#include <Tarsk/Task.h>
+#include <Tarsk/TaskScheduler.h>
+#include <Velm/Inspect.h>
+#include <Velm/Node.h>
+#include <Velm/Ptr.h>
+#include <Velm/Publisher.h>
+#include <Velm/String.h>
+#include <vorn/export.h>
+
+#include <cstddef>
+#include <utility>
+
+// Drains an agent's backlog in steps on a cooperative scheduler instead of all at once: derive from
+// BacklogImplBase, and ask the task of the state machine that it makes for a run when there is
+// work.
+//
+//   class RouteBacklog : public VornSdkRpc::BacklogImplBase {
+//    public:
+//     explicit RouteBacklog(Velm::Ptr<Tarsk::TaskScheduler> const& scheduler)
+//         : BacklogImplBase("RouteBacklog", scheduler), task_(backlogSm_->backlogTask()) {}
+//
+//     void add(Route route) {  // on any thread
+//       {
+//         const std::lock_guard lock(mutex_);
+//         routes_.push_back(std::move(route));
+//       }
+//       task_->runnableIs(true);
+//     }
+//
+//    private:
+//     void handleBacklog() override {  // on the scheduler's thread
+//       if (programSome()) task_->runnableIs(true);  // more is left
+//     }
+//     ...
+//   };
+namespace VornSdkRpc {
+
+class BacklogImplBase;
+
+// The state machine between a task and an implementation: it owns the task, listens to its runs,
+// and passes each on. The platform's introspection can read and drive it.
+//
+// Takes no locks: every operation, and the task's runs, belong to the scheduler's thread. Before
+// the scheduler runs and after it has stopped they may come from the thread that starts or stops
+// it. References may be taken and dropped on any thread.
+class VORN_EXPORT GenericBacklogSm : public Velm::Node {
+ public:
+  // Makes the task on the scheduler, with priority 3 and named `name`, and listens to it. The
+  // implementation is not called. Notification is not on yet (see hasNotificationActiveIs); the
+  // factory and BacklogImplBase turn it on. Asserts that there is an implementation; throws what
+  // the task's constructor throws, with nothing left behind.
+  GenericBacklogSm(Velm::String const& name, Velm::Ptr<Tarsk::TaskScheduler> const& taskScheduler,
+                   BacklogImplBase* backlogImpl);
+
+  // Stops listening and drops the task.
+  ~GenericBacklogSm() override;
+
+  // A new state machine with notification on.
+  static Velm::Ptr<GenericBacklogSm> GenericBacklogSmIs(
+      Velm::String const& name, Velm::Ptr<Tarsk::TaskScheduler> const& taskScheduler,
+      BacklogImplBase* backlogImpl);
+
+  // The current task; empty after backlogTaskDel().
+  Velm::Ptr<Tarsk::Task> backlogTask() const { return backlogTask_; }
+
+  // Makes sure that the task has this scheduler, priority and name, and answers it. The current
+  // task is kept, and its priority changed, when scheduler and name are the same. Otherwise a new
+  // task takes its place, and the implementation is called once at once: a run that was asked of
+  // the old task does not reach it any more, so it asks the new one. The new task is listened to
+  // even while notification is off. Throws what the task's constructor throws, and then the old
+  // task stays but is no longer listened to; passes on what handleBacklog() throws, with the new
+  // task in place.
+  Velm::Ptr<Tarsk::Task> backlogTaskIs(Velm::Ptr<Tarsk::TaskScheduler> const& taskScheduler,
+                                       Tarsk::TaskPriority taskPriority,
+                                       Velm::String const& taskName);
+
+  // Takes the task out and answers it; empty when there was none. The implementation is not called
+  // again until the next backlogTaskIs().
+  Velm::Ptr<Tarsk::Task> backlogTaskDel();
+
+  // Calls the implementation, unless the state machine is not initialized or the implementation is
+  // gone. Passes on what handleBacklog() throws.
+  void handleBacklogTask();
+
+  // Lets handleBacklogTask() reach the implementation from now on.
+  void handleInitialized();
+
+  // Asserts that there is an implementation.
+  void checkBacklogImpl() const;
+
+  // Listens to the task's runs or stops listening. A run while it does not listen is lost, so an
+  // implementation asks again afterwards.
+  void hasNotificationActiveIs(bool active);
+
+  // Makes the state machine ignore the task's runs while `zombie`.
+  void kivDoZombieReactors(bool zombie) override;
+
+  // The record of module StreamingToolkitSm, and 0.
+  std::pair<Velm::ModuleInspectData const*, unsigned> typeData() const override;
+
+  // What the task's publisher calls: handleBacklogTask() for a run, unless the zombie-reactors flag
+  // is set. `subscriber` is the one embedded in a state machine.
+  static void backlogTaskDispatch(Velm::Publisher* publisher, Velm::Subscriber* subscriber,
+                                  Velm::FieldId field, void const* first, void const* second);
+
+  // State machines come from the slab allocator and are counted.
+  static void* operator new(std::size_t size);
+  static void operator delete(void* memory) noexcept;
+
+  // The count; null until the first state machine is allocated.
+  static Kiv::AllocTrackTypeInfo* memAllocationTracker_;
+
+ private:
+  friend class BacklogImplBase;
+  friend struct Velm::HideMe<GenericBacklogSm>;
+
+  // Has a callback exactly while the state machine is subscribed to its task.
+  struct TaskSubscriber : Velm::Subscriber {
+    explicit TaskSubscriber(GenericBacklogSm& owner) : sm(&owner) {}
+    GenericBacklogSm* const sm;
+  };
+
+  void subscribe();
+  void unsubscribe();
+
+  BacklogImplBase* backlogImpl_;  // never null, and never one that is gone
+  Velm::Ptr<Tarsk::Task> backlogTask_;
+  TaskSubscriber taskSubscriber_{*this};
+  bool initialized_ = false;
+};
+
+// What an agent's backlog derives from. Construct and destroy it where the operations of its state
+// machine may be called; handleBacklog() may destroy it.
+class VORN_EXPORT BacklogImplBase {
+ public:
+  // Makes the state machine and its task on the scheduler, both called `name`. handleBacklog() is
+  // not called. Throws std::invalid_argument when there is no scheduler.
+  BacklogImplBase(Velm::String name, Velm::Ptr<Tarsk::TaskScheduler> const& taskScheduler);
+
+  // Lets go of the state machine. One that somebody else still holds stays usable and calls nothing
+  // any more, whatever is done to it.
+  virtual ~BacklogImplBase();
+
+  BacklogImplBase(BacklogImplBase const&) = delete;
+  BacklogImplBase& operator=(BacklogImplBase const&) = delete;
+
+  // Drains the backlog, or a step of it, and asks the task for another run when something is left.
+  // Called once for each run of the task, on the scheduler's thread, and once when the task is
+  // replaced. An exception passes on to whoever runs the scheduler.
+  virtual void handleBacklog() = 0;
+
+ protected:
+  Velm::Ptr<GenericBacklogSm> backlogSm_;
+
+ private:
+  class Gone;
+  BacklogImplBase();  // without a state machine, for Gone
+};
+
+}  // namespace VornSdkRpc
+
+// The inspection entry of the state machine.
+//   get: backlogTask answers a node, initialized one byte in the result area.
+//   set: backlogTask takes an array of three pointers, to the scheduler (or null, which throws
+//        std::invalid_argument), to the byte of the priority and to the Velm::String of the name,
+//        and answers a node; initialized takes the address of a byte.
+//   delete: backlogTask, answers the node that was taken out.
+//   call: handleBacklogTask, checkBacklogImpl, handleInitialized.
+template <>
+VORN_EXPORT int Velm::HideMe<VornSdkRpc::GenericBacklogSm>::inspectOperation(
+    void* result, void* object, FieldDescriptor field, unsigned char operation, void* context,
+    void* arguments);

@@ -1,0 +1,43 @@
+#include <Tarsk/Task.h>
+#include <ZilSlab/ZilSlab.h>
+
+#include <stdexcept>
+
+constinit const Velm::ModuleInspectData _Task_ebad0b43f10158b_kivModule = {
+    .moduleName = "Task",
+    .typeName = "Tarsk::Task",
+    .interface = {.pointer =
+                      &Kiv::GenericIfImpl::GenericIfPtrInterfaceMethods<Velm::Node>::vtable_},
+};
+
+namespace Tarsk {
+
+namespace {
+
+[[maybe_unused]] const bool announced = (_Task_ebad0b43f10158b_kivModule.loaded(), true);
+
+}  // namespace
+
+constinit Kiv::AllocTrackTypeInfo* Task::memAllocationTracker_ = nullptr;
+
+Task::Task(Velm::Ptr<TaskScheduler> const& taskScheduler, TaskPriority taskPriority,
+           Velm::String const& taskName)
+    : priority_(taskPriority), taskScheduler_(taskScheduler), taskName_(taskName) {
+  if (!taskScheduler_) throw std::invalid_argument("a task needs a scheduler");
+}
+
+Task::~Task() { runnableIs(false); }
+
+std::pair<Velm::ModuleInspectData const*, unsigned> Task::typeData() const {
+  return {&_Task_ebad0b43f10158b_kivModule, 0};
+}
+
+void* Task::operator new(std::size_t size) {
+  return ZilSlab::trackedAlloc(&memAllocationTracker_, typeid(Task), size);
+}
+
+void Task::operator delete(void* memory) noexcept {
+  ZilSlab::trackedFree(memAllocationTracker_, typeid(Task), memory);
+}
+
+}  // namespace Tarsk

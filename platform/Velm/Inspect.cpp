@@ -1,0 +1,43 @@
+#include <Velm/Inspect.h>
+
+#include <algorithm>
+#include <mutex>
+#include <vector>
+
+namespace Velm {
+
+namespace {
+
+struct Modules {
+  std::mutex mutex;
+  std::vector<ModuleInspectData const*> records;
+};
+
+// Made by the first module that is announced, and never destroyed.
+Modules& modules() {
+  static auto* const made = new Modules;
+  return *made;
+}
+
+}  // namespace
+
+int Inspect::opResEncRelNode(Node const* node, void* result) {
+  *static_cast<Node const**>(result) = node;
+  return done;
+}
+
+void ModuleInspectData::loaded() const {
+  auto& known = modules();
+  const std::lock_guard lock(known.mutex);
+  known.records.push_back(this);
+}
+
+ModuleInspectData const* ModuleInspectData::find(std::string_view name) {
+  auto& known = modules();
+  const std::lock_guard lock(known.mutex);
+  const auto found =
+      std::ranges::find(known.records, name, [](auto const* record) { return record->name(); });
+  return found == known.records.end() ? nullptr : *found;
+}
+
+}  // namespace Velm

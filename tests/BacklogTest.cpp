@@ -1,0 +1,416 @@
+#include <VornSdkRpc/StreamingToolkit.h>
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <atomic>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "FailingNew.h"
+
+extern "C" VORN_EXPORT const Velm::ModuleInspectData _StreamingToolkitSm_87e7dd33269edc9_kivModule;
+
+namespace {
+
+using Tarsk::Task;
+using Tarsk::TaskPriority;
+using Tarsk::TaskScheduler;
+using testing::ElementsAre;
+using VornSdkRpc::BacklogImplBase;
+using VornSdkRpc::GenericBacklogSm;
+using namespace Velm::Inspect;
+
+// Looked up before main.
+const auto* const announced = Velm::ModuleInspectData::find("StreamingToolkitSm");
+
+std::size_t live(Kiv::AllocTrackTypeInfo const* tracker) {
+  return tracker == nullptr ? 0 : tracker->liveObjects();
+}
+
+std::size_t liveObjects() {
+  return live(Task::memAllocationTracker_) + live(GenericBacklogSm::memAllocationTracker_);
+}
+
+class Backlog : public BacklogImplBase {
+ public:
+  explicit Backlog(Velm::Ptr<TaskScheduler> const& scheduler, Velm::String const& name = "backlog")
+      : BacklogImplBase(name, scheduler) {}
+
+  void handleBacklog() override {
+    ++calls;
+    if (action) action();
+  }
+
+  Velm::Ptr<GenericBacklogSm> const& sm() const { return backlogSm_; }
+  Velm::Ptr<Task> task() const { return backlogSm_->backlogTask(); }
+
+  int calls = 0;
+  std::function<void()> action = {};
+};
+
+int inspect(GenericBacklogSm& sm, std::uint16_t id, unsigned char operation, void* result = nullptr,
+            void* arguments = nullptr) {
+  Velm::AttributeDescriptor table[2];
+  table[1].id = id;
+  return Velm::HideMe<GenericBacklogSm>::inspectOperation(result, &sm, {table, 1}, operation,
+                                                          nullptr, arguments);
+}
+
+// An operation that answers a node; takes over the reference in the answer.
+Velm::Ptr<Velm::Node const> inspectNode(GenericBacklogSm& sm, unsigned char operation,
+                                        void* arguments = nullptr) {
+  Velm::Node const* node = nullptr;
+  EXPECT_EQ(inspect(sm, 134, operation, &node, arguments), done);
+  return Velm::Ptr<Velm::Node const>(node);
+}
+
+class BacklogTest : public testing::Test {
+ protected:
+  BacklogTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+  ~BacklogTest() override { EXPECT_EQ(liveObjects(), 0U) << "objects are left"; }
+
+  // Asks the task for a run, runs whatever is runnable, and answers how many calls that made.
+  int run(Backlog& backlog, Velm::Ptr<Task> const& task) {
+    const int before = backlog.calls;
+    task->runnableIs(true);
+    while (scheduler_->runOne()) {
+    }
+    return backlog.calls - before;
+  }
+
+  Velm::Ptr<TaskScheduler> scheduler_{new TaskScheduler("scheduler")};
+};
+
+TEST_F(BacklogTest, CallsTheImplementationOncePerRunAndNotDuringConstruction) {
+  Backlog backlog(scheduler_);
+  EXPECT_FALSE(scheduler_->runOne());
+  EXPECT_EQ(backlog.calls, 0);
+  EXPECT_EQ(run(backlog, backlog.task()), 1);
+  EXPECT_EQ(run(backlog, backlog.task()), 1);
+  for (const Velm::FieldId field : {0, 131, 133, 132 + 256})
+    backlog.task()->publisher()->notify(field);
+  EXPECT_EQ(backlog.calls, 2);
+  EXPECT_EQ(backlog.task()->taskName(), Velm::String("backlog"));
+  EXPECT_EQ(backlog.task()->taskPriority(), TaskPriority(3));
+}
+
+TEST_F(BacklogTest, KeepsTheTaskWhenOnlyThePriorityChanges) {
+  Backlog backlog(scheduler_);
+  const auto task = backlog.task();
+  EXPECT_EQ(backlog.sm()->backlogTaskIs(scheduler_, TaskPriority(7), "backlog"), task);
+  EXPECT_EQ(task->taskPriority(), TaskPriority(7));
+  EXPECT_EQ(backlog.calls, 0);
+  EXPECT_EQ(run(backlog, task), 1);
+}
+
+TEST_F(BacklogTest, ReplacesTheTaskForAnotherNameOrScheduler) {
+  Backlog backlog(scheduler_);
+  const Velm::Ptr<TaskScheduler> other(new TaskScheduler("other"));
+  int calls = 0;
+  for (auto const& [scheduler, name] :
+       {std::pair(scheduler_, "renamed"), {other, "renamed"}, {scheduler_, "back"}}) {
+    const auto old = backlog.task();
+    old->runnableIs(true);
+    const auto task = backlog.sm()->backlogTaskIs(scheduler, TaskPriority(9), name);
+    EXPECT_NE(task, old);
+    EXPECT_EQ(task, backlog.task());
+    EXPECT_EQ(task->taskScheduler(), scheduler);
+    EXPECT_EQ(backlog.calls, ++calls) << "once, at once";
+    EXPECT_EQ(old->taskPriority(), TaskPriority(9));
+    while (scheduler_->runOne() || other->runOne()) {
+    }
+    EXPECT_EQ(backlog.calls, calls) << "the old task reaches nobody";
+    task->runnableIs(true);
+    EXPECT_TRUE(scheduler->runOne());
+    EXPECT_EQ(backlog.calls, ++calls);
+  }
+}
+
+TEST_F(BacklogTest, ListensWhileNotificationIsActive) {
+  Backlog backlog(scheduler_);
+  auto& sm = *backlog.sm();
+  for (const bool active : {true, false, false, true, true}) {
+    sm.hasNotificationActiveIs(active);
+    EXPECT_EQ(run(backlog, backlog.task()), active ? 1 : 0);
+  }
+  sm.hasNotificationActiveIs(false);
+  const auto task = sm.backlogTaskIs(scheduler_, TaskPriority(3), "new");
+  EXPECT_EQ(run(backlog, task), 1) << "a new task is listened to all the same";
+}
+
+TEST_F(BacklogTest, IgnoresRunsWhileTheZombieFlagIsSet) {
+  Backlog backlog(scheduler_);
+  auto& sm = *backlog.sm();
+  sm.kivDoZombieReactors(true);
+  EXPECT_EQ(run(backlog, backlog.task()), 0);
+  sm.hasNotificationActiveIs(false);
+  sm.hasNotificationActiveIs(true);
+  EXPECT_EQ(run(backlog, backlog.task()), 0) << "a toggle puts the flag back";
+  sm.handleBacklogTask();
+  EXPECT_EQ(backlog.calls, 1) << "the flag concerns notifications only";
+  sm.kivDoZombieReactors(false);
+  EXPECT_EQ(run(backlog, backlog.task()), 1);
+}
+
+TEST_F(BacklogTest, GoesWithoutATask) {
+  Backlog backlog(scheduler_);
+  auto& sm = *backlog.sm();
+  const auto task = sm.backlogTaskDel();
+  EXPECT_TRUE(task);
+  EXPECT_FALSE(sm.backlogTask());
+  EXPECT_FALSE(sm.backlogTaskDel());
+  sm.hasNotificationActiveIs(false);
+  sm.hasNotificationActiveIs(true);
+  EXPECT_EQ(run(backlog, task), 0);
+  const auto next = sm.backlogTaskIs(scheduler_, TaskPriority(3), "backlog");
+  EXPECT_EQ(backlog.calls, 1);
+  EXPECT_EQ(run(backlog, next), 1);
+}
+
+TEST_F(BacklogTest, PassesOnWhatTheImplementationThrows) {
+  Backlog backlog(scheduler_);
+  backlog.action = [] { throw std::runtime_error("backlog"); };
+  EXPECT_THROW(run(backlog, backlog.task()), std::runtime_error);
+  const auto old = backlog.task();
+  EXPECT_THROW(backlog.sm()->backlogTaskIs(scheduler_, TaskPriority(3), "new"), std::runtime_error);
+  EXPECT_THROW(inspect(*backlog.sm(), 133, opCall), std::runtime_error);
+  backlog.action = nullptr;
+  EXPECT_NE(backlog.task(), old);
+  EXPECT_EQ(run(backlog, old), 0);
+  EXPECT_EQ(run(backlog, backlog.task()), 1);
+}
+
+TEST_F(BacklogTest, LeavesNothingBehindWhenConstructionFails) {
+  const Velm::String name(std::string(100, 'n').c_str());
+  const auto nothingLeft = [] { EXPECT_EQ(liveObjects(), 0U); };
+  EXPECT_GE(test::failEachAllocation([&] { Backlog(scheduler_, name); }, nothingLeft), 3)
+      << "the state machine, the task and its name";
+  EXPECT_THROW(Backlog(nullptr, name), std::invalid_argument);
+}
+
+TEST_F(BacklogTest, KeepsTheOldTaskUnheardWhenTheNewOneFails) {
+  Backlog backlog(scheduler_);
+  auto& sm = *backlog.sm();
+  const auto old = backlog.task();
+  EXPECT_THROW(sm.backlogTaskIs(nullptr, TaskPriority(5), "new"), std::invalid_argument);
+  EXPECT_EQ(live(Task::memAllocationTracker_), 1U);
+  EXPECT_EQ(backlog.task(), old);
+  EXPECT_EQ(run(backlog, old), 0);
+  sm.hasNotificationActiveIs(false);
+  sm.hasNotificationActiveIs(true);
+  EXPECT_EQ(run(backlog, old), 1);
+}
+
+TEST_F(BacklogTest, NeverCallsAnImplementationThatIsGone) {
+  auto backlog = std::make_unique<Backlog>(scheduler_);
+  const auto sm = backlog->sm();
+  auto task = backlog->task();
+  task->runnableIs(true);
+  backlog = nullptr;
+  const auto runTask = [&] {
+    task->runnableIs(true);
+    while (scheduler_->runOne()) {
+    }
+  };
+  runTask();
+  unsigned char one = 1;
+  EXPECT_EQ(inspect(*sm, 136, opSet, nullptr, &one), done);
+  for (const std::uint16_t id : {133, 135, 137})
+    EXPECT_EQ(inspect(*sm, id, opCall), done);
+  sm->hasNotificationActiveIs(false);
+  sm->hasNotificationActiveIs(true);
+  runTask();
+  task = sm->backlogTaskIs(scheduler_, TaskPriority(1), "new");
+  runTask();
+}
+
+// Every way into handleBacklog(), with an implementation that destroys itself there.
+TEST_F(BacklogTest, MayBeDestroyedByItsOwnCall) {
+  std::function<void(GenericBacklogSm&)> const ways[] = {
+      [this](GenericBacklogSm& sm) {
+        sm.backlogTask()->runnableIs(true);
+        scheduler_->runOne();
+      },
+      // Where the task has no reference left but the one that goes with the state machine.
+      [](GenericBacklogSm& sm) {
+        auto* const publisher = sm.backlogTask()->publisher();
+        publisher->notify(132);
+      },
+      [this](GenericBacklogSm& sm) { sm.backlogTaskIs(scheduler_, TaskPriority(1), "new"); },
+      [](GenericBacklogSm& sm) { inspect(sm, 133, opCall); },
+  };
+  for (auto const& way : ways) {
+    auto* const backlog = new Backlog(scheduler_);
+    int calls = 0;
+    backlog->action = [&, backlog] {
+      ++calls;
+      delete backlog;
+    };
+    way(*backlog->sm());
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(liveObjects(), 0U);
+  }
+}
+
+TEST_F(BacklogTest, AssertsThatThereIsAnImplementation) {
+  EXPECT_DEATH(
+      GenericBacklogSm::GenericBacklogSmIs("backlog", scheduler_, nullptr),
+      "/src/VornSdkRpc/StreamingToolkit.*void "
+      "VornSdkRpc::GenericBacklogSm::checkBacklogImpl\\(\\) const.*`?backlogImpl_'? *failed");
+}
+
+TEST_F(BacklogTest, DescribesTheTypeToTheIntrospection) {
+  Backlog backlog(scheduler_);
+  const auto [record, index] = backlog.sm()->typeData();
+  EXPECT_EQ(record, &_StreamingToolkitSm_87e7dd33269edc9_kivModule);
+  EXPECT_EQ(record, announced);
+  EXPECT_EQ(index, 0U);
+  EXPECT_EQ(record->name(), "StreamingToolkitSm");
+  EXPECT_EQ(record->typeName, "VornSdkRpc::GenericBacklogSm");
+  EXPECT_THAT(record->referredTypes, ElementsAre("Tarsk::TaskPriority", "Tarsk::TaskScheduler",
+                                                 "VornSdkRpc::BacklogImplBase", "Velm::String"));
+  EXPECT_THAT(record->attributeNames,
+              ElementsAre("backlogImpl", "backlogTask", "checkBacklogImpl", "handleBacklogTask",
+                          "handleInitialized", "initialized", "name", "taskName", "taskPriority",
+                          "taskScheduler"));
+  const auto texts = [](std::span<Velm::ParameterDescriptor const> parameters) {
+    std::string text;
+    for (auto const& [name, type] : parameters)
+      text.append(name).append(" ").append(type).append(";");
+    return text;
+  };
+  EXPECT_EQ(texts(record->constructorParameters),
+            "name Velm::String;taskScheduler Tarsk::TaskScheduler;"
+            "backlogImpl VornSdkRpc::BacklogImplBase;");
+  EXPECT_EQ(texts(record->attributes[3].setParameters),
+            "taskScheduler Tarsk::TaskScheduler;taskPriority Tarsk::TaskPriority;"
+            "taskName Velm::String;");
+  EXPECT_THAT(record->dependencies, ElementsAre(Velm::ModuleInspectData::find("Task"),
+                                                Velm::ModuleInspectData::find("TaskScheduler")));
+  EXPECT_EQ(record->interface.inspectOperation, &Velm::HideMe<GenericBacklogSm>::inspectOperation);
+  record->interface.pointer->refDel(backlog.task().release());
+}
+
+// Every identifier and every operation code: what is offered, and nothing else.
+TEST_F(BacklogTest, AnswersInspectionByTheTable) {
+  Backlog backlog(scheduler_);
+  const std::map<std::uint16_t, std::set<int>> offered = {
+      {130, {}}, {131, {}}, {133, {10}}, {134, {0, 1, 2}}, {135, {10}}, {136, {0, 1}}, {137, {10}}};
+  TaskPriority priority{3};
+  Velm::String name = "backlog";
+  void* task[] = {scheduler_.get(), &priority, &name};
+  for (std::uint16_t id = 100; id < 200; ++id) {
+    const auto attribute = offered.find(id);
+    for (int operation = 0; operation < 256; ++operation) {
+      int expected = notHandled;
+      if (attribute != offered.end()) {
+        expected = attribute->second.contains(operation) ? done : notOffered;
+      }
+      Velm::Node const* result = nullptr;
+      const int code = inspect(*backlog.sm(), id, static_cast<unsigned char>(operation), &result,
+                               id == 134 ? static_cast<void*>(task) : &priority);
+      EXPECT_EQ(code, expected) << id << " operation " << operation;
+      if (id == 134 && code == done) result->decUseImpl();
+    }
+  }
+  auto const& attributes = announced->attributes;
+  ASSERT_EQ(attributes.size(), offered.size());
+  EXPECT_TRUE(std::ranges::equal(attributes, offered, [](auto const& descriptor, auto const& row) {
+    unsigned bits = 0;
+    for (const int operation : row.second)
+      bits |= 1U << operation;
+    return descriptor.id == row.first && descriptor.operations == bits;
+  }));
+}
+
+TEST_F(BacklogTest, IsDrivenByInspection) {
+  Backlog backlog(scheduler_);
+  auto& sm = *backlog.sm();
+  EXPECT_EQ(inspect(sm, 133, opCall), done);
+  EXPECT_EQ(backlog.calls, 1);
+
+  unsigned char byte = 0xff;
+  EXPECT_EQ(inspect(sm, 136, opGet, &byte), done);
+  EXPECT_EQ(byte, 1);
+  for (auto const& [value, calls] : {std::pair(0, 0), {2, 1}, {0, 0}}) {
+    byte = static_cast<unsigned char>(value);
+    EXPECT_EQ(inspect(sm, 136, opSet, nullptr, &byte), done);
+    EXPECT_EQ(inspect(sm, 136, opGet, &byte), done);
+    EXPECT_EQ(byte, calls);
+    EXPECT_EQ(run(backlog, backlog.task()), calls);
+  }
+  EXPECT_EQ(inspect(sm, 137, opCall), done);
+  EXPECT_EQ(run(backlog, backlog.task()), 1);
+
+  EXPECT_EQ(inspectNode(sm, opGet).get(), backlog.task().get());
+  TaskPriority priority{8};
+  Velm::String name = "inspected";
+  void* arguments[] = {scheduler_.get(), &priority, &name};
+  const auto made = inspectNode(sm, opSet, arguments);
+  EXPECT_EQ(made.get(), backlog.task().get());
+  EXPECT_EQ(backlog.task()->taskName(), name);
+  EXPECT_EQ(backlog.task()->taskPriority(), priority);
+  EXPECT_EQ(inspectNode(sm, opDel), made);
+  EXPECT_FALSE(inspectNode(sm, opGet));
+  EXPECT_FALSE(inspectNode(sm, opDel));
+  arguments[0] = nullptr;
+  Velm::Node const* untouched = nullptr;
+  EXPECT_THROW(inspect(sm, 134, opSet, &untouched, arguments), std::invalid_argument);
+}
+
+// A backlog that is filled on one thread and drained in steps on another.
+class Numbers : public BacklogImplBase {
+ public:
+  Numbers(Velm::Ptr<TaskScheduler> const& scheduler, std::size_t total)
+      : BacklogImplBase("numbers", scheduler), total_(total), task_(backlogSm_->backlogTask()) {}
+
+  void add(int first, int end) {
+    {
+      const std::lock_guard lock(mutex_);
+      for (int number = first; number < end; ++number)
+        numbers_.push_back(number);
+    }
+    task_->runnableIs(true);
+  }
+
+  int inOrder() const { return inOrder_; }
+
+ private:
+  void handleBacklog() override {
+    std::unique_lock lock(mutex_);
+    const auto end = std::min(taken_ + 100, numbers_.size());
+    for (; taken_ < end; ++taken_)
+      inOrder_ += numbers_[taken_] == inOrder_ ? 1 : 0;
+    const bool more = taken_ < numbers_.size();
+    lock.unlock();
+    if (more) task_->runnableIs(true);
+    if (taken_ == total_) task_->taskScheduler()->stop();
+  }
+
+  std::size_t const total_;
+  Velm::Ptr<Task> const task_;
+  std::mutex mutex_;
+  std::vector<int> numbers_;
+  std::size_t taken_ = 0;
+  int inOrder_ = 0;
+};
+
+TEST_F(BacklogTest, LosesNothingBetweenThreads) {
+  constexpr int kTotal = 1'000'000;
+  constexpr int kStep = 64;
+  Numbers numbers(scheduler_, kTotal);
+  std::thread thread([this] { scheduler_->run(); });
+  for (int number = 0; number < kTotal; number += kStep)
+    numbers.add(number, std::min(number + kStep, kTotal));
+  thread.join();
+  EXPECT_EQ(numbers.inOrder(), kTotal);
+}
+
+}  // namespace

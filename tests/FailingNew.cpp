@@ -1,0 +1,11 @@
+#include "FailingNew.h"
+
+#include <cstdlib>
+
+void* operator new(std::size_t size) {
+  if (test::allocationsLeft >= 0 && test::allocationsLeft-- == 0) throw std::bad_alloc();
+  if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
+  throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }

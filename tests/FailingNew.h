@@ -1,0 +1,28 @@
+#pragma once
+
+#include <new>
+
+// The program's allocator fails on demand, when FailingNew.cpp is among its sources.
+namespace test {
+
+// How many more allocations of this thread succeed before one fails; negative: all of them.
+inline thread_local int allocationsLeft = -1;
+
+// Calls `action` again and again, with its first allocation failing, then its second and so on, and
+// `check` after each that threw, until it succeeds. Answers how many failed.
+template <typename Action, typename Check>
+int failEachAllocation(Action action, Check check) {
+  for (int failing = 0;; ++failing) {
+    allocationsLeft = failing;
+    try {
+      action();
+      allocationsLeft = -1;
+      return failing;
+    } catch (std::bad_alloc const&) {
+      allocationsLeft = -1;
+      check();
+    }
+  }
+}
+
+}  // namespace test
