@@ -1,5 +1,7 @@
 #include "VornSdkRpc/GrpcServer.h"
 
+#include <grpc/grpc.h>
+
 #include <cassert>
 #include <chrono>
 #include <stdexcept>
@@ -12,6 +14,27 @@ namespace VornSdkRpc {
 
 using NextStatus = grpc::CompletionQueue::NextStatus;
 
+namespace {
+
+// gRPC starts threads of its own with the first server of the process, and a thread begins in the
+// namespace of the one that starts it. An idle server that is made outside of the agent's
+// namespace, and held while the real one is built inside, keeps those threads, and every connection
+// that they ever open, outside as well.
+struct DestroyServer {
+  void operator()(grpc_server* server) const { grpc_server_destroy(server); }
+};
+using IdleServer = std::unique_ptr<grpc_server, DestroyServer>;
+
+// gRPC takes itself down with its last object, and that waits for a poller of its own: up to ten
+// seconds when a peer has just stopped reading. An agent that ends must not hang there, so gRPC
+// stays up until the process is gone.
+void keepGrpcUp() {
+  static const bool up = (grpc_init(), true);
+  static_cast<void>(up);
+}
+
+}  // namespace
+
 const char* ServerFailedError::what() const noexcept { return ""; }
 
 GrpcServer::GrpcServer(grpc::ServerBuilder& builder,
@@ -22,6 +45,7 @@ GrpcServer::GrpcServer(grpc::ServerBuilder& builder,
       tracer_("GrpcServer"),
       properties_(&properties),
       accountingEnabled_(accountingEnabled) {
+  keepGrpcUp();
   for (std::size_t id = 0; id < services_.size(); ++id) {
     if (!services_[id])
       throw std::invalid_argument("service " + std::to_string(id) + " of the server is null");
@@ -30,7 +54,7 @@ GrpcServer::GrpcServer(grpc::ServerBuilder& builder,
 }
 
 GrpcServer::~GrpcServer() {
-  if (!cq_ || drained_) return;
+  if (!server_ || drained_) return;
   // The queue must be empty before it is destroyed. What completes now is not dispatched any more:
   // the handlers go with the registry.
   try {
@@ -38,7 +62,7 @@ GrpcServer::~GrpcServer() {
   } catch (...) {
     tracer_.trace0("A service failed to stop.");
   }
-  if (server_) server_->Shutdown(std::chrono::system_clock::now());
+  server_->Shutdown(std::chrono::system_clock::now());
   cq_->Shutdown();
   OpaqueId tag = nullptr;
   bool ok = false;
@@ -65,6 +89,7 @@ void GrpcServer::setup() {
   // a second BuildAndStart() would end the process.
   if (cq_) throw ServerFailedError();
   cq_ = builder_->AddCompletionQueue(true);
+  const IdleServer threadsOutside(grpc_server_create(nullptr, nullptr));
   {
     const ScopedNamespace scope(properties_->nsName);
     server_ = builder_->BuildAndStart();
@@ -110,6 +135,9 @@ void GrpcServer::handleTag(OpaqueId tag, bool ok) try {
 }
 
 void GrpcServer::teardown() {
+  // A service that is not stopping would ask for a new call in place of every one that fails,
+  // without an end.
+  if (!stopRequested_) stop();
   server_->Shutdown(std::chrono::system_clock::now());
   while (dequeue()) {
   }

@@ -82,9 +82,9 @@ class VORN_EXPORT GrpcServer {
   // exception passes on.
   void handleTag(OpaqueId tag, bool ok);
 
-  // Cancels every call, shuts the server and the queue down, and handles what is left in the queue.
-  // A pending grpc::Alarm holds it up, and so does a peer that has stopped reading, until keepalive
-  // or TCP gives it up.
+  // After a successful setup(), once: cancels every call, shuts the server and the queue down, and
+  // handles what is left in the queue. A pending grpc::Alarm holds it up, and so does a peer that
+  // has stopped reading, until keepalive or TCP gives it up.
   void teardown();
 
   TagManager& tagManager() { return tagManager_; }

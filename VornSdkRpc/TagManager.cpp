@@ -48,4 +48,9 @@ void TagManager::clear() {
   tags_.clear();
 }
 
+std::size_t TagManager::size() const {
+  const std::lock_guard lock(mutex_);
+  return tags_.size();
+}
+
 }  // namespace VornSdkRpc

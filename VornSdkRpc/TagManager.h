@@ -40,6 +40,9 @@ class VORN_EXPORT TagManager {
   // it.
   void clear();
 
+  // How many tags are live: those of the calls in flight, and one for each call that is asked for.
+  std::size_t size() const;
+
  private:
   struct Tag {
     std::size_t serviceId;

@@ -29,6 +29,6 @@ need_run() {
 build() {
   local preset=$1
   shift
-  cmake --preset "$preset" --log-level=WARNING
+  cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset" "${@/#/--target=}"
 }

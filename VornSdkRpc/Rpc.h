@@ -1,0 +1,826 @@
+#pragma once
+
+// The authoring kit: an RPC as one function. It stands on GrpcService and RequestHandler alone, so
+// services written with it and services written by hand live side by side in one GrpcServer.
+//
+// A service derives from rpc::Service of its generated AsyncService and names its methods in its
+// constructor, each with the function that serves it:
+//
+//   class RoutingService : public VornSdkRpc::rpc::Service<Routing::AsyncService> {
+//    public:
+//     RoutingService() : Service("Routing") {
+//       // Unary, as a plain function: the fastest, for what is answered at once. It may also take
+//       the
+//       // grpc::ServerContext& first.
+//       method(&Async::RequestSet, [this](const Route& route, Nothing&) { return set(route); });
+//
+//       // Unary, as a coroutine, for what has to wait before it answers.
+//       method(&Async::RequestProbe, [](rpc::Call& call, const Target& target, Result& result) ->
+//       rpc::Task<> {
+//         while (!result.set(probe(target)) && co_await call.wait(100ms)) {}
+//         co_return grpc::Status::OK;
+//       });
+//
+//       // Client streaming: read() answers false at the end of the client's stream.
+//       method(&Async::RequestLoad, [this](rpc::Reader<Route>& routes, Count& count) -> rpc::Task<>
+//       {
+//         Route route;
+//         while (co_await routes.read(route)) count.set_count(count.count() + set(route).ok());
+//         co_return grpc::Status::OK;
+//       });
+//
+//       // Server streaming: write() answers false once the call is dead. One write is outstanding
+//       at a
+//       // time, so a client that reads slowly holds up its own stream and costs one item of
+//       memory. method(&Async::RequestWatch, [this](rpc::Writer<Route>& watch, const Filter&) ->
+//       rpc::Task<> {
+//         rpc::Event news;                                      // set() by any thread wakes the
+//         call const auto subscription = table_.subscribe(news);     // ends with the coroutine do
+//         {
+//           for (auto& route : table_.changes()) if (!co_await watch.write(route)) break;
+//         } while (co_await watch.wait(news));
+//         co_return grpc::Status::OK;
+//       });
+//     }
+//   };
+//
+// (A bidirectional stream is an rpc::ReaderWriter.) Functions and coroutines run on the server's
+// one thread, each step to the end before the next, so they need no locks among each other, and
+// none may block. A coroutine may be split up: it can co_await another rpc::Task<T>.
+//
+// When the client cancels, goes away or its deadline passes, what is awaited comes back false, and
+// so does everything that is awaited after it; the coroutine runs to its end and its locals are
+// destroyed on the serving thread. When the server stops, a coroutine is not resumed any more: its
+// frame is destroyed where it waits, on the serving thread or, at the latest, on the one that
+// destroys the GrpcServer. Locals may use the service in their destructors; the service outlives
+// them.
+//
+// An exception ends the call: vorn::invalid_argument_error with INVALID_ARGUMENT,
+// vorn::unsupported_error with UNIMPLEMENTED, vorn::configuration_error with FAILED_PRECONDITION,
+// vorn::no_scoped_lock_obtained_error with UNAVAILABLE, each with its what(); anything else with
+// INTERNAL and a text that gives nothing away, and a trace line at level 0 that says what it was.
+
+#include <grpcpp/alarm.h>
+#include <grpcpp/grpcpp.h>
+#include <vorn/error.h>
+
+#include <algorithm>
+#include <chrono>
+#include <concepts>
+#include <coroutine>
+#include <cstddef>
+#include <exception>
+#include <functional>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "VornSdkRpc/GrpcService.h"
+
+namespace VornSdkRpc::rpc {
+
+// ------------------------------------------------------------------------------------------------
+// Task: what a coroutine of the kit returns
+
+namespace detail {
+
+// Goes on with the coroutine that awaits the one that has ended, if there is one.
+struct Continue {
+  bool await_ready() const noexcept { return false; }
+  template <class Promise>
+  std::coroutine_handle<> await_suspend(std::coroutine_handle<Promise> ended) const noexcept {
+    const auto next = ended.promise().continuation;
+    return next ? next : std::noop_coroutine();
+  }
+  void await_resume() const noexcept {}
+};
+
+template <class Method, class Request, class Reply>
+class FunctionCall;
+
+struct PromiseBase {
+  std::suspend_always initial_suspend() const noexcept { return {}; }
+  Continue final_suspend() const noexcept { return {}; }
+  void unhandled_exception() noexcept { exception = std::current_exception(); }
+
+  std::coroutine_handle<> continuation;
+  std::exception_ptr exception;
+};
+
+template <class T>
+struct Promise : PromiseBase {
+  void return_value(T result) { value.emplace(std::move(result)); }
+  T take() {
+    if (exception) std::rethrow_exception(exception);
+    return std::move(*value);
+  }
+  std::optional<T> value;
+};
+
+template <>
+struct Promise<void> : PromiseBase {
+  void return_void() const noexcept {}
+  void take() const {
+    if (exception) std::rethrow_exception(exception);
+  }
+};
+
+}  // namespace detail
+
+// A coroutine that ends with a T: rpc::Task<> serves a call and ends with its grpc::Status. It
+// starts when it is first awaited, or by the kit when its call has arrived. Owns its frame;
+// movable.
+template <class T = grpc::Status>
+class [[nodiscard]] Task {
+ public:
+  struct promise_type : detail::Promise<T> {
+    Task get_return_object() {
+      return Task(std::coroutine_handle<promise_type>::from_promise(*this));
+    }
+  };
+
+  Task() = default;
+  Task(Task&& other) noexcept : frame_(std::exchange(other.frame_, {})) {}
+  Task& operator=(Task&& other) noexcept {
+    std::swap(frame_, other.frame_);
+    return *this;
+  }
+  ~Task() {
+    if (frame_) frame_.destroy();
+  }
+
+  // Awaited by another coroutine: runs to its end, then answers its result or throws its exception.
+  auto operator co_await() && noexcept {
+    struct Awaiter {
+      bool await_ready() const noexcept { return false; }
+      std::coroutine_handle<> await_suspend(std::coroutine_handle<> awaiting) const noexcept {
+        frame.promise().continuation = awaiting;
+        return frame;
+      }
+      T await_resume() const { return frame.promise().take(); }
+      std::coroutine_handle<promise_type> frame;
+    };
+    return Awaiter{frame_};
+  }
+
+  // For the kit.
+  void start() const { frame_.resume(); }
+  bool done() const { return frame_ && frame_.done(); }
+  T take() const { return frame_.promise().take(); }
+
+ private:
+  explicit Task(std::coroutine_handle<promise_type> frame) : frame_(frame) {}
+
+  std::coroutine_handle<promise_type> frame_;
+};
+
+// How a method is served.
+struct MethodOptions {
+  // How many calls of the method may be in progress; one more is refused at once with
+  // RESOURCE_EXHAUSTED. Zero: no limit.
+  std::size_t limit = 0;
+
+  // How many calls of the method are asked for ahead, so that one poll can pick up several. At
+  // least 1.
+  std::size_t ahead = 1;
+};
+
+class Call;
+
+// ------------------------------------------------------------------------------------------------
+// Event: how another thread wakes a call
+
+// Wakes the one call that waits for it. An event stays set until a wait has seen it, so one that
+// comes between a look and the wait is not lost; several before one wait count once. set() may come
+// from any thread; whoever calls it must have stopped doing so when the event is destroyed.
+class Event {
+ public:
+  Event() = default;
+  Event(const Event&) = delete;
+  Event& operator=(const Event&) = delete;
+
+  void set() {
+    const std::lock_guard lock(mutex_);
+    set_ = true;
+    if (waiting_) waiting_->Cancel();
+  }
+
+ private:
+  friend class Call;
+
+  // Whether it was set; it no longer is.
+  bool take() {
+    const std::lock_guard lock(mutex_);
+    return std::exchange(set_, false);
+  }
+
+  // From now on set() ends this alarm; null: none.
+  void wakes(grpc::Alarm* alarm) {
+    const std::lock_guard lock(mutex_);
+    waiting_ = alarm;
+    if (waiting_ && set_) waiting_->Cancel();
+  }
+
+  std::mutex mutex_;
+  bool set_ = false;
+  grpc::Alarm* waiting_ = nullptr;
+};
+
+// ------------------------------------------------------------------------------------------------
+// ServiceBase: what the calls of a service share
+
+class ServiceBase : public GrpcService {
+ protected:
+  explicit ServiceBase(std::string name) : GrpcService(std::move(name)) {}
+
+  // A derived class that needs these hooks as well calls the ones here from its own.
+  void serverStarted() override {
+    for (const auto& open : openers_)
+      open();
+  }
+  void stoppingChanged() override {
+    if (!stopping()) return;
+    const std::lock_guard lock(alarmsMutex_);
+    for (grpc::Alarm& alarm : alarms_)
+      alarm.Cancel();
+  }
+
+  // Each asks for the first calls of one method.
+  std::vector<std::function<void()>> openers_;
+
+ private:
+  friend class Call;
+  template <class Method, class Request, class Reply>
+  friend class detail::FunctionCall;
+
+  using AlarmPosition = std::list<grpc::Alarm>::iterator;
+
+  AlarmPosition newAlarm() {
+    const std::lock_guard lock(alarmsMutex_);
+    return alarms_.emplace(alarms_.end());
+  }
+  void dropAlarm(AlarmPosition alarm) {
+    const std::lock_guard lock(alarmsMutex_);
+    alarms_.erase(alarm);
+  }
+  // An alarm that is set while the service begins to stop is cancelled here or by
+  // stoppingChanged().
+  void setAlarm(grpc::Alarm& alarm, gpr_timespec deadline, OpaqueId tag) {
+    const std::lock_guard lock(alarmsMutex_);
+    alarm.Set(cq_, deadline, tag);
+    if (stopping()) alarm.Cancel();
+  }
+
+  // The status that ends a call whose function has thrown. Called in a catch block.
+  grpc::Status currentExceptionStatus() const {
+    try {
+      throw;
+    } catch (const vorn::invalid_argument_error& error) {
+      return {grpc::StatusCode::INVALID_ARGUMENT, error.what()};
+    } catch (const vorn::unsupported_error& error) {
+      return {grpc::StatusCode::UNIMPLEMENTED, error.what()};
+    } catch (const vorn::configuration_error& error) {
+      return {grpc::StatusCode::FAILED_PRECONDITION, error.what()};
+    } catch (const vorn::no_scoped_lock_obtained_error& error) {
+      return {grpc::StatusCode::UNAVAILABLE, error.what()};
+    } catch (const std::exception& error) {
+      tracer_.trace0("a call failed: %s", error.what());
+    } catch (...) {
+      tracer_.trace0("a call failed with an unknown exception");
+    }
+    return {grpc::StatusCode::INTERNAL, "internal error"};
+  }
+
+  std::mutex alarmsMutex_;
+  std::list<grpc::Alarm> alarms_;  // those of the calls that have waited, pending or not
+};
+
+// One of the calls that a method may have in progress, until it is released or destroyed.
+class Slot {
+ public:
+  Slot() = default;
+  Slot(const Slot&) = delete;
+  Slot& operator=(const Slot&) = delete;
+  ~Slot() { release(); }
+
+  // Answers false when `used` has reached the limit.
+  bool take(std::size_t& used, std::size_t limit) {
+    if (limit != 0 && used >= limit) return false;
+    used_ = &used;
+    ++*used_;
+    return true;
+  }
+  void release() {
+    if (used_) --*std::exchange(used_, nullptr);
+  }
+
+ private:
+  std::size_t* used_ = nullptr;
+};
+
+inline grpc::Status tooManyCalls() {
+  return {grpc::StatusCode::RESOURCE_EXHAUSTED, "too many calls of this method are in progress"};
+}
+
+// ------------------------------------------------------------------------------------------------
+// Call, Reader, Writer, ReaderWriter: what a coroutine is given
+
+// One call that is served by a coroutine. Everything is for the serving thread, and for the
+// coroutine of this call; it awaits one thing at a time.
+class Call : public RequestHandler {
+ public:
+  Call(const Call&) = delete;
+  Call& operator=(const Call&) = delete;
+
+  grpc::ServerContext& context() { return context_; }
+
+  // Whether the call is over before its time: cancelled, its client gone, or its deadline past.
+  bool cancelled() const { return over_; }
+
+  // Waits for a time to pass: co_await answers whether the call still lives, at once when it
+  // doesn't.
+  template <class Rep, class Period>
+  auto wait(std::chrono::duration<Rep, Period> duration) {
+    return operation(
+        [this, duration](OpaqueId tag) { service_.setAlarm(alarm(), deadlineIn(duration), tag); });
+  }
+
+  // Waits until the event is set, or takes it at once when it is: co_await answers whether the call
+  // still lives.
+  auto wait(Event& event) { return EventWait(*this, event); }
+
+  void proceed(OpaqueId tag) final {
+    if (state_ != AWAITING_CALL) {
+      operationOk_ = service_.completionOk();
+      std::exchange(suspended_, nullptr).resume();
+    } else if (service_.completionOk()) {
+      arrived();
+    } else {
+      service_.removeHandler(tag);  // the server takes no more calls
+      return;
+    }
+    if (task_.done()) conclude(outcome());
+  }
+
+ protected:
+  // Follows the end of the call. A record of its own in the registry, because it may complete after
+  // the call's own tag, and after a stop does not complete for the handler at all.
+  class Notice : public RequestHandler {
+   public:
+    Notice(Call& call, OpaqueId tag) : call_(&call), service_(call.service_) {
+      opaqueId_ = tag;
+      state_ = IN_PROGRESS;
+    }
+    void proceed(OpaqueId tag) override {
+      service_.removeHandler(tag);
+      if (call_) call_->ended();
+    }
+    RequestHandlerPtr spawn(OpaqueId) override { return nullptr; }
+    void callGone() { call_ = nullptr; }
+
+   private:
+    Call* call_;
+    ServiceBase& service_;
+  };
+
+  Call(ServiceBase& service, OpaqueId tag)
+      : service_(service), notice_(std::make_shared<Notice>(*this, service.nextOpaqueId())) {
+    opaqueId_ = tag;
+    context_.AsyncNotifyWhenDone(notice_->opaqueId_);
+  }
+
+  // abandon() has been called by then: the coroutine refers to what derived classes hold.
+  ~Call() override {
+    notice_->callGone();
+    if (alarm_) service_.dropAlarm(*alarm_);
+  }
+
+  // Destroys the coroutine, wherever it is.
+  void abandon() { task_ = {}; }
+
+  // An operation of gRPC that is started with the call's tag and comes back with its ok flag.
+  template <class Start>
+  auto operation(Start start) {
+    struct Awaiter {
+      bool await_ready() const { return call.over_; }
+      void await_suspend(std::coroutine_handle<> awaiting) {
+        call.suspended_ = awaiting;
+        start(call.opaqueId_);
+      }
+      bool await_resume() const { return !call.over_ && call.operationOk_; }
+      Call& call;
+      Start start;
+    };
+    return Awaiter{*this, std::move(start)};
+  }
+
+  virtual bool takeSlot() = 0;
+  virtual Task<> begin() = 0;
+  virtual void finish(const grpc::Status& status, OpaqueId tag) = 0;
+
+  ServiceBase& service_;
+  Slot slot_;
+  grpc::ServerContext context_;
+
+ private:
+  class EventWait {
+   public:
+    EventWait(Call& call, Event& event) : call_(call), event_(event) {}
+    EventWait(const EventWait&) = delete;
+    EventWait& operator=(const EventWait&) = delete;
+    ~EventWait() { event_.wakes(nullptr); }
+
+    bool await_ready() { return call_.over_ || event_.take(); }
+    void await_suspend(std::coroutine_handle<> awaiting) {
+      call_.suspended_ = awaiting;
+      grpc::Alarm& alarm = call_.alarm();
+      call_.service_.setAlarm(alarm, gpr_inf_future(GPR_CLOCK_REALTIME), call_.opaqueId_);
+      event_.wakes(&alarm);
+    }
+    bool await_resume() {
+      event_.wakes(nullptr);
+      event_.take();
+      return !call_.over_;
+    }
+
+   private:
+    Call& call_;
+    Event& event_;
+  };
+
+  template <class Rep, class Period>
+  static gpr_timespec deadlineIn(std::chrono::duration<Rep, Period> duration) {
+    constexpr auto kForever = std::chrono::hours(24 * 365);
+    if (duration >= kForever) return gpr_inf_future(GPR_CLOCK_REALTIME);
+    const auto whole = std::chrono::duration_cast<std::chrono::nanoseconds>(duration);
+    return gpr_time_add(gpr_now(GPR_CLOCK_MONOTONIC),
+                        gpr_time_from_nanos(whole.count(), GPR_TIMESPAN));
+  }
+
+  // The alarm of this call; most calls never need one.
+  grpc::Alarm& alarm() {
+    if (!alarm_) alarm_ = service_.newAlarm();
+    return **alarm_;
+  }
+
+  void arrived() {
+    state_ = IN_PROGRESS;
+    service_.registerHandler(notice_);  // its tag completes for every call that has arrived
+    if (!takeSlot()) return conclude(tooManyCalls());
+    try {
+      task_ = begin();
+    } catch (...) {
+      return conclude(service_.currentExceptionStatus());
+    }
+    task_.start();
+  }
+
+  // The call is over on the wire. What waits for gRPC comes back by itself; a waiting alarm is
+  // woken.
+  void ended() {
+    over_ = true;
+    if (alarm_) (*alarm_)->Cancel();
+  }
+
+  grpc::Status outcome() const {
+    try {
+      return task_.take();
+    } catch (...) {
+      return service_.currentExceptionStatus();
+    }
+  }
+
+  void conclude(const grpc::Status& status) {
+    abandon();
+    slot_.release();
+    state_ = FINISHED;
+    finish(status, opaqueId_);
+  }
+
+  std::shared_ptr<Notice> notice_;
+  std::optional<ServiceBase::AlarmPosition> alarm_;
+  Task<> task_;
+  std::coroutine_handle<> suspended_;  // the innermost coroutine that waits
+  bool operationOk_ = false;
+  bool over_ = false;
+};
+
+// A call whose client streams.
+template <class Request>
+class Reader : public Call {
+ public:
+  // Reads the next item: co_await answers false at the end of the client's stream and when the call
+  // is dead, and `item` then holds nothing of use.
+  auto read(Request& item) {
+    return operation([this, &item](OpaqueId tag) { startRead(item, tag); });
+  }
+
+ protected:
+  using Call::Call;
+  virtual void startRead(Request& item, OpaqueId tag) = 0;
+};
+
+// A call whose server streams.
+template <class Reply>
+class Writer : public Call {
+ public:
+  // Writes an item, and waits until gRPC has taken it: co_await answers false when the call is
+  // dead.
+  auto write(const Reply& item, grpc::WriteOptions options = {}) {
+    return operation([this, &item, options](OpaqueId tag) { grpc_.Write(item, options, tag); });
+  }
+
+ protected:
+  using Call::Call;
+  grpc::ServerAsyncWriter<Reply> grpc_{&context_};
+};
+
+// A call in which both sides stream.
+template <class Request, class Reply>
+class ReaderWriter : public Call {
+ public:
+  // As Reader::read.
+  auto read(Request& item) {
+    return operation([this, &item](OpaqueId tag) { grpc_.Read(&item, tag); });
+  }
+
+  // As Writer::write.
+  auto write(const Reply& item, grpc::WriteOptions options = {}) {
+    return operation([this, &item, options](OpaqueId tag) { grpc_.Write(item, options, tag); });
+  }
+
+ protected:
+  using Call::Call;
+  grpc::ServerAsyncReaderWriter<Reply, Request> grpc_{&context_};
+};
+
+// ------------------------------------------------------------------------------------------------
+// The machinery: one class per kind of exchange, and what makes a call of a method out of it
+
+namespace detail {
+
+// A method of a service with the function that serves it.
+template <class AsyncService, class Ask, class Handler>
+struct Method {
+  // Asks gRPC for a call, to arrive under the tag.
+  template <class... Arguments>
+  void ask(OpaqueId tag, Arguments*... arguments) {
+    (async.*askFor)(arguments..., queue, queue, tag);
+  }
+
+  ServiceBase& service;
+  AsyncService& async;
+  grpc::ServerCompletionQueue* queue;
+  Ask askFor;
+  Handler handler;
+  MethodOptions options;
+  std::size_t inProgress = 0;
+};
+
+template <class Request, class Reply>
+class UnaryExchange : public Call {
+ protected:
+  using Call::Call;
+
+  template <class Method>
+  void ask(Method& method, OpaqueId tag) {
+    method.ask(tag, &context_, &request_, &grpc_);
+  }
+  template <class Handler>
+  Task<> serve(Handler& handler) {
+    return handler(static_cast<Call&>(*this), std::as_const(request_), reply_);
+  }
+  void finish(const grpc::Status& status, OpaqueId tag) override {
+    if (status.ok()) {
+      grpc_.Finish(reply_, status, tag);
+    } else {
+      grpc_.FinishWithError(status, tag);
+    }
+  }
+
+ private:
+  Request request_;
+  Reply reply_;
+  grpc::ServerAsyncResponseWriter<Reply> grpc_{&context_};
+};
+
+template <class Request, class Reply>
+class ReadExchange : public Reader<Request> {
+ protected:
+  using Reader<Request>::Reader;
+
+  template <class Method>
+  void ask(Method& method, OpaqueId tag) {
+    method.ask(tag, &this->context_, &grpc_);
+  }
+  template <class Handler>
+  Task<> serve(Handler& handler) {
+    return handler(static_cast<Reader<Request>&>(*this), reply_);
+  }
+  void startRead(Request& item, OpaqueId tag) override { grpc_.Read(&item, tag); }
+  void finish(const grpc::Status& status, OpaqueId tag) override {
+    if (status.ok()) {
+      grpc_.Finish(reply_, status, tag);
+    } else {
+      grpc_.FinishWithError(status, tag);
+    }
+  }
+
+ private:
+  Reply reply_;
+  grpc::ServerAsyncReader<Reply, Request> grpc_{&this->context_};
+};
+
+template <class Request, class Reply>
+class WriteExchange : public Writer<Reply> {
+ protected:
+  using Writer<Reply>::Writer;
+
+  template <class Method>
+  void ask(Method& method, OpaqueId tag) {
+    method.ask(tag, &this->context_, &request_, &this->grpc_);
+  }
+  template <class Handler>
+  Task<> serve(Handler& handler) {
+    return handler(static_cast<Writer<Reply>&>(*this), std::as_const(request_));
+  }
+  void finish(const grpc::Status& status, OpaqueId tag) override {
+    this->grpc_.Finish(status, tag);
+  }
+
+ private:
+  Request request_;
+};
+
+template <class Request, class Reply>
+class ReadWriteExchange : public ReaderWriter<Request, Reply> {
+ protected:
+  using ReaderWriter<Request, Reply>::ReaderWriter;
+
+  template <class Method>
+  void ask(Method& method, OpaqueId tag) {
+    method.ask(tag, &this->context_, &this->grpc_);
+  }
+  template <class Handler>
+  Task<> serve(Handler& handler) {
+    return handler(static_cast<ReaderWriter<Request, Reply>&>(*this));
+  }
+  void finish(const grpc::Status& status, OpaqueId tag) override {
+    this->grpc_.Finish(status, tag);
+  }
+};
+
+// One call of a method that is served by a coroutine.
+template <class Method, class Exchange>
+class CoroutineCall final : public Exchange {
+ public:
+  CoroutineCall(Method& method, OpaqueId tag) : Exchange(method.service, tag), method_(method) {
+    this->ask(method, tag);
+  }
+  ~CoroutineCall() override { this->abandon(); }
+
+  RequestHandlerPtr spawn(OpaqueId tag) override {
+    return std::make_shared<CoroutineCall>(method_, tag);
+  }
+
+ private:
+  bool takeSlot() override { return this->slot_.take(method_.inProgress, method_.options.limit); }
+  Task<> begin() override { return this->serve(method_.handler); }
+
+  Method& method_;
+};
+
+// One call of a unary method that is served by a plain function.
+template <class Method, class Request, class Reply>
+class FunctionCall final : public RequestHandler {
+ public:
+  FunctionCall(Method& method, OpaqueId tag) : method_(method) {
+    opaqueId_ = tag;
+    method.ask(tag, &context_, &request_, &grpc_);
+  }
+
+  RequestHandlerPtr spawn(OpaqueId tag) override {
+    return std::make_shared<FunctionCall>(method_, tag);
+  }
+
+  // Answers at once; the state that is left at AWAITING_CALL says so.
+  void proceed(OpaqueId tag) override {
+    const grpc::Status status = answer();
+    if (status.ok()) {
+      grpc_.Finish(reply_, status, tag);
+    } else {
+      grpc_.FinishWithError(status, tag);
+    }
+  }
+
+ private:
+  grpc::Status answer() {
+    if (!slot_.take(method_.inProgress, method_.options.limit)) return tooManyCalls();
+    try {
+      if constexpr (std::invocable<decltype(method_.handler)&, const Request&, Reply&>) {
+        return method_.handler(std::as_const(request_), reply_);
+      } else {
+        return method_.handler(context_, std::as_const(request_), reply_);
+      }
+    } catch (...) {
+      return method_.service.currentExceptionStatus();
+    }
+  }
+
+  Method& method_;
+  Slot slot_;
+  grpc::ServerContext context_;
+  Request request_;
+  Reply reply_;
+  grpc::ServerAsyncResponseWriter<Reply> grpc_{&context_};
+};
+
+}  // namespace detail
+
+// ------------------------------------------------------------------------------------------------
+// Service: what an agent derives from
+
+// A service of the generated AsyncService type. The derived class calls method() in its
+// constructor, once per RPC; an RPC without one is answered UNIMPLEMENTED by gRPC. The function is
+// kept as long as the service.
+template <class AsyncService>
+class Service : public ServiceBase {
+ public:
+  using Async = AsyncService;
+
+ protected:
+  // `name` as for GrpcService.
+  explicit Service(std::string name) : ServiceBase(std::move(name)) {}
+
+  // Unary. The handler is a function (const Request&, Reply&) or (grpc::ServerContext&, const
+  // Request&, Reply&) that answers a grpc::Status, or a coroutine (Call&, const Request&, Reply&)
+  // -> Task<>.
+  template <class Base, class Request, class Reply, class Handler>
+  void method(void (Base::*ask)(grpc::ServerContext*, Request*,
+                                grpc::ServerAsyncResponseWriter<Reply>*, grpc::CompletionQueue*,
+                                grpc::ServerCompletionQueue*, void*),
+              Handler handler, MethodOptions options = {}) {
+    using Method = detail::Method<AsyncService, decltype(ask), Handler>;
+    if constexpr (std::invocable<Handler&, Call&, const Request&, Reply&>) {
+      add<Method, detail::CoroutineCall<Method, detail::UnaryExchange<Request, Reply>>>(
+          ask, std::move(handler), options);
+    } else {
+      add<Method, detail::FunctionCall<Method, Request, Reply>>(ask, std::move(handler), options);
+    }
+  }
+
+  // Client streaming. The handler is a coroutine (Reader<Request>&, Reply&) -> Task<>.
+  template <class Base, class Request, class Reply, class Handler>
+  void method(void (Base::*ask)(grpc::ServerContext*, grpc::ServerAsyncReader<Reply, Request>*,
+                                grpc::CompletionQueue*, grpc::ServerCompletionQueue*, void*),
+              Handler handler, MethodOptions options = {}) {
+    addCoroutine<detail::ReadExchange<Request, Reply>>(ask, std::move(handler), options);
+  }
+
+  // Server streaming. The handler is a coroutine (Writer<Reply>&, const Request&) -> Task<>.
+  template <class Base, class Request, class Reply, class Handler>
+  void method(void (Base::*ask)(grpc::ServerContext*, Request*, grpc::ServerAsyncWriter<Reply>*,
+                                grpc::CompletionQueue*, grpc::ServerCompletionQueue*, void*),
+              Handler handler, MethodOptions options = {}) {
+    addCoroutine<detail::WriteExchange<Request, Reply>>(ask, std::move(handler), options);
+  }
+
+  // Bidirectional streaming. The handler is a coroutine (ReaderWriter<Request, Reply>&) -> Task<>.
+  template <class Base, class Request, class Reply, class Handler>
+  void method(void (Base::*ask)(grpc::ServerContext*,
+                                grpc::ServerAsyncReaderWriter<Reply, Request>*,
+                                grpc::CompletionQueue*, grpc::ServerCompletionQueue*, void*),
+              Handler handler, MethodOptions options = {}) {
+    addCoroutine<detail::ReadWriteExchange<Request, Reply>>(ask, std::move(handler), options);
+  }
+
+  void registerWith(grpc::ServerBuilder& builder) override { builder.RegisterService(&async_); }
+
+ private:
+  template <class Exchange, class Ask, class Handler>
+  void addCoroutine(Ask ask, Handler handler, MethodOptions options) {
+    using Method = detail::Method<AsyncService, Ask, Handler>;
+    add<Method, detail::CoroutineCall<Method, Exchange>>(ask, std::move(handler), options);
+  }
+
+  template <class Method, class CallType, class Ask, class Handler>
+  void add(Ask ask, Handler handler, MethodOptions options) {
+    const auto method =
+        std::make_shared<Method>(Method{*this, async_, nullptr, ask, std::move(handler), options});
+    openers_.push_back([this, method] {
+      method->queue = cq_;
+      for (std::size_t i = 0; i < std::max<std::size_t>(1, method->options.ahead); ++i) {
+        registerHandler(std::make_shared<CallType>(*method, nextOpaqueId()));
+      }
+    });
+  }
+
+  AsyncService async_;
+};
+
+}  // namespace VornSdkRpc::rpc

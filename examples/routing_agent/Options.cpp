@@ -1,0 +1,53 @@
+#include "examples/routing_agent/Options.h"
+
+#include <VornSdkRpc/Argv.h>
+
+#include <string_view>
+
+namespace routing_agent {
+
+const char* const kHelp = R"(Keeps a table of IP routes and serves it over gRPC.
+
+usage: routing_agent [OPTION...]
+
+  --listen ADDRESS   where to listen: HOST:PORT or unix:PATH; may be given again
+                     (default: 127.0.0.1:50051)
+  --netns NAME       listen in this network namespace, as `ip netns` knows it
+  --trace SETTING    trace levels by name, such as "GrpcServer/8,Routing-service/8"
+  --help             this text
+
+SIGINT and SIGTERM stop the agent. It exits with 0 after a clean stop, with 2 when an
+option is wrong or it can't listen, and with 1 when something else fails.
+)";
+
+namespace {
+
+// The value of an option that is given at most once more; empty when it isn't.
+std::string value(std::vector<char*>& arguments, std::string_view option) {
+  const auto before = arguments.size();
+  const std::string_view found = VornSdkRpc::argv::getOptionValue(arguments, option, {});
+  const bool given = arguments.size() != before;
+  if (given && (found.empty() || found.starts_with("--"))) {
+    throw UsageError(std::string(option) + " needs a value");
+  }
+  return std::string(found);
+}
+
+}  // namespace
+
+Options parseOptions(int argc, char** argv) {
+  auto arguments = VornSdkRpc::argv::vectorize(argc, argv);
+  Options options;
+  options.help = VornSdkRpc::argv::isOptionPresent(arguments, "--help");
+  for (auto address = value(arguments, "--listen"); !address.empty();
+       address = value(arguments, "--listen")) {
+    options.listen.push_back(address);
+  }
+  if (options.listen.empty()) options.listen = {"127.0.0.1:50051"};
+  options.netns = value(arguments, "--netns");
+  options.trace = value(arguments, "--trace");
+  if (arguments.size() > 1) throw UsageError(std::string("unknown option ") + arguments[1]);
+  return options;
+}
+
+}  // namespace routing_agent

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace routing_agent {
+
+// What the command line says.
+struct Options {
+  std::vector<std::string> listen;  // addresses, as gRPC writes them
+  std::string netns;                // network namespace to listen in; empty: the agent's own
+  std::string trace;                // trace setting
+  bool help = false;
+};
+
+// A command line that can't be followed. what() is one line for the user.
+struct UsageError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// The text of --help.
+extern const char* const kHelp;
+
+// Reads the command line. Throws UsageError.
+Options parseOptions(int argc, char** argv);
+
+}  // namespace routing_agent

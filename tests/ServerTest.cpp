@@ -1,0 +1,439 @@
+#include <VornSdkRpc/GrpcServer.h>
+#include <gmock/gmock.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <stdexcept>
+#include <thread>
+
+#include "tests/Capture.h"
+#include "tests/ProbeService.h"
+
+namespace test {
+namespace {
+
+using VornSdkRpc::GrpcServer;
+using VornSdkRpc::GrpcService;
+using VornSdkRpc::OpaqueId;
+using VornSdkRpc::RequestHandler;
+using VornSdkRpc::RequestHandlerPtr;
+
+// A service without gRPC methods, whose tags complete when the test says so.
+class ScriptedService : public GrpcService {
+ public:
+  explicit ScriptedService(std::string name = "Scripted") : GrpcService(std::move(name)) {}
+  int startedCalls = 0;
+  int stopNotices = 0;
+
+ private:
+  void registerWith(grpc::ServerBuilder&) override {}
+  void serverStarted() override { ++startedCalls; }
+  void stoppingChanged() override { ++stopNotices; }
+};
+
+// Notes what it is asked to do, and goes to the state that the test has chosen.
+struct ScriptedHandler : RequestHandler {
+  explicit ScriptedHandler(OpaqueId tag) { opaqueId_ = tag; }
+  void proceed(OpaqueId tag) override {
+    proceeded.push_back(tag);
+    if (failure) throw std::out_of_range("a handler's own");
+    state_ = next;
+  }
+  RequestHandlerPtr spawn(OpaqueId tag) override {
+    successor = std::make_shared<ScriptedHandler>(tag);
+    return successor;
+  }
+  State next = AWAITING_CALL;
+  bool failure = false;
+  std::vector<OpaqueId> proceeded;
+  std::shared_ptr<ScriptedHandler> successor;
+};
+
+// A server that is set up on this thread, for completions that the test makes up.
+struct ScriptedServer {
+  std::shared_ptr<ScriptedHandler> handler() {
+    auto made = std::make_shared<ScriptedHandler>(service->nextOpaqueId());
+    service->registerHandler(made);
+    return made;
+  }
+  bool known(OpaqueId tag) {
+    std::size_t serviceId = 0;
+    RequestHandlerPtr found;
+    return server.tagManager().find(tag, serviceId, found);
+  }
+
+  grpc::ServerBuilder builder;
+  VornSdkRpc::ServerProperties properties;
+  std::shared_ptr<ScriptedService> service = std::make_shared<ScriptedService>();
+  GrpcServer server{builder, {service}, properties};
+};
+
+std::string pointer(OpaqueId tag) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%p", tag);
+  return text;
+}
+
+TEST(Dispatch, FollowsTheStateOfTheHandler) {
+  struct Case {
+    RequestHandler::State before, chosen, after;
+    std::size_t proceeds;
+    bool spawns, stays;
+  };
+  constexpr auto kOther = static_cast<RequestHandler::State>(7);
+  for (const auto& [before, chosen, after, proceeds, spawns, stays] : {
+           Case{RequestHandler::AWAITING_CALL, RequestHandler::AWAITING_CALL,
+                RequestHandler::FINISHED, 1, true, true},
+           Case{RequestHandler::AWAITING_CALL, RequestHandler::IN_PROGRESS,
+                RequestHandler::IN_PROGRESS, 1, true, true},
+           Case{RequestHandler::IN_PROGRESS, RequestHandler::FINISHED, RequestHandler::FINISHED, 1,
+                false, true},
+           Case{RequestHandler::FINISHED, RequestHandler::IN_PROGRESS, RequestHandler::FINISHED, 0,
+                false, false},
+           Case{kOther, RequestHandler::FINISHED, kOther, 0, false, true},
+       }) {
+    SCOPED_TRACE(before);
+    ScriptedServer scripted;
+    scripted.server.setup();
+    const auto handler = scripted.handler();
+    handler->state_ = before;
+    handler->next = chosen;
+    scripted.server.handleTag(handler->opaqueId_, true);
+    EXPECT_EQ(handler->state_, after);
+    EXPECT_EQ(handler->proceeded.size(), proceeds);
+    EXPECT_EQ(handler->successor != nullptr, spawns);
+    EXPECT_EQ(spawns && scripted.known(handler->successor->opaqueId_), spawns);
+    EXPECT_EQ(scripted.known(handler->opaqueId_), stays);
+    EXPECT_EQ(handler.use_count(), stays ? 2 : 1);
+  }
+}
+
+TEST(Dispatch, TracesEveryStepOfACall) {
+  Kiv::traceSettingIs("Scripted-service/8,GrpcServer/8");
+  const Capture trace(Kiv::traceLogger());
+  ScriptedServer scripted;
+  scripted.server.setup();
+  const auto handler = scripted.handler();
+  const OpaqueId tag = handler->opaqueId_;
+  scripted.server.handleTag(tag, true);
+  scripted.server.handleTag(tag, true);
+  scripted.server.handleTag(tag, true);
+  EXPECT_THAT(trace.lines(),
+              testing::ElementsAre("Scripted-service/8: Created tag " + pointer(tag) + " svcId 0",
+                                   "Scripted-service/8: Created tag " +
+                                       pointer(handler->successor->opaqueId_) + " svcId 0",
+                                   "Scripted-service/8: process handler " + pointer(tag),
+                                   "Scripted-service/8: erase handler " + pointer(tag),
+                                   "GrpcServer/8: no handler for tag " + pointer(tag)));
+  Kiv::traceSettingIs("");
+}
+
+TEST(Dispatch, HandsTheOkFlagToHandlersWhileTheServerRuns) {
+  ScriptedServer scripted;
+  scripted.server.setup();
+  const auto handler = scripted.handler();
+  handler->state_ = handler->next = RequestHandler::IN_PROGRESS;
+  for (const bool ok : {false, true, false}) {
+    scripted.server.handleTag(handler->opaqueId_, ok);
+    EXPECT_EQ(scripted.service->completionOk(), ok);
+  }
+  EXPECT_EQ(handler->proceeded.size(), 3U);
+}
+
+TEST(Dispatch, AfterAStopForgetsFailedTagsAndIgnoresTheOthers) {
+  ScriptedServer scripted;
+  scripted.server.setup();
+  const auto failed = scripted.handler();
+  const auto succeeded = scripted.handler();
+  const OpaqueId empty = scripted.service->nextOpaqueId();
+  scripted.server.stop();
+  scripted.server.stop();
+  EXPECT_EQ(scripted.service->stopNotices, 1);
+  scripted.server.handleTag(failed->opaqueId_, false);
+  scripted.server.handleTag(succeeded->opaqueId_, true);
+  scripted.server.handleTag(empty, false);
+  EXPECT_FALSE(scripted.known(failed->opaqueId_));
+  EXPECT_TRUE(scripted.known(succeeded->opaqueId_));
+  EXPECT_TRUE(scripted.known(empty)) << "a tag without a handler stays";
+  EXPECT_TRUE(failed->proceeded.empty());
+  EXPECT_TRUE(succeeded->proceeded.empty());
+}
+
+TEST(Dispatch, SurvivesAnUnknownServiceAndAHandlersOutOfRange) {
+  const Capture trace(Kiv::traceLogger());
+  ScriptedServer scripted;
+  scripted.server.setup();
+  const OpaqueId foreign = scripted.server.tagManager().newTag(3);
+  scripted.server.handleTag(foreign, true);
+  EXPECT_TRUE(scripted.known(foreign));
+  const auto handler = scripted.handler();
+  handler->state_ = RequestHandler::IN_PROGRESS;
+  handler->failure = true;
+  EXPECT_NO_THROW(scripted.server.handleTag(handler->opaqueId_, true));
+  EXPECT_EQ(handler.use_count(), 2) << "the dispatch keeps no reference";
+  EXPECT_THAT(trace.lines(), testing::IsEmpty());
+}
+
+TEST(Dispatch, AnExtraTagReachesTheSameHandler) {
+  ScriptedServer scripted;
+  scripted.server.setup();
+  const auto handler = scripted.handler();
+  handler->state_ = handler->next = RequestHandler::IN_PROGRESS;
+  const OpaqueId extra = scripted.service->assignExtraTag(handler);
+  scripted.server.handleTag(extra, true);
+  scripted.server.handleTag(handler->opaqueId_, true);
+  EXPECT_THAT(handler->proceeded, testing::ElementsAre(extra, handler->opaqueId_));
+  handler->state_ = RequestHandler::FINISHED;
+  scripted.server.handleTag(extra, true);
+  EXPECT_FALSE(scripted.known(extra));
+  EXPECT_TRUE(scripted.known(handler->opaqueId_));
+  EXPECT_EQ(scripted.service->findHandler(handler->opaqueId_), handler.get());
+  EXPECT_EQ(scripted.service->findHandler(extra), nullptr);
+  EXPECT_EQ(scripted.service->findHandler(scripted.service->nextOpaqueId()), nullptr);
+}
+
+TEST(ServiceDeathTest, AsksOnlyForItsOwnTags) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  ScriptedServer scripted;
+  scripted.server.setup();
+  const OpaqueId foreign = scripted.server.tagManager().newTag(1);
+  EXPECT_DEATH(scripted.service->findHandler(foreign), "serviceId == serviceId_");
+}
+
+TEST(Service, NotifiesOfStoppingOnlyWhenItChanges) {
+  ScriptedService service("Route");
+  EXPECT_EQ(service.name(), "Route-service");
+  service.stoppingIs(false);
+  EXPECT_EQ(service.stopNotices, 0);
+  service.stoppingIs(true);
+  service.stoppingIs(true);
+  EXPECT_EQ(service.stopNotices, 1);
+  grpc::ServerBuilder builder;
+  service.selfRegister(4, builder);
+  EXPECT_EQ(service.serviceId(), 4U);
+  EXPECT_FALSE(service.stopping());
+  EXPECT_EQ(service.stopNotices, 1) << "registration clears the flag without a word";
+}
+
+TEST(Server, AnswersEveryKindOfCallAndForgetsItsTags) {
+  const auto probe = std::make_shared<ProbeService>();
+  RunningServer running({probe});
+  {
+    const auto stub = running.stub();
+    Text reply;
+    {
+      grpc::ClientContext context;
+      Text request;
+      request.set_text("fail");
+      EXPECT_EQ(stub->Echo(&context, request, &reply).error_code(), grpc::StatusCode::NOT_FOUND);
+    }
+    {
+      grpc::ClientContext context;
+      Count count;
+      const auto writer = stub->Collect(&context, &count);
+      for (int i = 0; i < 100; ++i)
+        ASSERT_TRUE(writer->Write(reply));
+      writer->WritesDone();
+      EXPECT_TRUE(writer->Finish().ok());
+      EXPECT_EQ(count.count(), 100U);
+    }
+    {
+      grpc::ClientContext context;
+      Count count;
+      count.set_count(100);
+      const auto reader = stub->Tick(&context, count);
+      for (int i = 0; i < 100; ++i) {
+        ASSERT_TRUE(reader->Read(&reply));
+        EXPECT_EQ(reply.text(), std::to_string(i));
+      }
+      EXPECT_FALSE(reader->Read(&reply));
+      EXPECT_TRUE(reader->Finish().ok());
+    }
+    {
+      grpc::ClientContext context;
+      const auto stream = stub->Chat(&context);
+      for (int i = 0; i < 100; ++i) {
+        Text request;
+        request.set_text(std::to_string(i));
+        ASSERT_TRUE(stream->Write(request));
+        ASSERT_TRUE(stream->Read(&reply));
+        EXPECT_EQ(reply.text(), request.text());
+      }
+      stream->WritesDone();
+      EXPECT_TRUE(stream->Finish().ok());
+    }
+  }
+  running.stop();
+  EXPECT_EQ(probe->made, 8) << "four that waited first, and one successor each";
+}
+
+// 64 calls at a time, on connections of their own: every one is answered with its own text, and
+// once the last answer is out, only the four pending calls are left.
+TEST(Server, LosesNoCallUnderLoad) {
+  constexpr int kThreads = 64;
+  constexpr int kCalls = 20;
+  const auto probe = std::make_shared<ProbeService>();
+  RunningServer running({probe});
+  std::atomic<int> answered = 0;
+  std::vector<std::thread> clients;
+  for (int id = 0; id < kThreads; ++id) {
+    clients.emplace_back([&, id] {
+      const auto stub = running.stub();
+      for (int i = 0; i < kCalls; ++i) {
+        grpc::ClientContext context;
+        Text request, reply;
+        request.set_text(std::to_string(id * kCalls + i));
+        if (stub->Echo(&context, request, &reply).ok() && reply.text() == request.text())
+          ++answered;
+      }
+    });
+  }
+  for (auto& client : clients)
+    client.join();
+  EXPECT_EQ(answered, kThreads * kCalls);
+  // The client has its answer a moment before the server's final completion is dispatched.
+  while (running.server().tagManager().size() != 4)
+    std::this_thread::yield();
+  running.stop();
+  EXPECT_EQ(probe->made, 4 + kThreads * kCalls);
+}
+
+// A client that is not gRPC's own, with 64 calls at once over 4 connections.
+TEST(Server, AnswersTenThousandCallsOfH2load) {
+  if (std::system("command -v h2load >/dev/null")) GTEST_SKIP() << "h2load is not installed";
+  const auto probe = std::make_shared<ProbeService>();
+  RunningServer running({probe});
+  const std::string body = testing::TempDir() + "echo-" + std::to_string(getpid());
+  std::ofstream(body, std::ios::binary) << std::string("\0\0\0\0\4\12\2hi", 9);  // Text{"hi"}
+  const std::string command = "h2load -n 10000 -c 4 -m 16 -d " + body +
+                              " -H 'te: trailers' -H 'content-type: application/grpc' http://" +
+                              running.address() + "/test.Probe/Echo";
+  const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), &pclose);
+  std::string output;
+  for (int c = std::fgetc(pipe.get()); c != EOF; c = std::fgetc(pipe.get())) {
+    output += static_cast<char>(c);
+  }
+  std::remove(body.c_str());
+  EXPECT_THAT(output, testing::HasSubstr("10000 succeeded, 0 failed, 0 errored, 0 timeout"));
+  while (running.server().tagManager().size() != 4)
+    std::this_thread::yield();
+  running.stop();
+  EXPECT_EQ(probe->made, 4 + 10000);
+}
+
+TEST(Server, StopsWithCallsInEveryStateAndDestroysTheirHandlers) {
+  const auto probe = std::make_shared<ProbeService>();
+  {
+    RunningServer running({probe});
+    const auto stub = running.stub();
+    Text reply;
+    grpc::ClientContext ticking, collecting, chatting;
+    const auto ticks = stub->Tick(&ticking, Count());
+    ASSERT_TRUE(ticks->Read(&reply));
+    Count count;
+    const auto collect = stub->Collect(&collecting, &count);
+    ASSERT_TRUE(collect->Write(reply));
+    const auto chat = stub->Chat(&chatting);
+    ASSERT_TRUE(chat->Write(reply));
+    ASSERT_TRUE(chat->Read(&reply));
+
+    running.stop();
+    EXPECT_FALSE(ticks->Read(&reply));
+    EXPECT_FALSE(ticks->Finish().ok());
+    EXPECT_FALSE(collect->Finish().ok());
+    EXPECT_FALSE(chat->Finish().ok());
+    EXPECT_EQ(probe->stopNotices, 1);
+  }
+  EXPECT_EQ(probe->alive, 0);
+}
+
+TEST(Server, AClientThatGoesAwayLeavesNothingBehind) {
+  const auto probe = std::make_shared<ProbeService>();
+  RunningServer running({probe});
+  for (int i = 0; i < 20; ++i) {
+    const auto stub = running.stub();
+    grpc::ClientContext collecting, chatting;
+    Count count;
+    Text text;
+    const auto collect = stub->Collect(&collecting, &count);
+    collect->Write(text);
+    const auto chat = stub->Chat(&chatting);
+    chat->Write(text);
+    chat->Read(&text);
+    collecting.TryCancel();
+    chatting.TryCancel();
+    collect->Finish();
+    chat->Finish();
+  }
+  while (running.server().tagManager().size() != 4)
+    std::this_thread::yield();
+  running.stop();
+}
+
+TEST(Server, AStopBeforeTheRunIsKept) {
+  const Capture trace(Kiv::traceLogger());
+  const auto probe = std::make_shared<ProbeService>();
+  grpc::ServerBuilder builder;
+  VornSdkRpc::ServerProperties properties;
+  {
+    GrpcServer server(builder, {probe}, properties, true);
+    server.stop();
+    server.run();
+    EXPECT_THAT(trace.lines(), testing::ElementsAre("GrpcServer/0: Accounting thread finished",
+                                                    "GrpcServer/0: Server is being shut down."));
+  }
+  EXPECT_EQ(probe->made, 4);
+  EXPECT_EQ(probe->alive, 0);
+}
+
+TEST(Server, WhatAHandlerThrowsLeavesTheRunAndTheServerCanStillBeDestroyed) {
+  struct Thrower : ProbeService {
+    void stoppingChanged() override { throw std::runtime_error("cannot stop"); }
+  };
+  const Capture trace(Kiv::traceLogger());
+  const auto service = std::make_shared<Thrower>();
+  grpc::ServerBuilder builder;
+  VornSdkRpc::ServerProperties properties;
+  auto server = std::make_unique<GrpcServer>(
+      builder, std::vector<std::shared_ptr<GrpcService>>{service}, properties);
+  server->setup();
+  EXPECT_EQ(service->alive, 4);
+  server.reset();
+  EXPECT_EQ(service->alive, 0);
+  EXPECT_EQ(trace.count("failed to stop"), 1U);
+}
+
+TEST(Server, SetsUpOnlyOnce) {
+  ScriptedServer scripted;
+  scripted.server.setup();
+  EXPECT_THROW(scripted.server.setup(), VornSdkRpc::ServerFailedError);
+  EXPECT_EQ(scripted.service->startedCalls, 1);
+  EXPECT_NE(scripted.server.server(), nullptr) << "the running server is untouched";
+}
+
+TEST(Server, ATakenPortIsAnErrorAndStartsNoService) {
+  RunningServer first({std::make_shared<ProbeService>()});
+  ScriptedServer second;
+  second.builder.AddListeningPort(first.address(), grpc::InsecureServerCredentials());
+  second.builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);
+  try {
+    second.server.run();
+    FAIL() << "the server runs on a taken port";
+  } catch (const std::exception& error) {
+    EXPECT_NE(dynamic_cast<const VornSdkRpc::ServerFailedError*>(&error), nullptr);
+    EXPECT_STREQ(error.what(), "");
+  }
+  EXPECT_EQ(second.service->startedCalls, 0);
+  EXPECT_THROW(second.server.setup(), VornSdkRpc::ServerFailedError);
+}
+
+TEST(Server, RefusesANullService) {
+  grpc::ServerBuilder builder;
+  VornSdkRpc::ServerProperties properties;
+  EXPECT_THROW(GrpcServer(builder, {nullptr}, properties), std::invalid_argument);
+}
+
+}  // namespace
+}  // namespace test
