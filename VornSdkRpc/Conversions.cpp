@@ -38,9 +38,13 @@ vorn::ip_addr_t ipAddressToIpAddr(pb::ip_address_msg const& message) {
   return addressOf(message.addr());
 }
 
-// The types are spelled in full because the assertion's diagnostic shows them as they are spelled.
-void ipAddrToIpAddress(vorn::ip_addr_t const& addr, VornSdkRpc::pb::ip_address_msg* message) {
-  if (addr.af() == vorn::af_t::none) assert(false);
+void ipAddrToIpAddress(vorn::ip_addr_t const& addr, pb::ip_address_msg* message) {
+  // As assert(false) would, but compilers differ in how they spell this function's name.
+  if (addr.af() == vorn::af_t::none) {
+    __assert_fail("false", __FILE__, __LINE__,
+                  "void VornSdkRpc::ipAddrToIpAddress(const vorn::ip_addr_t&, "
+                  "VornSdkRpc::pb::ip_address_msg*)");
+  }
   message->set_addr(addr.addr(), addr.size());
 }
 
