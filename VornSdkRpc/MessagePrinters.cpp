@@ -380,15 +380,16 @@ class Disarmed {
 
   ~Disarmed() {
     try {
-      stream_.setf(unitbuf_);
       if (unitbuf_ != 0 && stream_.good()) stream_.flush();
     } catch (...) {  // from a tied stream
       stream_.setstate(std::ios_base::badbit);
     }
+    stream_.setf(unitbuf_);
     try {
       stream_.exceptions(exceptions_);
-    } catch (std::ios_base::failure const&) {
-      // The stream has failed and says so; the mask is in place by now.
+    } catch (...) {
+      // The stream has failed and says so, with std::ios_base::failure or, where there is no memory
+      // for one, std::bad_alloc. The mask is in place by now.
     }
   }
 
