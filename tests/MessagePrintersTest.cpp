@@ -25,14 +25,15 @@ thread_local long allocationsLeft = -1;
 
 }  // namespace
 
-void* operator new(std::size_t size) {
+// Not inlined, or GCC takes a visible free() for one that does not match its operator new.
+[[gnu::noinline]] void* operator new(std::size_t size) {
   if (allocationsLeft == 0) throw std::bad_alloc();
   if (allocationsLeft > 0) --allocationsLeft;
   if (void* memory = std::malloc(size)) return memory;
   throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
 
 namespace VornSdkRpc::pb {
 
