@@ -83,10 +83,12 @@ class Layout {
   }
 
  private:
-  void row(std::string_view label) { sink_.text(label); }
+  // Inlined by force, like what they call: where a label's length is known, writing it is a few
+  // moves.
+  [[gnu::always_inline]] void row(std::string_view label) { sink_.text(label); }
 
   template <typename Value>
-  void row(std::string_view label, Value const& value) {
+  [[gnu::always_inline]] void row(std::string_view label, Value const& value) {
     row(label);
     put(value);
   }
@@ -299,7 +301,7 @@ class TextSink {
  public:
   explicit TextSink(Target& target) : target_(target) {}
 
-  void text(std::string_view text) {
+  [[gnu::always_inline]] void text(std::string_view text) {
     if (text.size() > sizeof buffer_) {
       flush();
       hand(target_, text, 0);
@@ -323,7 +325,7 @@ class TextSink {
     end(to_chars(room(Value::text_size), value));
   }
 
-  void flush() {
+  [[gnu::noinline]] void flush() {
     if (used_ > 0) hand(target_, {buffer_, used_}, lastPiece_);
     used_ = lastPiece_ = 0;
   }
@@ -334,7 +336,7 @@ class TextSink {
 
  private:
   // Where a piece of up to `size` bytes goes.
-  char* room(std::size_t size) {
+  [[gnu::always_inline]] char* room(std::size_t size) {
     if (size > sizeof buffer_ - used_) flush();
     lastPiece_ = used_;
     return buffer_ + used_;
