@@ -44,7 +44,7 @@ class Layout {
   void put(std::uint32_t value) { sink_.number(value); }
   void put(int value) { sink_.number(value); }
   void put(bool value) { sink_.truth(value); }
-  void put(std::string const& value) { sink_.text(value); }
+  void put(std::string_view value) { sink_.text(value); }
 
   template <typename Element>
   void put(google::protobuf::RepeatedField<Element> const& elements) {
@@ -75,7 +75,7 @@ class Layout {
   void put(rpc_server_state_value_msg const& m) { put(m.value()); }
 
   // Composite messages.
-  template <typename Message>
+  template <std::derived_from<google::protobuf::Message> Message>
   void put(Message const& message) {
     const typename Sink::Level level(sink_);
     sink_.text(typeName<Message>());

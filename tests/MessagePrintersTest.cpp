@@ -61,6 +61,7 @@ template <typename Message>
 void expectText(std::string const& fields, std::string const& text) {
   SCOPED_TRACE(fields);
   const auto message = parsed<Message>(fields);
+  static_assert(noexcept(toString(message)) && noexcept(std::declval<std::ostream&>() << message));
   EXPECT_EQ(toString(message), text);
   EXPECT_EQ(written(message, std::locale::classic()), text);
   EXPECT_EQ(written(message, likeClassic()), text);

@@ -29,8 +29,8 @@ struct Names {
 
 // Never destroyed, so that static destructors can still ask.
 Names& names() {
-  static auto* names = new Names;
-  return *names;
+  static auto* made = new Names;
+  return *made;
 }
 
 }  // namespace
