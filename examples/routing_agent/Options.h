@@ -4,13 +4,20 @@
 #include <string>
 #include <vector>
 
+#include "examples/routing_agent/Identity.h"
+
 namespace routing_agent {
 
 // What the command line says.
 struct Options {
   std::vector<std::string> listen;  // addresses, as gRPC writes them
   std::string netns;                // network namespace to listen in; empty: the agent's own
-  std::string trace;                // trace setting
+  IdentityOptions identity;
+  bool accounting = true;
+  bool programKernel = false;
+  std::string
+      log;  // file of the platform log, "-" for standard error; empty: the platform's default
+  std::string trace;  // trace setting
   bool help = false;
 };
 
