@@ -27,11 +27,13 @@ void Backlog::Drain::handleBacklog() {
       backlog_.tracer_.trace0("a change could not be programmed: %s", error.what());
     }
   }
+  std::this_thread::sleep_for(backlog_.stepTime_);
   if (backlog_.done(changes.size())) wake();
 }
 
-Backlog::Backlog()
-    : scheduler_(new Tarsk::TaskScheduler("RoutingScheduler")),
+Backlog::Backlog(std::chrono::milliseconds stepTime)
+    : stepTime_(stepTime),
+      scheduler_(new Tarsk::TaskScheduler("RoutingScheduler")),
       drain_(*this, scheduler_),
       thread_([this] { scheduler_->run(); }) {}
 

@@ -3,6 +3,7 @@
 #include <VornSdkRpc/StreamingToolkit.h>
 #include <vorn/tracer.h>
 
+#include <chrono>
 #include <cstddef>
 #include <deque>
 #include <functional>
@@ -20,7 +21,8 @@ class Backlog {
   // Programs one thing. What it throws is traced, and the next change goes on.
   using Change = std::function<void()>;
 
-  Backlog();
+  // `stepTime` is slept after every step: what a step costs the hardware, where there is some.
+  explicit Backlog(std::chrono::milliseconds stepTime);
 
   // Drops what is still waiting.
   ~Backlog();
@@ -50,6 +52,7 @@ class Backlog {
   bool done(std::size_t changes);
 
   vorn::tracer tracer_{"Backlog"};
+  const std::chrono::milliseconds stepTime_;
   mutable std::mutex mutex_;
   std::deque<Change> changes_;
   std::size_t waiting_ = 0;

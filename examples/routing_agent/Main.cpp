@@ -153,7 +153,7 @@ void serve(const Options& options) {
   Tables tables;
   const auto kernel = options.programKernel ? std::make_unique<KernelSync>(options.netns) : nullptr;
   SbfdMonitor monitor;
-  Backlog backlog;
+  Backlog backlog(options.stepTime);
   VornSdkRpc::ServerProperties properties{options.netns};
   VornSdkRpc::GrpcServer server(
       builder,

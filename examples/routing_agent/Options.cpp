@@ -2,6 +2,7 @@
 
 #include <VornSdkRpc/Argv.h>
 
+#include <charconv>
 #include <string_view>
 
 namespace routing_agent {
@@ -15,6 +16,8 @@ usage: routing_agent [OPTION...]
   --netns NAME         listen in this network namespace, as `ip netns` knows it
   --program-kernel     program IP routes into the kernel of that namespace as well,
                        and remove them at a clean stop
+  --step-ms NUMBER     programming a step of 64 changes takes this long, as on slow
+                       hardware (default: 0)
   --tls-cert FILE      the agent's certificate, its private key, and the authorities
   --tls-key FILE       whose client certificates are accepted, all PEM: TCP callers
   --client-ca FILE     then need TLS with a client certificate
@@ -44,6 +47,18 @@ std::string value(std::vector<char*>& arguments, std::string_view option) {
   return std::string(found);
 }
 
+// The same for a number; `missing` when it isn't given.
+int number(std::vector<char*>& arguments, std::string_view option, int missing, int max) {
+  const std::string text = value(arguments, option);
+  if (text.empty()) return missing;
+  int result = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), result);
+  if (error != std::errc() || end != text.data() + text.size() || result < 0 || result > max) {
+    throw UsageError(std::string(option) + " takes a number from 0 to " + std::to_string(max));
+  }
+  return result;
+}
+
 }  // namespace
 
 Options parseOptions(int argc, char** argv) {
@@ -58,6 +73,7 @@ Options parseOptions(int argc, char** argv) {
   if (options.listen.empty()) options.listen = {"127.0.0.1:50051"};
   options.netns = value(arguments, "--netns");
   options.programKernel = isOptionPresent(arguments, "--program-kernel");
+  options.stepTime = std::chrono::milliseconds(number(arguments, "--step-ms", 0, 1000));
   options.identity.tlsCert = value(arguments, "--tls-cert");
   options.identity.tlsKey = value(arguments, "--tls-key");
   options.identity.clientCa = value(arguments, "--client-ca");

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -15,6 +16,7 @@ struct Options {
   IdentityOptions identity;
   bool accounting = true;
   bool programKernel = false;
+  std::chrono::milliseconds stepTime{0};  // what programming a step takes
   std::string
       log;  // file of the platform log, "-" for standard error; empty: the platform's default
   std::string trace;  // trace setting
