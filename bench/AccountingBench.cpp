@@ -27,14 +27,14 @@
 #include <thread>
 #include <vector>
 
-#include "tests/ProbeAgent.h"
+#include "tests/ProbeService.h"
 
 namespace {
 
 using VornSdkRpc::LogMessageData;
 
 const LogMessageData kRecord{"alice", "5f3a9c0177aa01d2-17", "ipv4:127.0.0.1:40022",
-                             "/accounting_test.Probe/Unary", 0};
+                             "/test.Probe/Echo", 0};
 constexpr char kFormat[] = "user: {}, session: {}, peer: {}, rpc: {}, status: {}";
 
 Kiv::LogDescriptor descriptor = {"BENCH", "user: %s, session: %s, peer: %s, rpc: %s, status: %s",
@@ -178,13 +178,13 @@ class ServerProcess {
   // Answers every byte with the processor time, until there is no one to ask.
   static void serve(bool accounting, int socket) {
     platformLogIsNull();
-    test::ProbeAgent agent(accounting);
-    std::int64_t answer = agent.port();
+    test::RunningServer server({std::make_shared<test::ProbeService>()}, accounting);
+    const auto address = server.address();
+    std::int64_t answer = std::stoi(address.substr(address.find(':') + 1));
     for (char question = 0; ::write(socket, &answer, sizeof answer) == sizeof answer &&
                             ::read(socket, &question, 1) == 1;) {
       answer = ownCpuTime();
     }
-    agent.stop();
   }
 
   static std::int64_t ownCpuTime() {
@@ -230,17 +230,17 @@ class Client {
  private:
   struct InFlight {
     grpc::ClientContext context;
-    test::Reply reply;
+    test::Text reply;
     grpc::Status status;
-    std::unique_ptr<grpc::ClientAsyncResponseReader<test::Reply>> reader;
+    std::unique_ptr<grpc::ClientAsyncResponseReader<test::Text>> reader;
   };
 
   void start(InFlight& call) {
-    call.reader = stub_.AsyncUnary(&call.context, test::Call(), &queue_);
+    call.reader = stub_.AsyncEcho(&call.context, test::Text(), &queue_);
     call.reader->Finish(&call.reply, &call.status, &call);
   }
 
-  test::Stub stub_;
+  test::Probe::Stub stub_;
   grpc::CompletionQueue queue_;
 };
 

@@ -1,6 +1,7 @@
 #include <Kiv/Log.h>
 #include <Kiv/Trace.h>
 #include <gmock/gmock.h>
+#include <grpcpp/generic/generic_stub.h>
 #include <gtest/gtest.h>
 
 #include <future>
@@ -12,7 +13,7 @@
 
 #include "Capture.h"
 #include "FailingNew.h"
-#include "ProbeServer.h"
+#include "ProbeService.h"
 
 using testing::ElementsAre;
 using testing::ElementsAreArray;
@@ -22,10 +23,10 @@ using namespace std::string_literals;
 
 namespace {
 
-using test::callFor;
-using test::callUnary;
-using test::ProbeServer;
-using test::Stub;
+using test::callEcho;
+using test::EchoServer;
+
+constexpr char kEcho[] = "/test.Probe/Echo";
 
 std::string lineOf(std::string const& user, std::string const& session, std::string const& rpc,
                    int status) {
@@ -42,80 +43,90 @@ std::vector<std::string> linesOf(test::Capture const& log) {
   return lines;
 }
 
-void makeStreamingCalls(Stub& stub) {
-  test::Reply reply;
+void makeStreamingCalls(test::Probe::Stub& stub) {
+  test::Text text;
+  test::Count count;
   {
     grpc::ClientContext context;
-    const auto writer = stub.Up(&context, &reply);
-    writer->Write(callFor(0));
-    writer->Write(callFor(3));
+    const auto writer = stub.Collect(&context, &count);
+    for (int i = 0; i < 3; ++i)
+      writer->Write(text);
     writer->WritesDone();
-    EXPECT_EQ(writer->Finish().error_code(), 3);
+    EXPECT_TRUE(writer->Finish().ok());
   }
   {
     grpc::ClientContext context;
-    const auto reader = stub.Down(&context, callFor(0));
-    while (reader->Read(&reply)) {
+    const auto reader = stub.Tick(&context, count);
+    while (reader->Read(&text)) {
     }
     EXPECT_TRUE(reader->Finish().ok());
   }
   grpc::ClientContext context;
-  const auto stream = stub.Both(&context);
+  const auto stream = stub.Chat(&context);
   for (int i = 0; i < 3; ++i) {
-    stream->Write(callFor(7));
-    stream->Read(&reply);
+    stream->Write(text);
+    stream->Read(&text);
   }
   stream->WritesDone();
-  EXPECT_EQ(stream->Finish().error_code(), 7);
+  EXPECT_TRUE(stream->Finish().ok());
 }
 
-// A call that has reached the server and is then cancelled; the server answers ABORTED to nobody.
-void makeCancelledCall(Stub& stub) {
+// A chat that the client gives up, by itself or at its deadline; the server then answers OK to
+// nobody. On a busy machine it may be over before it gets to the server.
+grpc::StatusCode abandonChat(test::Probe::Stub& stub, bool late) {
   grpc::ClientContext context;
-  test::Reply reply;
-  const auto stream = stub.Both(&context);
-  stream->Write(callFor(10));
-  EXPECT_TRUE(stream->Read(&reply));
-  context.TryCancel();
-  EXPECT_EQ(stream->Finish().error_code(), grpc::CANCELLED);
+  if (late) context.set_deadline(std::chrono::system_clock::now() + std::chrono::milliseconds(100));
+  const auto stream = stub.Chat(&context);
+  test::Text text;
+  stream->Write(text);
+  stream->Read(&text);
+  if (!late) context.TryCancel();
+  return stream->Finish().error_code();
 }
 
-// A call that is given up at its deadline. On a busy machine it may not get to the server in time.
-void makeLateCall(Stub& stub) {
-  auto call = callFor(10);
-  call.set_until_cancelled(true);
-  auto context = std::make_unique<grpc::ClientContext>();
-  context->set_deadline(std::chrono::system_clock::now() + std::chrono::milliseconds(100));
-  EXPECT_EQ(callUnary(stub, call, std::move(context)).error_code(), grpc::DEADLINE_EXCEEDED);
+// A call of a method that nobody implements.
+grpc::StatusCode callUnknownMethod(std::string const& address) {
+  const auto channel = grpc::CreateChannel(address, grpc::InsecureChannelCredentials());
+  grpc::TemplatedGenericStub<test::Text, test::Text> stub(channel);
+  grpc::ClientContext context;
+  test::Text request;
+  test::Text reply;
+  std::promise<grpc::StatusCode> answer;
+  stub.UnaryCall(&context, "/no.such.Service/Method", grpc::StubOptions(), &request, &reply,
+                 [&](grpc::Status const& status) { answer.set_value(status.error_code()); });
+  return answer.get_future().get();
 }
 
 TEST(Accounting, EveryKindOfCallIsOneRecordHoweverItEnds) {
   const test::Capture log(Kiv::platformLogger());
-  ProbeServer server;
-  const auto channel = server.channel();
-  Stub stub(channel);
-  EXPECT_TRUE(callUnary(stub).ok());
-  EXPECT_EQ(callUnary(stub, callFor(5)).error_code(), 5);
-  makeStreamingCalls(stub);
-  makeCancelledCall(stub);
-  while (server.service().waiting() == 0)
-    makeLateCall(stub);
-  EXPECT_EQ(test::callUnknownMethod(channel).error_code(), grpc::UNIMPLEMENTED);
-  server.stop();
+  const auto service = std::make_shared<test::ProbeService>();
+  auto server = std::make_unique<test::RunningServer>(
+      std::vector<std::shared_ptr<VornSdkRpc::GrpcService>>{service}, true);
+  const auto stub = server->stub();
+  EXPECT_EQ(callEcho(*stub, "fail"), grpc::NOT_FOUND);
+  makeStreamingCalls(*stub);
+  EXPECT_EQ(abandonChat(*stub, false), grpc::CANCELLED);
+  const int before = service->made;
+  while (service->made == before)
+    EXPECT_EQ(abandonChat(*stub, true), grpc::DEADLINE_EXCEEDED);
+  // Behind the chats on the same connection: when it has been answered, they have all arrived.
+  EXPECT_EQ(callEcho(*stub, "text"), grpc::OK);
+  const int late = service->made - before - 1;
+  while (service->alive > 4)  // the handlers that wait for a call
+    std::this_thread::yield();
+  EXPECT_EQ(callUnknownMethod(server->address()), grpc::UNIMPLEMENTED);
+  server.reset();
   const auto line = [](std::string const& rpc, int status) {
     return lineOf("unknown", "unknown", rpc, status);
   };
-  std::vector<std::string> expected = {
-      line("/accounting_test.Probe/Unary", 0),
-      line("/accounting_test.Probe/Unary", 5),
-      line("/accounting_test.Probe/Up", 3),
-      line("/accounting_test.Probe/Down", 0),
-      line("/accounting_test.Probe/Both", 7),
-      line("/accounting_test.Probe/Both", 10),
-      line("unknown", 12),  // what gRPC names it in a server that has no asynchronous service
-  };
-  const auto late = static_cast<std::size_t>(server.service().waiting());
-  expected.insert(expected.end(), late, line("/accounting_test.Probe/Unary", 10));
+  std::vector<std::string> expected = {line(kEcho, 0),
+                                       line(kEcho, 5),
+                                       line("/test.Probe/Collect", 0),
+                                       line("/test.Probe/Tick", 0),
+                                       line("/test.Probe/Chat", 0),
+                                       line("/test.Probe/Chat", 0),
+                                       line("/no.such.Service/Method", 12)};
+  expected.insert(expected.end(), static_cast<std::size_t>(late), line("/test.Probe/Chat", 0));
   EXPECT_THAT(linesOf(log), UnorderedElementsAreArray(expected));
 }
 
@@ -156,12 +167,10 @@ TEST(Accounting, TheCallerIsTheFirstValueOfEachProperty) {
     const test::Capture log(Kiv::platformLogger());
     const auto credentials = grpc::experimental::LocalServerCredentials(LOCAL_TCP);
     credentials->SetAuthMetadataProcessor(std::make_shared<Identified>(c.properties));
-    ProbeServer server(credentials);
-    Stub stub(server.channel(grpc::experimental::LocalCredentials(LOCAL_TCP)));
-    EXPECT_TRUE(callUnary(stub).ok());
+    EchoServer server(credentials);
+    callEcho(*server.stub(grpc::experimental::LocalCredentials(LOCAL_TCP)), "0");
     server.stop();
-    EXPECT_THAT(linesOf(log),
-                ElementsAre(lineOf(c.user, c.session, "/accounting_test.Probe/Unary", 0)));
+    EXPECT_THAT(linesOf(log), ElementsAre(lineOf(c.user, c.session, kEcho, 0)));
   }
 }
 
@@ -188,13 +197,13 @@ TEST(Accounting, ABlockedLogHoldsUpNoCallAndLosesNothingAtTheEnd) {
     blocked.count_down();
     open.wait();
   });
-  ProbeServer server;
-  Stub stub(server.channel());
+  EchoServer server;
+  const auto stub = server.stub();
   std::vector<std::string> expected;
   for (int status = 0; status <= 16; ++status) {
-    EXPECT_EQ(callUnary(stub, callFor(status)).error_code(), status);
+    EXPECT_EQ(callEcho(*stub, std::to_string(status)), status);
     if (status == 0) blocked.wait();
-    expected.push_back(lineOf("unknown", "unknown", "/accounting_test.Probe/Unary", status));
+    expected.push_back(lineOf("unknown", "unknown", kEcho, status));
   }
   const auto stopped = std::async(std::launch::async, [&] { server.stop(); });
   open.count_down();
@@ -208,10 +217,10 @@ TEST(Accounting, ABlockedLogHoldsUpNoCallAndLosesNothingAtTheEnd) {
 TEST(Accounting, ASinkThatThrowsIsToldOnceAndTheNextRecordIsWritten) {
   const test::Capture trace(Kiv::traceLogger());
   const test::Capture log(Kiv::platformLogger(), [] { throw std::runtime_error("disk full"); });
-  ProbeServer server;
-  Stub stub(server.channel());
+  EchoServer server;
+  const auto stub = server.stub();
   for (int i = 0; i < 3; ++i)
-    EXPECT_TRUE(callUnary(stub).ok());
+    EXPECT_EQ(callEcho(*stub, "0"), 0);
   server.stop();
   EXPECT_EQ(log.lines().size(), 3U);
   EXPECT_EQ(trace.count("disk full"), 1U);
@@ -223,12 +232,12 @@ TEST(Accounting, ARecordOutlastsAMomentWithoutMemory) {
     left.push_back(test::allocationsLeft);
     if (left.size() == 1) test::allocationsLeft = 0;
   });
-  ProbeServer server;
-  Stub stub(server.channel());
+  EchoServer server;
+  const auto stub = server.stub();
   std::vector<std::string> expected;
   for (int status = 0; status < 3; ++status) {
-    callUnary(stub, callFor(status));
-    expected.push_back(lineOf("unknown", "unknown", "/accounting_test.Probe/Unary", status));
+    EXPECT_EQ(callEcho(*stub, std::to_string(status)), status);
+    expected.push_back(lineOf("unknown", "unknown", kEcho, status));
   }
   server.stop();
   EXPECT_THAT(linesOf(log), ElementsAreArray(expected));

@@ -11,15 +11,13 @@
 #include <sstream>
 #include <tuple>
 
+#include "Accounted.h"
 #include "Capture.h"
-#include "ProbeServer.h"
 #include "examples/routing_agent/Identity.h"
 
 using routing_agent::IdentityOptions;
 using routing_agent::serverCredentials;
-using test::callFor;
-using test::ProbeServer;
-using test::Stub;
+using test::EchoServer;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
@@ -84,11 +82,12 @@ class Certificates {
 };
 
 // The code of a call whose metadata claims to come from `usernames`, and which asks for `status`.
-int callAs(Stub& stub, std::vector<std::string> const& usernames = {}, int status = 0) {
-  auto context = std::make_unique<grpc::ClientContext>();
+int callAs(test::Probe::Stub& stub, std::vector<std::string> const& usernames = {},
+           int status = 0) {
+  std::multimap<std::string, std::string> metadata;
   for (auto const& name : usernames)
-    context->AddMetadata("username", name);
-  return test::callUnary(stub, callFor(status), std::move(context)).error_code();
+    metadata.emplace("username", name);
+  return test::callEcho(stub, std::to_string(status), metadata);
 }
 
 struct Record {
@@ -124,12 +123,12 @@ TEST(Identity, EveryRecordOfAUserIsHisAndOfHisConnection) {
   const Certificates certificates;
   certificates.issue("alice", "/CN=alice");
   certificates.issue("bob", "/CN=bob");
-  ProbeServer server(serverCredentials("127.0.0.1:0", certificates.options()));
+  EchoServer server(serverCredentials("127.0.0.1:0", certificates.options()));
   const auto client = [&](std::string const& name, int status) {
     return std::jthread([&, name, status] {
-      Stub stub(server.channel(certificates.client(name)));
+      const auto stub = server.stub(certificates.client(name));
       for (int i = 0; i < kCalls; ++i)
-        EXPECT_EQ(callAs(stub, {}, status), status);
+        EXPECT_EQ(callAs(*stub, {}, status), status);
     });
   };
   {
@@ -149,7 +148,7 @@ TEST(Identity, EveryRecordOfAUserIsHisAndOfHisConnection) {
   EXPECT_EQ(sessions.size(), 3U);
   EXPECT_EQ(peers.size(), 3U);
   EXPECT_EQ(connections.size(), 3U);
-  EXPECT_EQ(server.service().sessionsPerConnection(), 1U);
+  EXPECT_EQ(server.sessionsPerConnection(), 1U);
 }
 
 TEST(Identity, ACertificateDecidesWhoCallsAndAClaimMustAgree) {
@@ -160,7 +159,7 @@ TEST(Identity, ACertificateDecidesWhoCallsAndAClaimMustAgree) {
   certificates.issue("nobody", "/O=nobody");
   certificates.issue("forger", "/CN=eve\nVORNSDKRPC_ACCOUNTING_RPC: user: root");
   certificates.make("stranger", "/CN=alice", "");
-  ProbeServer server(serverCredentials("127.0.0.1:0", certificates.options()));
+  EchoServer server(serverCredentials("127.0.0.1:0", certificates.options()));
   struct {
     std::string certificate;
     std::vector<std::string> usernames;
@@ -178,8 +177,8 @@ TEST(Identity, ACertificateDecidesWhoCallsAndAClaimMustAgree) {
       {"", {"alice"}, grpc::UNAVAILABLE},
   };
   for (auto const& c : cases) {
-    Stub stub(server.channel(certificates.client(c.certificate)));
-    EXPECT_EQ(callAs(stub, c.usernames), c.code) << c.certificate;
+    const auto stub = server.stub(certificates.client(c.certificate));
+    EXPECT_EQ(callAs(*stub, c.usernames), c.code) << c.certificate;
   }
   server.stop();
   EXPECT_THAT(usersOf(log), ElementsAre("alice", "alice", "carol@example.com",
@@ -196,26 +195,26 @@ TEST(Identity, LocalCallersAreWhoTheirConnectionsFirstCallClaims) {
   } const cases[] = {{"127.0.0.1:0", LOCAL_TCP}, {"unix:" + certificates.path("socket"), UDS}};
   for (auto const& c : cases) {
     const test::Capture log(Kiv::platformLogger());
-    ProbeServer server(serverCredentials(c.address, options), c.address);
-    Stub alice(server.channel(grpc::experimental::LocalCredentials(c.type)));
-    EXPECT_EQ(callAs(alice, {"alice"}), grpc::OK);
-    EXPECT_EQ(callAs(alice, {"bob"}), grpc::UNAUTHENTICATED);
-    EXPECT_EQ(callAs(alice), grpc::OK);
-    Stub somebody(server.channel(grpc::experimental::LocalCredentials(c.type)));
-    EXPECT_EQ(callAs(somebody), grpc::OK);
-    EXPECT_EQ(callAs(somebody, {"alice"}), grpc::UNAUTHENTICATED);
-    EXPECT_EQ(callAs(somebody), grpc::OK);
+    EchoServer server(serverCredentials(c.address, options), c.address);
+    const auto alice = server.stub(grpc::experimental::LocalCredentials(c.type));
+    EXPECT_EQ(callAs(*alice, {"alice"}), grpc::OK);
+    EXPECT_EQ(callAs(*alice, {"bob"}), grpc::UNAUTHENTICATED);
+    EXPECT_EQ(callAs(*alice), grpc::OK);
+    const auto somebody = server.stub(grpc::experimental::LocalCredentials(c.type));
+    EXPECT_EQ(callAs(*somebody), grpc::OK);
+    EXPECT_EQ(callAs(*somebody, {"alice"}), grpc::UNAUTHENTICATED);
+    EXPECT_EQ(callAs(*somebody), grpc::OK);
     server.stop();
     EXPECT_THAT(usersOf(log), ElementsAre("local:alice", "local:alice", "local", "local"));
-    EXPECT_EQ(server.service().sessionsPerConnection(), 1U);
+    EXPECT_EQ(server.sessionsPerConnection(), 1U);
   }
 }
 
 TEST(Identity, AConnectionWithoutCredentialsIsUnknown) {
   const test::Capture log(Kiv::platformLogger());
-  ProbeServer server(serverCredentials("127.0.0.1:0", IdentityOptions()));
-  Stub stub(server.channel());
-  EXPECT_EQ(callAs(stub, {"alice"}), grpc::OK);
+  EchoServer server(serverCredentials("127.0.0.1:0", IdentityOptions()));
+  const auto stub = server.stub();
+  EXPECT_EQ(callAs(*stub, {"alice"}), grpc::OK);
   server.stop();
   EXPECT_THAT(usersOf(log), ElementsAre("unknown"));
 }
