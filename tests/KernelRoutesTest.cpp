@@ -247,6 +247,14 @@ TEST_F(KernelRoutesTest, LeavesOtherOwnersRoutesAlone) {
       EXPECT_THAT(shown(destination), HasSubstr(network + "2 dev d0 proto 201 metric 300"));
       routes.remove(prefix(destination));
       EXPECT_EQ(all(), theirs);
+
+      // One that takes the very place of ours, which is gone, is not ours to remove.
+      routes.set(prefix(destination), {hop(network + "2")}, 300);
+      ASSERT_EQ(ip("route delete " + destination + " metric 300"), "");
+      const std::string heir = destination + " metric 300 via " + network + "7";
+      ASSERT_EQ(ip("route add " + heir), "");
+      routes.remove(prefix(destination));
+      ASSERT_EQ(ip("route delete " + heir), "");
     }
     for (const auto& [destination, network] : families)
       routes.set(prefix(destination), {hop(network + "2")}, 300);

@@ -233,9 +233,9 @@ int KernelRoutes::keepRefusal(sockaddr_nl*, nlmsgerr* message, void* self) {
   return -NLE_FAILURE;
 }
 
-void KernelRoutes::check(int status, const std::string& what) {
+void KernelRoutes::check(int status, const std::string& what, int allowed) {
   const int refusal = std::exchange(refusal_, 0);
-  if (status >= 0) return;
+  if (status >= 0 || (refusal != 0 && refusal == allowed)) return;
   if (refusal == 0) refuse(EIO, what + ": " + nl_geterror(status));
   refuse(refusal, refusalText_.empty() ? what : what + ": " + refusalText_);
 }
@@ -285,12 +285,8 @@ void KernelRoutes::erase(const Route& route) {
   nla_put(message, RTA_DST, static_cast<int>(route.prefix.address.size()),
           route.prefix.address.data());
   nla_put_u32(message, RTA_PRIORITY, route.metric);
-  const int status = nl_send_sync(socket_.get(), message);  // which releases it
-  if (refusal_ == ESRCH) {
-    refusal_ = 0;  // the kernel has dropped it
-    return;
-  }
-  check(status, "cannot remove " + textOf(route));
+  // nl_send_sync releases the message; ESRCH: the kernel has dropped the route.
+  check(nl_send_sync(socket_.get(), message), "cannot remove " + textOf(route), ESRCH);
 }
 
 void KernelRoutes::removeAll() {

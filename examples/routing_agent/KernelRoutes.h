@@ -25,8 +25,9 @@ namespace routing_agent {
 // route (1024). Where another owner has the prefix with the very metric, set() is refused.
 //
 // The kernel drops a route when its last interface goes down or away; the next set() of its prefix
-// brings it back. That is also the one case in which a route of somebody else can be replaced: when
-// it was put there meanwhile, with the very metric.
+// brings it back. What somebody else has meanwhile put in its place with the very metric, or
+// appended to our IPv6 route with it, is taken for ours: the kernel can't replace a route by its
+// protocol.
 //
 // Only the IP part of a next hop can be programmed: one with labels is refused, since without them
 // its traffic would go astray.
@@ -90,7 +91,7 @@ class KernelRoutes {
 
   void open(const std::string& netns);
   static int keepRefusal(sockaddr_nl* from, nlmsgerr* message, void* self);
-  void check(int status, const std::string& what);
+  void check(int status, const std::string& what, int allowed = 0);
   int interfaceIndex(const std::string& name, const std::string& what);
   std::vector<Route> read(std::uint8_t family);
   void erase(const Route& route);
