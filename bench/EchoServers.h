@@ -36,11 +36,11 @@ class Server {
   Counts& counts_;
 };
 
-// One queue, one thread, and the tag is the address of the call: `ahead` calls of each method are
-// asked for at a time. The peer of every ratio.
+// One queue, one thread, and the tag is the address of the call. `ahead` calls of Say are asked for
+// at a time, and one of each of the others. The peer of every ratio.
 std::unique_ptr<Server> makeHandWritten(Counts& counts, std::size_t ahead);
 
-// Handlers written by hand on VornSdkRpc::GrpcServer.
+// Handlers written by hand on VornSdkRpc::GrpcServer, as many ahead.
 std::unique_ptr<Server> makeFrame(Counts& counts, std::size_t ahead);
 
 // gRPC's callback and synchronous API. They offer Say alone.

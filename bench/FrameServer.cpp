@@ -155,12 +155,11 @@ class Publish : public Handler<Publish> {
 };
 
 void BenchService::serverStarted() {
-  for (std::size_t i = 0; i < ahead_; ++i) {
+  for (std::size_t i = 0; i < ahead_; ++i)
     open<Say>();
-    open<Stream>();
-    open<Hold>();
-    open<Publish>();
-  }
+  open<Stream>();
+  open<Hold>();
+  open<Publish>();
   listening();
 }
 

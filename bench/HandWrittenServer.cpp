@@ -165,12 +165,11 @@ class HandWritten : public Server {
     queue_ = builder.AddCompletionQueue();
     shared_.queue = queue_.get();
     server_ = builder.BuildAndStart();
-    for (std::size_t i = 0; i < ahead_; ++i) {
+    for (std::size_t i = 0; i < ahead_; ++i)
       new Say(shared_);
-      new Stream(shared_);
-      new Hold(shared_);
-      new Publish(shared_);
-    }
+    new Stream(shared_);
+    new Hold(shared_);
+    new Publish(shared_);
     listening();
     void* tag = nullptr;
     bool ok = false;
