@@ -17,8 +17,10 @@ def benchmarks(program, plan):
          f"--benchmark_repetitions={3 if plan.quick else 5}",
          f"--benchmark_min_time={0.02 if plan.quick else 0.1}"],
         check=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout
-    return {one["run_name"]: one for one in json.loads(output)["benchmarks"]
-            if one.get("aggregate_name") == "median"}
+    medians = [one for one in json.loads(output)["benchmarks"]
+               if one.get("aggregate_name") == "median"]
+    medians.sort(key=lambda one: one["family_index"] * 1000 + one["per_family_instance_index"])
+    return {one["run_name"]: one for one in medians}
 
 
 def peer_of(name, among):

@@ -30,8 +30,6 @@ def render(result):
         head += [title, "ratio"] if figure in WITH_RATIO else [title]
     lines = [cells(row) for row in result["rows"]]
     used = [any(line[i] for line in lines) for i in range(len(head))]
-    for line in lines[:0:-1]:
-        pass
     shown = [[cell for cell, use in zip(line, used) if use] for line in [head, *lines]]
     widths = [max(len(line[i]) for line in shown) for i in range(len(shown[0]))]
     align = lambda line: "| " + " | ".join(
