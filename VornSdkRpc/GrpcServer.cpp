@@ -25,6 +25,14 @@ struct DestroyServer {
 };
 using IdleServer = std::unique_ptr<grpc_server, DestroyServer>;
 
+// gRPC takes itself down with its last object, and that waits for a poller of its own: up to ten
+// seconds when a peer has just stopped reading. An agent that ends must not hang there, so gRPC
+// stays up until the process is gone.
+void keepGrpcUp() {
+  static const bool up = (grpc_init(), true);
+  static_cast<void>(up);
+}
+
 }  // namespace
 
 const char* ServerFailedError::what() const noexcept { return ""; }
@@ -37,6 +45,7 @@ GrpcServer::GrpcServer(grpc::ServerBuilder& builder,
       tracer_("GrpcServer"),
       properties_(&properties),
       accountingEnabled_(accountingEnabled) {
+  keepGrpcUp();
   for (std::size_t id = 0; id < services_.size(); ++id) {
     if (!services_[id])
       throw std::invalid_argument("service " + std::to_string(id) + " of the server is null");

@@ -9,29 +9,34 @@
 //   class RoutingService : public VornSdkRpc::rpc::Service<Routing::AsyncService> {
 //    public:
 //     RoutingService() : Service("Routing") {
-//       // Unary, as a plain function: the fastest, for what is answered at once. It may also take the
+//       // Unary, as a plain function: the fastest, for what is answered at once. It may also take
+//       the
 //       // grpc::ServerContext& first.
 //       method(&Async::RequestSet, [this](const Route& route, Nothing&) { return set(route); });
 //
 //       // Unary, as a coroutine, for what has to wait before it answers.
-//       method(&Async::RequestProbe, [](rpc::Call& call, const Target& target, Result& result) -> rpc::Task<> {
+//       method(&Async::RequestProbe, [](rpc::Call& call, const Target& target, Result& result) ->
+//       rpc::Task<> {
 //         while (!result.set(probe(target)) && co_await call.wait(100ms)) {}
 //         co_return grpc::Status::OK;
 //       });
 //
 //       // Client streaming: read() answers false at the end of the client's stream.
-//       method(&Async::RequestLoad, [this](rpc::Reader<Route>& routes, Count& count) -> rpc::Task<> {
+//       method(&Async::RequestLoad, [this](rpc::Reader<Route>& routes, Count& count) -> rpc::Task<>
+//       {
 //         Route route;
 //         while (co_await routes.read(route)) count.set_count(count.count() + set(route).ok());
 //         co_return grpc::Status::OK;
 //       });
 //
-//       // Server streaming: write() answers false once the call is dead. One write is outstanding at a
-//       // time, so a client that reads slowly holds up its own stream and costs one item of memory.
-//       method(&Async::RequestWatch, [this](rpc::Writer<Route>& watch, const Filter&) -> rpc::Task<> {
-//         rpc::Event news;                                      // set() by any thread wakes the call
-//         const auto subscription = table_.subscribe(news);     // ends with the coroutine
-//         do {
+//       // Server streaming: write() answers false once the call is dead. One write is outstanding
+//       at a
+//       // time, so a client that reads slowly holds up its own stream and costs one item of
+//       memory. method(&Async::RequestWatch, [this](rpc::Writer<Route>& watch, const Filter&) ->
+//       rpc::Task<> {
+//         rpc::Event news;                                      // set() by any thread wakes the
+//         call const auto subscription = table_.subscribe(news);     // ends with the coroutine do
+//         {
 //           for (auto& route : table_.changes()) if (!co_await watch.write(route)) break;
 //         } while (co_await watch.wait(news));
 //         co_return grpc::Status::OK;
@@ -39,15 +44,16 @@
 //     }
 //   };
 //
-// (A bidirectional stream is an rpc::ReaderWriter.) Functions and coroutines run on the server's one
-// thread, each step to the end before the next, so they need no locks among each other, and none may
-// block. A coroutine may be split up: it can co_await another rpc::Task<T>.
+// (A bidirectional stream is an rpc::ReaderWriter.) Functions and coroutines run on the server's
+// one thread, each step to the end before the next, so they need no locks among each other, and
+// none may block. A coroutine may be split up: it can co_await another rpc::Task<T>.
 //
-// When the client cancels, goes away or its deadline passes, what is awaited comes back false, and so
-// does everything that is awaited after it; the coroutine runs to its end and its locals are destroyed
-// on the serving thread. When the server stops, a coroutine is not resumed any more: its frame is
-// destroyed where it waits, on the serving thread or, at the latest, on the one that destroys the
-// GrpcServer. Locals may use the service in their destructors; the service outlives them.
+// When the client cancels, goes away or its deadline passes, what is awaited comes back false, and
+// so does everything that is awaited after it; the coroutine runs to its end and its locals are
+// destroyed on the serving thread. When the server stops, a coroutine is not resumed any more: its
+// frame is destroyed where it waits, on the serving thread or, at the latest, on the one that
+// destroys the GrpcServer. Locals may use the service in their destructors; the service outlives
+// them.
 //
 // An exception ends the call: vorn::invalid_argument_error with INVALID_ARGUMENT,
 // vorn::unsupported_error with UNIMPLEMENTED, vorn::configuration_error with FAILED_PRECONDITION,
@@ -126,8 +132,9 @@ struct Promise<void> : PromiseBase {
 
 }  // namespace detail
 
-// A coroutine that ends with a T: rpc::Task<> serves a call and ends with its grpc::Status. It starts when it
-// is first awaited, or by the kit when its call has arrived. Owns its frame; movable.
+// A coroutine that ends with a T: rpc::Task<> serves a call and ends with its grpc::Status. It
+// starts when it is first awaited, or by the kit when its call has arrived. Owns its frame;
+// movable.
 template <class T = grpc::Status>
 class [[nodiscard]] Task {
  public:
@@ -178,7 +185,8 @@ struct MethodOptions {
   // RESOURCE_EXHAUSTED. Zero: no limit.
   std::size_t limit = 0;
 
-  // How many calls of the method are asked for ahead, so that one poll can pick up several. At least 1.
+  // How many calls of the method are asked for ahead, so that one poll can pick up several. At
+  // least 1.
   std::size_t ahead = 1;
 };
 
@@ -187,9 +195,9 @@ class Call;
 // ------------------------------------------------------------------------------------------------
 // Event: how another thread wakes a call
 
-// Wakes the one call that waits for it. An event stays set until a wait has seen it, so one that comes
-// between a look and the wait is not lost; several before one wait count once. set() may come from any
-// thread; whoever calls it must have stopped doing so when the event is destroyed.
+// Wakes the one call that waits for it. An event stays set until a wait has seen it, so one that
+// comes between a look and the wait is not lost; several before one wait count once. set() may come
+// from any thread; whoever calls it must have stopped doing so when the event is destroyed.
 class Event {
  public:
   Event() = default;
@@ -232,12 +240,14 @@ class ServiceBase : public GrpcService {
 
   // A derived class that needs these hooks as well calls the ones here from its own.
   void serverStarted() override {
-    for (const auto& open : openers_) open();
+    for (const auto& open : openers_)
+      open();
   }
   void stoppingChanged() override {
     if (!stopping()) return;
     const std::lock_guard lock(alarmsMutex_);
-    for (grpc::Alarm& alarm : alarms_) alarm.Cancel();
+    for (grpc::Alarm& alarm : alarms_)
+      alarm.Cancel();
   }
 
   // Each asks for the first calls of one method.
@@ -258,7 +268,8 @@ class ServiceBase : public GrpcService {
     const std::lock_guard lock(alarmsMutex_);
     alarms_.erase(alarm);
   }
-  // An alarm that is set while the service begins to stop is cancelled here or by stoppingChanged().
+  // An alarm that is set while the service begins to stop is cancelled here or by
+  // stoppingChanged().
   void setAlarm(grpc::Alarm& alarm, gpr_timespec deadline, OpaqueId tag) {
     const std::lock_guard lock(alarmsMutex_);
     alarm.Set(cq_, deadline, tag);
@@ -319,8 +330,8 @@ inline grpc::Status tooManyCalls() {
 // ------------------------------------------------------------------------------------------------
 // Call, Reader, Writer, ReaderWriter: what a coroutine is given
 
-// One call that is served by a coroutine. Everything is for the serving thread, and for the coroutine
-// of this call; it awaits one thing at a time.
+// One call that is served by a coroutine. Everything is for the serving thread, and for the
+// coroutine of this call; it awaits one thing at a time.
 class Call : public RequestHandler {
  public:
   Call(const Call&) = delete;
@@ -331,12 +342,12 @@ class Call : public RequestHandler {
   // Whether the call is over before its time: cancelled, its client gone, or its deadline past.
   bool cancelled() const { return over_; }
 
-  // Waits for a time to pass: co_await answers whether the call still lives, at once when it doesn't.
+  // Waits for a time to pass: co_await answers whether the call still lives, at once when it
+  // doesn't.
   template <class Rep, class Period>
   auto wait(std::chrono::duration<Rep, Period> duration) {
-    return operation([this, duration](OpaqueId tag) {
-      service_.setAlarm(alarm(), deadlineIn(duration), tag);
-    });
+    return operation(
+        [this, duration](OpaqueId tag) { service_.setAlarm(alarm(), deadlineIn(duration), tag); });
   }
 
   // Waits until the event is set, or takes it at once when it is: co_await answers whether the call
@@ -469,7 +480,8 @@ class Call : public RequestHandler {
     task_.start();
   }
 
-  // The call is over on the wire. What waits for gRPC comes back by itself; a waiting alarm is woken.
+  // The call is over on the wire. What waits for gRPC comes back by itself; a waiting alarm is
+  // woken.
   void ended() {
     over_ = true;
     if (alarm_) (*alarm_)->Cancel();
@@ -517,7 +529,8 @@ class Reader : public Call {
 template <class Reply>
 class Writer : public Call {
  public:
-  // Writes an item, and waits until gRPC has taken it: co_await answers false when the call is dead.
+  // Writes an item, and waits until gRPC has taken it: co_await answers false when the call is
+  // dead.
   auto write(const Reply& item, grpc::WriteOptions options = {}) {
     return operation([this, &item, options](OpaqueId tag) { grpc_.Write(item, options, tag); });
   }
@@ -636,7 +649,9 @@ class WriteExchange : public Writer<Reply> {
   Task<> serve(Handler& handler) {
     return handler(static_cast<Writer<Reply>&>(*this), std::as_const(request_));
   }
-  void finish(const grpc::Status& status, OpaqueId tag) override { this->grpc_.Finish(status, tag); }
+  void finish(const grpc::Status& status, OpaqueId tag) override {
+    this->grpc_.Finish(status, tag);
+  }
 
  private:
   Request request_;
@@ -655,7 +670,9 @@ class ReadWriteExchange : public ReaderWriter<Request, Reply> {
   Task<> serve(Handler& handler) {
     return handler(static_cast<ReaderWriter<Request, Reply>&>(*this));
   }
-  void finish(const grpc::Status& status, OpaqueId tag) override { this->grpc_.Finish(status, tag); }
+  void finish(const grpc::Status& status, OpaqueId tag) override {
+    this->grpc_.Finish(status, tag);
+  }
 };
 
 // One call of a method that is served by a coroutine.
@@ -728,9 +745,9 @@ class FunctionCall final : public RequestHandler {
 // ------------------------------------------------------------------------------------------------
 // Service: what an agent derives from
 
-// A service of the generated AsyncService type. The derived class calls method() in its constructor,
-// once per RPC; an RPC without one is answered UNIMPLEMENTED by gRPC. The function is kept as long as
-// the service.
+// A service of the generated AsyncService type. The derived class calls method() in its
+// constructor, once per RPC; an RPC without one is answered UNIMPLEMENTED by gRPC. The function is
+// kept as long as the service.
 template <class AsyncService>
 class Service : public ServiceBase {
  public:
@@ -740,11 +757,13 @@ class Service : public ServiceBase {
   // `name` as for GrpcService.
   explicit Service(std::string name) : ServiceBase(std::move(name)) {}
 
-  // Unary. The handler is a function (const Request&, Reply&) or (grpc::ServerContext&, const Request&,
-  // Reply&) that answers a grpc::Status, or a coroutine (Call&, const Request&, Reply&) -> Task<>.
+  // Unary. The handler is a function (const Request&, Reply&) or (grpc::ServerContext&, const
+  // Request&, Reply&) that answers a grpc::Status, or a coroutine (Call&, const Request&, Reply&)
+  // -> Task<>.
   template <class Base, class Request, class Reply, class Handler>
-  void method(void (Base::*ask)(grpc::ServerContext*, Request*, grpc::ServerAsyncResponseWriter<Reply>*,
-                                grpc::CompletionQueue*, grpc::ServerCompletionQueue*, void*),
+  void method(void (Base::*ask)(grpc::ServerContext*, Request*,
+                                grpc::ServerAsyncResponseWriter<Reply>*, grpc::CompletionQueue*,
+                                grpc::ServerCompletionQueue*, void*),
               Handler handler, MethodOptions options = {}) {
     using Method = detail::Method<AsyncService, decltype(ask), Handler>;
     if constexpr (std::invocable<Handler&, Call&, const Request&, Reply&>) {
@@ -773,7 +792,8 @@ class Service : public ServiceBase {
 
   // Bidirectional streaming. The handler is a coroutine (ReaderWriter<Request, Reply>&) -> Task<>.
   template <class Base, class Request, class Reply, class Handler>
-  void method(void (Base::*ask)(grpc::ServerContext*, grpc::ServerAsyncReaderWriter<Reply, Request>*,
+  void method(void (Base::*ask)(grpc::ServerContext*,
+                                grpc::ServerAsyncReaderWriter<Reply, Request>*,
                                 grpc::CompletionQueue*, grpc::ServerCompletionQueue*, void*),
               Handler handler, MethodOptions options = {}) {
     addCoroutine<detail::ReadWriteExchange<Request, Reply>>(ask, std::move(handler), options);
@@ -790,8 +810,8 @@ class Service : public ServiceBase {
 
   template <class Method, class CallType, class Ask, class Handler>
   void add(Ask ask, Handler handler, MethodOptions options) {
-    const auto method = std::make_shared<Method>(
-        Method{*this, async_, nullptr, ask, std::move(handler), options});
+    const auto method =
+        std::make_shared<Method>(Method{*this, async_, nullptr, ask, std::move(handler), options});
     openers_.push_back([this, method] {
       method->queue = cq_;
       for (std::size_t i = 0; i < std::max<std::size_t>(1, method->options.ahead); ++i) {

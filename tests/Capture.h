@@ -4,10 +4,12 @@
 #include <spdlog/sinks/base_sink.h>
 
 #include <algorithm>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace test {
@@ -15,7 +17,12 @@ namespace test {
 // Takes over a logger's sinks for its lifetime, and keeps the text of every line that is written.
 class Capture {
  public:
-  explicit Capture(spdlog::logger& logger) : logger_(logger), before_(logger.sinks()) {
+  // `afterEach`, if given, runs for every line on the thread that writes it, when it has been kept;
+  // what it throws, the sink throws. lines() and count() wait until it returns.
+  explicit Capture(spdlog::logger& logger, std::function<void()> afterEach = {})
+      : logger_(logger),
+        before_(logger.sinks()),
+        sink_(std::make_shared<Sink>(std::move(afterEach))) {
     logger_.sinks() = {sink_};
   }
   ~Capture() { logger_.sinks() = before_; }
@@ -35,6 +42,8 @@ class Capture {
  private:
   class Sink : public spdlog::sinks::base_sink<std::mutex> {
    public:
+    explicit Sink(std::function<void()> afterEach) : afterEach_(std::move(afterEach)) {}
+
     std::vector<std::string> lines() {
       const std::lock_guard lock(mutex_);
       return lines_;
@@ -43,15 +52,17 @@ class Capture {
    private:
     void sink_it_(spdlog::details::log_msg const& message) override {
       lines_.emplace_back(message.payload.data(), message.payload.size());
+      if (afterEach_) afterEach_();
     }
     void flush_() override {}
 
+    std::function<void()> afterEach_;
     std::vector<std::string> lines_;
   };
 
   spdlog::logger& logger_;
   std::vector<spdlog::sink_ptr> before_;
-  std::shared_ptr<Sink> sink_ = std::make_shared<Sink>();
+  std::shared_ptr<Sink> sink_;
 };
 
 }  // namespace test

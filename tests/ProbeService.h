@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/Accounted.h"
 #include "tests/Test.grpc.pb.h"
 
 namespace test {
@@ -176,11 +177,14 @@ inline void ProbeService::serverStarted() {
 }
 
 // A server of the given services on a loopback port of its own, run by a thread until it is
-// stopped.
+// stopped. With accounting, the records are complete when it has been destroyed.
 class RunningServer {
  public:
-  explicit RunningServer(std::vector<std::shared_ptr<VornSdkRpc::GrpcService>> services)
-      : server_(listening(builder_, port_), with(std::move(services), started_), properties_),
+  explicit RunningServer(std::vector<std::shared_ptr<VornSdkRpc::GrpcService>> services,
+                         bool accounting = false, std::string host = "127.0.0.1")
+      : host_(std::move(host)),
+        server_(listening(builder_, host_, port_, accounting), with(std::move(services), started_),
+                properties_),
         thread_([this] { server_.run(); }) {
     started_->running.get_future().wait();
   }
@@ -193,7 +197,7 @@ class RunningServer {
   }
 
   VornSdkRpc::GrpcServer& server() { return server_; }
-  std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
+  std::string address() const { return host_ + ":" + std::to_string(port_); }
 
   std::unique_ptr<Probe::Stub> stub() const {
     // A connection of its own for every stub: a shared one would hide what a second one does.
@@ -212,8 +216,10 @@ class RunningServer {
     std::promise<void> running;
   };
 
-  static grpc::ServerBuilder& listening(grpc::ServerBuilder& builder, int& port) {
-    return builder.AddListeningPort("127.0.0.1:0", grpc::InsecureServerCredentials(), &port);
+  static grpc::ServerBuilder& listening(grpc::ServerBuilder& builder, const std::string& host,
+                                        int& port, bool accounting) {
+    if (accounting) accountingIs(builder);
+    return builder.AddListeningPort(host + ":0", grpc::InsecureServerCredentials(), &port);
   }
   static std::vector<std::shared_ptr<VornSdkRpc::GrpcService>> with(
       std::vector<std::shared_ptr<VornSdkRpc::GrpcService>> services,
@@ -222,6 +228,7 @@ class RunningServer {
     return services;
   }
 
+  const std::string host_;
   int port_ = 0;
   grpc::ServerBuilder builder_;
   VornSdkRpc::ServerProperties properties_;

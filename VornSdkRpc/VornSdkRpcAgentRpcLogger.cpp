@@ -1,0 +1,127 @@
+#include "VornSdkRpc/VornSdkRpcAgentRpcLogger.h"
+
+#include <Kiv/Log.h>
+#include <Kiv/Trace.h>
+#include <Velm/FmTrace.h>
+#include <grpcpp/server_context.h>
+
+#include <chrono>
+#include <cstring>
+#include <exception>
+#include <type_traits>
+
+namespace VornSdkRpc {
+
+namespace {
+
+// Tools find the message in this section, without running the library: the linker and strip must
+// keep it, and it must hold nothing else. The loader writes the addresses.
+[[gnu::section(".tolmar_logmsg"), gnu::used,
+  gnu::retain]] constinit Kiv::LogDescriptor accountingDescriptor = {
+    "VORNSDKRPC_ACCOUNTING_RPC", "user: %s, session: %s, peer: %s, rpc: %s, status: %s",
+    "RPC request received by the VornSdkRpc server from a client", "\x01", 6};
+
+// Every record is written: accounting suppresses nothing.
+Kiv::LogHandle accountingLogHandle(&accountingDescriptor, Velm::Duration(0), 1.0, 0U, 0U);
+
+Kiv::TraceHandle& _defaultTraceHandle() {
+  static Kiv::TraceHandle handle("RPCAccounting", false);
+  return handle;
+}
+
+// gRPC deletes both through their bases.
+static_assert(std::has_virtual_destructor_v<grpc::experimental::Interceptor>);
+static_assert(std::has_virtual_destructor_v<grpc::experimental::ServerInterceptorFactoryInterface>);
+
+// The first value of a property, up to its first NUL byte.
+std::string propertyOr(grpc::AuthContext const& context, char const* name, char const* missing) {
+  const auto values = context.FindPropertyValues(name);
+  if (values.empty()) return missing;
+  const grpc::string_ref first = values.front();
+  return std::string(first.data(), strnlen(first.data(), first.size()));
+}
+
+void traceBatch(unsigned long size) noexcept {
+  try {
+    if (_defaultTraceHandle().enabled(8)) {
+      Velm::fmtrace(_defaultTraceHandle(), 8, __FILE__, "consumer", __LINE__,
+                    "LoggingInterceptorFactory", "Draining backlog (size {})", size);
+    }
+  } catch (std::exception const&) {
+    // Without memory for the line, the trace is the poorer and accounting goes on.
+  }
+}
+
+// Memory that has run out for a moment costs neither the process nor the record: nothing of it has
+// been written when the log call throws, and it is tried again for a second.
+void writeRecord(LogMessageData const& record) noexcept {
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    try {
+      Kiv::log(accountingLogHandle, record.user, record.session, record.peer, record.rpc,
+               record.status);
+      return;
+    } catch (std::exception const&) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+  }
+  try {
+    _defaultTraceHandle().write(0, "A record could not be written and is lost");
+  } catch (std::exception const&) {
+    // Nor is there memory to tell it.
+  }
+}
+
+}  // namespace
+
+void LoggingInterceptor::Intercept(grpc::experimental::InterceptorBatchMethods* methods) {
+  if (methods->QueryInterceptionHookPoint(
+          grpc::experimental::InterceptionHookPoints::PRE_SEND_STATUS)) {
+    account(*methods);
+  }
+  methods->Proceed();
+}
+
+void LoggingInterceptor::account(grpc::experimental::InterceptorBatchMethods& methods) const {
+  auto const* call = info_->server_context();
+  const std::string peer = call->peer();
+  const std::int32_t status = methods.GetSendStatus().error_code();
+  std::string user = "unknown";
+  std::string session = "unknown";
+  if (const auto context = call->auth_context()) {
+    user = propertyOr(*context, "peer-authenticated", "unknown");
+    session = propertyOr(*context, "session-id", "unknown");
+  }
+  const LogMessageData record{user, session, peer, info_->method(), status};
+  if (_defaultTraceHandle().enabled(9)) {
+    Velm::fmtrace(_defaultTraceHandle(), 9, __FILE__, "Intercept", __LINE__, "LoggingInterceptor",
+                  "Enqueueing message");
+  }
+  queue_->push(record);
+}
+
+LoggingInterceptorFactory::LoggingInterceptorFactory() {
+  // Not in thread_'s initializer: the queue comes after it.
+  thread_ = std::jthread([this] { consumer(); });
+}
+
+LoggingInterceptorFactory::~LoggingInterceptorFactory() {
+  queue_.close();
+  thread_.join();
+}
+
+grpc::experimental::Interceptor* LoggingInterceptorFactory::CreateServerInterceptor(
+    grpc::experimental::ServerRpcInfo* info) {
+  return new LoggingInterceptor(info, &queue_);
+}
+
+void LoggingInterceptorFactory::consumer() {
+  std::deque<LogMessageData> batch;
+  while (queue_.swap(batch)) {
+    traceBatch(batch.size());
+    for (auto const& record : batch)
+      writeRecord(record);
+    batch.clear();
+  }
+}
+
+}  // namespace VornSdkRpc

@@ -1,0 +1,79 @@
+#pragma once
+
+#include <grpcpp/support/interceptor.h>
+#include <grpcpp/support/server_interceptor.h>
+#include <vorn/export.h>
+
+#include <cstdint>
+#include <string>
+#include <thread>
+
+#include "VornSdkRpc/VornSdkRpcAgentRpcLoggerUtils.h"
+
+// RPC accounting: every call that the server answers is one line in the platform log, which says
+// who called which method from where and with which result. A call never waits for the log: records
+// are queued, and a thread of the factory's own writes them. An agent turns accounting on by giving
+// the factory to its builder:
+//
+//   std::vector<std::unique_ptr<grpc::experimental::ServerInterceptorFactoryInterface>> creators;
+//   creators.push_back(std::make_unique<VornSdkRpc::LoggingInterceptorFactory>());
+//   builder.experimental().SetInterceptorCreators(std::move(creators));
+namespace VornSdkRpc {
+
+// One accounting record.
+struct LogMessageData {
+  std::string user;     // the call's authentication property "peer-authenticated", or "unknown"
+  std::string session;  // its property "session-id", or "unknown"
+  std::string peer;     // the peer as gRPC names it, such as "ipv4:127.0.0.1:40022"
+  std::string rpc;      // the method's full name, such as "/package.Service/Method"
+  std::int32_t status;  // the grpc::StatusCode that the server sends
+};
+
+// Takes the record of one call at the moment the server sends the call's status: once for every
+// call that gets one, whatever the status and also when the client has gone by then; never for a
+// call that is left without an answer. Changes nothing about the call. gRPC owns it.
+class VORN_EXPORT LoggingInterceptor : public grpc::experimental::Interceptor {
+ public:
+  // Both must outlive the interceptor; neither is touched.
+  LoggingInterceptor(grpc::experimental::ServerRpcInfo* info,
+                     SynchronizedQueue<LogMessageData>* queue)
+      : info_(info), queue_(queue) {}
+
+  // gRPC calls it for every batch of the call's operations, on whichever thread issues them.
+  // Queues the record when the batch sends the status, and lets the batch proceed. Passes on
+  // std::bad_alloc and std::system_error.
+  void Intercept(grpc::experimental::InterceptorBatchMethods* methods) override;
+
+ private:
+  void account(grpc::experimental::InterceptorBatchMethods& methods) const;
+
+  grpc::experimental::ServerRpcInfo* info_;
+  SynchronizedQueue<LogMessageData>* queue_;
+};
+
+// Makes the interceptor of every call, and owns the queue and the thread that writes the records.
+// The builder, and then the server, owns it; it goes with the server, when every call is over.
+class VORN_EXPORT LoggingInterceptorFactory
+    : public grpc::experimental::ServerInterceptorFactoryInterface {
+ public:
+  // Starts the consumer thread. Throws std::system_error when there can be none.
+  LoggingInterceptorFactory();
+
+  // Returns when everything that was queued has been written.
+  ~LoggingInterceptorFactory() override;
+
+  LoggingInterceptorFactory(LoggingInterceptorFactory const&) = delete;
+  LoggingInterceptorFactory& operator=(LoggingInterceptorFactory const&) = delete;
+
+  // A new interceptor for the call, never null; the caller owns it. Any thread.
+  grpc::experimental::Interceptor* CreateServerInterceptor(
+      grpc::experimental::ServerRpcInfo* info) override;
+
+ private:
+  void consumer();
+
+  std::jthread thread_;
+  SynchronizedQueue<LogMessageData> queue_;
+};
+
+}  // namespace VornSdkRpc

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <cassert>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <utility>
+
+// An unbounded first-in-first-out queue from any number of producers to one consumer, which takes
+// everything that is queued in one step. A producer waits for nothing but the mutex, and that is
+// held for one append or one exchange of two deques; a consumer that falls behind costs memory.
+template <typename T>
+class SynchronizedQueue {
+ public:
+  SynchronizedQueue() = default;
+
+  // Closes the queue and drops what is still in it. The consumer must be done with it.
+  ~SynchronizedQueue() { close(); }
+
+  SynchronizedQueue(SynchronizedQueue const&) = delete;
+  SynchronizedQueue& operator=(SynchronizedQueue const&) = delete;
+
+  // Appends a copy of the item and wakes the consumer. Any thread. Throws what copying throws, and
+  // the queue is then as before.
+  void push(T const& item) {
+    const std::lock_guard lock(mutex_);
+    items_.push_back(item);
+    cond_.notify_one();
+  }
+
+  // Takes every queued item, oldest first, into `q`, which must be empty (asserted). Waits while
+  // nothing is queued and the queue is open; a spurious wake-up may end the wait with nothing
+  // taken. Answers false, with `q` empty, once the queue is closed and nothing is left. Consumer.
+  bool swap(std::deque<T>& q) {
+    assert(q.empty());
+    std::unique_lock lock(mutex_);
+    if (items_.empty()) {
+      if (closed_) return false;
+      cond_.wait(lock);
+    }
+    std::swap(items_, q);
+    return !(q.empty() && closed_);
+  }
+
+  // Lets the consumer take what is queued and then end. Calling it again changes nothing. Any
+  // thread.
+  void close() {
+    const std::lock_guard lock(mutex_);
+    closed_ = true;
+    cond_.notify_one();
+  }
+
+ private:
+  bool closed_ = false;
+  std::mutex mutex_;
+  std::deque<T> items_;
+  std::condition_variable cond_;
+};

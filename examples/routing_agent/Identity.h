@@ -1,0 +1,67 @@
+#pragma once
+
+#include <grpcpp/security/auth_metadata_processor.h>
+#include <grpcpp/security/server_credentials.h>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+
+// Who calls: the credentials of a listening address, and the name and session that accounting
+// writes for each of its connections.
+namespace routing_agent {
+
+// Paths of PEM files, and what to do about callers on this host.
+struct IdentityOptions {
+  std::string tlsCert;    // the agent's certificate, with the chain above it if there is one
+  std::string tlsKey;     // its private key
+  std::string clientCa;   // the authorities whose client certificates are accepted
+  bool loopback = false;  // loopback addresses use gRPC's local credentials instead of TLS
+};
+
+// The credentials for a listening address in gRPC's syntax, with a ConnectionIdentity where they
+// tell anything about the caller:
+//
+//   address                             credentials              accounted user
+//   unix:PATH, unix-abstract:NAME       local, Unix socket       local:NAME, a claim
+//   loopback, when options.loopback     local, loopback          local:NAME, a claim
+//   any other, with the three TLS files TLS, client certificate  the certificate's name, proven
+//                                       required
+//   any other, without                  none                     unknown
+//
+// Throws std::invalid_argument when some but not all of the TLS files are given or one holds no
+// PEM, and std::system_error, which names the file and the reason, when one can't be read.
+std::shared_ptr<grpc::ServerCredentials> serverCredentials(std::string const& address,
+                                                           IdentityOptions const& options);
+
+// Gives each connection, once, the properties that accounting reads: "peer-authenticated", its
+// user, and "session-id", a name for the connection that no other connection of any agent has.
+//
+// With TLS, the user is what the authority has put into the client's certificate: the common name,
+// or the first subject alternative name when there is no common name. A certificate without either
+// is refused. With local credentials all that is proven is that the caller is on this host (and
+// may open the Unix socket, whose directory's permissions say who may): the user is "local:"
+// followed by what the first call of the connection puts into its metadata as "username", or
+// "local" when it puts nothing there. The prefix keeps a claim from passing for a proven name.
+//
+// The identity belongs to the connection, so a call whose "username" is another one is refused with
+// UNAUTHENTICATED; a call that claims nothing is let through under the connection's user. So is a
+// call over TLS whose "username" is the certificate's name. gRPC calls Process on any thread.
+class ConnectionIdentity : public grpc::AuthMetadataProcessor {
+ public:
+  ConnectionIdentity();
+
+  bool IsBlocking() const override { return false; }
+  grpc::Status Process(InputMetadata const& metadata, grpc::AuthContext* connection,
+                       OutputMetadata* consumed, OutputMetadata* response) override;
+
+ private:
+  std::string nextSession();
+
+  std::mutex mutex_;  // guards the connections' properties while they are looked up and added
+  std::string const run_;
+  std::uint64_t sessions_ = 0;
+};
+
+}  // namespace routing_agent

@@ -1,0 +1,198 @@
+#include <Kiv/Line.h>
+#include <Kiv/Log.h>
+#include <Kiv/Trace.h>
+#include <fmt/format.h>
+#include <spdlog/logger.h>
+#include <spdlog/sinks/stdout_sinks.h>
+#include <spdlog/sinks/syslog_sink.h>
+
+#include <algorithm>
+#include <chrono>
+#include <deque>
+#include <filesystem>
+#include <mutex>
+#include <string>
+#include <system_error>
+#include <unordered_set>
+#include <utility>
+
+namespace Kiv {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Tells that the log's sinks fail, without making a flood of it when they fail for every line.
+class SinkFailures {
+ public:
+  void handle(std::vector<spdlog::sink_ptr> const& sinks, std::string const& why) {
+    const std::lock_guard lock(mutex_);
+    const auto now = Clock::now();
+    const bool known = isToldOf(sinks);
+    count_ = known ? count_ + 1 : 1;
+    if (known && now - toldAt_ < std::chrono::hours(1)) return;
+    toldOf_.assign(sinks.begin(), sinks.end());
+    toldAt_ = now;
+    // Never destroyed, like the logger that it is about.
+    static auto* trace = new TraceHandle("PlatformLog", false);
+    trace->write(0,
+                 fmt::format("A sink of the log fails: {} (failures so far: {}; the next is told "
+                             "in an hour at the earliest)",
+                             why, count_));
+  }
+
+ private:
+  // Whether these are the sinks whose failure was told last.
+  bool isToldOf(std::vector<spdlog::sink_ptr> const& sinks) const {
+    return std::equal(sinks.begin(), sinks.end(), toldOf_.begin(), toldOf_.end(),
+                      [](auto const& now, auto const& then) { return now == then.lock(); });
+  }
+
+  std::mutex mutex_;
+  std::vector<std::weak_ptr<spdlog::sinks::sink>> toldOf_;
+  Clock::time_point toldAt_;
+  std::uint64_t count_ = 0;
+};
+
+spdlog::sink_ptr defaultSink() {
+  std::error_code ignored;
+  if (std::filesystem::exists("/dev/log", ignored)) {
+    return std::make_shared<spdlog::sinks::syslog_sink_mt>("", LOG_PID, LOG_DAEMON, false);
+  }
+  return std::make_shared<spdlog::sinks::stderr_sink_mt>();
+}
+
+spdlog::level::level_enum levelOf(std::uint64_t severity) {
+  if (severity <= LOG_CRIT) return spdlog::level::critical;
+  if (severity == LOG_ERR) return spdlog::level::err;
+  if (severity == LOG_WARNING) return spdlog::level::warn;
+  if (severity == LOG_DEBUG) return spdlog::level::debug;
+  return spdlog::level::info;
+}
+
+// The format with the texts in place of its conversions; one without an argument stays as it is.
+std::string substituted(std::string_view format, LogString const& record) {
+  std::string text;
+  LogStringIndex next = 0;
+  for (auto percent = format.find('%'); percent < format.size(); percent = format.find('%')) {
+    text += format.substr(0, percent);
+    const auto conversion = format.substr(percent, 2);
+    if (conversion == "%s" && next < record.argCount()) {
+      text += record.str(next++);
+    } else {
+      text += conversion == "%%" ? "%" : conversion;
+    }
+    format.remove_prefix(percent + conversion.size());
+  }
+  return text += format;
+}
+
+// FNV-1a.
+constexpr std::uint32_t kHashStart = 2166136261U;
+
+std::uint32_t hashed(std::string_view text, std::uint32_t hash) {
+  for (const char c : text) {
+    hash = (hash ^ static_cast<unsigned char>(c)) * 16777619U;
+  }
+  return hash;
+}
+
+}  // namespace
+
+spdlog::logger& platformLogger() {
+  static auto* logger = [] {
+    auto* made = new spdlog::logger("log", defaultSink());
+    made->set_level(spdlog::level::trace);
+    auto failures = std::make_shared<SinkFailures>();
+    made->set_error_handler([made, failures](std::string const& why) {
+      try {
+        failures->handle(made->sinks(), why);
+      } catch (std::exception const&) {
+        // Without the memory to tell it, the failure stays untold.
+      }
+    });
+    return made;
+  }();
+  return *logger;
+}
+
+void LogString::strIs(LogStringIndex index, Velm::String const& text) {
+  if (index >= texts_.size()) texts_.resize(std::size_t{index} + 1);
+  texts_[index] = text;
+}
+
+std::string_view LogString::str(LogStringIndex index) const {
+  return index < texts_.size() ? std::string_view(texts_[index]) : std::string_view();
+}
+
+// The keys written less than an interval ago, oldest first.
+class LogHandle::Suppressor {
+ public:
+  explicit Suppressor(Velm::Duration interval) : interval_(interval) {}
+
+  bool admit(std::uint32_t key) {
+    const std::lock_guard lock(mutex_);
+    const auto now = Clock::now();
+    while (!written_.empty() && now - written_.front().first >= interval_)
+      forgetOldest();
+    if (keys_.contains(key)) return false;
+    if (written_.size() == kKeysMax) forgetOldest();
+    written_.emplace_back(now, key);
+    keys_.insert(key);
+    return true;
+  }
+
+ private:
+  static constexpr std::size_t kKeysMax = 4096;
+
+  void forgetOldest() {
+    keys_.erase(written_.front().second);
+    written_.pop_front();
+  }
+
+  Velm::Duration const interval_;
+  std::mutex mutex_;
+  std::deque<std::pair<Clock::time_point, std::uint32_t>> written_;
+  std::unordered_set<std::uint32_t> keys_;
+};
+
+LogHandle::LogHandle(LogDescriptor const* descriptor, Velm::Duration interval, double /*factor*/,
+                     unsigned keyArgs, unsigned /*extra*/)
+    : descriptor_(descriptor),
+      keyArgs_(keyArgs),
+      idHash_(hashed(descriptor->messageId, kHashStart)),
+      suppressor_(interval > Velm::Duration::zero() ? std::make_unique<Suppressor>(interval)
+                                                    : nullptr) {}
+
+LogHandle::~LogHandle() = default;
+
+bool LogHandle::okToLog(std::uint32_t key) const {
+  return suppressor_ == nullptr || suppressor_->admit(key);
+}
+
+void LogHandle::log(LogString const& record) const {
+  const std::string line = std::string(descriptor_->messageId) + ": " +
+                           oneLine(substituted(descriptor_->format, record));
+  try {
+    platformLogger().log(levelOf(descriptor_->severity), spdlog::string_view_t(line));
+  } catch (...) {
+    // What a sink throws that is no std::exception, spdlog passes on after its error handler has
+    // told it.
+  }
+}
+
+Velm::String valueToString(int const& value) {
+  return Velm::String(std::string_view(std::to_string(value)));
+}
+
+std::uint32_t Impl::logArgsHash(LogString const& record, unsigned count) {
+  std::uint32_t hash = kHashStart;
+  for (LogStringIndex index = 0; index < std::min(count, record.argCount()); ++index) {
+    // The length goes in so that a byte that moves from one argument to the next is another key.
+    const auto text = record.str(index);
+    hash = hashed(text, hashed(std::to_string(text.size()) + ':', hash));
+  }
+  return hash;
+}
+
+}  // namespace Kiv

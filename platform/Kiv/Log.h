@@ -1,0 +1,165 @@
+#pragma once
+
+#include <Velm/Duration.h>
+#include <Velm/String.h>
+#include <vorn/export.h>
+
+#include <cstdint>
+#include <limits>
+#include <memory>
+#include <string_view>
+#include <type_traits>
+#include <vector>
+
+namespace spdlog {
+class logger;
+}
+
+// The platform log: messages that are declared once, as a descriptor, and written through a handle
+// that may suppress repeated occurrences. A line is the message id, a colon, a blank and the
+// formatted text, and it is one line whatever bytes its arguments hold: control bytes are written
+// as \xNN.
+//
+//   [[gnu::section(".tolmar_logmsg")]] Kiv::LogDescriptor restarted = {
+//       "AGENT_RESTARTED", "agent %s restarted, reason %s", "An agent was restarted", "\x01", 6};
+//   Kiv::LogHandle restartedHandle(&restarted, std::chrono::minutes(1), 1.0, 1, 0);
+//   Kiv::log(restartedHandle, agentName, reason);  // at most once a minute for an agent
+namespace Kiv {
+
+// The logger that every log line is written through; it passes every level. Its one sink is syslog
+// where /dev/log exists and standard error otherwise, until the agent replaces sinks(), which is to
+// be done before other threads log. Never destroyed, so that static destructors can still log.
+//
+// A sink that throws costs its line and nothing else. The first failure of the sinks is told as a
+// level-0 trace line of the handle "PlatformLog"; from then on, as long as the same sinks are
+// installed, one failure an hour at most is told, with the number of failures so far.
+VORN_EXPORT spdlog::logger& platformLogger();
+
+// What is known about a message before it is written. Each lies alone in the section
+// .tolmar_logmsg, where tools read the messages of a library without running it.
+struct LogDescriptor {
+  char const* messageId;
+  char const* format;       // every %s takes the next argument's text, %% is a percent sign
+  char const* explanation;  // what the message tells an operator
+  char const* marker;       // carried for the platform; this layer has no use for it
+  std::uint64_t severity;   // syslog's: 0 emergency to 7 debug
+};
+static_assert(sizeof(LogDescriptor) == 40, "tools rely on five 8-byte fields");
+
+// The position of an argument, from 0.
+using LogStringIndex = unsigned;
+
+// The arguments of one occurrence as texts, and the hash of those that are its suppression key.
+class VORN_EXPORT LogString {
+ public:
+  LogString() = default;
+
+  // The number of arguments, each empty until strIs.
+  void argCountIs(unsigned count) { texts_.resize(count); }
+  unsigned argCount() const { return static_cast<unsigned>(texts_.size()); }
+
+  // Stores the text of an argument; an index past the last one adds arguments.
+  void strIs(LogStringIndex index, Velm::String const& text);
+
+  // The text of an argument; empty when it has none.
+  std::string_view str(LogStringIndex index) const;
+
+  void hashIs(std::uint32_t hash) { hash_ = hash; }
+  std::uint32_t hash() const { return hash_; }
+
+ private:
+  std::uint32_t hash_ = 0;
+  std::vector<Velm::String> texts_;
+};
+
+// Through which the occurrences of one message are written. Any thread may use it.
+class VORN_EXPORT LogHandle {
+ public:
+  // `descriptor` must outlive the handle. An `interval` of zero suppresses nothing; otherwise an
+  // occurrence is suppressed when one with the same key was written less than the interval ago. The
+  // key is the first `keyArgs` arguments: with 0 the message as a whole has one key. `factor` and
+  // `extra` are carried for the platform; this layer has no use for them.
+  LogHandle(LogDescriptor const* descriptor, Velm::Duration interval, double factor,
+            unsigned keyArgs, unsigned extra);
+  ~LogHandle();
+  LogHandle(LogHandle const&) = delete;
+  LogHandle& operator=(LogHandle const&) = delete;
+
+  // The number of leading arguments that are an occurrence's suppression key.
+  std::uint32_t rateLimitArgsMask() const { return keyArgs_; }
+
+  // A hash of the message id.
+  std::uint32_t idHash() const { return idHash_; }
+
+  // Whether the occurrence of this key is to be written now, where `key` is idHash() exclusive-or
+  // the hash of the key arguments. True starts a new interval for the key. At most 4096 keys are
+  // remembered, the latest ones: beyond that, messages are written too often rather than lost. Keys
+  // are told apart by this hash alone.
+  bool okToLog(std::uint32_t key) const;
+
+  // Writes the message with the record's texts in place of the format's conversions, at the
+  // severity of the descriptor. Throws std::bad_alloc, and only before anything is written.
+  void log(LogString const& record) const;
+
+ private:
+  class Suppressor;
+
+  LogDescriptor const* descriptor_;
+  std::uint32_t keyArgs_;
+  std::uint32_t idHash_;
+  std::unique_ptr<Suppressor> suppressor_;  // null: every occurrence is written
+};
+
+// The text of an integer, in decimal. A type of an agent's own is logged by declaring a
+// valueToString for it in the type's namespace.
+VORN_EXPORT Velm::String valueToString(int const& value);
+
+// Another type must not be turned into an int on the way.
+template <typename Other>
+Velm::String valueToString(Other const&) = delete;
+
+namespace Impl {
+
+// A hash of the texts of the first `count` arguments, each with its length.
+VORN_EXPORT std::uint32_t logArgsHash(LogString const& record, unsigned count);
+
+template <typename Value>
+Velm::String argText(Value const& value) {
+  if constexpr (std::is_convertible_v<Value const&, std::string_view>) {
+    return Velm::String(std::string_view(value));
+  } else {
+    return valueToString(value);
+  }
+}
+
+// Converts and stores the values from position `first` up to, not including, `last`.
+template <typename... Values>
+void storeArgs(LogString& record, unsigned first, unsigned last, Values const&... values) {
+  unsigned index = 0;
+  const auto store = [&](auto const& value) {
+    if (index >= first && index < last) record.strIs(index, argText(value));
+    ++index;
+  };
+  (store(values), ...);
+}
+
+}  // namespace Impl
+
+// Writes one occurrence of a message, or suppresses it. The values, texts or whatever valueToString
+// takes, fill the format's conversions in order. Only the key arguments are converted before the
+// decision, so a suppressed occurrence costs little. Throws std::bad_alloc, and only before
+// anything is written.
+template <typename... Values>
+void log(LogHandle const& handle, Values const&... values) {
+  const std::uint32_t keyArgs = handle.rateLimitArgsMask();
+  LogString record;
+  record.argCountIs(sizeof...(values));
+  Impl::storeArgs(record, 0, keyArgs, values...);
+  const std::uint32_t hash = Impl::logArgsHash(record, keyArgs);
+  if (!handle.okToLog(handle.idHash() ^ hash)) return;
+  Impl::storeArgs(record, keyArgs, std::numeric_limits<unsigned>::max(), values...);
+  record.hashIs(hash);
+  handle.log(record);
+}
+
+}  // namespace Kiv

@@ -1,0 +1,88 @@
+#pragma once
+
+#include <VornSdkRpc/VornSdkRpcAgentRpcLogger.h>
+#include <grpcpp/grpcpp.h>
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/Test.grpc.pb.h"
+
+namespace test {
+
+// Accounting for the server that the builder builds.
+inline void accountingIs(grpc::ServerBuilder& builder) {
+  std::vector<std::unique_ptr<grpc::experimental::ServerInterceptorFactoryInterface>> creators;
+  creators.push_back(std::make_unique<VornSdkRpc::LoggingInterceptorFactory>());
+  builder.experimental().SetInterceptorCreators(std::move(creators));
+}
+
+// A server of gRPC's own threads with accounting, whose Echo answers with the status code that its
+// text spells.
+class EchoServer {
+ public:
+  explicit EchoServer(std::shared_ptr<grpc::ServerCredentials> const& credentials =
+                          grpc::InsecureServerCredentials(),
+                      std::string const& address = "127.0.0.1:0")
+      : address_(address) {
+    int port = 0;
+    grpc::ServerBuilder builder;
+    builder.AddListeningPort(address, credentials, &port);
+    builder.RegisterService(&service_);
+    accountingIs(builder);
+    server_ = builder.BuildAndStart();
+    if (address_.ends_with(":0")) address_.replace(address_.size() - 1, 1, std::to_string(port));
+  }
+
+  // Lets the calls in progress end, and returns when the accounting is complete.
+  void stop() {
+    server_->Shutdown();
+    server_.reset();
+  }
+
+  // A stub with a connection of its own.
+  std::unique_ptr<Probe::Stub> stub(std::shared_ptr<grpc::ChannelCredentials> const& with =
+                                        grpc::InsecureChannelCredentials()) const {
+    grpc::ChannelArguments arguments;
+    arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+    return Probe::NewStub(grpc::CreateCustomChannel(address_, with, arguments));
+  }
+
+  // The most values of "session-id" that the connection of a call has had.
+  std::size_t sessionsPerConnection() const { return service_.sessionsPerConnection; }
+
+ private:
+  struct Service : Probe::Service {
+    grpc::Status Echo(grpc::ServerContext* context, Text const* text, Text*) override {
+      if (const auto caller = context->auth_context()) {
+        const auto sessions = caller->FindPropertyValues("session-id").size();
+        if (sessions > sessionsPerConnection) sessionsPerConnection = sessions;
+      }
+      return {static_cast<grpc::StatusCode>(std::stoi(text->text())), "text that is not recorded"};
+    }
+
+    std::atomic<std::size_t> sessionsPerConnection = 0;
+  };
+
+  std::string address_;
+  Service service_;
+  std::unique_ptr<grpc::Server> server_;
+};
+
+// One Echo; answers its status code.
+inline int callEcho(Probe::Stub& stub, std::string const& text,
+                    std::multimap<std::string, std::string> const& metadata = {}) {
+  grpc::ClientContext context;
+  for (auto const& [key, value] : metadata)
+    context.AddMetadata(key, value);
+  Text request;
+  request.set_text(text);
+  Text reply;
+  return stub.Echo(&context, request, &reply).error_code();
+}
+
+}  // namespace test

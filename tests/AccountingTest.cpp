@@ -1,0 +1,305 @@
+#include <Kiv/Log.h>
+#include <Kiv/Trace.h>
+#include <gmock/gmock.h>
+#include <grpcpp/generic/generic_stub.h>
+#include <gtest/gtest.h>
+
+#include <future>
+#include <latch>
+#include <map>
+#include <numeric>
+#include <regex>
+#include <stdexcept>
+
+#include "Capture.h"
+#include "FailingNew.h"
+#include "ProbeService.h"
+
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::IsEmpty;
+using testing::UnorderedElementsAreArray;
+using namespace std::string_literals;
+
+namespace {
+
+using test::callEcho;
+using test::EchoServer;
+
+constexpr char kEcho[] = "/test.Probe/Echo";
+
+std::string lineOf(std::string const& user, std::string const& session, std::string const& rpc,
+                   int status) {
+  return "VORNSDKRPC_ACCOUNTING_RPC: user: " + user + ", session: " + session +
+         ", peer: PEER, rpc: " + rpc + ", status: " + std::to_string(status);
+}
+
+// The lines with each client's address, which the kernel chooses, replaced.
+std::vector<std::string> linesOf(test::Capture const& log) {
+  static const std::regex peer("peer: ipv4:127\\.0\\.0\\.1:[0-9]+,");
+  auto lines = log.lines();
+  for (auto& line : lines)
+    line = std::regex_replace(line, peer, "peer: PEER,");
+  return lines;
+}
+
+void makeStreamingCalls(test::Probe::Stub& stub) {
+  test::Text text;
+  test::Count count;
+  {
+    grpc::ClientContext context;
+    const auto writer = stub.Collect(&context, &count);
+    for (int i = 0; i < 3; ++i)
+      writer->Write(text);
+    writer->WritesDone();
+    EXPECT_TRUE(writer->Finish().ok());
+  }
+  {
+    grpc::ClientContext context;
+    const auto reader = stub.Tick(&context, count);
+    while (reader->Read(&text)) {
+    }
+    EXPECT_TRUE(reader->Finish().ok());
+  }
+  grpc::ClientContext context;
+  const auto stream = stub.Chat(&context);
+  for (int i = 0; i < 3; ++i) {
+    stream->Write(text);
+    stream->Read(&text);
+  }
+  stream->WritesDone();
+  EXPECT_TRUE(stream->Finish().ok());
+}
+
+// A chat that the client gives up, by itself or at its deadline; the server then answers OK to
+// nobody. On a busy machine it may be over before it gets to the server.
+grpc::StatusCode abandonChat(test::Probe::Stub& stub, bool late) {
+  grpc::ClientContext context;
+  if (late) context.set_deadline(std::chrono::system_clock::now() + std::chrono::milliseconds(100));
+  const auto stream = stub.Chat(&context);
+  test::Text text;
+  stream->Write(text);
+  stream->Read(&text);
+  if (!late) context.TryCancel();
+  return stream->Finish().error_code();
+}
+
+// A call of a method that nobody implements.
+grpc::StatusCode callUnknownMethod(std::string const& address) {
+  const auto channel = grpc::CreateChannel(address, grpc::InsecureChannelCredentials());
+  grpc::TemplatedGenericStub<test::Text, test::Text> stub(channel);
+  grpc::ClientContext context;
+  test::Text request;
+  test::Text reply;
+  std::promise<grpc::StatusCode> answer;
+  stub.UnaryCall(&context, "/no.such.Service/Method", grpc::StubOptions(), &request, &reply,
+                 [&](grpc::Status const& status) { answer.set_value(status.error_code()); });
+  return answer.get_future().get();
+}
+
+TEST(Accounting, EveryKindOfCallIsOneRecordHoweverItEnds) {
+  const test::Capture log(Kiv::platformLogger());
+  const auto service = std::make_shared<test::ProbeService>();
+  auto server = std::make_unique<test::RunningServer>(
+      std::vector<std::shared_ptr<VornSdkRpc::GrpcService>>{service}, true);
+  const auto stub = server->stub();
+  EXPECT_EQ(callEcho(*stub, "fail"), grpc::NOT_FOUND);
+  makeStreamingCalls(*stub);
+  EXPECT_EQ(abandonChat(*stub, false), grpc::CANCELLED);
+  const int before = service->made;
+  while (service->made == before)
+    EXPECT_EQ(abandonChat(*stub, true), grpc::DEADLINE_EXCEEDED);
+  // Behind the chats on the same connection: when it has been answered, they have all arrived.
+  EXPECT_EQ(callEcho(*stub, "text"), grpc::OK);
+  const int late = service->made - before - 1;
+  while (service->alive > 4)  // the handlers that wait for a call
+    std::this_thread::yield();
+  EXPECT_EQ(callUnknownMethod(server->address()), grpc::UNIMPLEMENTED);
+  server.reset();
+  const auto line = [](std::string const& rpc, int status) {
+    return lineOf("unknown", "unknown", rpc, status);
+  };
+  std::vector<std::string> expected = {line(kEcho, 0),
+                                       line(kEcho, 5),
+                                       line("/test.Probe/Collect", 0),
+                                       line("/test.Probe/Tick", 0),
+                                       line("/test.Probe/Chat", 0),
+                                       line("/test.Probe/Chat", 0),
+                                       line("/no.such.Service/Method", 12)};
+  expected.insert(expected.end(), static_cast<std::size_t>(late), line("/test.Probe/Chat", 0));
+  EXPECT_THAT(linesOf(log), UnorderedElementsAreArray(expected));
+}
+
+using Properties = std::vector<std::pair<std::string, std::string>>;
+
+// Gives a connection the properties of a case, as an agent's own processor would.
+class Identified : public grpc::AuthMetadataProcessor {
+ public:
+  explicit Identified(Properties properties) : properties_(std::move(properties)) {}
+
+ private:
+  grpc::Status Process(InputMetadata const&, grpc::AuthContext* context, OutputMetadata*,
+                       OutputMetadata*) override {
+    for (auto const& [name, value] : properties_)
+      context->AddProperty(name, value);
+    return grpc::Status::OK;
+  }
+
+  Properties const properties_;
+};
+
+TEST(Accounting, TheCallerIsTheFirstValueOfEachProperty) {
+  struct {
+    Properties properties;
+    std::string user;
+    std::string session;
+  } const cases[] = {
+      {{}, "unknown", "unknown"},
+      {{{"session-id", "s1"}}, "unknown", "s1"},
+      {{{"peer-authenticated", "alice"}, {"peer-authenticated", "bob"}}, "alice", "unknown"},
+      {{{"peer-authenticated", ""}, {"session-id", "\0x"s}}, "", ""},
+      {{{"peer-authenticated", "al\0ice"s}, {"session-id", "s1\0"s}}, "al", "s1"},
+      {{{"peer-authenticated", "eve, status: 0\nVORNSDKRPC_ACCOUNTING_RPC: user: root"}},
+       "eve, status: 0\\x0aVORNSDKRPC_ACCOUNTING_RPC: user: root",
+       "unknown"},
+  };
+  for (auto const& c : cases) {
+    const test::Capture log(Kiv::platformLogger());
+    const auto credentials = grpc::experimental::LocalServerCredentials(LOCAL_TCP);
+    credentials->SetAuthMetadataProcessor(std::make_shared<Identified>(c.properties));
+    EchoServer server(credentials);
+    callEcho(*server.stub(grpc::experimental::LocalCredentials(LOCAL_TCP)), "0");
+    server.stop();
+    EXPECT_THAT(linesOf(log), ElementsAre(lineOf(c.user, c.session, kEcho, 0)));
+  }
+}
+
+// The sizes of the batches that the consumer has traced, without those of spurious wake-ups.
+std::vector<std::string> batchesOf(test::Capture const& trace) {
+  const std::string text = "Draining backlog (size ";
+  std::vector<std::string> sizes;
+  for (auto const& line : trace.lines()) {
+    const auto at = line.find(text);
+    if (at == std::string::npos) continue;
+    const auto size = line.substr(at + text.size());
+    if (size != "0)") sizes.push_back(size);
+  }
+  return sizes;
+}
+
+TEST(Accounting, ABlockedLogHoldsUpNoCallAndLosesNothingAtTheEnd) {
+  Kiv::traceSettingIs("RPCAccounting/8-9");
+  const test::Capture trace(Kiv::traceLogger());
+  std::latch blocked(1);
+  std::latch open(1);
+  const test::Capture log(Kiv::platformLogger(), [&, first = true]() mutable {
+    if (!std::exchange(first, false)) return;
+    blocked.count_down();
+    open.wait();
+  });
+  EchoServer server;
+  const auto stub = server.stub();
+  std::vector<std::string> expected;
+  for (int status = 0; status <= 16; ++status) {
+    EXPECT_EQ(callEcho(*stub, std::to_string(status)), status);
+    if (status == 0) blocked.wait();
+    expected.push_back(lineOf("unknown", "unknown", kEcho, status));
+  }
+  const auto stopped = std::async(std::launch::async, [&] { server.stop(); });
+  open.count_down();
+  stopped.wait();
+  EXPECT_THAT(linesOf(log), ElementsAreArray(expected));
+  EXPECT_THAT(batchesOf(trace), ElementsAre("1)", "16)"));
+  EXPECT_EQ(trace.count("RPCAccounting/9: LoggingInterceptor::Intercept: Enqueueing message"), 17U);
+  Kiv::traceSettingIs("");
+}
+
+TEST(Accounting, ASinkThatThrowsIsToldOnceAndTheNextRecordIsWritten) {
+  const test::Capture trace(Kiv::traceLogger());
+  const test::Capture log(Kiv::platformLogger(), [] { throw std::runtime_error("disk full"); });
+  EchoServer server;
+  const auto stub = server.stub();
+  for (int i = 0; i < 3; ++i)
+    EXPECT_EQ(callEcho(*stub, "0"), 0);
+  server.stop();
+  EXPECT_EQ(log.lines().size(), 3U);
+  EXPECT_EQ(trace.count("disk full"), 1U);
+}
+
+TEST(Accounting, ARecordOutlastsAMomentWithoutMemory) {
+  std::vector<int> left;  // -1 once the allocation has failed
+  const test::Capture log(Kiv::platformLogger(), [&left] {
+    left.push_back(test::allocationsLeft);
+    if (left.size() == 1) test::allocationsLeft = 0;
+  });
+  EchoServer server;
+  const auto stub = server.stub();
+  std::vector<std::string> expected;
+  for (int status = 0; status < 3; ++status) {
+    EXPECT_EQ(callEcho(*stub, std::to_string(status)), status);
+    expected.push_back(lineOf("unknown", "unknown", kEcho, status));
+  }
+  server.stop();
+  EXPECT_THAT(linesOf(log), ElementsAreArray(expected));
+  EXPECT_THAT(left, ElementsAre(-1, -1, -1));
+}
+
+TEST(Accounting, AFactoryWithoutCallsWritesNothing) {
+  Kiv::traceSettingIs("RPCAccounting/0-31");
+  const test::Capture trace(Kiv::traceLogger());
+  const test::Capture log(Kiv::platformLogger());
+  for (int i = 0; i < 100; ++i)
+    VornSdkRpc::LoggingInterceptorFactory factory;
+  EXPECT_THAT(batchesOf(trace), IsEmpty());
+  EXPECT_THAT(log.lines(), IsEmpty());
+  Kiv::traceSettingIs("");
+}
+
+TEST(SynchronizedQueue, AClosedQueueHandsOutWhatItHoldsAndThenEnds) {
+  SynchronizedQueue<int> queue;
+  std::deque<int> taken;
+  queue.push(1);
+  queue.push(2);
+  queue.close();
+  queue.close();
+  EXPECT_TRUE(queue.swap(taken));
+  EXPECT_THAT(taken, ElementsAre(1, 2));
+  taken.clear();
+  EXPECT_FALSE(queue.swap(taken));
+  EXPECT_THAT(taken, IsEmpty());
+  EXPECT_DEATH(
+      {
+        taken.push_back(3);
+        queue.swap(taken);
+      },
+      "q.empty\\(\\)");
+}
+
+TEST(SynchronizedQueue, KeepsEveryItemOfEveryProducerInOrder) {
+  constexpr int kProducers = 4, kItems = 5000;
+  SynchronizedQueue<std::pair<int, int>> queue;
+  std::map<int, std::vector<int>> received;
+  std::jthread consumer([&] {
+    for (std::deque<std::pair<int, int>> batch; queue.swap(batch); batch.clear()) {
+      for (auto const& [producer, item] : batch)
+        received[producer].push_back(item);
+    }
+  });
+  std::vector<std::jthread> producers;
+  for (int producer = 0; producer < kProducers; ++producer) {
+    producers.emplace_back([&queue, producer] {
+      for (int item = 0; item < kItems; ++item)
+        queue.push({producer, item});
+    });
+  }
+  producers.clear();
+  queue.close();
+  consumer.join();
+  std::vector<int> all(kItems);
+  std::iota(all.begin(), all.end(), 0);
+  EXPECT_EQ(received.size(), std::size_t{kProducers});
+  for (auto const& [producer, items] : received)
+    EXPECT_EQ(items, all);
+}
+
+}  // namespace

@@ -1,0 +1,244 @@
+#include <Kiv/Log.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <sstream>
+#include <tuple>
+
+#include "Accounted.h"
+#include "Capture.h"
+#include "examples/routing_agent/Identity.h"
+
+using routing_agent::IdentityOptions;
+using routing_agent::serverCredentials;
+using test::EchoServer;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace {
+
+// A directory with throw-away authorities and certificates, which goes with the test.
+class Certificates {
+ public:
+  Certificates() {
+    std::string pattern = testing::TempDir() + "identityXXXXXX";
+    directory_ = mkdtemp(pattern.data());
+    make("ca", "/CN=ca", "");
+    issue("server", "/CN=server", "IP:127.0.0.1");
+  }
+  ~Certificates() { std::filesystem::remove_all(directory_); }
+  Certificates(Certificates const&) = delete;
+  Certificates& operator=(Certificates const&) = delete;
+
+  std::string path(std::string const& name) const { return directory_ + "/" + name; }
+
+  // NAME.pem and NAME.key, signed by the authority "ca".
+  void issue(std::string const& name, std::string const& subject,
+             std::string const& alternative = "") const {
+    make(name, subject,
+         " -CA " + path("ca.pem") + " -CAkey " + path("ca.key") +
+             (alternative.empty() ? "" : " -addext subjectAltName=" + alternative));
+  }
+
+  // NAME.pem and NAME.key, signed by itself.
+  void make(std::string const& name, std::string const& subject, std::string const& more) const {
+    const std::string command =
+        "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 1 "
+        "-keyout " +
+        path(name + ".key") + " -out " + path(name + ".pem") + " -subj '" + subject + "'" + more +
+        " 2>" + path("openssl.log");
+    if (std::system(command.c_str()) != 0)
+      throw std::runtime_error("openssl: " + read("openssl.log"));
+  }
+
+  std::string read(std::string const& name) const {
+    std::ifstream file(path(name));
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+
+  IdentityOptions options() const {
+    return {path("server.pem"), path("server.key"), path("ca.pem")};
+  }
+
+  // The credentials of a client with the certificate of that name; without a name, of one without.
+  std::shared_ptr<grpc::ChannelCredentials> client(std::string const& name = "") const {
+    grpc::SslCredentialsOptions tls;
+    tls.pem_root_certs = read("ca.pem");
+    if (!name.empty()) {
+      tls.pem_cert_chain = read(name + ".pem");
+      tls.pem_private_key = read(name + ".key");
+    }
+    return grpc::SslCredentials(tls);
+  }
+
+ private:
+  std::string directory_;
+};
+
+// The code of a call whose metadata claims to come from `usernames`, and which asks for `status`.
+int callAs(test::Probe::Stub& stub, std::vector<std::string> const& usernames = {},
+           int status = 0) {
+  std::multimap<std::string, std::string> metadata;
+  for (auto const& name : usernames)
+    metadata.emplace("username", name);
+  return test::callEcho(stub, std::to_string(status), metadata);
+}
+
+struct Record {
+  std::string user, session, peer, status;
+};
+
+// The records of the log, taken apart.
+std::vector<Record> recordsOf(test::Capture const& log) {
+  const auto between = [](std::string const& line, std::string const& from, std::string const& to) {
+    const auto begin = line.find(from) + from.size();
+    return line.substr(begin, line.find(to, begin) - begin);
+  };
+  std::vector<Record> records;
+  for (auto const& line : log.lines()) {
+    records.push_back({between(line, "user: ", ", session: "),
+                       between(line, "session: ", ", peer: "), between(line, "peer: ", ", rpc: "),
+                       between(line, "status: ", "\n")});
+  }
+  return records;
+}
+
+std::vector<std::string> usersOf(test::Capture const& log) {
+  std::vector<std::string> users;
+  for (auto const& record : recordsOf(log))
+    users.push_back(record.user);
+  return users;
+}
+
+// Users who call at the same time, one of them over two connections: each status is one user's.
+TEST(Identity, EveryRecordOfAUserIsHisAndOfHisConnection) {
+  constexpr int kCalls = 50;
+  const test::Capture log(Kiv::platformLogger());
+  const Certificates certificates;
+  certificates.issue("alice", "/CN=alice");
+  certificates.issue("bob", "/CN=bob");
+  EchoServer server(serverCredentials("127.0.0.1:0", certificates.options()));
+  const auto client = [&](std::string const& name, int status) {
+    return std::jthread([&, name, status] {
+      const auto stub = server.stub(certificates.client(name));
+      for (int i = 0; i < kCalls; ++i)
+        EXPECT_EQ(callAs(*stub, {}, status), status);
+    });
+  };
+  {
+    const std::jthread clients[] = {client("alice", 1), client("bob", 2), client("alice", 3)};
+  }
+  server.stop();
+  const auto records = recordsOf(log);
+  EXPECT_EQ(records.size(), 3U * kCalls);
+  std::set<std::string> sessions, peers;
+  std::set<std::tuple<std::string, std::string, std::string>> connections;
+  for (auto const& record : records) {
+    EXPECT_EQ(record.user, record.status == "2" ? "bob" : "alice");
+    sessions.insert(record.session);
+    peers.insert(record.peer);
+    connections.insert({record.session, record.peer, record.status});
+  }
+  EXPECT_EQ(sessions.size(), 3U);
+  EXPECT_EQ(peers.size(), 3U);
+  EXPECT_EQ(connections.size(), 3U);
+  EXPECT_EQ(server.sessionsPerConnection(), 1U);
+}
+
+TEST(Identity, ACertificateDecidesWhoCallsAndAClaimMustAgree) {
+  const test::Capture log(Kiv::platformLogger());
+  const Certificates certificates;
+  certificates.issue("alice", "/CN=alice");
+  certificates.issue("mail", "/O=nobody", "email:carol@example.com");
+  certificates.issue("nobody", "/O=nobody");
+  certificates.issue("forger", "/CN=eve\nVORNSDKRPC_ACCOUNTING_RPC: user: root");
+  certificates.make("stranger", "/CN=alice", "");
+  EchoServer server(serverCredentials("127.0.0.1:0", certificates.options()));
+  struct {
+    std::string certificate;
+    std::vector<std::string> usernames;
+    int code;
+  } const cases[] = {
+      {"alice", {}, grpc::OK},
+      {"alice", {"alice"}, grpc::OK},
+      {"alice", {"bob"}, grpc::UNAUTHENTICATED},
+      {"alice", {"alice", "bob"}, grpc::UNAUTHENTICATED},
+      {"alice", {""}, grpc::UNAUTHENTICATED},
+      {"mail", {}, grpc::OK},
+      {"nobody", {}, grpc::UNAUTHENTICATED},
+      {"forger", {}, grpc::OK},
+      {"stranger", {}, grpc::UNAVAILABLE},
+      {"", {"alice"}, grpc::UNAVAILABLE},
+  };
+  for (auto const& c : cases) {
+    const auto stub = server.stub(certificates.client(c.certificate));
+    EXPECT_EQ(callAs(*stub, c.usernames), c.code) << c.certificate;
+  }
+  server.stop();
+  EXPECT_THAT(usersOf(log), ElementsAre("alice", "alice", "carol@example.com",
+                                        "eve\\x0aVORNSDKRPC_ACCOUNTING_RPC: user: root"));
+}
+
+TEST(Identity, LocalCallersAreWhoTheirConnectionsFirstCallClaims) {
+  const Certificates certificates;
+  auto options = certificates.options();
+  options.loopback = true;
+  struct {
+    std::string address;
+    grpc_local_connect_type type;
+  } const cases[] = {{"127.0.0.1:0", LOCAL_TCP}, {"unix:" + certificates.path("socket"), UDS}};
+  for (auto const& c : cases) {
+    const test::Capture log(Kiv::platformLogger());
+    EchoServer server(serverCredentials(c.address, options), c.address);
+    const auto alice = server.stub(grpc::experimental::LocalCredentials(c.type));
+    EXPECT_EQ(callAs(*alice, {"alice"}), grpc::OK);
+    EXPECT_EQ(callAs(*alice, {"bob"}), grpc::UNAUTHENTICATED);
+    EXPECT_EQ(callAs(*alice), grpc::OK);
+    const auto somebody = server.stub(grpc::experimental::LocalCredentials(c.type));
+    EXPECT_EQ(callAs(*somebody), grpc::OK);
+    EXPECT_EQ(callAs(*somebody, {"alice"}), grpc::UNAUTHENTICATED);
+    EXPECT_EQ(callAs(*somebody), grpc::OK);
+    server.stop();
+    EXPECT_THAT(usersOf(log), ElementsAre("local:alice", "local:alice", "local", "local"));
+    EXPECT_EQ(server.sessionsPerConnection(), 1U);
+  }
+}
+
+TEST(Identity, AConnectionWithoutCredentialsIsUnknown) {
+  const test::Capture log(Kiv::platformLogger());
+  EchoServer server(serverCredentials("127.0.0.1:0", IdentityOptions()));
+  const auto stub = server.stub();
+  EXPECT_EQ(callAs(*stub, {"alice"}), grpc::OK);
+  server.stop();
+  EXPECT_THAT(usersOf(log), ElementsAre("unknown"));
+}
+
+TEST(Identity, AFileThatCannotBeUsedIsNamedWithTheReason) {
+  const Certificates certificates;
+  const auto refusal = [&](auto change) -> std::string {
+    auto options = certificates.options();
+    change(options);
+    try {
+      serverCredentials("0.0.0.0:0", options);
+    } catch (std::exception const& error) {
+      return error.what();
+    }
+    return "accepted";
+  };
+  EXPECT_EQ(refusal([](auto&) {}), "accepted");
+  const auto missing = certificates.path("missing.pem");
+  EXPECT_EQ(refusal([&](auto& o) { o.tlsCert = missing; }),
+            "cannot read " + missing + ": No such file or directory");
+  EXPECT_EQ(refusal([&](auto& o) { o.clientCa = certificates.path(""); }),
+            "cannot read " + certificates.path("") + ": Is a directory");
+  EXPECT_EQ(refusal([&](auto& o) { o.tlsKey = "/dev/null"; }), "/dev/null holds no PEM");
+  EXPECT_THAT(refusal([](auto& o) { o.clientCa = ""; }), HasSubstr("all three"));
+}
+
+}  // namespace

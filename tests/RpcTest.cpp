@@ -1,0 +1,409 @@
+#include <VornSdkRpc/Rpc.h>
+#include <gmock/gmock.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
+#include <map>
+#include <set>
+#include <thread>
+
+#include "tests/Capture.h"
+#include "tests/ProbeService.h"
+
+namespace test {
+namespace {
+
+namespace rpc = VornSdkRpc::rpc;
+using namespace std::chrono_literals;
+
+// Counts what is alive: a local of every coroutine, so that a frame that is leaked is seen.
+class Alive {
+ public:
+  explicit Alive(std::atomic<int>& count) : count_(count) { ++count_; }
+  Alive(const Alive&) = delete;
+  Alive& operator=(const Alive&) = delete;
+  ~Alive() { --count_; }
+
+ private:
+  std::atomic<int>& count_;
+};
+
+// The Probe service on the kit. What a call does is in the text of its request.
+class KitService : public rpc::Service<Probe::AsyncService> {
+ public:
+  explicit KitService(rpc::MethodOptions options = {}) : Service("Kit") {
+    method(
+        &Async::RequestEcho,
+        [this](rpc::Call& call, const Text& text, Text& reply) { return echo(call, text, reply); },
+        options);
+    method(&Async::RequestCollect, [this](rpc::Reader<Text>& texts, Count& count) -> rpc::Task<> {
+      const Alive local(alive);
+      Text text;
+      while (co_await texts.read(text))
+        count.set_count(count.count() + 1);
+      ended(texts);
+      co_return grpc::Status::OK;
+    });
+    method(&Async::RequestTick,
+           [this](rpc::Writer<Text>& ticks, const Count& count) -> rpc::Task<> {
+             const Alive local(alive);
+             co_await writeAll(ticks, count.count());
+             ended(ticks);
+             co_return grpc::Status::OK;
+           });
+    method(&Async::RequestChat, [this](rpc::ReaderWriter<Text, Text>& chat) -> rpc::Task<> {
+      const Alive local(alive);
+      Text text;
+      while (co_await chat.read(text) && co_await chat.write(text)) {
+        if (text.text() == "leave") co_return grpc::Status(grpc::StatusCode::ABORTED, "left");
+      }
+      ended(chat);
+      co_return grpc::Status::OK;
+    });
+  }
+
+  // Wakes every call that listens.
+  void wake() {
+    const std::lock_guard lock(mutex_);
+    for (auto* event : listening_)
+      event->set();
+  }
+  std::size_t listening() const {
+    const std::lock_guard lock(mutex_);
+    return listening_.size();
+  }
+  std::thread::id servingThread;
+  std::atomic<int> alive = 0;
+  std::atomic<int> cancelled = 0;
+  std::atomic<int> elsewhere = 0;  // steps that ran on another thread than the serving one
+
+ private:
+  void serverStarted() override {
+    servingThread = std::this_thread::get_id();
+    Service::serverStarted();
+  }
+
+  // Listens for its lifetime.
+  class Listener {
+   public:
+    Listener(KitService& service, rpc::Event& event) : service_(service), event_(event) {
+      const std::lock_guard lock(service_.mutex_);
+      service_.listening_.insert(&event_);
+    }
+    Listener(const Listener&) = delete;
+    Listener& operator=(const Listener&) = delete;
+    ~Listener() {
+      const std::lock_guard lock(service_.mutex_);
+      service_.listening_.erase(&event_);
+    }
+
+   private:
+    KitService& service_;
+    rpc::Event& event_;
+  };
+
+  rpc::Task<> echo(rpc::Call& call, const Text& text, Text& reply) {
+    // Before the first await, in the plain part of the function.
+    if (text.text() == "throw first") throw vorn::unsupported_error("not here", "echo");
+    return echoLater(call, text, reply);
+  }
+
+  rpc::Task<> echoLater(rpc::Call& call, const Text& text, Text& reply) {
+    const Alive local(alive);
+    static const std::map<std::string, std::function<void()>> throws = {
+        {"argument", [] { throw vorn::invalid_argument_error("a bad tag", "tag"); }},
+        {"range", [] { throw vorn::invalid_range_error("too large", "label", 1 << 20); }},
+        {"unsupported", [] { throw vorn::unsupported_error("not here", "echo"); }},
+        {"configuration", [] { throw vorn::configuration_error("no table"); }},
+        {"unconfigured", [] { throw vorn::unconfigured_agent_error("not set up", "kit"); }},
+        {"lock", [] { throw vorn::no_scoped_lock_obtained_error("busy"); }},
+        {"secret", [] { throw std::runtime_error("password is hunter2"); }},
+        {"number", [] { throw 7; }},
+    };
+    const auto thrower = throws.find(text.text());
+    if (thrower != throws.end()) thrower->second();
+    if (text.text() == "pause") {
+      if (!co_await call.wait(1ms)) co_return grpc::Status::CANCELLED;
+    } else if (text.text() == "forever") {
+      EXPECT_FALSE(co_await call.wait(std::chrono::hours::max()));
+      EXPECT_FALSE(co_await call.wait(1ms)) << "a wait on a dead call answers at once";
+      ended(call);
+    } else if (text.text() == "listen") {
+      rpc::Event event;
+      const Listener listener(*this, event);
+      while (co_await call.wait(event)) {
+        if (std::this_thread::get_id() != servingThread) ++elsewhere;
+        if (++heard_ % 2 == 0) break;  // the second time is enough
+      }
+      ended(call);
+    }
+    reply = text;
+    co_return grpc::Status::OK;
+  }
+
+  rpc::Task<void> writeAll(rpc::Writer<Text>& ticks, std::uint32_t count) {
+    Text text;
+    if (count == 0) {  // endless, as fast as the client reads
+      text.set_text(std::string(10000, 'x'));
+      while (co_await ticks.write(text)) {
+      }
+    }
+    for (std::uint32_t i = 0; i < count; ++i) {
+      text.set_text(std::to_string(i));
+      if (!co_await ticks.write(text)) co_return;
+    }
+  }
+
+  void ended(const rpc::Call& call) {
+    if (std::this_thread::get_id() != servingThread) ++elsewhere;
+    if (call.cancelled()) ++cancelled;
+  }
+
+  mutable std::mutex mutex_;
+  std::set<rpc::Event*> listening_;
+  int heard_ = 0;
+};
+
+// An Echo of a plain function.
+class FunctionService : public rpc::Service<Probe::AsyncService> {
+ public:
+  FunctionService() : Service("Function") {
+    method(&Async::RequestEcho, [](grpc::ServerContext& context, const Text& text, Text& reply) {
+      if (text.text() == "throw") throw vorn::invalid_argument_error("thrown", "text");
+      reply.set_text(context.peer().substr(0, 5) + text.text());
+      return text.text() == "fail" ? grpc::Status(grpc::StatusCode::NOT_FOUND, "failed")
+                                   : grpc::Status::OK;
+    });
+  }
+};
+
+Text textOf(const std::string& text) {
+  Text message;
+  message.set_text(text);
+  return message;
+}
+
+grpc::Status echo(Probe::Stub& stub, const std::string& text, Text* reply = nullptr,
+                  std::chrono::milliseconds deadline = 60s) {
+  grpc::ClientContext context;
+  context.set_deadline(std::chrono::system_clock::now() + deadline);
+  Text ignored;
+  return stub.Echo(&context, textOf(text), reply ? reply : &ignored);
+}
+
+// What each idle method holds in the registry: the call that is asked for, and the notice of its
+// end.
+constexpr std::size_t kIdleTags = 8;
+
+void waitUntilIdle(RunningServer& running, std::size_t tags = kIdleTags) {
+  while (running.server().tagManager().size() != tags)
+    std::this_thread::yield();
+}
+
+TEST(Rpc, ServesEveryKindOfCallBesideHandWrittenHandlers) {
+  const auto kit = std::make_shared<KitService>();
+  RunningServer running({kit});
+  const auto stub = running.stub();
+  Text reply;
+  EXPECT_TRUE(echo(*stub, "hello", &reply).ok());
+  EXPECT_EQ(reply.text(), "hello");
+  EXPECT_TRUE(echo(*stub, "pause", &reply).ok());
+  EXPECT_EQ(reply.text(), "pause");
+  {
+    grpc::ClientContext context;
+    Count count;
+    const auto writer = stub->Collect(&context, &count);
+    for (int i = 0; i < 100; ++i)
+      ASSERT_TRUE(writer->Write(reply));
+    writer->WritesDone();
+    EXPECT_TRUE(writer->Finish().ok());
+    EXPECT_EQ(count.count(), 100U);
+  }
+  {
+    grpc::ClientContext context;
+    Count count;
+    count.set_count(100);
+    const auto reader = stub->Tick(&context, count);
+    for (int i = 0; i < 100; ++i) {
+      ASSERT_TRUE(reader->Read(&reply));
+      EXPECT_EQ(reply.text(), std::to_string(i));
+    }
+    EXPECT_FALSE(reader->Read(&reply));
+    EXPECT_TRUE(reader->Finish().ok());
+  }
+  {
+    grpc::ClientContext context;
+    const auto stream = stub->Chat(&context);
+    for (const char* text : {"a", "b", "leave"}) {
+      ASSERT_TRUE(stream->Write(textOf(text)));
+      ASSERT_TRUE(stream->Read(&reply));
+      EXPECT_EQ(reply.text(), text);
+    }
+    EXPECT_EQ(stream->Finish().error_code(), grpc::StatusCode::ABORTED);
+  }
+  waitUntilIdle(running);
+  EXPECT_EQ(kit->alive, 0);
+  EXPECT_EQ(kit->elsewhere, 0);
+}
+
+TEST(Rpc, AFunctionAnswersAtOnce) {
+  RunningServer running({std::make_shared<FunctionService>()});
+  const auto stub = running.stub();
+  Text reply;
+  EXPECT_TRUE(echo(*stub, "hello", &reply).ok());
+  EXPECT_EQ(reply.text(), "ipv4:hello");
+  EXPECT_EQ(echo(*stub, "fail").error_code(), grpc::StatusCode::NOT_FOUND);
+  EXPECT_EQ(echo(*stub, "throw").error_message(), "thrown");
+  waitUntilIdle(running, 1);
+}
+
+TEST(Rpc, AnExceptionBecomesAStatusThatTheClientCanActOn) {
+  const Capture trace(Kiv::traceLogger());
+  const auto kit = std::make_shared<KitService>();
+  RunningServer running({kit});
+  const auto stub = running.stub();
+  for (const auto& [text, code, message] : {
+           std::tuple{"argument", grpc::StatusCode::INVALID_ARGUMENT, "a bad tag"},
+           {"range", grpc::StatusCode::INVALID_ARGUMENT, "too large"},
+           {"unsupported", grpc::StatusCode::UNIMPLEMENTED, "not here"},
+           {"configuration", grpc::StatusCode::FAILED_PRECONDITION, "no table"},
+           {"unconfigured", grpc::StatusCode::FAILED_PRECONDITION, "not set up"},
+           {"lock", grpc::StatusCode::UNAVAILABLE, "busy"},
+           {"secret", grpc::StatusCode::INTERNAL, "internal error"},
+           {"number", grpc::StatusCode::INTERNAL, "internal error"},
+           {"throw first", grpc::StatusCode::UNIMPLEMENTED, "not here"},
+       }) {
+    const grpc::Status status = echo(*stub, text);
+    EXPECT_EQ(status.error_code(), code) << text;
+    EXPECT_EQ(status.error_message(), message) << text;
+  }
+  waitUntilIdle(running);
+  EXPECT_EQ(kit->alive, 0);
+  EXPECT_EQ(trace.count("Kit-service/0: a call failed: password is hunter2"), 1U);
+  EXPECT_EQ(trace.count("a call failed"), 2U);
+}
+
+TEST(Rpc, ACancelledCallRunsToItsEndOnTheServingThread) {
+  const auto kit = std::make_shared<KitService>();
+  RunningServer running({kit});
+  const auto stub = running.stub();
+  EXPECT_EQ(echo(*stub, "forever", nullptr, 50ms).error_code(),
+            grpc::StatusCode::DEADLINE_EXCEEDED);
+  EXPECT_EQ(echo(*stub, "listen", nullptr, 50ms).error_code(), grpc::StatusCode::DEADLINE_EXCEEDED);
+  Text text;
+  {
+    grpc::ClientContext collecting, ticking, chatting;
+    Count count;
+    const auto collect = stub->Collect(&collecting, &count);
+    ASSERT_TRUE(collect->Write(text));
+    const auto ticks = stub->Tick(&ticking, count);  // a client that stops reading
+    ASSERT_TRUE(ticks->Read(&text));
+    const auto chat = stub->Chat(&chatting);
+    ASSERT_TRUE(chat->Write(text));
+    ASSERT_TRUE(chat->Read(&text));
+    collecting.TryCancel();
+    ticking.TryCancel();
+    chatting.TryCancel();
+    EXPECT_EQ(collect->Finish().error_code(), grpc::StatusCode::CANCELLED);
+    while (ticks->Read(&text)) {
+    }
+    EXPECT_EQ(ticks->Finish().error_code(), grpc::StatusCode::CANCELLED);
+    EXPECT_EQ(chat->Finish().error_code(), grpc::StatusCode::CANCELLED);
+  }
+  waitUntilIdle(running);
+  EXPECT_EQ(kit->alive, 0);
+  EXPECT_GE(kit->cancelled, 3) << "both that waited, and the writer";
+  EXPECT_EQ(kit->elsewhere, 0);
+  EXPECT_EQ(kit->listening(), 0U);
+}
+
+// Another thread wakes a call twice while it goes in and out of its wait: no wake-up is lost.
+TEST(Rpc, AnEventWakesTheCallOnTheServingThread) {
+  const auto kit = std::make_shared<KitService>();
+  RunningServer running({kit});
+  const auto stub = running.stub();
+  std::atomic<bool> done = false;
+  std::thread waker([&] {
+    while (!done)
+      kit->wake();
+  });
+  for (int i = 0; i < 200; ++i)
+    ASSERT_TRUE(echo(*stub, "listen").ok());
+  done = true;
+  waker.join();
+  EXPECT_EQ(kit->elsewhere, 0);
+}
+
+TEST(Rpc, RefusesWhatIsOverTheLimitAndGivesEverySlotBack) {
+  const auto kit = std::make_shared<KitService>(rpc::MethodOptions{.limit = 2, .ahead = 3});
+  RunningServer running({kit});
+  const auto stub = running.stub();
+  for (int round = 0; round < 3; ++round) {
+    std::vector<std::thread> held;
+    std::atomic<int> released = 0;
+    for (int i = 0; i < 2; ++i) {
+      held.emplace_back([&] { released += echo(*stub, "listen").ok(); });
+    }
+    while (kit->listening() != 2)
+      std::this_thread::yield();
+    EXPECT_EQ(echo(*stub, "hello").error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
+    while (released != 2) {
+      kit->wake();
+      std::this_thread::yield();
+    }
+    for (auto& thread : held)
+      thread.join();
+    EXPECT_EQ(echo(*stub, "argument").error_code(), grpc::StatusCode::INVALID_ARGUMENT);
+    EXPECT_EQ(echo(*stub, "throw first").error_code(), grpc::StatusCode::UNIMPLEMENTED);
+    EXPECT_EQ(echo(*stub, "forever", nullptr, 20ms).error_code(),
+              grpc::StatusCode::DEADLINE_EXCEEDED);
+    waitUntilIdle(running, kIdleTags + 4);
+  }
+}
+
+// A stop with calls that wait for everything there is to wait for, many of them at once.
+TEST(Rpc, AStopDestroysEveryCallWhereverItWaits) {
+  constexpr int kEach = 50;
+  const auto kit = std::make_shared<KitService>();
+  {
+    RunningServer running({kit});
+    const auto stub = running.stub();
+    grpc::CompletionQueue queue;
+    struct Open {
+      grpc::ClientContext context;
+      Text reply;
+      Count count;
+      std::unique_ptr<grpc::ClientAsyncResponseReader<Text>> echo;
+      std::unique_ptr<grpc::ClientAsyncReader<Text>> ticks;
+      std::unique_ptr<grpc::ClientAsyncWriter<Text>> collect;
+      grpc::Status status;
+    };
+    std::vector<std::unique_ptr<Open>> open;
+    for (int i = 0; i < 4 * kEach; ++i) {
+      auto& call = *open.emplace_back(std::make_unique<Open>());
+      if (i % 4 == 0) call.ticks = stub->AsyncTick(&call.context, Count(), &queue, &call);
+      if (i % 4 == 1) call.collect = stub->AsyncCollect(&call.context, &call.count, &queue, &call);
+      if (i % 4 >= 2) {
+        call.echo =
+            stub->AsyncEcho(&call.context, textOf(i % 4 == 2 ? "forever" : "listen"), &queue);
+        call.echo->Finish(&call.reply, &call.status, &call);
+      }
+    }
+    while (kit->alive != 4 * kEach)
+      std::this_thread::yield();
+    running.stop();
+    for (auto& call : open)
+      call->context.TryCancel();
+    queue.Shutdown();
+    void* tag = nullptr;
+    bool ok = false;
+    while (queue.Next(&tag, &ok)) {
+    }
+  }
+  EXPECT_EQ(kit->alive, 0);
+  EXPECT_EQ(kit->listening(), 0U);
+}
+
+}  // namespace
+}  // namespace test
