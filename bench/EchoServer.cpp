@@ -1,11 +1,12 @@
 // One of the servers that scripts/bench measures, in a process of its own:
 //
-//   EchoServer MODE [--ahead N] [--spdlog FILE] [--count-allocations] [--keepalive]
+//   EchoServer MODE [--ahead N] [--accounting FILE | --spdlog FILE] [--count-allocations]
+//   [--keepalive]
 //
-// MODE is handwritten, frame, callback or synchronous. Tells the port of the loopback address that
-// it listens on, then answers every line of its standard input with one line of JSON: "report" with
-// what the process has used so far, "stop" (or the end of the input) with how long stopping took,
-// after which it ends.
+// MODE is handwritten, frame, kit, coroutine, callback or synchronous. Tells the port of the
+// loopback address that it listens on, then answers every line of its standard input with one line
+// of JSON: "report" with what the process has used so far, "stop" (or the end of the input) with
+// how long stopping took, after which it ends.
 #include <fmt/core.h>
 #include <malloc.h>
 #include <sys/resource.h>
@@ -30,6 +31,7 @@ using Clock = std::chrono::steady_clock;
 struct Options {
   std::string mode;
   std::size_t ahead = 1;
+  std::string accountingFile;
   std::string spdlogFile;
   bool countAllocations = false;
   bool keepalive = false;
@@ -37,7 +39,7 @@ struct Options {
 
 Options parse(int argc, char** argv) {
   if (argc < 2) throw std::invalid_argument("which server?");
-  Options options{.mode = argv[1], .spdlogFile = {}};
+  Options options{.mode = argv[1], .accountingFile = {}, .spdlogFile = {}};
   for (int i = 2; i < argc; ++i) {
     const std::string_view option = argv[i];
     const auto value = [&] {
@@ -46,6 +48,8 @@ Options parse(int argc, char** argv) {
     };
     if (option == "--ahead") {
       options.ahead = std::stoul(value());
+    } else if (option == "--accounting") {
+      options.accountingFile = value();
     } else if (option == "--spdlog") {
       options.spdlogFile = value();
     } else if (option == "--count-allocations") {
@@ -62,6 +66,8 @@ Options parse(int argc, char** argv) {
 std::unique_ptr<bench::Server> make(const Options& options, bench::Counts& counts) {
   if (options.mode == "handwritten") return bench::makeHandWritten(counts, options.ahead);
   if (options.mode == "frame") return bench::makeFrame(counts, options.ahead);
+  if (options.mode == "kit") return bench::makeKit(counts, options.ahead, false);
+  if (options.mode == "coroutine") return bench::makeKit(counts, options.ahead, true);
   if (options.mode == "callback") return bench::makeCallback(counts);
   if (options.mode == "synchronous") return bench::makeSynchronous(counts);
   throw std::invalid_argument(fmt::format("unknown server {}", options.mode));
@@ -99,6 +105,8 @@ void serve(const Options& options) {
   int port = 0;
   grpc::ServerBuilder builder;
   builder.AddListeningPort("127.0.0.1:0", grpc::InsecureServerCredentials(), &port);
+  if (!options.accountingFile.empty())
+    bench::accountThroughLibrary(builder, options.accountingFile);
   if (!options.spdlogFile.empty()) bench::accountThroughSpdlog(builder, options.spdlogFile);
   if (options.keepalive) {
     builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIME_MS, 10'000);

@@ -43,9 +43,15 @@ std::unique_ptr<Server> makeHandWritten(Counts& counts, std::size_t ahead);
 // Handlers written by hand on VornSdkRpc::GrpcServer, as many ahead.
 std::unique_ptr<Server> makeFrame(Counts& counts, std::size_t ahead);
 
+// The same with the authoring kit, Say as a function or as a coroutine. They offer Say and Stream.
+std::unique_ptr<Server> makeKit(Counts& counts, std::size_t ahead, bool coroutine);
+
 // gRPC's callback and synchronous API. They offer Say alone.
 std::unique_ptr<Server> makeCallback(Counts& counts);
 std::unique_ptr<Server> makeSynchronous(Counts& counts);
+
+// The library's accounting, with the platform log going to the file.
+void accountThroughLibrary(grpc::ServerBuilder& builder, const std::string& file);
 
 // The least accounting that anybody would write: an interceptor that hands a line a call to
 // spdlog's asynchronous logger, which writes it to the file.

@@ -1,10 +1,8 @@
-#include <VornSdkRpc/GrpcServer.h>
-
 #include <unordered_set>
 #include <utility>
 
 #include "bench/Bench.grpc.pb.h"
-#include "bench/EchoServers.h"
+#include "bench/OnFrame.h"
 
 namespace bench {
 
@@ -25,7 +23,6 @@ class BenchService : public VornSdkRpc::GrpcService {
   Bench::AsyncService async;
   Counts& counts;
   std::unordered_set<Hold*> held;
-  std::function<void()> listening;
 
  private:
   void registerWith(grpc::ServerBuilder& builder) override { builder.RegisterService(&async); }
@@ -160,33 +157,12 @@ void BenchService::serverStarted() {
   open<Stream>();
   open<Hold>();
   open<Publish>();
-  listening();
 }
-
-class Frame : public Server {
- public:
-  Frame(Counts& counts, std::size_t ahead)
-      : Server(counts), service_(std::make_shared<BenchService>(counts, ahead)) {}
-
-  void run(grpc::ServerBuilder& builder, const std::function<void()>& listening) override {
-    service_->listening = listening;
-    server_ = std::make_unique<VornSdkRpc::GrpcServer>(
-        builder, std::vector<std::shared_ptr<VornSdkRpc::GrpcService>>{service_}, properties_);
-    server_->run();
-  }
-
-  void stop() override { server_->stop(); }
-
- private:
-  std::shared_ptr<BenchService> service_;
-  VornSdkRpc::ServerProperties properties_;
-  std::unique_ptr<VornSdkRpc::GrpcServer> server_;
-};
 
 }  // namespace
 
 std::unique_ptr<Server> makeFrame(Counts& counts, std::size_t ahead) {
-  return std::make_unique<Frame>(counts, ahead);
+  return std::make_unique<OnFrame>(counts, std::make_shared<BenchService>(counts, ahead));
 }
 
 }  // namespace bench

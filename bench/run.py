@@ -27,8 +27,8 @@ from driver import (Server, h2load, instructions, item, load, order, percentiles
 OUT = pathlib.Path("build/bench")
 STREAMS = 10_000
 
-HAND, FRAME = "hand-written", "frame"
-SPDLOG = ["--spdlog", str(SCRATCH / "accounting.log")]
+HAND, FRAME, COROUTINE = "hand-written", "frame", "kit, a coroutine"
+LOG = str(SCRATCH / "accounting.log")
 
 # What serves unary calls, with the peer that its figures are divided by.
 UNARY = {
@@ -36,10 +36,13 @@ UNARY = {
     FRAME: (["frame"], HAND),
     "hand-written, 64 ahead": (["handwritten", "--ahead", "64"], HAND),
     "frame, 64 ahead": (["frame", "--ahead", "64"], HAND),
+    "kit, a function": (["kit"], HAND),
+    "kit, a function, 64 ahead": (["kit", "--ahead", "64"], HAND),
+    COROUTINE: (["coroutine"], HAND),
     "callback API": (["callback"], HAND),
     "synchronous API": (["synchronous"], HAND),
-    "hand-written, a spdlog line a call": (["handwritten", *SPDLOG], HAND),
-    "frame, a spdlog line a call": (["frame", *SPDLOG], FRAME),
+    "frame, accounting": (["frame", "--accounting", LOG], FRAME),
+    "frame, a spdlog line a call": (["frame", "--spdlog", LOG], FRAME),
 }
 
 
@@ -122,8 +125,8 @@ def streaming(plan):
                 after = server.report()
             return {"cpu_us": cpu(before, after, calls * 1000), "rate": rate * 1000}
 
-        result += rows(f"streamed item, {size} bytes", take_turns((HAND, FRAME), plan.rounds, one),
-                       {FRAME: HAND})
+        result += rows(f"streamed item, {size} bytes", take_turns((HAND, FRAME, COROUTINE), plan.rounds, one),
+                       {FRAME: HAND, COROUTINE: HAND})
     return result
 
 
@@ -204,6 +207,7 @@ AIMS = [
     ("unary echo", FRAME, "ratios", "cpu_us", 1.03),
     ("unary echo", FRAME, "ratios", "instructions", 1.03),
     ("unary echo", "frame, 64 ahead", "ratios", "cpu_us", 0.90),
+    ("unary echo", "frame, accounting", "ratios", "cpu_us", 1.20),
     ("10,000 open streams, a write to each", FRAME, "figures", "stop_ms", 1000),
     ("10,000 open streams, clients stalled for 4 s", "frame, keepalive 10 s / 1 s", "figures",
      "stop_ms", 1000),
@@ -231,7 +235,7 @@ def parse():
     plan = parser.parse_args()
     plan.only = plan.only.split(",")
     plan.rounds, plan.few, plan.counted_rounds = (5, 1, 1) if plan.quick else (11, 5, 3)
-    plan.calls, plan.counted = (5_000, 1_000) if plan.quick else (20_000, 3_000)
+    plan.calls, plan.counted = (5_000, 2_000) if plan.quick else (20_000, 3_000)
     plan.streams, plan.publishes = (20, 3) if plan.quick else (100, 10)
     plan.growth = 10_000_000 if plan.long else 100_000 if plan.quick else 300_000
     return plan
