@@ -17,7 +17,8 @@ struct GrpcPeerInfo {
 };
 
 // The parts of a peer text such as ipv4:10.1.2.3:900, ipv6:[::1]:900 (the brackets stay in the
-// address), or unix:/run/agent.sock (the path is both address and port).
+// address, and so does %5B::1%5D, as newer gRPC writes them), or unix:/run/agent.sock (the path is
+// both address and port).
 VORN_EXPORT GrpcPeerInfo parsePeerURI(std::string uri);
 
 // The text before the first colon; all of it when it has none.

@@ -20,7 +20,7 @@ function(vorn_shared_library target)
     CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
     VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
   target_compile_features(${target} PUBLIC cxx_std_20)
-  target_compile_options(${target} PRIVATE -UNDEBUG)
+  target_compile_options(${target} PRIVATE -UNDEBUG -fno-semantic-interposition)
   target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:vorn_build_flags>)
   target_link_options(${target} PRIVATE -Wl,--no-undefined-version)
   if(NOT VORNSDKRPC_SANITIZE)

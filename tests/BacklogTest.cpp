@@ -118,12 +118,13 @@ TEST_F(BacklogTest, ReplacesTheTaskForAnotherNameOrScheduler) {
        {std::pair(scheduler_, "renamed"), {other, "renamed"}, {scheduler_, "back"}}) {
     const auto old = backlog.task();
     old->runnableIs(true);
-    const auto task = backlog.sm()->backlogTaskIs(scheduler, TaskPriority(9), name);
+    const auto priority = TaskPriority(10 + calls);
+    const auto task = backlog.sm()->backlogTaskIs(scheduler, priority, name);
     EXPECT_NE(task, old);
     EXPECT_EQ(task, backlog.task());
     EXPECT_EQ(task->taskScheduler(), scheduler);
     EXPECT_EQ(backlog.calls, ++calls) << "once, at once";
-    EXPECT_EQ(old->taskPriority(), TaskPriority(9));
+    EXPECT_EQ(old->taskPriority(), priority) << "changed in any case";
     while (scheduler_->runOne() || other->runOne()) {
     }
     EXPECT_EQ(backlog.calls, calls) << "the old task reaches nobody";

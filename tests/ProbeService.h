@@ -181,8 +181,9 @@ inline void ProbeService::serverStarted() {
 class RunningServer {
  public:
   explicit RunningServer(std::vector<std::shared_ptr<VornSdkRpc::GrpcService>> services,
-                         bool accounting = false)
-      : server_(listening(builder_, port_, accounting), with(std::move(services), started_),
+                         bool accounting = false, std::string host = "127.0.0.1")
+      : host_(std::move(host)),
+        server_(listening(builder_, host_, port_, accounting), with(std::move(services), started_),
                 properties_),
         thread_([this] { server_.run(); }) {
     started_->running.get_future().wait();
@@ -196,7 +197,7 @@ class RunningServer {
   }
 
   VornSdkRpc::GrpcServer& server() { return server_; }
-  std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
+  std::string address() const { return host_ + ":" + std::to_string(port_); }
 
   std::unique_ptr<Probe::Stub> stub() const {
     // A connection of its own for every stub: a shared one would hide what a second one does.
@@ -215,9 +216,10 @@ class RunningServer {
     std::promise<void> running;
   };
 
-  static grpc::ServerBuilder& listening(grpc::ServerBuilder& builder, int& port, bool accounting) {
+  static grpc::ServerBuilder& listening(grpc::ServerBuilder& builder, const std::string& host,
+                                        int& port, bool accounting) {
     if (accounting) accountingIs(builder);
-    return builder.AddListeningPort("127.0.0.1:0", grpc::InsecureServerCredentials(), &port);
+    return builder.AddListeningPort(host + ":0", grpc::InsecureServerCredentials(), &port);
   }
   static std::vector<std::shared_ptr<VornSdkRpc::GrpcService>> with(
       std::vector<std::shared_ptr<VornSdkRpc::GrpcService>> services,
@@ -226,6 +228,7 @@ class RunningServer {
     return services;
   }
 
+  const std::string host_;
   int port_ = 0;
   grpc::ServerBuilder builder_;
   VornSdkRpc::ServerProperties properties_;

@@ -1,24 +1,28 @@
 // An agent that keeps a table of IP routes and serves it over gRPC: how an agent is put together
 // from the library's parts.
+#include <Kiv/Log.h>
 #include <Kiv/Trace.h>
 #include <VornSdkRpc/GrpcServer.h>
-#include <netns/setns.h>
-#include <sys/socket.h>
+#include <VornSdkRpc/VornSdkRpcAgentRpcLogger.h>
+#include <grpcpp/ext/proto_server_reflection_plugin.h>
+#include <spdlog/logger.h>
+#include <spdlog/sinks/basic_file_sink.h>
+#include <spdlog/sinks/stdout_sinks.h>
 #include <sys/stat.h>
-#include <sys/un.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <exception>
 #include <thread>
 
+#include "examples/routing_agent/Backlog.h"
 #include "examples/routing_agent/GrpcLog.h"
+#include "examples/routing_agent/Listening.h"
 #include "examples/routing_agent/Options.h"
-#include "examples/routing_agent/RouteTable.h"
 #include "examples/routing_agent/RoutingService.h"
+#include "examples/routing_agent/SbfdService.h"
+#include "examples/routing_agent/StateService.h"
+#include "examples/routing_agent/Tables.h"
 
 namespace routing_agent {
 
@@ -60,79 +64,109 @@ class StopOnSignal {
   std::thread thread_;
 };
 
-// A namespace that can't be entered would end the process in the middle of setup(); it is tried
-// here, on a thread that is thrown away.
-void checkNamespace(const std::string& name) {
-  if (name.empty()) return;
-  int error = 0;
-  std::thread([&] { error = setnsByName(name.c_str(), CLONE_NEWNET) == 0 ? 0 : errno; }).join();
-  if (error)
-    throw UsageError("cannot enter network namespace " + name + ": " + std::strerror(error));
+// Says where the agent listens, once it does: a service without methods, the last one to be
+// started.
+class Announcement : public VornSdkRpc::GrpcService {
+ public:
+  Announcement(const std::vector<std::string>& listen, const std::vector<int>& ports)
+      : GrpcService("Announcement"), listen_(listen), ports_(ports) {}
+
+ private:
+  void registerWith(grpc::ServerBuilder&) override {}
+  void serverStarted() override {
+    for (std::size_t i = 0; i < listen_.size(); ++i) {
+      std::printf("listening on %s", listen_[i].c_str());
+      if (!listen_[i].starts_with("unix")) std::printf(" (port %d)", ports_[i]);
+      std::printf("\n");
+    }
+    std::fflush(stdout);
+  }
+
+  const std::vector<std::string>& listen_;
+  const std::vector<int>& ports_;
+};
+
+std::string joined(const std::vector<std::string>& words) {
+  std::string all;
+  for (const auto& word : words)
+    all += (all.empty() ? "" : ", ") + word;
+  return all;
 }
 
-// gRPC takes over the socket file of a server that still runs; this refuses to.
-void checkSocketFile(const std::string& address) {
-  if (!address.starts_with("unix:")) return;
-  const std::string path = address.substr(address.starts_with("unix://") ? 7 : 5);
-  sockaddr_un name{};
-  name.sun_family = AF_UNIX;
-  if (path.size() >= sizeof name.sun_path)
-    throw UsageError("the path of " + address + " is too long");
-  std::memcpy(name.sun_path, path.c_str(), path.size() + 1);
-  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const bool taken = connect(fd, reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0;
-  close(fd);
-  if (taken) throw UsageError("cannot listen on " + address + ": another server does");
-}
+std::string because(const std::string& reason) { return reason.empty() ? "" : ": " + reason; }
 
-void configure(grpc::ServerBuilder& builder) {
+void configureBuilder(grpc::ServerBuilder& builder, const Options& options) {
   // Two agents on one port would share its calls; a taken port is an error instead.
   builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);
   // A stop waits for every connection to close, and one whose peer has stopped reading closes when
   // keepalive gives it up: within a second of the next ping, instead of TCP's quarter of a minute.
   builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIME_MS, 10000);
   builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, 1000);
+  // What one client may make the agent hold.
+  builder.SetMaxReceiveMessageSize(1 << 20);
+  builder.AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS, 16384);
+  if (options.accounting) {
+    std::vector<std::unique_ptr<grpc::experimental::ServerInterceptorFactoryInterface>> creators;
+    creators.push_back(std::make_unique<VornSdkRpc::LoggingInterceptorFactory>());
+    builder.experimental().SetInterceptorCreators(std::move(creators));
+  }
 }
 
-void setTrace(const std::string& setting) try {
-  Kiv::traceSettingIs(setting);
-} catch (const std::invalid_argument& error) {
+// The settings that throw when they are wrong, in the user's terms.
+void applySettings(const Options& options) try {
+  Kiv::traceSettingIs(options.trace);
+  if (options.log == "-") {
+    Kiv::platformLogger().sinks() = {std::make_shared<spdlog::sinks::stderr_sink_mt>()};
+  } else if (!options.log.empty()) {
+    Kiv::platformLogger().sinks() = {
+        std::make_shared<spdlog::sinks::basic_file_sink_mt>(options.log)};
+    Kiv::platformLogger().flush_on(spdlog::level::trace);
+  }
+} catch (const std::exception& error) {
+  throw UsageError(error.what());
+}
+
+std::shared_ptr<grpc::ServerCredentials> credentials(const std::string& address,
+                                                     const IdentityOptions& options) try {
+  return serverCredentials(address, options);
+} catch (const std::exception& error) {
   throw UsageError(error.what());
 }
 
 void serve(const Options& options) {
-  setTrace(options.trace);
+  applySettings(options);
   checkNamespace(options.netns);
 
+  // gRPC's standard services, for tools that ask any server for its health and its methods.
+  grpc::EnableDefaultHealthCheckService(true);
+  grpc::reflection::InitProtoReflectionServerBuilderPlugin();
+
   grpc::ServerBuilder builder;
-  configure(builder);
+  configureBuilder(builder, options);
   std::vector<int> ports(options.listen.size(), -1);
   for (std::size_t i = 0; i < ports.size(); ++i) {
     checkSocketFile(options.listen[i]);
-    builder.AddListeningPort(options.listen[i], grpc::InsecureServerCredentials(), &ports[i]);
+    builder.AddListeningPort(options.listen[i], credentials(options.listen[i], options.identity),
+                             &ports[i]);
   }
-  const auto announce = [&] {
-    for (std::size_t i = 0; i < ports.size(); ++i) {
-      const bool tcp = !options.listen[i].starts_with("unix:");
-      std::printf("listening on %s%s\n", options.listen[i].c_str(),
-                  tcp ? (" (port " + std::to_string(ports[i]) + ")").c_str() : "");
-    }
-    std::fflush(stdout);
-  };
 
-  RouteTable table;
+  Tables tables;
+  const auto kernel = options.programKernel ? std::make_unique<KernelSync>(options.netns) : nullptr;
+  SbfdMonitor monitor;
+  Backlog backlog(options.stepTime);
   VornSdkRpc::ServerProperties properties{options.netns};
-  VornSdkRpc::GrpcServer server(builder, {std::make_shared<RoutingService>(table, announce)},
-                                properties);
+  VornSdkRpc::GrpcServer server(
+      builder,
+      {std::make_shared<RoutingService>(tables, backlog, options.listen, kernel.get()),
+       std::make_shared<SbfdService>(monitor, backlog, options.listen),
+       std::make_shared<StateService>(tables, backlog, options.listen),
+       std::make_shared<Announcement>(options.listen, ports)},
+      properties, options.accounting);
   const StopOnSignal stopOnSignal(server);
   try {
     server.run();
   } catch (const VornSdkRpc::ServerFailedError&) {
-    std::string addresses;
-    for (const auto& address : options.listen)
-      addresses += (addresses.empty() ? "" : ", ") + address;
-    const std::string why = lastSystemError();
-    throw UsageError("cannot listen on " + addresses + (why.empty() ? "" : ": " + why));
+    throw UsageError("cannot listen on " + joined(options.listen) + because(lastSystemError()));
   }
 }
 
@@ -143,7 +177,7 @@ void serve(const Options& options) {
 int main(int argc, char** argv) {
   using namespace routing_agent;
   StopOnSignal::blockSignals();
-  umask(0077);  // socket files are the agent's own
+  umask(0077);  // socket and log files are the agent's own
   grpcLogToTrace();
   try {
     const Options options = parseOptions(argc, argv);

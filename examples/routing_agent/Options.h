@@ -1,8 +1,11 @@
 #pragma once
 
+#include <chrono>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "examples/routing_agent/Identity.h"
 
 namespace routing_agent {
 
@@ -10,7 +13,13 @@ namespace routing_agent {
 struct Options {
   std::vector<std::string> listen;  // addresses, as gRPC writes them
   std::string netns;                // network namespace to listen in; empty: the agent's own
-  std::string trace;                // trace setting
+  IdentityOptions identity;
+  bool accounting = true;
+  bool programKernel = false;
+  std::chrono::milliseconds stepTime{0};  // what programming a step takes
+  std::string
+      log;  // file of the platform log, "-" for standard error; empty: the platform's default
+  std::string trace;  // trace setting
   bool help = false;
 };
 

@@ -1,173 +1,153 @@
 #include "examples/routing_agent/RoutingService.h"
 
 #include <memory>
-#include <string>
-#include <utility>
+#include <optional>
 
 namespace routing_agent {
 
-using VornSdkRpc::OpaqueId;
-using VornSdkRpc::RequestHandler;
-using VornSdkRpc::RequestHandlerPtr;
-using VornSdkRpc::pb::rpc_status_msg;
-
 namespace {
 
-constexpr std::size_t kRoutesPerPart = 256;
+constexpr std::size_t kItemsPerPart = 256;
 
-// What every handler of this service has: the service, the call's context, and a successor of its
-// own kind. A derived class asks gRPC for its call when it is constructed.
-template <class Derived>
-class RoutingHandler : public RequestHandler {
- public:
-  RoutingHandler(RoutingService& service, OpaqueId tag) : service_(service) { opaqueId_ = tag; }
-
-  RequestHandlerPtr spawn(OpaqueId tag) override {
-    return std::make_shared<Derived>(service_, tag);
+// Sends a table in parts, each taken when the one before is out: a client that reads slowly costs
+// one part of memory, whatever the table's size. `add` answers the place of a further item in a
+// part.
+template <class Part, class Key, class Value, class Add>
+rpc::Task<> sendTable(rpc::Writer<Part>& writer, const Table<Key, Value>& table,
+                      const Backlog& backlog, Add add) {
+  std::optional<Key> last;
+  for (;;) {
+    auto items = table.part(last, kItemsPerPart);
+    Part part;
+    part.set_waiting(backlog.waiting());
+    for (auto& [key, value] : items)
+      *add(part) = std::move(value);
+    if (!co_await writer.write(part)) co_return grpc::Status::CANCELLED;
+    if (items.size() < kItemsPerPart) co_return grpc::Status::OK;
+    last = std::move(items.back().first);
   }
-
- protected:
-  RoutingService& service_;
-  grpc::ServerContext context_;
-};
-
-// A unary method: the call arrives with its request, is answered at once, and is over when the
-// answer is out. The handler leaves its state at AWAITING_CALL, which tells the frame just that.
-template <class Derived, class Request>
-class UnaryHandler : public RoutingHandler<Derived> {
- public:
-  using RoutingHandler<Derived>::RoutingHandler;
-
-  void proceed(OpaqueId tag) override {
-    const grpc::Status status = static_cast<Derived*>(this)->answer();
-    if (status.ok()) {
-      writer_.Finish(rpc_status_msg(), status, tag);
-    } else {
-      writer_.FinishWithError(status, tag);
-    }
-  }
-
- protected:
-  Request request_;
-  grpc::ServerAsyncResponseWriter<rpc_status_msg> writer_{&this->context_};
-};
-
-class SetRouteHandler : public UnaryHandler<SetRouteHandler, ip_route_msg> {
- public:
-  SetRouteHandler(RoutingService& service, OpaqueId tag) : UnaryHandler(service, tag) {
-    service.async().RequestSetRoute(&context_, &request_, &writer_, service.queue(),
-                                    service.queue(), tag);
-  }
-
-  grpc::Status answer() {
-    const grpc::Status status = checkPrefix(request_.prefix());
-    if (status.ok()) service_.table().set(std::move(request_));
-    return status;
-  }
-};
-
-class DeleteRouteHandler : public UnaryHandler<DeleteRouteHandler, ip_prefix_msg> {
- public:
-  DeleteRouteHandler(RoutingService& service, OpaqueId tag) : UnaryHandler(service, tag) {
-    service.async().RequestDeleteRoute(&context_, &request_, &writer_, service.queue(),
-                                       service.queue(), tag);
-  }
-
-  grpc::Status answer() {
-    const grpc::Status status = checkPrefix(request_);
-    if (!status.ok()) return status;
-    if (service_.table().remove(request_)) return grpc::Status::OK;
-    return {grpc::StatusCode::NOT_FOUND, "no route has this prefix"};
-  }
-};
-
-// Client streaming: reads one route after another, until the client ends its stream or sends one
-// that can't be used.
-class SetRoutesHandler : public RoutingHandler<SetRoutesHandler> {
- public:
-  SetRoutesHandler(RoutingService& service, OpaqueId tag) : RoutingHandler(service, tag) {
-    service.async().RequestSetRoutes(&context_, &reader_, service.queue(), service.queue(), tag);
-  }
-
-  void proceed(OpaqueId tag) override {
-    if (state_ == AWAITING_CALL) {
-      state_ = IN_PROGRESS;
-    } else if (!service_
-                    .completionOk()) {  // a read that fails: the client has sent all, or is gone
-      state_ = FINISHED;
-      reader_.Finish(reply_, grpc::Status::OK, tag);
-      return;
-    } else if (const grpc::Status status = checkPrefix(route_.prefix()); !status.ok()) {
-      state_ = FINISHED;
-      reader_.FinishWithError({status.error_code(), "route " + std::to_string(reply_.accepted()) +
-                                                        ": " + status.error_message()},
-                              tag);
-      return;
-    } else {
-      service_.table().set(std::move(route_));
-      reply_.set_accepted(reply_.accepted() + 1);
-    }
-    reader_.Read(&route_, tag);
-  }
-
- private:
-  ip_route_msg route_;
-  set_routes_reply_msg reply_;
-  grpc::ServerAsyncReader<set_routes_reply_msg, ip_route_msg> reader_{&context_};
-};
-
-// Server streaming: one part is written after another, each taken from the table when the last one
-// is out. A client that reads slowly costs one part of memory, whatever the table's size.
-class GetRoutesHandler : public RoutingHandler<GetRoutesHandler> {
- public:
-  GetRoutesHandler(RoutingService& service, OpaqueId tag) : RoutingHandler(service, tag) {
-    service.async().RequestGetRoutes(&context_, &request_, &writer_, service.queue(),
-                                     service.queue(), tag);
-  }
-
-  void proceed(OpaqueId tag) override {
-    if (state_ == IN_PROGRESS && (!service_.completionOk() || last_)) {
-      state_ = FINISHED;
-      writer_.Finish(grpc::Status::OK, tag);
-      return;
-    }
-    state_ = IN_PROGRESS;
-    takePart();
-    writer_.Write(part_, tag);
-  }
-
- private:
-  void takePart() {
-    part_.Clear();
-    for (auto& route : service_.table().routesAfter(after_, kRoutesPerPart)) {
-      *part_.add_route() = std::move(route);
-    }
-    last_ = part_.route_size() < static_cast<int>(kRoutesPerPart);
-    if (!last_) after_.emplace(part_.route(part_.route_size() - 1).prefix());
-  }
-
-  get_routes_msg request_;
-  routes_msg part_;
-  std::optional<RouteKey> after_;
-  bool last_ = false;
-  grpc::ServerAsyncWriter<routes_msg> writer_{&context_};
-};
+}
 
 }  // namespace
 
-RoutingService::RoutingService(RouteTable& table, std::function<void()> onStarted)
-    : GrpcService("Routing"), table_(table), onStarted_(std::move(onStarted)) {}
-
-void RoutingService::registerWith(grpc::ServerBuilder& builder) {
-  builder.RegisterService(&async_);
+RoutingService::RoutingService(Tables& tables, Backlog& backlog,
+                               const std::vector<std::string>& listen, KernelSync* kernel)
+    : AgentService("Routing", backlog, listen), tables_(tables), kernel_(kernel) {
+  method(&Async::RequestSetRoute,
+         [this](const ip_route_msg& route, rpc_status_msg&) { return set(route); });
+  method(&Async::RequestSetRoutes,
+         [this](rpc::Reader<ip_route_msg>& routes, set_routes_reply_msg& reply) {
+           return setAll(routes, reply);
+         });
+  method(&Async::RequestDeleteRoute,
+         [this](grpc::ServerContext& context, const ip_prefix_msg& prefix, rpc_status_msg&) {
+           return remove(context, prefix);
+         });
+  method(&Async::RequestSetNexthopGroup,
+         [this](grpc::ServerContext& context, const nexthop_group_msg& group, rpc_status_msg&) {
+           return set(context, group);
+         });
+  method(&Async::RequestSetMplsRoute,
+         [this](grpc::ServerContext& context, const mpls_route_msg& route, rpc_status_msg&) {
+           return set(context, route);
+         });
+  method(&Async::RequestSetRedirect,
+         [this](grpc::ServerContext& context, const cbf_nexthop_group_redirect_msg& redirect,
+                rpc_status_msg&) { return set(context, redirect); });
+  method(&Async::RequestGetRoutes, [this](rpc::Writer<routes_msg>& parts, const get_msg&) {
+    return sendTable(parts, tables_.routes, backlog_,
+                     [](routes_msg& part) { return part.add_route(); });
+  });
+  method(&Async::RequestGetNexthopGroups,
+         [this](rpc::Writer<nexthop_groups_msg>& parts, const get_msg&) {
+           return sendTable(parts, tables_.groups, backlog_,
+                            [](nexthop_groups_msg& part) { return part.add_group(); });
+         });
+  method(&Async::RequestGetMplsRoutes, [this](rpc::Writer<mpls_routes_msg>& parts, const get_msg&) {
+    return sendTable(parts, tables_.mplsRoutes, backlog_,
+                     [](mpls_routes_msg& part) { return part.add_route(); });
+  });
+  method(&Async::RequestGetRedirects, [this](rpc::Writer<redirects_msg>& parts, const get_msg&) {
+    return sendTable(parts, tables_.redirects, backlog_,
+                     [](redirects_msg& part) { return part.add_redirect(); });
+  });
 }
 
-void RoutingService::serverStarted() {
-  registerHandler(std::make_shared<SetRouteHandler>(*this, nextOpaqueId()));
-  registerHandler(std::make_shared<SetRoutesHandler>(*this, nextOpaqueId()));
-  registerHandler(std::make_shared<GetRoutesHandler>(*this, nextOpaqueId()));
-  registerHandler(std::make_shared<DeleteRouteHandler>(*this, nextOpaqueId()));
-  onStarted_();
+grpc::Status RoutingService::set(const ip_route_msg& route) {
+  traceArrival(route);
+  check(route);
+  routes_.emplace(route.prefix());
+  backlog_.add([this, route] { program(route); });
+  return ok();
+}
+
+grpc::Status RoutingService::remove(grpc::ServerContext& context, const ip_prefix_msg& prefix) {
+  traceArrival(prefix);
+  check(prefix);
+  return change(context, routes_, PrefixKey(prefix), true, "route of this prefix",
+                [this, prefix] { unprogram(prefix); });
+}
+
+rpc::Task<> RoutingService::setAll(rpc::Reader<ip_route_msg>& routes, set_routes_reply_msg& reply) {
+  ip_route_msg route;
+  while (co_await routes.read(route)) {
+    try {
+      set(route);
+    } catch (const vorn::invalid_argument_error& error) {
+      throw vorn::invalid_argument_error(
+          "route " + std::to_string(reply.accepted()) + ": " + error.what(), error.argument());
+    }
+    reply.set_accepted(reply.accepted() + 1);
+  }
+  co_return grpc::Status::OK;
+}
+
+grpc::Status RoutingService::set(grpc::ServerContext& context, const nexthop_group_msg& group) {
+  traceArrival(group);
+  check(group);
+  return change(context, groups_, group.name(), group.request_delete(),
+                "next-hop group of this name", [this, group] { program(group); });
+}
+
+grpc::Status RoutingService::set(grpc::ServerContext& context, const mpls_route_msg& route) {
+  traceArrival(route);
+  check(route);
+  return change(context, mplsRoutes_, route.label(), route.request_delete(),
+                "MPLS route of this label", [this, route] {
+                  if (route.request_delete()) return tables_.mplsRoutes.remove(route.label());
+                  tables_.mplsRoutes.set(route.label(), route);
+                });
+}
+
+grpc::Status RoutingService::set(grpc::ServerContext& context,
+                                 const cbf_nexthop_group_redirect_msg& redirect) {
+  traceArrival(redirect);
+  check(redirect);
+  return change(context, redirects_, redirect.match_nexthop_group(), redirect.request_delete(),
+                "redirect of this group", [this, redirect] {
+                  const auto& key = redirect.match_nexthop_group();
+                  if (redirect.request_delete()) return tables_.redirects.remove(key);
+                  tables_.redirects.set(key, redirect);
+                });
+}
+
+void RoutingService::program(const ip_route_msg& route) {
+  tables_.routes.set(PrefixKey(route.prefix()), route);
+  if (kernel_) kernel_->routeSet(route);
+}
+
+void RoutingService::unprogram(const ip_prefix_msg& prefix) {
+  tables_.routes.remove(PrefixKey(prefix));
+  if (kernel_) kernel_->routeRemoved(prefix);
+}
+
+void RoutingService::program(const nexthop_group_msg& group) {
+  if (group.request_delete()) {
+    tables_.groups.remove(group.name());
+  } else {
+    tables_.groups.set(group.name(), group);
+  }
+  if (kernel_) kernel_->groupChanged(group);
 }
 
 }  // namespace routing_agent

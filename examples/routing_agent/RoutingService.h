@@ -1,33 +1,41 @@
 #pragma once
 
-#include <VornSdkRpc/GrpcServer.h>
+#include <cstdint>
+#include <set>
+#include <string>
 
-#include <functional>
-
-#include "examples/routing_agent/RouteTable.h"
-#include "examples/routing_agent/RoutingAgent.grpc.pb.h"
+#include "examples/routing_agent/AgentService.h"
+#include "examples/routing_agent/KernelSync.h"
 
 namespace routing_agent {
 
-// The Routing service on a route table. Its request handlers, one class per method, stand in the
-// .cpp file.
-class RoutingService : public VornSdkRpc::GrpcService {
+// IP and MPLS routes, next-hop groups and redirects.
+class RoutingService : public AgentService<Routing::AsyncService> {
  public:
-  // `onStarted` is called on the serving thread once the server listens.
-  RoutingService(RouteTable& table, std::function<void()> onStarted);
-
-  // What the handlers use.
-  RouteTable& table() { return table_; }
-  Routing::AsyncService& async() { return async_; }
-  grpc::ServerCompletionQueue* queue() { return cq_; }
+  // `kernel` is told of IP routes and groups as they are programmed; null: nobody is.
+  RoutingService(Tables& tables, Backlog& backlog, const std::vector<std::string>& listen,
+                 KernelSync* kernel);
 
  private:
-  void registerWith(grpc::ServerBuilder& builder) override;
-  void serverStarted() override;
+  grpc::Status set(const ip_route_msg& route);
+  grpc::Status set(grpc::ServerContext& context, const nexthop_group_msg& group);
+  grpc::Status set(grpc::ServerContext& context, const mpls_route_msg& route);
+  grpc::Status set(grpc::ServerContext& context, const cbf_nexthop_group_redirect_msg& redirect);
+  grpc::Status remove(grpc::ServerContext& context, const ip_prefix_msg& prefix);
+  rpc::Task<> setAll(rpc::Reader<ip_route_msg>& routes, set_routes_reply_msg& reply);
 
-  RouteTable& table_;
-  std::function<void()> onStarted_;
-  Routing::AsyncService async_;
+  // What the backlog does, on its thread.
+  void program(const ip_route_msg& route);
+  void unprogram(const ip_prefix_msg& prefix);
+  void program(const nexthop_group_msg& group);
+
+  Tables& tables_;
+  KernelSync* const kernel_;
+  // What has been asked for, programmed or still on the backlog. Serving thread.
+  std::set<PrefixKey> routes_;
+  std::set<std::string> groups_;
+  std::set<std::uint32_t> mplsRoutes_;
+  std::set<std::string> redirects_;
 };
 
 }  // namespace routing_agent

@@ -1,10 +1,10 @@
 #!/usr/bin/python3
 """The demonstration's client: python3-grpcio and the repository's .proto files, nothing else.
 
-usage: demo_client.py STUBS STEP ADDRESS
+usage: demo_client.py STUBS STEP ADDRESS [CA CERT KEY]
 
-STUBS is the folder of the generated stubs. Each step prints what it saw and exits with 1 when that is
-not what an agent must do.
+STUBS is the folder of the generated stubs; with CA, CERT and KEY (PEM files) the client speaks TLS and
+shows its certificate. Each step prints what it saw, and exits with 1 when that is not what an agent must do.
 """
 
 import ipaddress
@@ -24,24 +24,34 @@ def check(holds, what):
     print(f"  {what}", flush=True)
 
 
-def route(prefix, tag=0):
-    network = ipaddress.ip_network(prefix)
-    message = sdk.ip_route_msg(nexthop_group="core", tag=tag)
-    message.prefix.addr = network.network_address.packed
-    message.prefix.mask_length = network.prefixlen
-    return message
+def prefix(text):
+    network = ipaddress.ip_network(text)
+    return sdk.ip_prefix_msg(addr=network.network_address.packed, mask_length=network.prefixlen)
 
 
-def table(stub):
-    routes = {}
-    for part in stub.GetRoutes(agent.get_routes_msg()):
-        for item in part.route:
-            routes[(item.prefix.addr, item.prefix.mask_length)] = item
-    return routes
+def route(text, tag=0):
+    return sdk.ip_route_msg(prefix=prefix(text), nexthop_group="core", tag=tag)
 
 
 def key(message):
     return (message.prefix.addr, message.prefix.mask_length)
+
+
+def read(stub):
+    """The programmed routes, and how many changes were waiting when the last part was taken."""
+    routes, waiting = {}, 0
+    for part in stub.GetRoutes(agent.get_msg()):
+        routes.update((key(item), item) for item in part.route)
+        waiting = part.waiting
+    return routes, waiting
+
+
+def table(stub):
+    """The programmed routes once nothing is waiting any more."""
+    routes, waiting = read(stub)
+    while waiting:
+        routes, waiting = read(stub)
+    return routes
 
 
 def status_of(call):
@@ -52,8 +62,9 @@ def status_of(call):
         return error.code(), error.details()
 
 
-def routes(stub):
+def routes(channel):
     """Sets, reads, removes, and is refused what can't be used."""
+    stub = agent_grpc.RoutingStub(channel)
     wanted = [route(f"10.{n // 256}.{n % 256}.0/24", n) for n in range(600)]
     wanted += [route(f"2001:db8:{n:x}::/48", n) for n in range(200)]
     reply = stub.SetRoutes(iter(wanted))
@@ -78,31 +89,120 @@ def routes(stub):
     check(table(stub) == expected, f"nothing lost: {len(expected)} routes in the table")
 
 
-def hold(stub):
+def load(channel):
+    """Sets 100,000 routes at once, and reads while the agent programs them."""
+    stub = agent_grpc.RoutingStub(channel)
+    wanted = [route(f"172.{16 + n // 65536}.{n // 256 % 256}.{n % 256}/32", n) for n in range(100000)]
+    reply = stub.SetRoutes(iter(wanted))
+    check(reply.accepted == len(wanted), f"{reply.accepted} routes accepted through one stream")
+    most, routes, waiting = 0, {}, 1
+    while waiting:
+        routes, waiting = read(stub)
+        most = max(most, waiting)
+        print(f"  read meanwhile: {len(routes)} routes in the table, {waiting} changes waiting", flush=True)
+    check(most > 0, f"a backlog of {most} changes fell to zero while reads were answered")
+    missing = [message for message in wanted if routes.get(key(message)) != message]
+    check(not missing, "every one of them is in the table, as it was set")
+
+
+def hold(channel):
     """Holds a stream open until the agent ends it."""
 
     def endless():
         yield route("203.0.113.0/24")
         print("  stream open", flush=True)
-        while True:
-            line = sys.stdin.readline()
-            if not line:
-                return
+        sys.stdin.read()
 
-    code, _ = status_of(lambda: stub.SetRoutes(endless()))
+    code, _ = status_of(lambda: agent_grpc.RoutingStub(channel).SetRoutes(endless()))
     check(code != grpc.StatusCode.OK, f"the open stream was ended by the agent: {code.name}")
 
 
-def closed(stub):
+def closed(channel):
     """Finds nobody at the address."""
-    code, _ = status_of(lambda: stub.GetRoutes(agent.get_routes_msg(), timeout=3).next())
+    stub = agent_grpc.RoutingStub(channel)
+    code, _ = status_of(lambda: stub.SetRoute(route("192.0.2.0/24"), timeout=3))
     check(code == grpc.StatusCode.UNAVAILABLE, "outside of the namespace the port is closed")
 
 
-STEPS = {step.__name__: step for step in (routes, hold, closed)}
+def account(channel):
+    """Makes one call that succeeds, one that fails and one that no agent knows."""
+    stub = agent_grpc.RoutingStub(channel)
+    codes = [
+        status_of(lambda: stub.SetRoute(route("192.0.2.0/24")))[0],
+        status_of(lambda: stub.DeleteRoute(prefix("198.51.100.0/24")))[0],
+        status_of(lambda: channel.unary_unary("/routing_agent.Routing/Guess")(b""))[0],
+    ]
+    expected = [grpc.StatusCode.OK, grpc.StatusCode.NOT_FOUND, grpc.StatusCode.UNIMPLEMENTED]
+    check(codes == expected, "called: " + ", ".join(code.name for code in codes))
+
+
+def swap(channel):
+    """Claims to be somebody else than the certificate says."""
+    stub = agent_grpc.RoutingStub(channel)
+    claim = [("username", "mallory")]
+    code, _ = status_of(lambda: stub.SetRoute(route("192.0.2.0/24"), metadata=claim))
+    check(code == grpc.StatusCode.UNAUTHENTICATED, "a call that claims to be mallory is refused")
+
+
+def kernel(channel):
+    """Sets a group and a route through it, for the kernel."""
+    stub = agent_grpc.RoutingStub(channel)
+    group = sdk.nexthop_group_msg(name="core")
+    group.nexthop.add().nexthop_ip.addr = ipaddress.ip_address("192.0.2.1").packed
+    stub.SetNexthopGroup(group)
+    stub.SetRoute(route("198.51.100.0/24"))
+    table(stub)
+    check(True, "a next-hop group and a route through it set over gRPC")
+
+
+def sbfd(channel):
+    """Watches sessions come up, change and end."""
+    stub = agent_grpc.SbfdStub(channel)
+    sessions = [sdk.sbfd_echo_session_msg(rtt_enabled=True) for _ in range(3)]
+    for number, session in enumerate(sessions):
+        session.session_key.outgoing_interface = f"eth{number}"
+        session.session_key.nexthop.addr = ipaddress.ip_address("192.0.2.1").packed
+        stub.SetSession(session)
+    up, rtts, batch = set(), 0, None
+    watch = stub.WatchSessions(sdk.watch_sbfd_echo_session_config_msg(request_rtt_updates=True))
+    for item in watch:
+        if item.WhichOneof("update") == "end_of_status_batch":
+            batch = True
+        for news in [item, *item.bulk]:
+            if news.status.status == sdk.sbfd_echo_session_oper_status_msg.UP:
+                up.add(news.session_key.outgoing_interface)
+            rtts += news.WhichOneof("update") == "rtt"
+        if batch and len(up) == 3 and rtts >= 6:
+            break
+    watch.cancel()
+    check(True, f"the present state, its end, then {len(up)} sessions UP and round-trip times")
+
+
+def standard(channel):
+    """Asks gRPC's own services, which any tool knows."""
+    health = channel.unary_unary("/grpc.health.v1.Health/Check")(b"")
+    check(health == b"\x08\x01", "gRPC health checking answers SERVING")
+    reflect = channel.stream_stream("/grpc.reflection.v1alpha.ServerReflection/ServerReflectionInfo")
+    answer = next(iter(reflect(iter([b"\x3a\x00"]))))
+    named = [name for name in ("Routing", "Sbfd", "State") if b"routing_agent." + name.encode() in answer]
+    check(len(named) == 3, "gRPC reflection names the services " + ", ".join(named))
+
+
+STEPS = {
+    step.__name__: step
+    for step in (routes, load, hold, closed, account, swap, kernel, sbfd, standard)
+}
+
+
+def connect(address, files):
+    if not files:
+        return grpc.insecure_channel(address)
+    ca, certificate, private = (open(file, "rb").read() for file in files)
+    return grpc.secure_channel(address, grpc.ssl_channel_credentials(ca, private, certificate))
+
 
 if __name__ == "__main__":
-    if len(sys.argv) != 4 or sys.argv[2] not in STEPS:
+    if len(sys.argv) not in (4, 7) or sys.argv[2] not in STEPS:
         sys.exit(__doc__)
-    with grpc.insecure_channel(sys.argv[3]) as channel:
-        STEPS[sys.argv[2]](agent_grpc.RoutingStub(channel))
+    with connect(sys.argv[3], sys.argv[4:]) as open_channel:
+        STEPS[sys.argv[2]](open_channel)

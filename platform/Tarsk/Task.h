@@ -39,8 +39,8 @@ class VORN_EXPORT Task : public Velm::Node {
   // request made during a run is one for another. The run sees everything that the caller did
   // before it asked.
   void runnableIs(bool runnable) {
-    // A request that stands is confirmed by a write, not only read: the run that takes it back comes
-    // after that, and sees what was done here before. The scheduler's lock is left alone.
+    // A request that stands is confirmed by a write, not only read: the run that takes it back
+    // comes after that, and sees what was done here before. The scheduler's lock is left alone.
     bool stands = true;
     if (runnable && runnable_.compare_exchange_strong(stands, true, std::memory_order_acq_rel)) {
       return;

@@ -36,8 +36,8 @@ class VORN_EXPORT TaskScheduler : public Velm::Node {
   // from the task's subscribers passes on; the run counts as done. May be called from a task.
   bool runOne();
 
-  // Runs tasks until stop() is seen, asleep while none is runnable. Throws what a run throws; may
-  // then be called again.
+  // Runs tasks until stop() is seen, asleep while none is runnable, after a few looks in vain.
+  // Throws what a run throws; may then be called again.
   void run();
 
   // Makes run() return after the task that it is running, or the next run() at once when none is

@@ -12,6 +12,9 @@ class VORN_EXPORT tracer {
  public:
   explicit tracer(char const* name) : handle_(name, false) {}
 
+  // Whether a level is written: for a trace point whose arguments cost something to make.
+  bool enabled(unsigned level) const noexcept { return handle_.enabled(level); }
+
   // Writes one line when level 0 is enabled. A text of any length is written whole.
   [[gnu::format(printf, 2, 3)]] void trace0(char const* format, ...) const;
 

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <grpcpp/grpcpp.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+// The servers that are measured beside each other: one service, written once for the server frame
+// and once each way that a user would write it without. A server is driven by EchoServer.cpp.
+namespace bench {
+
+// What a server counts, for whoever watches it from another thread.
+struct Counts {
+  std::atomic<std::uint64_t> held = 0;     // open Hold streams
+  std::atomic<std::uint64_t> written = 0;  // writes to them that are out
+};
+
+class Server {
+ public:
+  explicit Server(Counts& counts) : counts_(counts) {}
+  virtual ~Server() = default;
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
+
+  // Serves until stop(); calls `listening` once the port is open.
+  virtual void run(grpc::ServerBuilder& builder, const std::function<void()>& listening) = 0;
+
+  // Ends run(), with whatever is open. From another thread.
+  virtual void stop() = 0;
+
+ protected:
+  Counts& counts_;
+};
+
+// One queue, one thread, and the tag is the address of the call. `ahead` calls of Say are asked for
+// at a time, and one of each of the others. The peer of every ratio.
+std::unique_ptr<Server> makeHandWritten(Counts& counts, std::size_t ahead);
+
+// Handlers written by hand on VornSdkRpc::GrpcServer, as many ahead.
+std::unique_ptr<Server> makeFrame(Counts& counts, std::size_t ahead);
+
+// The same with the authoring kit, Say as a function or as a coroutine. They offer Say and Stream.
+std::unique_ptr<Server> makeKit(Counts& counts, std::size_t ahead, bool coroutine);
+
+// gRPC's callback and synchronous API. They offer Say alone.
+std::unique_ptr<Server> makeCallback(Counts& counts);
+std::unique_ptr<Server> makeSynchronous(Counts& counts);
+
+// The library's accounting, with the platform log going to the file.
+void accountThroughLibrary(grpc::ServerBuilder& builder, const std::string& file);
+
+// The least accounting that anybody would write: an interceptor that hands a line a call to
+// spdlog's asynchronous logger, which writes it to the file.
+void accountThroughSpdlog(grpc::ServerBuilder& builder, const std::string& file);
+
+}  // namespace bench

@@ -1,0 +1,130 @@
+"""Starts a server of the benchmarks, loads it with h2load, and reads what it has used."""
+
+import json
+import pathlib
+import re
+import signal
+import subprocess
+import tempfile
+import time
+
+BUILD = pathlib.Path("build/release/bench")
+SCRATCH = pathlib.Path(tempfile.mkdtemp(prefix="vorn-bench-"))
+
+
+def varint(value):
+    encoded = bytearray()
+    while value > 0x7F:
+        encoded.append(value & 0x7F | 0x80)
+        value >>= 7
+    return bytes(encoded) + bytes([value])
+
+
+def framed(message):
+    """A message as gRPC sends it: not compressed, with its length."""
+    return b"\0" + len(message).to_bytes(4, "big") + message
+
+
+def item(size):
+    return framed(b"\x0a" + varint(size) + b"x" * size) if size else framed(b"")
+
+
+def order(count, size):
+    return framed(b"\x08" + varint(count) + b"\x10" + varint(size))
+
+
+class Server:
+    """One server process: Server("frame", "--ahead", "64"). Ends with the with statement."""
+
+    def __init__(self, *arguments, under=()):
+        self.process = subprocess.Popen(
+            [*under, BUILD / "EchoServer", *arguments],
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        line = self.process.stdout.readline()
+        if not line:
+            raise RuntimeError(f"EchoServer {arguments}: {self.process.stderr.read()}")
+        self.port = int(line)
+
+    def ask(self, command):
+        self.process.stdin.write(command + "\n")
+        self.process.stdin.flush()
+        return json.loads(self.process.stdout.readline())
+
+    def report(self):
+        return self.ask("report")
+
+    def wait_for(self, reached):
+        """Waits until reached(report), and answers that report."""
+        deadline = time.monotonic() + 120
+        while not reached(report := self.report()):
+            if time.monotonic() > deadline:
+                raise RuntimeError(f"not reached: {report}")
+            time.sleep(0.02)
+        return report
+
+    def stop(self):
+        """Milliseconds from stop() to the end of run()."""
+        took = self.ask("stop")["stop_ms"]
+        self.process.wait()
+        return took
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        if self.process.poll() is None:
+            self.process.kill()
+        self.process.communicate()
+
+
+def h2load(port, method, body, calls, connections=4, streams=16, log=None):
+    path = SCRATCH / "body"
+    path.write_bytes(body)
+    return subprocess.Popen(
+        ["h2load", "-n", str(calls), "-c", str(connections), "-m", str(streams), "-d", path,
+         "-H", "te: trailers", "-H", "content-type: application/grpc",
+         *(["--log-file", log] if log else []), f"http://127.0.0.1:{port}/bench.Bench/{method}"],
+        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+
+
+def load(port, method, body, calls, answer, connections=4, streams=16, log=None):
+    """Runs the calls and answers calls per second. Every call must bring `answer` bytes back: a
+    gRPC error is a success for h2load, but one without data."""
+    output = h2load(port, method, body, calls, connections, streams, log).communicate()[0]
+    done = re.search(r"(\d+) succeeded, 0 failed, 0 errored, 0 timeout", output)
+    data = re.search(r"\((\d+)\) data", output)
+    rate = re.search(r"finished in .*, ([\d.]+) req/s", output)
+    if not (done and data and rate) or int(done[1]) != calls or int(data[1]) != calls * answer:
+        raise RuntimeError(f"h2load {method}:\n{output}")
+    return float(rate[1])
+
+
+def percentiles(log, *percents):
+    """Of the latencies, in microseconds, that h2load has logged."""
+    latencies = sorted(int(line.split()[2]) for line in log.read_text().splitlines())
+    return [latencies[min(len(latencies) - 1, len(latencies) * percent // 100)]
+            for percent in percents]
+
+
+def stalled(client):
+    """Stops a client in its tracks: its connections stay open and it reads no more."""
+    client.send_signal(signal.SIGSTOP)
+
+
+def instructions(arguments, method, body, calls, answer):
+    """Instructions per call of the whole process, counted by callgrind after a warm-up."""
+    for old in SCRATCH.glob("callgrind.out*"):
+        old.unlink()
+    with Server(*arguments, under=["valgrind", "--tool=callgrind", "--instr-atstart=no",
+                                   f"--callgrind-out-file={SCRATCH}/callgrind.out"]) as server:
+        load(server.port, method, body, max(200, calls // 10), answer)
+        control(server, "--instr=on")
+        load(server.port, method, body, calls, answer)
+        control(server, "--dump")
+    dump = (SCRATCH / "callgrind.out.1").read_text()
+    return int(re.search(r"^(?:totals|summary): (\d+)", dump, re.M)[1]) / calls
+
+
+def control(server, command):
+    subprocess.run(["callgrind_control", command, str(server.process.pid)], check=True,
+                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)

@@ -1,0 +1,275 @@
+"""Measures the library beside what a user would pick instead, with the release build that stands.
+
+scripts/bench [--quick] [--long] [--only WORK[,WORK...]]
+
+  --quick   fewer rounds and calls, about two minutes
+  --long    the run that looks for growth serves ten million calls instead of 300,000
+  --only    some of: unary streaming held stalled growth programs
+
+Subjects take turns (A B C, then C B A), each round in a process of its own after a warm-up. A
+figure is the median of the rounds, a ratio the median of the rounds' ratios. Prints one table,
+and writes it with results.json, chart.svg and growth.svg to build/bench/.
+"""
+
+import argparse
+import datetime
+import json
+import pathlib
+import platform
+import statistics
+import time
+
+import chart
+import programs
+import table
+from driver import (Server, h2load, instructions, item, load, order, percentiles, stalled, SCRATCH)
+
+OUT = pathlib.Path("build/bench")
+STREAMS = 10_000
+
+HAND, FRAME, COROUTINE = "hand-written", "frame", "kit, a coroutine"
+LOG = str(SCRATCH / "accounting.log")
+
+# What serves unary calls, with the peer that its figures are divided by.
+UNARY = {
+    HAND: (["handwritten"], None),
+    FRAME: (["frame"], HAND),
+    "hand-written, 64 ahead": (["handwritten", "--ahead", "64"], HAND),
+    "frame, 64 ahead": (["frame", "--ahead", "64"], HAND),
+    "kit, a function": (["kit"], HAND),
+    "kit, a function, 64 ahead": (["kit", "--ahead", "64"], HAND),
+    COROUTINE: (["coroutine"], HAND),
+    "callback API": (["callback"], HAND),
+    "synchronous API": (["synchronous"], HAND),
+    "frame, accounting": (["frame", "--accounting", LOG], FRAME),
+    "frame, a spdlog line a call": (["frame", "--spdlog", LOG], FRAME),
+}
+
+
+def take_turns(subjects, rounds, measure):
+    """Figures of every round by subject: measure(name) answers one round's as a dict."""
+    taken = {name: [] for name in subjects}
+    for number in range(rounds):
+        for name in list(subjects)[::-1 if number % 2 else 1]:
+            taken[name].append(measure(name))
+    return taken
+
+
+def rows(work, taken, peers):
+    """The medians by subject, with the ratio of every figure that its peer has as well."""
+    result = []
+    for name, rounds in taken.items():
+        peer = taken.get(peers.get(name))
+        figures, ratios = {}, {}
+        for figure in rounds[0]:
+            values = [one[figure] for one in rounds]
+            figures[figure] = statistics.median(values)
+            if peer and figure in peer[0]:
+                base = [one[figure] for one in peer]
+                # The rounds stand for each other only where they have run side by side.
+                if all(base):
+                    ratios[figure] = statistics.median(a / b for a, b in zip(values, base))
+        result.append({"work": work, "subject": name, "peer": peers.get(name),
+                       "figures": figures, "ratios": ratios})
+    return result
+
+
+def cpu(before, after, count):
+    return (after["cpu_us"] - before["cpu_us"]) / count
+
+
+def unary(plan):
+    body, answer = item(32), len(item(32))
+    log = SCRATCH / "latencies"
+
+    def one(name):
+        with Server(*UNARY[name][0]) as server:
+            load(server.port, "Say", body, plan.calls // 5, answer)
+            before = server.report()
+            rate = load(server.port, "Say", body, plan.calls, answer, log=log)
+            after = server.report()
+        p50, p99 = percentiles(log, 50, 99)
+        log.unlink()
+        return {"cpu_us": cpu(before, after, plan.calls), "rate": rate, "p50_us": p50, "p99_us": p99}
+
+    def counted(name):
+        with Server(*UNARY[name][0], "--count-allocations") as server:
+            load(server.port, "Say", body, 1000, answer)
+            before = server.report()
+            load(server.port, "Say", body, plan.calls // 4, answer)
+            after = server.report()
+        made = (after["allocations"] - before["allocations"]) / (plan.calls // 4)
+        return {"instructions": instructions(UNARY[name][0], "Say", body, plan.counted, answer),
+                "allocations": made}
+
+    peers = {name: peer for name, (_, peer) in UNARY.items()}
+    timed = rows("unary echo", take_turns(UNARY, plan.rounds, one), peers)
+    other = rows("unary echo", take_turns(UNARY, plan.counted_rounds, counted), peers)
+    for row, more in zip(timed, other):
+        row["figures"] |= more["figures"]
+        row["ratios"] |= more["ratios"]
+    return timed
+
+
+def streaming(plan):
+    result = []
+    for size in (64, 16 * 1024):
+        calls = plan.streams if size == 64 else max(4, plan.streams // 5)
+        body, answer = order(1000, size), 1000 * len(item(size))
+
+        def one(name):
+            with Server(*UNARY[name][0]) as server:
+                load(server.port, "Stream", body, 4, answer, streams=1)
+                before = server.report()
+                rate = load(server.port, "Stream", body, calls, answer, streams=1)
+                after = server.report()
+            return {"cpu_us": cpu(before, after, calls * 1000), "rate": rate * 1000}
+
+        result += rows(f"streamed item, {size} bytes", take_turns((HAND, FRAME, COROUTINE), plan.rounds, one),
+                       {FRAME: HAND, COROUTINE: HAND})
+    return result
+
+
+def hold(server):
+    """A client with STREAMS open streams."""
+    client = h2load(server.port, "Hold", order(0, 0), STREAMS, connections=10, streams=1000)
+    return client, server.wait_for(lambda report: report["held"] == STREAMS)
+
+
+def publish(server, size):
+    load(server.port, "Publish", order(0, size), 1, len(order(STREAMS, size)), 1, 1)
+
+
+def held(plan):
+    def one(name):
+        with Server(*UNARY[name][0]) as server:
+            load(server.port, "Say", item(32), 1000, len(item(32)))
+            before = server.report()
+            client, opened = hold(server)
+            for number in range(1, plan.publishes + 1):
+                publish(server, 64)
+                written = server.wait_for(lambda report: report["written"] == number * STREAMS)
+            took = server.stop()
+            client.communicate()
+        return {"bytes": (opened["heap_bytes"] - before["heap_bytes"]) / STREAMS,
+                "cpu_us": cpu(opened, written, plan.publishes * STREAMS), "stop_ms": took}
+
+    return rows("10,000 open streams, a write to each", take_turns((HAND, FRAME), plan.few, one),
+                {FRAME: HAND})
+
+
+def stopped_reading(plan):
+    """stop() with clients that have stopped reading, and writes that can't go out."""
+    result = []
+    for name, option in (("frame, keepalive 10 s / 1 s", ["--keepalive"]), ("frame, no keepalive", [])):
+        if plan.quick and not option:
+            continue
+        with Server("frame", *option) as server:
+            client, _ = hold(server)
+            stalled(client)
+            publish(server, 16 * 1024)
+            time.sleep(4)
+            took = server.stop()
+            client.kill()
+            client.communicate()
+        result.append({"work": "10,000 open streams, clients stalled for 4 s", "subject": name,
+                       "peer": None, "figures": {"stop_ms": took}, "ratios": {}})
+    return result
+
+
+def growth(plan):
+    """One server, loaded in pieces: what a call costs and what the process holds after each."""
+    samples, piece = [], max(10_000, plan.growth // 200)
+    with Server("frame") as server:
+        load(server.port, "Say", item(32), 10_000, len(item(32)))
+        last = server.report()
+        for served in range(piece, plan.growth + 1, piece):
+            load(server.port, "Say", item(32), piece, len(item(32)))
+            now = server.report()
+            samples.append({"calls": served, "cpu_us": cpu(last, now, piece),
+                            "heap_bytes": now["heap_bytes"], "resident_bytes": now["resident_bytes"]})
+            last = now
+    chart.growth(samples, OUT / "growth.svg")
+    quarter = len(samples) // 4
+    first, last = samples[:quarter], samples[-quarter:]
+    middle = lambda part, figure: statistics.median(sample[figure] for sample in part)
+    result = [{"work": f"{plan.growth:,} calls to one server", "subject": label, "peer": peer,
+               "figures": {"cpu_us": middle(part, "cpu_us"), "bytes": middle(part, "heap_bytes")},
+               "ratios": {}} for label, part, peer in (("first quarter", first, None),
+                                                       ("last quarter", last, "first quarter"))]
+    result[1]["ratios"] = {figure: result[1]["figures"][figure] / result[0]["figures"][figure]
+                           for figure in result[0]["figures"]}
+    return result, samples
+
+
+# What is to be reached: a ratio or a figure of a subject, and its bound.
+AIMS = [
+    ("unary echo", FRAME, "ratios", "cpu_us", 1.03),
+    ("unary echo", FRAME, "ratios", "instructions", 1.03),
+    ("unary echo", "frame, 64 ahead", "ratios", "cpu_us", 0.90),
+    ("unary echo", "frame, accounting", "ratios", "cpu_us", 1.20),
+    ("10,000 open streams, a write to each", FRAME, "figures", "stop_ms", 1000),
+    ("10,000 open streams, clients stalled for 4 s", "frame, keepalive 10 s / 1 s", "figures",
+     "stop_ms", 1000),
+]
+
+
+def aims(measured):
+    result = []
+    for work, subject, kind, figure, bound in AIMS:
+        for row in measured:
+            if (row["work"], row["subject"]) == (work, subject):
+                value = row[kind][figure]
+                result.append({"aim": f"{work}, {subject}: {table.TITLES[figure]}"
+                                      f"{' ratio' if kind == 'ratios' else ''} at most {bound}",
+                               "value": value, "met": value <= bound})
+    return result
+
+
+def parse():
+    parser = argparse.ArgumentParser(description=__doc__, prog="scripts/bench",
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--quick", action="store_true")
+    parser.add_argument("--long", action="store_true")
+    parser.add_argument("--only", default="unary,streaming,held,stalled,growth,programs")
+    plan = parser.parse_args()
+    plan.only = plan.only.split(",")
+    plan.rounds, plan.few, plan.counted_rounds = (5, 1, 1) if plan.quick else (11, 5, 3)
+    plan.calls, plan.counted = (5_000, 2_000) if plan.quick else (20_000, 3_000)
+    plan.streams, plan.publishes = (20, 3) if plan.quick else (100, 10)
+    plan.growth = 10_000_000 if plan.long else 100_000 if plan.quick else 300_000
+    return plan
+
+
+def machine():
+    cpuinfo = pathlib.Path("/proc/cpuinfo").read_text()
+    model = next((line.split(": ", 1)[1] for line in cpuinfo.splitlines()
+                  if line.startswith("model name")), platform.machine())
+    return f"{cpuinfo.count('processor	')} x {model}, Linux {platform.release()}"
+
+
+def main():
+    plan = parse()
+    OUT.mkdir(parents=True, exist_ok=True)
+    started = time.monotonic()
+    samples, measured = [], []
+    for name, work in (("unary", unary), ("streaming", streaming), ("held", held),
+                       ("stalled", stopped_reading), ("growth", growth), ("programs", programs.run)):
+        if name not in plan.only:
+            continue
+        print(f"measuring: {name}", flush=True)
+        found = work(plan)
+        if name == "growth":
+            found, samples = found
+        measured += found
+    result = {"machine": machine(), "date": datetime.date.today().isoformat(),
+              "minutes": round((time.monotonic() - started) / 60, 1),
+              "rows": measured, "growth": samples, "aims": aims(measured)}
+    (OUT / "results.json").write_text(json.dumps(result, indent=1))
+    text = table.render(result)
+    (OUT / "table.md").write_text(text)
+    chart.ratios(measured, OUT / "chart.svg")
+    print(text)
+
+
+main()

@@ -1,0 +1,73 @@
+#pragma once
+
+#include <VornSdkRpc/MessagePrinters.h>
+#include <VornSdkRpc/PeerInfo.h>
+#include <VornSdkRpc/Rpc.h>
+#include <vorn/tracer.h>
+
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "examples/routing_agent/Backlog.h"
+#include "examples/routing_agent/Check.h"
+#include "examples/routing_agent/RoutingAgent.grpc.pb.h"
+#include "examples/routing_agent/Tables.h"
+
+namespace routing_agent {
+
+namespace rpc = VornSdkRpc::rpc;
+
+// Whether the caller may take things away: everybody on this host, and from elsewhere those whose
+// connection has proven an identity. `listen` are the addresses that the agent listens on.
+inline bool mayRemove(const grpc::ServerContext& context, const std::vector<std::string>& listen) {
+  for (const auto& address : listen) {
+    if (VornSdkRpc::isLocalIpAddr(context.peer(), address)) return true;
+  }
+  const auto identity = context.auth_context();
+  return identity && !identity->FindPropertyValues("peer-authenticated").empty();
+}
+
+inline grpc::Status ok() { return grpc::Status::OK; }
+inline grpc::Status notFound(const std::string& what) {
+  return {grpc::StatusCode::NOT_FOUND, "there is no " + what};
+}
+inline grpc::Status mayNot() {
+  return {grpc::StatusCode::PERMISSION_DENIED,
+          "only local and authenticated peers may remove anything"};
+}
+
+// What the agent's services have in common.
+template <class AsyncService>
+class AgentService : public rpc::Service<AsyncService> {
+ protected:
+  AgentService(std::string name, Backlog& backlog, const std::vector<std::string>& listen)
+      : rpc::Service<AsyncService>(std::move(name)), backlog_(backlog), listen_(listen) {}
+
+  // One line for each message that arrives, at level 8.
+  template <class Message>
+  void traceArrival(const Message& message) const {
+    if (this->tracer_.enabled(8)) this->tracer_.trace8("received %s", toString(message).c_str());
+  }
+
+  // Puts a change on the backlog, after the bookkeeping of what is wanted: setting the key is
+  // always possible, deleting it when the caller may and it is there.
+  template <class Key>
+  grpc::Status change(grpc::ServerContext& context, std::set<Key>& wanted, const Key& key,
+                      bool deletes, const char* what, Backlog::Change program) {
+    if (deletes) {
+      if (!mayRemove(context, listen_)) return mayNot();
+      if (wanted.erase(key) == 0) return notFound(what);
+    } else {
+      wanted.insert(key);
+    }
+    backlog_.add(std::move(program));
+    return ok();
+  }
+
+  Backlog& backlog_;
+  const std::vector<std::string> listen_;
+};
+
+}  // namespace routing_agent

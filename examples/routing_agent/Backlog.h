@@ -1,0 +1,64 @@
+#pragma once
+
+#include <VornSdkRpc/StreamingToolkit.h>
+#include <vorn/tracer.h>
+
+#include <chrono>
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace routing_agent {
+
+// The agent's backlog: changes that have been accepted and are still to be programmed. Calls add to
+// it and are answered at once; a scheduler on a thread of its own programs the changes in their
+// order, in steps of at most 64.
+class Backlog {
+ public:
+  // Programs one thing. What it throws is traced, and the next change goes on.
+  using Change = std::function<void()>;
+
+  // `stepTime` is slept after every step: what a step costs the hardware, where there is some.
+  explicit Backlog(std::chrono::milliseconds stepTime);
+
+  // Drops what is still waiting.
+  ~Backlog();
+
+  // Any thread.
+  void add(Change change);
+
+  // How many changes are not programmed yet. Any thread.
+  std::size_t waiting() const;
+
+ private:
+  // The state machine's side: drains a step whenever its task runs.
+  class Drain : public VornSdkRpc::BacklogImplBase {
+   public:
+    Drain(Backlog& backlog, const Velm::Ptr<Tarsk::TaskScheduler>& scheduler);
+    void handleBacklog() override;
+    void wake() { task_->runnableIs(true); }
+
+   private:
+    Backlog& backlog_;
+    Velm::Ptr<Tarsk::Task> task_;
+  };
+
+  // The next step's changes; they count as waiting until done() is called.
+  std::vector<Change> next();
+  // Answers whether more is waiting.
+  bool done(std::size_t changes);
+
+  vorn::tracer tracer_{"Backlog"};
+  const std::chrono::milliseconds stepTime_;
+  mutable std::mutex mutex_;
+  std::deque<Change> changes_;
+  std::size_t waiting_ = 0;
+  Velm::Ptr<Tarsk::TaskScheduler> scheduler_;
+  Drain drain_;
+  std::thread thread_;
+};
+
+}  // namespace routing_agent

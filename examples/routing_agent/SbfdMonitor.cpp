@@ -1,0 +1,169 @@
+#include "examples/routing_agent/SbfdMonitor.h"
+
+#include <net/if.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+namespace routing_agent {
+
+namespace {
+
+// The shortest interval between two echoes of a session, however short its min_tx is.
+constexpr auto kShortestInterval = std::chrono::milliseconds(100);
+
+std::chrono::microseconds intervalOf(const sbfd_echo_session_msg& config) {
+  return std::max<std::chrono::microseconds>(kShortestInterval,
+                                             std::chrono::microseconds(config.min_tx()));
+}
+
+}  // namespace
+
+SbfdMonitor::SbfdMonitor() {
+  if (socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, sockets_) != 0) {
+    throw std::system_error(errno, std::generic_category(), "socketpair");
+  }
+  thread_ = std::thread([this] { run(); });
+}
+
+SbfdMonitor::~SbfdMonitor() {
+  {
+    const std::lock_guard lock(mutex_);
+    stopping_ = true;
+  }
+  wake_.notify_one();
+  thread_.join();
+  for (const int fd : sockets_)
+    close(fd);
+}
+
+void SbfdMonitor::set(const sbfd_echo_session_msg& session) {
+  const std::string id = idOf(session.session_key());
+  const std::lock_guard lock(mutex_);
+  if (session.request_delete()) {
+    if (sessions_.erase(id) == 0) return;
+    for (Watch* watch : watches_)
+      watch->ended_[id] = session.session_key();
+  } else {
+    auto& entry = sessions_[id];
+    entry.config = session;
+    entry.status = Status::INIT;
+    entry.nextEcho = std::chrono::steady_clock::now();
+  }
+  changed(id, true, false);
+  wake_.notify_one();
+}
+
+std::string SbfdMonitor::idOf(const sbfd_echo_session_key_msg& key) {
+  return key.SerializeAsString();
+}
+
+// Sleeps until the next echo is due; without sessions, until there is one.
+void SbfdMonitor::run() {
+  std::unique_lock lock(mutex_);
+  while (!stopping_) {
+    if (sessions_.empty()) {
+      wake_.wait(lock);
+      continue;
+    }
+    auto next = std::chrono::steady_clock::time_point::max();
+    const auto now = std::chrono::steady_clock::now();
+    for (auto& [id, session] : sessions_) {
+      if (session.nextEcho <= now) echo(id, session);
+      next = std::min(next, session.nextEcho);
+    }
+    wake_.wait_until(lock, next);
+  }
+}
+
+void SbfdMonitor::echo(const std::string& id, Session& session) {
+  session.nextEcho += intervalOf(session.config);
+  const bool linked =
+      !session.config.track_interface_state() ||
+      if_nametoindex(session.config.session_key().outgoing_interface().c_str()) != 0;
+  const auto rtt = linked ? roundTrip() : std::nullopt;
+  const auto before = session.status;
+  session.status = !rtt ? Status::DOWN : before == Status::DOWN ? Status::INIT : Status::UP;
+  const bool measured = rtt && session.config.rtt_enabled();
+  if (measured) account(session, *rtt);
+  changed(id, session.status != before, measured);
+}
+
+void SbfdMonitor::account(Session& session, std::uint32_t rtt) {
+  ++session.echoes;
+  session.rttSum += rtt;
+  auto& times = session.rtt;
+  times.set_last_rtt(rtt);
+  times.set_min_rtt(session.echoes == 1 ? rtt : std::min(times.min_rtt(), rtt));
+  times.set_max_rtt(std::max(times.max_rtt(), rtt));
+  times.set_avg_rtt(static_cast<std::uint32_t>(session.rttSum / session.echoes));
+  // Every echo is a report, so the snapshot since the last one is the echo itself.
+  times.set_snapshot_min_rtt(rtt);
+  times.set_snapshot_avg_rtt(rtt);
+  times.set_snapshot_max_rtt(rtt);
+}
+
+std::optional<std::uint32_t> SbfdMonitor::roundTrip() const {
+  const auto start = std::chrono::steady_clock::now();
+  char byte = 0;
+  for (const int side : {0, 1}) {
+    if (send(sockets_[side], &byte, 1, MSG_NOSIGNAL) != 1 ||
+        recv(sockets_[1 - side], &byte, 1, MSG_DONTWAIT) != 1) {
+      return std::nullopt;
+    }
+  }
+  const auto time = std::chrono::steady_clock::now() - start;
+  return static_cast<std::uint32_t>(
+      std::chrono::duration_cast<std::chrono::microseconds>(time).count());
+}
+
+void SbfdMonitor::changed(const std::string& id, bool status, bool rtt) {
+  for (Watch* watch : watches_) {
+    if (!status && !(rtt && watch->rtt_)) continue;
+    auto& news = watch->news_[id];
+    news.status |= status;
+    news.rtt |= rtt && watch->rtt_;
+    watch->event_.set();
+  }
+}
+
+SbfdMonitor::Watch::Watch(SbfdMonitor& monitor, VornSdkRpc::rpc::Event& news, bool rtt)
+    : monitor_(monitor), event_(news), rtt_(rtt) {
+  const std::lock_guard lock(monitor_.mutex_);
+  for (const auto& [id, session] : monitor_.sessions_)
+    news_[id].status = true;
+  monitor_.watches_.insert(this);
+}
+
+SbfdMonitor::Watch::~Watch() {
+  const std::lock_guard lock(monitor_.mutex_);
+  monitor_.watches_.erase(this);
+}
+
+std::vector<watch_sbfd_echo_session_status_msg> SbfdMonitor::Watch::take() {
+  const std::lock_guard lock(monitor_.mutex_);
+  std::vector<watch_sbfd_echo_session_status_msg> items;
+  for (const auto& [id, news] : std::exchange(news_, {})) {
+    const auto session = monitor_.sessions_.find(id);
+    const bool lives = session != monitor_.sessions_.end();
+    const auto& key = lives ? session->second.config.session_key() : ended_[id];
+    if (news.status) {
+      auto& item = items.emplace_back();
+      *item.mutable_session_key() = key;
+      item.mutable_status()->set_status(lives ? session->second.status : Status::ADMIN_DOWN);
+    }
+    if (news.rtt && lives) {
+      auto& item = items.emplace_back();
+      *item.mutable_session_key() = key;
+      *item.mutable_rtt() = session->second.rtt;
+    }
+  }
+  ended_.clear();
+  return items;
+}
+
+}  // namespace routing_agent

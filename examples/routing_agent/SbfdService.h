@@ -1,0 +1,25 @@
+#pragma once
+
+#include <set>
+#include <string>
+
+#include "examples/routing_agent/AgentService.h"
+#include "examples/routing_agent/SbfdMonitor.h"
+
+namespace routing_agent {
+
+// SBFD echo sessions and their watchers.
+class SbfdService : public AgentService<Sbfd::AsyncService> {
+ public:
+  SbfdService(SbfdMonitor& monitor, Backlog& backlog, const std::vector<std::string>& listen);
+
+ private:
+  grpc::Status set(grpc::ServerContext& context, const sbfd_echo_session_msg& session);
+  rpc::Task<> watch(rpc::Writer<watch_sbfd_echo_session_status_msg>& watcher,
+                    const watch_sbfd_echo_session_config_msg& config);
+
+  SbfdMonitor& monitor_;
+  std::set<std::string> sessions_;  // those asked for, by their serialized key; serving thread
+};
+
+}  // namespace routing_agent

@@ -1,0 +1,19 @@
+#pragma once
+
+#include "examples/routing_agent/AgentService.h"
+
+namespace routing_agent {
+
+// The agent's key/value state.
+class StateService : public AgentService<State::AsyncService> {
+ public:
+  StateService(Tables& tables, Backlog& backlog, const std::vector<std::string>& listen);
+
+ private:
+  grpc::Status configure(grpc::ServerContext& context, const rpc_server_state_config_msg& config);
+  void read(const state_keys_msg& keys, rpc_server_state_status_msg& reply) const;
+
+  Tables& tables_;
+};
+
+}  // namespace routing_agent
