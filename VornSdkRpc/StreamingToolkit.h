@@ -45,7 +45,8 @@ class BacklogImplBase;
 //
 // Takes no locks: every operation, and the task's runs, belong to the scheduler's thread. Before
 // the scheduler runs and after it has stopped they may come from the thread that starts or stops
-// it. References may be taken and dropped on any thread.
+// it. References may be taken and dropped on any thread, but the last one, which ends the
+// subscription, is dropped where the operations may be called.
 class VORN_EXPORT GenericBacklogSm : public Velm::Node {
  public:
   // Makes the task on the scheduler, with priority 3 and named `name`, and listens to it. The

@@ -107,6 +107,7 @@ void LoggingInterceptor::account(grpc::experimental::InterceptorBatchMethods& me
 }
 
 LoggingInterceptorFactory::LoggingInterceptorFactory() {
+  _defaultTraceHandle();  // made before a factory of static storage duration, it outlives that
   // Not in thread_'s initializer: the queue comes after it.
   thread_ = std::jthread([this] { consumer(); });
 }

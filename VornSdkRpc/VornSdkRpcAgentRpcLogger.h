@@ -53,13 +53,17 @@ class VORN_EXPORT LoggingInterceptor : public grpc::experimental::Interceptor {
 
 // Makes the interceptor of every call, and owns the queue and the thread that writes the records.
 // The builder, and then the server, owns it; it goes with the server, when every call is over.
+//
+// The thread rests for two milliseconds after every batch, so that a busy server's records gather
+// without a wake-up for each; a record that finds the thread idle is written at once. While memory
+// has run out, a record is tried again for a second, and then given up with a trace line.
 class VORN_EXPORT LoggingInterceptorFactory
     : public grpc::experimental::ServerInterceptorFactoryInterface {
  public:
   // Starts the consumer thread. Throws std::system_error when there can be none.
   LoggingInterceptorFactory();
 
-  // Returns when everything that was queued has been written.
+  // Returns when everything that was queued has been handed to the log.
   ~LoggingInterceptorFactory() override;
 
   LoggingInterceptorFactory(LoggingInterceptorFactory const&) = delete;

@@ -81,15 +81,15 @@ class Posts {
     asio::post(context_, [this] { action_(*this); });
   }
   void runOne() { context_.run_one(); }
-  void run() {
-    const auto guard = asio::make_work_guard(context_);
-    context_.run();
-  }
+  void run() { context_.run(); }
   void stop() { context_.stop(); }
 
  private:
   std::function<void(Posts&)> const action_;
   asio::io_context context_;
+  // A context that once runs out of work does nothing any more.
+  asio::executor_work_guard<asio::io_context::executor_type> const guard_ =
+      asio::make_work_guard(context_);
 };
 
 // One thread asks for a run and runs it.

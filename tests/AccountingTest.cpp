@@ -11,7 +11,6 @@
 #include <stdexcept>
 
 #include "Capture.h"
-#include "FailingNew.h"
 #include "ProbeService.h"
 
 using testing::ElementsAre;

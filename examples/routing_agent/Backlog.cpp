@@ -19,12 +19,19 @@ Backlog::Drain::Drain(Backlog& backlog, const Velm::Ptr<Tarsk::TaskScheduler>& s
       task_(backlogSm_->backlogTask()) {}
 
 void Backlog::Drain::handleBacklog() {
-  const auto changes = backlog_.next();
+  std::vector<Change> changes;
+  try {
+    changes = backlog_.next();
+  } catch (const std::bad_alloc&) {
+    return wake();  // nothing has been taken; later there may be memory again
+  }
   for (const auto& change : changes) {
     try {
       change();
     } catch (const std::exception& error) {
       backlog_.tracer_.trace0("a change could not be programmed: %s", error.what());
+    } catch (...) {
+      backlog_.tracer_.trace0("a change could not be programmed");
     }
   }
   std::this_thread::sleep_for(backlog_.stepTime_);

@@ -35,8 +35,8 @@ namespace Kiv {
 // installed, one failure an hour at most is told, with the number of failures so far.
 VORN_EXPORT spdlog::logger& platformLogger();
 
-// What is known about a message before it is written. Each lies alone in the section
-// .tolmar_logmsg, where tools read the messages of a library without running it.
+// What is known about a message before it is written. The section .tolmar_logmsg holds a library's
+// descriptors and nothing else; there tools read its messages without running it.
 struct LogDescriptor {
   char const* messageId;
   char const* format;       // every %s takes the next argument's text, %% is a percent sign

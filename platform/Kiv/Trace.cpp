@@ -136,8 +136,12 @@ void TraceHandle::write(unsigned level, std::string_view text) const {
 
 void TraceHandle::write(unsigned level, spdlog::source_loc const& where,
                         std::string_view text) const {
-  traceLogger().log(where, level == 0 ? spdlog::level::info : spdlog::level::debug, "{}/{}: {}",
-                    oneLine(name_), level, oneLine(text));
+  try {
+    traceLogger().log(where, level == 0 ? spdlog::level::info : spdlog::level::debug, "{}/{}: {}",
+                      oneLine(name_), level, oneLine(text));
+  } catch (...) {
+    // spdlog keeps a sink's std::exception to itself; what else a sink may throw ends here.
+  }
 }
 
 }  // namespace Kiv

@@ -13,7 +13,7 @@ namespace Velm {
 
 namespace Impl {
 
-// Formats and writes one trace line. Declared for every kind of handle, there for those below.
+// Formats and writes one trace line. Defined only for the handles listed below.
 template <typename Handle>
 void vfmtrace(Handle const& handle, unsigned short level, char const* className,
               char const* sourcePath, char const* function, int line, fmt::string_view format,

@@ -21,7 +21,8 @@ struct VORN_EXPORT ThreadControl {
 
 // The base of the platform's objects: an intrusive use count, held through Velm::Ptr, and a few
 // flags, in one 32-bit word. References may be taken and dropped on any thread while
-// ThreadControl::tsp_ is set; what else may be called where is up to each type.
+// ThreadControl::tsp_ is set; where the last one may go, and what else may be called where, is up
+// to each type.
 class VORN_EXPORT Node {
  public:
   // The flags that share the word with the use count.

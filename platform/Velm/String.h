@@ -34,6 +34,8 @@ class String : public Impl::StrB {
   char const* c_str() const noexcept { return text_.c_str(); }
   std::size_t size() const noexcept { return text_.size(); }
   operator std::string_view() const noexcept { return text_; }
+
+  friend bool operator==(String const& text, char const* other) { return text.text_ == other; }
 };
 
 // Writes the text as a stream writes a std::string.
