@@ -208,9 +208,9 @@ AIMS = [
     ("unary echo", FRAME, "ratios", "instructions", 1.03),
     ("unary echo", "frame, 64 ahead", "ratios", "cpu_us", 0.90),
     ("unary echo", "frame, accounting", "ratios", "cpu_us", 1.20),
-    ("10,000 open streams, a write to each", FRAME, "figures", "stop_ms", 1000),
+    ("10,000 open streams, a write to each", FRAME, "figures", "stop_ms", 5000),
     ("10,000 open streams, clients stalled for 4 s", "frame, keepalive 10 s / 1 s", "figures",
-     "stop_ms", 1000),
+     "stop_ms", 5000),
 ]
 
 
