@@ -49,7 +49,8 @@ void writeRecord(LogMessageData const& record) {
   Kiv::log(logHandle, record.user, record.session, record.peer, record.rpc, record.status);
 }
 
-// The accounting queue and a consumer that writes what it takes, as the factory's does.
+// The accounting queue and a consumer that writes what it takes, as the factory's does but for its
+// rest.
 class Accounting {
  public:
   ~Accounting() { queue_.close(); }

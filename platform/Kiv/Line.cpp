@@ -17,6 +17,7 @@ std::string oneLine(std::string_view text) {
   static constexpr char digits[] = "0123456789abcdef";
   const auto controls =
       static_cast<std::size_t>(std::count_if(text.begin(), text.end(), isControl));
+  if (controls == 0) return std::string(text);
   std::string line;
   line.reserve(text.size() + 3 * controls);
   for (const char c : text) {

@@ -70,9 +70,16 @@ spdlog::level::level_enum levelOf(std::uint64_t severity) {
   return spdlog::level::info;
 }
 
-// The format with the texts in place of its conversions; one without an argument stays as it is.
-std::string substituted(std::string_view format, LogString const& record) {
+// The message id, and the format with the texts in place of its conversions; one without an
+// argument stays as it is.
+std::string substituted(std::string_view messageId, std::string_view format,
+                        LogString const& record) {
+  std::size_t size = messageId.size() + 2 + format.size();
+  for (LogStringIndex index = 0; index < record.argCount(); ++index)
+    size += record.str(index).size();
   std::string text;
+  text.reserve(size);
+  text.append(messageId).append(": ");
   LogStringIndex next = 0;
   for (auto percent = format.find('%'); percent < format.size(); percent = format.find('%')) {
     text += format.substr(0, percent);
@@ -171,8 +178,8 @@ bool LogHandle::okToLog(std::uint32_t key) const {
 }
 
 void LogHandle::log(LogString const& record) const {
-  const std::string line = std::string(descriptor_->messageId) + ": " +
-                           oneLine(substituted(descriptor_->format, record));
+  const std::string line =
+      oneLine(substituted(descriptor_->messageId, descriptor_->format, record));
   try {
     platformLogger().log(levelOf(descriptor_->severity), spdlog::string_view_t(line));
   } catch (...) {
