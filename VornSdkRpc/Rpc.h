@@ -130,6 +130,33 @@ struct Promise<void> : PromiseBase {
   }
 };
 
+// One of the calls that a method may have in progress, until it is released or destroyed.
+class Slot {
+ public:
+  Slot() = default;
+  Slot(const Slot&) = delete;
+  Slot& operator=(const Slot&) = delete;
+  ~Slot() { release(); }
+
+  // Answers false when `used` has reached the limit.
+  bool take(std::size_t& used, std::size_t limit) {
+    if (limit != 0 && used >= limit) return false;
+    used_ = &used;
+    ++*used_;
+    return true;
+  }
+  void release() {
+    if (used_) --*std::exchange(used_, nullptr);
+  }
+
+ private:
+  std::size_t* used_ = nullptr;
+};
+
+inline grpc::Status tooManyCalls() {
+  return {grpc::StatusCode::RESOURCE_EXHAUSTED, "too many calls of this method are in progress"};
+}
+
 }  // namespace detail
 
 // A coroutine that ends with a T: rpc::Task<> serves a call and ends with its grpc::Status. It
@@ -300,33 +327,6 @@ class ServiceBase : public GrpcService {
   std::list<grpc::Alarm> alarms_;  // those of the calls that have waited, pending or not
 };
 
-// One of the calls that a method may have in progress, until it is released or destroyed.
-class Slot {
- public:
-  Slot() = default;
-  Slot(const Slot&) = delete;
-  Slot& operator=(const Slot&) = delete;
-  ~Slot() { release(); }
-
-  // Answers false when `used` has reached the limit.
-  bool take(std::size_t& used, std::size_t limit) {
-    if (limit != 0 && used >= limit) return false;
-    used_ = &used;
-    ++*used_;
-    return true;
-  }
-  void release() {
-    if (used_) --*std::exchange(used_, nullptr);
-  }
-
- private:
-  std::size_t* used_ = nullptr;
-};
-
-inline grpc::Status tooManyCalls() {
-  return {grpc::StatusCode::RESOURCE_EXHAUSTED, "too many calls of this method are in progress"};
-}
-
 // ------------------------------------------------------------------------------------------------
 // Call, Reader, Writer, ReaderWriter: what a coroutine is given
 
@@ -424,7 +424,7 @@ class Call : public RequestHandler {
   virtual void finish(const grpc::Status& status, OpaqueId tag) = 0;
 
   ServiceBase& service_;
-  Slot slot_;
+  detail::Slot slot_;
   grpc::ServerContext context_;
 
  private:
@@ -471,7 +471,7 @@ class Call : public RequestHandler {
   void arrived() {
     state_ = IN_PROGRESS;
     service_.registerHandler(notice_);  // its tag completes for every call that has arrived
-    if (!takeSlot()) return conclude(tooManyCalls());
+    if (!takeSlot()) return conclude(detail::tooManyCalls());
     try {
       task_ = begin();
     } catch (...) {

@@ -176,6 +176,19 @@ inline void ProbeService::serverStarted() {
   open<ChatHandler>();
 }
 
+// A connection of its own to an address, once it is made. gRPC 1.51's client sometimes takes a
+// stale errno for a refusal and then fails calls for a second; waiting for the connection is not
+// hurt by it.
+inline std::shared_ptr<grpc::Channel> connected(
+    const std::string& address, const std::shared_ptr<grpc::ChannelCredentials>& credentials =
+                                    grpc::InsecureChannelCredentials()) {
+  grpc::ChannelArguments arguments;
+  arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
+  auto channel = grpc::CreateCustomChannel(address, credentials, arguments);
+  channel->WaitForConnected(gpr_inf_future(GPR_CLOCK_REALTIME));
+  return channel;
+}
+
 // A server of the given services on a loopback port of its own, run by a thread until it is
 // stopped. With accounting, the records are complete when it has been destroyed.
 class RunningServer {
@@ -199,13 +212,9 @@ class RunningServer {
   VornSdkRpc::GrpcServer& server() { return server_; }
   std::string address() const { return host_ + ":" + std::to_string(port_); }
 
-  std::unique_ptr<Probe::Stub> stub() const {
-    // A connection of its own for every stub: a shared one would hide what a second one does.
-    grpc::ChannelArguments arguments;
-    arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
-    return Probe::NewStub(
-        grpc::CreateCustomChannel(address(), grpc::InsecureChannelCredentials(), arguments));
-  }
+  // A connection of its own, made by now: a shared one would hide what a second one does.
+  std::shared_ptr<grpc::Channel> connection() const { return connected(address()); }
+  std::unique_ptr<Probe::Stub> stub() const { return Probe::NewStub(connection()); }
 
  private:
   // The last service of the list: once it is started, all are.

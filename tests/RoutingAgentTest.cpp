@@ -119,8 +119,7 @@ struct Agent {
 
   template <class Service>
   std::unique_ptr<typename Service::Stub> stub() const {
-    return Service::NewStub(
-        grpc::CreateChannel(running.address(), grpc::InsecureChannelCredentials()));
+    return Service::NewStub(running.connection());
   }
   void programAll() const {
     while (backlog.waiting() != 0)

@@ -285,8 +285,9 @@ TEST(Server, LosesNoCallUnderLoad) {
         grpc::ClientContext context;
         Text request, reply;
         request.set_text(std::to_string(id * kCalls + i));
-        if (stub->Echo(&context, request, &reply).ok() && reply.text() == request.text())
-          ++answered;
+        const grpc::Status status = stub->Echo(&context, request, &reply);
+        EXPECT_TRUE(status.ok()) << status.error_message();
+        if (reply.text() == request.text()) ++answered;
       }
     });
   }

@@ -1,0 +1,111 @@
+"""The connection to an agent, and what became of a call."""
+
+import argparse
+import ipaddress
+import threading
+from types import SimpleNamespace
+from typing import Any
+
+import grpc
+
+from values import UsageError, enum_name
+
+UNARY_TIMEOUT = 10.0  # seconds, where the user says nothing; streams have no limit then
+
+
+class Refused(Exception):
+    """The agent has answered, but not as asked; one line for the user."""
+
+
+class Agent:
+    """An agent's services, to be called with **unary or **stream as further arguments."""
+
+    def __init__(self, args: argparse.Namespace, stubs: SimpleNamespace) -> None:
+        self.sdk = stubs.sdk
+        self.messages = stubs.agent
+        self.server: str = args.server
+        self._channel = _channel(args)
+        self.routing = stubs.rpc.RoutingStub(self._channel)
+        self.sbfd = stubs.rpc.SbfdStub(self._channel)
+        self.state = stubs.rpc.StateStub(self._channel)
+        metadata = [("username", args.user)] if args.user else []
+        self.unary = {"timeout": args.timeout or UNARY_TIMEOUT, "metadata": metadata}
+        self.stream = {"timeout": args.timeout, "metadata": metadata}
+
+    def __enter__(self) -> "Agent":
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self._channel.close()
+
+    def change(self, method: grpc.UnaryUnaryMultiCallable, request: Any) -> str:
+        """Makes one change. Answers the name of the agent's answer, which is SUCCESS."""
+        reply = method(request, **self.unary)
+        answer = enum_name(reply, "rpc_status_value")
+        if reply.rpc_status_value != self.sdk.rpc_status_msg.SUCCESS:
+            raise Refused(answer)
+        return answer
+
+    def out_of_reach(self, error: grpc.RpcError) -> bool:
+        """Whether the call failed for want of an agent that can take it."""
+        if error.code() is grpc.StatusCode.DEADLINE_EXCEEDED:
+            return not self._connected()
+        return error.code() is grpc.StatusCode.UNAVAILABLE
+
+    def _connected(self) -> bool:
+        states: list[grpc.ChannelConnectivity] = []
+        told = threading.Event()
+        # The first state that a subscriber is told is the present one.
+        self._channel.subscribe(lambda state: (states.append(state), told.set()))
+        told.wait(5)
+        return states[:1] == [grpc.ChannelConnectivity.READY]
+
+
+def _channel(args: argparse.Namespace) -> grpc.Channel:
+    options: list[tuple[str, Any]] = [
+        ("grpc.enable_http_proxy", 0),  # a proxy for the web is none for an agent
+        ("grpc.max_receive_message_length", -1),
+    ]
+    if not (args.tls_ca or args.tls_cert or args.tls_key or args.tls_name):
+        if args.local:
+            return grpc.secure_channel(args.server, _local_credentials(args.server), options)
+        return grpc.insecure_channel(args.server, options)
+    if args.local:
+        raise UsageError("--local and the --tls options exclude each other")
+    if bool(args.tls_cert) != bool(args.tls_key):
+        raise UsageError("--tls-cert and --tls-key go together")
+    if args.tls_name:
+        options.append(("grpc.ssl_target_name_override", args.tls_name))
+    credentials = grpc.ssl_channel_credentials(
+        *(_content(path) for path in (args.tls_ca, args.tls_key, args.tls_cert))
+    )
+    return grpc.secure_channel(args.server, credentials, options)
+
+
+def _local_credentials(server: str) -> grpc.ChannelCredentials:
+    if server.startswith("unix"):
+        return grpc.local_channel_credentials(grpc.LocalConnectionType.UDS)
+    host = server.rpartition(":")[0].strip("[]")
+    if host != "localhost" and not _is_loopback(host):
+        raise UsageError(f"--local is for Unix sockets and loopback addresses, not for {server}")
+    return grpc.local_channel_credentials(grpc.LocalConnectionType.LOCAL_TCP)
+
+
+def _is_loopback(host: str) -> bool:
+    try:
+        return ipaddress.ip_address(host).is_loopback
+    except ValueError:
+        return False
+
+
+def _content(path: str | None) -> bytes | None:
+    if path is None:
+        return None
+    try:
+        with open(path, "rb") as file:
+            content = file.read()
+    except OSError as error:
+        raise UsageError(f"{path}: {error.strerror}") from error
+    if b"-----BEGIN " not in content:  # gRPC would only say that there is nowhere to connect to
+        raise UsageError(f"{path}: no PEM file")
+    return content

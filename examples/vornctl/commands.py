@@ -1,0 +1,363 @@
+"""The commands. Each is given the agent and the arguments of its command line."""
+
+import argparse
+import signal
+import sys
+import time
+from collections.abc import Callable, Iterator
+from typing import Any
+
+import grpc
+
+import values
+from agent import Agent, Refused
+from output import Progress, complain, print_json, print_table, printable
+from values import UsageError, Words
+
+PROGRESS_FROM = 1000  # routes in a file from which on a bar is shown
+ROUTE_HEADER = ["PREFIX", "GROUP", "TAG"]
+
+
+# ----------------------------------------------------------------------------------------------------------
+# set and delete
+
+
+def changed(agent: Agent, args: argparse.Namespace, method: Any, request: Any) -> None:
+    answer = agent.change(method, request)
+    if args.json:
+        print_json({"result": answer})
+
+
+def set_route(agent: Agent, args: argparse.Namespace) -> None:
+    route = agent.sdk.ip_route_msg(prefix=args.prefix, nexthop_group=args.group, tag=args.tag)
+    changed(agent, args, agent.routing.SetRoute, route)
+
+
+def set_routes(agent: Agent, args: argparse.Namespace) -> None:
+    routes = read_routes(agent, args.file)
+    shown = len(routes) >= PROGRESS_FROM and sys.stderr.isatty()
+    with Progress(len(routes), shown) as progress:
+        reply = agent.routing.SetRoutes(progress.counted(routes), **agent.stream)
+    if reply.accepted != len(routes):
+        raise Refused(f"the agent took {reply.accepted} of {len(routes)} routes")
+    if args.json:
+        print_json({"accepted": reply.accepted})
+    else:
+        print(f"{reply.accepted} routes set")
+
+
+def read_routes(agent: Agent, path: str) -> list[Any]:
+    """The routes of a file, all of them before the first is sent: a mistake in the file changes nothing."""
+    name = "standard input" if path == "-" else path
+    try:
+        with open(0 if path == "-" else path, encoding="utf-8", closefd=path != "-") as file:
+            return [read_route(agent, *line) for line in route_lines(file, name)]
+    except UnicodeDecodeError as error:
+        raise UsageError(f"{name}: no UTF-8 text") from error
+    except OSError as error:
+        raise UsageError(f"{name}: {error.strerror}") from error
+
+
+def route_lines(file: Any, name: str) -> Iterator[tuple[str, list[str]]]:
+    """The place and the words of each line that holds a route."""
+    for position, line in enumerate(file, start=1):
+        words = line.partition("#")[0].split()
+        if words and words != ROUTE_HEADER:
+            yield f"{name}:{position}", words
+
+
+def read_route(agent: Agent, place: str, words: list[str]) -> Any:
+    try:
+        if not 2 <= len(words) <= 3:
+            raise UsageError("expected PREFIX GROUP [TAG]")
+        route = agent.sdk.ip_route_msg(prefix=values.prefix(words[0]))
+        if words[1] != "-":
+            route.nexthop_group = words[1]
+        route.tag = values.number(words[2]) if len(words) == 3 else 0
+        return route
+    except UsageError as error:
+        raise UsageError(f"{place}: {error}") from error
+
+
+def set_group(agent: Agent, args: argparse.Namespace) -> None:
+    group = agent.sdk.nexthop_group_msg(name=args.name)
+    hops = {"nexthop": group.nexthop, "backup": group.backup_nexthop}
+    words = Words(args.nexthops)
+    while words:
+        if words.peek() not in hops:
+            raise words.unexpected()
+        values.fill_nexthop(hops[words.take("")].add(), words)
+    changed(agent, args, agent.routing.SetNexthopGroup, group)
+
+
+def set_mpls(agent: Agent, args: argparse.Namespace) -> None:
+    route = agent.sdk.mpls_route_msg(label=args.label)
+    words = Words(args.forwarding)
+    kind = words.take("")
+    if kind == "nexthop":
+        values.fill_nexthop(route.nexthop, words)
+    elif kind == "group":
+        group = route.nexthop_group
+        group.nexthop_group = words.take("the group's name")
+        known = values.operations(group)
+        if words.peek() in known:
+            group.mpls_op = known[words.take("")]
+    elif kind == "vrf":
+        route.pop_and_forward_vrf_name = words.take("the VRF's name")
+    else:
+        raise UsageError(f"{kind!r} is none of nexthop, group and vrf")
+    if words:
+        raise words.unexpected()
+    changed(agent, args, agent.routing.SetMplsRoute, route)
+
+
+def set_redirect(agent: Agent, args: argparse.Namespace) -> None:
+    redirect = agent.sdk.cbf_nexthop_group_redirect_msg(
+        match_nexthop_group=args.group,
+        redirect_nexthop_group=args.target,
+        match_ipv4_dscp=args.ipv4_dscp,
+        match_ipv6_dscp=args.ipv6_dscp,
+    )
+    changed(agent, args, agent.routing.SetRedirect, redirect)
+
+
+def session_message(agent: Agent, args: argparse.Namespace) -> Any:
+    session = agent.sdk.sbfd_echo_session_msg()
+    words = Words(args.key)
+    values.fill_session_key(session.session_key, words)
+    if words:
+        raise words.unexpected()
+    return session
+
+
+def set_session(agent: Agent, args: argparse.Namespace) -> None:
+    session = session_message(agent, args)
+    session.rtt_enabled = args.rtt
+    session.min_tx = args.min_tx
+    session.detection_multiplier = args.multiplier
+    session.track_interface_state = args.track_interface
+    changed(agent, args, agent.sbfd.SetSession, session)
+
+
+def delete_route(agent: Agent, args: argparse.Namespace) -> None:
+    changed(agent, args, agent.routing.DeleteRoute, agent.sdk.ip_prefix_msg(**args.prefix))
+
+
+def delete_group(agent: Agent, args: argparse.Namespace) -> None:
+    group = agent.sdk.nexthop_group_msg(name=args.name, request_delete=True)
+    changed(agent, args, agent.routing.SetNexthopGroup, group)
+
+
+def delete_mpls(agent: Agent, args: argparse.Namespace) -> None:
+    route = agent.sdk.mpls_route_msg(label=args.label, request_delete=True)
+    changed(agent, args, agent.routing.SetMplsRoute, route)
+
+
+def delete_redirect(agent: Agent, args: argparse.Namespace) -> None:
+    redirect = agent.sdk.cbf_nexthop_group_redirect_msg(
+        match_nexthop_group=args.group, request_delete=True
+    )
+    changed(agent, args, agent.routing.SetRedirect, redirect)
+
+
+def delete_session(agent: Agent, args: argparse.Namespace) -> None:
+    session = session_message(agent, args)
+    session.request_delete = True
+    changed(agent, args, agent.sbfd.SetSession, session)
+
+
+# ----------------------------------------------------------------------------------------------------------
+# list and watch
+
+
+def listed(
+    agent: Agent,
+    args: argparse.Namespace,
+    method: Any,
+    field: str,
+    to_json: Callable[[Any], dict[str, Any]],
+    header: list[str],
+    to_rows: Callable[[Any], list[list[Any]]],
+) -> None:
+    """Reads every part of a list and prints it; `field` is where a part holds its items."""
+    items, waiting = [], 0
+    for part in method(agent.messages.get_msg(), **agent.stream):
+        items += getattr(part, field)
+        waiting = part.waiting
+    if args.json:
+        print_json({args.what: [to_json(item) for item in items], "waiting": waiting})
+        return
+    print_table(header, (row for item in items for row in to_rows(item)))
+    if waiting:
+        complain(f"{waiting} changes are still waiting to be programmed")
+
+
+def list_routes(agent: Agent, args: argparse.Namespace) -> None:
+    def rows(route: Any) -> list[list[Any]]:
+        return [[values.prefix_text(route.prefix), route.nexthop_group or "-", route.tag]]
+
+    listed(agent, args, agent.routing.GetRoutes, "route", values.route_json, ROUTE_HEADER, rows)
+
+
+def list_groups(agent: Agent, args: argparse.Namespace) -> None:
+    def rows(group: Any) -> list[list[Any]]:
+        hops = [[group.name, "nexthop", values.nexthop_text(hop)] for hop in group.nexthop]
+        hops += [[group.name, "backup", values.nexthop_text(hop)] for hop in group.backup_nexthop]
+        return hops or [[group.name, "-", "-"]]
+
+    header = ["GROUP", "ROLE", "NEXT HOP"]
+    listed(agent, args, agent.routing.GetNexthopGroups, "group", values.group_json, header, rows)
+
+
+def list_mpls(agent: Agent, args: argparse.Namespace) -> None:
+    def rows(route: Any) -> list[list[Any]]:
+        return [[route.label, values.mpls_forwarding_text(route)]]
+
+    header = ["LABEL", "FORWARDING"]
+    listed(agent, args, agent.routing.GetMplsRoutes, "route", values.mpls_route_json, header, rows)
+
+
+def list_redirects(agent: Agent, args: argparse.Namespace) -> None:
+    def rows(redirect: Any) -> list[list[Any]]:
+        dscp = (redirect.match_ipv4_dscp, redirect.match_ipv6_dscp)
+        texts = [values.list_text(list_) or "-" for list_ in dscp]
+        return [[redirect.match_nexthop_group, *texts, redirect.redirect_nexthop_group or "-"]]
+
+    header = ["GROUP", "IPV4 DSCP", "IPV6 DSCP", "TO"]
+    listed(agent, args, agent.routing.GetRedirects, "redirect", values.redirect_json, header, rows)
+
+
+def updates(items: Any) -> Iterator[Any]:
+    """What the items of a watch say, one thing at a time and in order."""
+    for item in items:
+        if item.HasField("session_key") or item.WhichOneof("update"):
+            yield item
+        yield from updates(item.bulk)
+
+
+def list_sessions(agent: Agent, args: argparse.Namespace) -> None:
+    call = agent.sbfd.WatchSessions(agent.sdk.watch_sbfd_echo_session_config_msg(), **agent.stream)
+    sessions = []
+    for item in updates(call):
+        if item.end_of_status_batch:
+            break
+        sessions.append(item)
+    else:
+        raise Refused("the agent ended the list of sessions before its end")
+    call.cancel()
+    if args.json:
+        print_json({"sessions": [update_json(item) for item in sessions]})
+    else:
+        rows = ([values.session_key_text(s.session_key), update_text(s)] for s in sessions)
+        print_table(["SESSION", "STATUS"], rows)
+
+
+def update_json(item: Any) -> dict[str, Any]:
+    document = {"session": values.session_key_json(item.session_key)}
+    if item.WhichOneof("update") == "rtt":
+        return {**document, "rtt": values.rtt_json(item.rtt)}
+    return {**document, "status": values.enum_name(item.status, "status")}
+
+
+def update_text(item: Any) -> str:
+    if item.WhichOneof("update") != "rtt":
+        return values.enum_name(item.status, "status")
+    rtt = item.rtt
+    life = f"last {rtt.last_rtt} min {rtt.min_rtt} avg {rtt.avg_rtt} max {rtt.max_rtt}"
+    snapshot = f"min {rtt.snapshot_min_rtt} avg {rtt.snapshot_avg_rtt} max {rtt.snapshot_max_rtt}"
+    return f"rtt {life} us, of late {snapshot} us"
+
+
+def watch_sessions(agent: Agent, args: argparse.Namespace) -> None:
+    request = agent.sdk.watch_sbfd_echo_session_config_msg(request_rtt_updates=args.rtt)
+    call = agent.sbfd.WatchSessions(request, **agent.stream)
+    if signal.getsignal(signal.SIGINT) is not signal.SIG_IGN:
+        signal.signal(signal.SIGINT, lambda *_: call.cancel())
+    show = show_json if args.json else WatchTable().show
+    begun = False  # the first batch is complete
+    try:
+        for item in updates(call):
+            show(item)
+            begun = begun or item.end_of_status_batch
+    except grpc.RpcError as error:
+        over = begun and error.code() is grpc.StatusCode.DEADLINE_EXCEEDED  # the user has said how long
+        if not over and not call.cancelled():
+            raise
+        return
+    raise Refused("the agent ended the watch")
+
+
+def show_json(item: Any) -> None:
+    now = time.time()
+    stamp = time.strftime("%Y-%m-%dT%H:%M:%S", time.gmtime(now)) + f".{int(now % 1 * 1000):03}Z"
+    news = {"end_of_batch": True} if item.end_of_status_batch else update_json(item)
+    print_json({"time": stamp, **news})
+
+
+class WatchTable:
+    """A table that grows at its end. It holds the first batch back until it is complete, to know how wide
+    the sessions are."""
+
+    def __init__(self) -> None:
+        self._batch: list[Any] | None = []
+        self._width = len("SESSION")
+
+    def show(self, item: Any) -> None:
+        if self._batch is None:
+            self._line(item)
+        elif not item.end_of_status_batch:
+            self._batch.append(item)
+        else:
+            batch, self._batch = self._batch, None
+            self._widen(*batch)
+            print(f"{'TIME':8}  {'SESSION':{self._width}}  STATUS", flush=True)
+            for held in batch:
+                self._line(held)
+
+    def _widen(self, *items: Any) -> None:
+        texts = (printable(values.session_key_text(item.session_key)) for item in items)
+        self._width = max(self._width, *map(len, texts), 0)
+
+    def _line(self, item: Any) -> None:
+        if item.end_of_status_batch:
+            return
+        self._widen(item)
+        session = printable(values.session_key_text(item.session_key))
+        clock = time.strftime("%H:%M:%S")
+        print(f"{clock}  {session:{self._width}}  {update_text(item)}", flush=True)
+
+
+# ----------------------------------------------------------------------------------------------------------
+# state
+
+
+def state_set(agent: Agent, args: argparse.Namespace) -> None:
+    config = agent.sdk.rpc_server_state_config_msg()
+    for entry in args.entries:
+        key, equals, value = entry.partition("=")
+        if not equals or not key:
+            raise UsageError(f"{entry!r} is no KEY=VALUE")
+        config.set.add(key=key, value=value)
+    changed(agent, args, agent.state.Configure, config)
+
+
+def state_delete(agent: Agent, args: argparse.Namespace) -> None:
+    config = agent.sdk.rpc_server_state_config_msg()
+    for key in args.keys:
+        getattr(config, "delete").add(key=key)
+    changed(agent, args, agent.state.Configure, config)
+
+
+def state_get(agent: Agent, args: argparse.Namespace) -> None:
+    reply = agent.state.Read(agent.messages.state_keys_msg(key=args.keys), **agent.unary)
+    found = [item.value for item in reply.value]
+    if args.keys and len(found) != len(args.keys):
+        raise Refused(f"the agent answered {len(found)} values for {len(args.keys)} keys")
+    if args.keys:
+        entries = list(zip(args.keys, found))
+    else:
+        entries = [(key, value) for key, _, value in (text.partition("=") for text in found)]
+    if args.json:
+        print_json(dict(entries))
+    else:
+        print_table(["KEY", "VALUE"], entries)

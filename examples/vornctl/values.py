@@ -1,0 +1,243 @@
+"""The values of the SDK's messages as people write them, and as JSON.
+
+Addresses are texts, "none" (in JSON null) where there is none. A next hop and an SBFD session are written
+in the words of the command line, which the tables show too, so that what was listed can be set again.
+"""
+
+import argparse
+import ipaddress
+from collections.abc import Callable, Iterable
+from typing import Any
+
+
+class UsageError(argparse.ArgumentTypeError):
+    """Something in the command or its file can't be used; one line for the user."""
+
+
+def number(text: str) -> int:
+    """A number that fits the messages. Whether it means anything, the agent says."""
+    if not (text.isascii() and text.isdigit() and len(text) <= 10 and int(text) < 1 << 32):
+        raise UsageError(f"{text!r} is no number from 0 to {(1 << 32) - 1}")
+    return int(text)
+
+
+def numbers(text: str) -> list[int]:
+    return [number(part) for part in text.split(",")]
+
+
+def address(text: str) -> bytes:
+    if text == "none":
+        return b""
+    try:
+        parsed = ipaddress.ip_address(text)
+    except ValueError as error:
+        raise UsageError(f"{text!r} is no IPv4 or IPv6 address") from error
+    if "%" in text:
+        raise UsageError(f"{text!r} names an interface: give the interface by itself")
+    return parsed.packed
+
+
+def prefix(text: str) -> dict[str, Any]:
+    """The fields of an ip_prefix_msg."""
+    try:
+        interface = ipaddress.ip_interface(text)
+    except ValueError as error:
+        raise UsageError(f"{text!r} is no IPv4 or IPv6 prefix, such as 10.0.0.0/8") from error
+    network = interface.network
+    if "%" in text:
+        raise UsageError(f"{text!r} names an interface, which a prefix can't")
+    if interface.ip != network.network_address:
+        raise UsageError(f"{text!r} has bits set behind its length; the prefix is {network}")
+    return {"addr": network.network_address.packed, "mask_length": network.prefixlen}
+
+
+def address_text(addr: bytes) -> str:
+    if not addr:
+        return "none"
+    try:
+        return str(ipaddress.ip_address(addr))
+    except ValueError:  # an agent that sends another length still gets its answer shown
+        return f"0x{addr.hex()}"
+
+
+def prefix_text(message: Any) -> str:
+    return f"{address_text(message.addr)}/{message.mask_length}" if message.addr else "none"
+
+
+def enum_name(message: Any, field: str) -> str:
+    """The name of a field's value, or its number where this side knows no name."""
+    value = getattr(message, field)
+    named = message.DESCRIPTOR.fields_by_name[field].enum_type.values_by_number.get(value)
+    return named.name if named else str(value)
+
+
+def operation(message: Any) -> str:
+    """The word of an mpls_op: "pop-to-ipv4" of MPLS_POP_TO_IPV4."""
+    return enum_name(message, "mpls_op").removeprefix("MPLS_").lower().replace("_", "-")
+
+
+def operations(message: Any) -> dict[str, int]:
+    """Every word that an mpls_op can have, with its number."""
+    values = message.DESCRIPTOR.fields_by_name["mpls_op"].enum_type.values
+    return {v.name.removeprefix("MPLS_").lower().replace("_", "-"): v.number for v in values}
+
+
+class Words:
+    """The words of a command line, taken one after another."""
+
+    def __init__(self, words: Iterable[str]) -> None:
+        self._words = list(words)
+        self._taken = 0
+
+    def __bool__(self) -> bool:
+        return self._taken < len(self._words)
+
+    def peek(self) -> str:
+        return self._words[self._taken] if self else ""
+
+    def take(self, what: str) -> str:
+        if not self:
+            raise UsageError(f"expected {what} after {self._words[-1]!r}")
+        self._taken += 1
+        return self._words[self._taken - 1]
+
+    def unexpected(self) -> UsageError:
+        return UsageError(f"unexpected word {self.peek()!r}")
+
+    def clauses(self, readers: dict[str, Callable[[], None]]) -> None:
+        """Reads clauses in any order, each at most once, up to the first word that begins none."""
+        unread = dict(readers)
+        while self.peek() in readers:
+            word = self.take("")
+            reader = unread.pop(word, None)
+            if reader is None:
+                raise UsageError(f"{word!r} stands twice")
+            reader()
+
+
+def fill_session_key(key: Any, words: Words) -> None:
+    """INTERFACE ADDRESS [labels N,N...] [dscp N] [exp N]"""
+    key.outgoing_interface = words.take("the session's interface")
+    key.nexthop.addr = address(words.take("the session's address"))
+    words.clauses({
+        "labels": lambda: key.labels.extend(numbers(words.take("the labels"))),
+        "dscp": lambda: setattr(key, "dscp", number(words.take("the DSCP"))),
+        "exp": lambda: setattr(key, "mpls_exp", number(words.take("the EXP bits"))),
+    })
+
+
+def fill_nexthop(hop: Any, words: Words) -> None:
+    """ADDRESS [interface NAME] [OPERATION [N,N...]] [replicate N] [session KEY]"""
+    known = operations(hop)
+
+    def read_operation(word: str) -> None:
+        if hop.mpls_op:
+            raise UsageError(f"{word!r} is a second operation on the same next hop")
+        hop.mpls_op = known[word]
+        if words.peek()[:1].isdigit():
+            hop.labels.extend(numbers(words.take("the labels")))
+
+    hop.nexthop_ip.addr = address(words.take("the next hop's address"))
+    words.clauses({
+        "interface": lambda: setattr(hop, "nexthop_interface", words.take("the interface")),
+        "replicate": lambda: setattr(hop, "replicate_count", number(words.take("the count"))),
+        "session": lambda: fill_session_key(hop.sbfd_session_key, words),
+        **{word: lambda word=word: read_operation(word) for word in known},
+    })
+
+
+def list_text(values: Iterable[int]) -> str:
+    return ",".join(map(str, values))
+
+
+def session_key_text(key: Any) -> str:
+    text = f"{key.outgoing_interface or '-'} {address_text(key.nexthop.addr)}"
+    text += f" labels {list_text(key.labels)}" if key.labels else ""
+    text += f" dscp {key.dscp}" if key.dscp else ""
+    return text + (f" exp {key.mpls_exp}" if key.mpls_exp else "")
+
+
+def nexthop_text(hop: Any) -> str:
+    text = address_text(hop.nexthop_ip.addr)
+    text += f" interface {hop.nexthop_interface}" if hop.nexthop_interface else ""
+    text += f" {operation(hop)}" if hop.mpls_op or hop.labels else ""
+    text += f" {list_text(hop.labels)}" if hop.labels else ""
+    text += f" replicate {hop.replicate_count}" if hop.replicate_count else ""
+    if hop.HasField("sbfd_session_key"):
+        text += f" session {session_key_text(hop.sbfd_session_key)}"
+    return text
+
+
+def mpls_forwarding_text(route: Any) -> str:
+    forwarding = route.WhichOneof("forwarding")
+    if forwarding == "nexthop":
+        return f"nexthop {nexthop_text(route.nexthop)}"
+    if forwarding == "nexthop_group":
+        return f"group {route.nexthop_group.nexthop_group} {operation(route.nexthop_group)}"
+    return f"vrf {route.pop_and_forward_vrf_name}" if forwarding else "-"
+
+
+def address_json(addr: bytes) -> str | None:
+    return address_text(addr) if addr else None
+
+
+def session_key_json(key: Any) -> dict[str, Any]:
+    return {
+        "interface": key.outgoing_interface,
+        "address": address_json(key.nexthop.addr),
+        "labels": list(key.labels),
+        "dscp": key.dscp,
+        "exp": key.mpls_exp,
+    }
+
+
+def nexthop_json(hop: Any) -> dict[str, Any]:
+    return {
+        "address": address_json(hop.nexthop_ip.addr),
+        "interface": hop.nexthop_interface,
+        "operation": operation(hop),
+        "labels": list(hop.labels),
+        "replicate": hop.replicate_count,
+        "session": session_key_json(hop.sbfd_session_key) if hop.HasField("sbfd_session_key") else None,
+    }
+
+
+def route_json(route: Any) -> dict[str, Any]:
+    prefix_ = prefix_text(route.prefix) if route.prefix.addr else None
+    group = route.nexthop_group if route.HasField("nexthop_group") else None
+    return {"prefix": prefix_, "group": group, "tag": route.tag}
+
+
+def group_json(group: Any) -> dict[str, Any]:
+    return {
+        "name": group.name,
+        "nexthops": [nexthop_json(hop) for hop in group.nexthop],
+        "backups": [nexthop_json(hop) for hop in group.backup_nexthop],
+    }
+
+
+def mpls_route_json(route: Any) -> dict[str, Any]:
+    forwarding = route.WhichOneof("forwarding")
+    result: dict[str, Any] = {"label": route.label, "nexthop": None, "group": None, "vrf": None}
+    if forwarding == "nexthop":
+        result["nexthop"] = nexthop_json(route.nexthop)
+    elif forwarding == "nexthop_group":
+        group = route.nexthop_group
+        result["group"] = {"name": group.nexthop_group, "operation": operation(group)}
+    elif forwarding:
+        result["vrf"] = route.pop_and_forward_vrf_name
+    return result
+
+
+def redirect_json(redirect: Any) -> dict[str, Any]:
+    return {
+        "group": redirect.match_nexthop_group,
+        "to": redirect.redirect_nexthop_group,
+        "ipv4_dscp": list(redirect.match_ipv4_dscp),
+        "ipv6_dscp": list(redirect.match_ipv6_dscp),
+    }
+
+
+def rtt_json(rtt: Any) -> dict[str, int]:
+    """Microseconds."""
+    return {field.name.replace("_rtt", ""): getattr(rtt, field.name) for field in rtt.DESCRIPTOR.fields}

@@ -1,0 +1,434 @@
+#!/usr/bin/python3
+"""Tests of examples/vornctl against an agent that stands in for the real one, in this process."""
+
+import contextlib
+import io
+import json
+import os
+import pty
+import queue
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import unittest
+from concurrent import futures
+from pathlib import Path
+
+os.environ["GRPC_VERBOSITY"] = "NONE"
+SCRATCH = tempfile.TemporaryDirectory()
+os.environ["XDG_CACHE_HOME"] = SCRATCH.name
+VORNCTL = Path(__file__).resolve().parents[1] / "examples/vornctl"
+sys.path.insert(0, str(VORNCTL))
+sys.dont_write_bytecode = True
+
+import grpc  # noqa: E402
+
+import cli  # noqa: E402
+import stubs  # noqa: E402
+
+pb = stubs.load()
+
+
+class FakeAgent(pb.rpc.RoutingServicer, pb.rpc.SbfdServicer, pb.rpc.StateServicer):
+    """Keeps what it is told in the order of telling, and lists it in parts of two."""
+
+    def __init__(self):
+        self.routes, self.groups, self.mpls, self.redirects, self.sessions = {}, {}, {}, {}, {}
+        self.state, self.users, self.waiting = {}, [], 0
+        self.answer = pb.sdk.rpc_status_msg()
+        self.news = queue.Queue()  # of a watch; None ends it, and so does a status
+
+    def keep(self, table, key, message, context):
+        self.users.append(dict(context.invocation_metadata()).get("username"))
+        if not getattr(message, "request_delete", False):
+            table[key] = message
+        elif table.pop(key, None) is None:
+            context.abort(grpc.StatusCode.NOT_FOUND, f"no\n{key}")
+        return self.answer
+
+    def SetRoute(self, request, context):
+        return self.keep(self.routes, request.prefix.SerializeToString(), request, context)
+
+    def SetRoutes(self, requests, context):
+        for count, request in enumerate(requests):
+            if request.nexthop_group == "bad":
+                context.abort(grpc.StatusCode.INVALID_ARGUMENT, f"route {count}: nexthop_group")
+            self.SetRoute(request, context)
+        return pb.agent.set_routes_reply_msg(accepted=len(self.routes))
+
+    def DeleteRoute(self, request, context):
+        if self.routes.pop(request.SerializeToString(), None) is None:
+            context.abort(grpc.StatusCode.NOT_FOUND, "no such route")
+        return self.answer
+
+    def SetNexthopGroup(self, request, context):
+        if request.name == "late":
+            context.abort(grpc.StatusCode.DEADLINE_EXCEEDED, "")
+        return self.keep(self.groups, request.name, request, context)
+
+    def SetMplsRoute(self, request, context):
+        return self.keep(self.mpls, request.label, request, context)
+
+    def SetRedirect(self, request, context):
+        return self.keep(self.redirects, request.match_nexthop_group, request, context)
+
+    def SetSession(self, request, context):
+        return self.keep(self.sessions, request.session_key.SerializeToString(), request, context)
+
+    def parts(self, kind, field, table):
+        items = list(table.values())
+        for begin in range(0, len(items) + 1, 2):
+            yield kind(waiting=self.waiting, **{field: items[begin : begin + 2]})
+
+    def GetRoutes(self, request, context):
+        return self.parts(pb.agent.routes_msg, "route", self.routes)
+
+    def GetNexthopGroups(self, request, context):
+        return self.parts(pb.agent.nexthop_groups_msg, "group", self.groups)
+
+    def GetMplsRoutes(self, request, context):
+        return self.parts(pb.agent.mpls_routes_msg, "route", self.mpls)
+
+    def GetRedirects(self, request, context):
+        return self.parts(pb.agent.redirects_msg, "redirect", self.redirects)
+
+    def WatchSessions(self, request, context):
+        updates = self.news
+        context.add_callback(lambda: updates.put(None))
+        kind = pb.sdk.watch_sbfd_echo_session_status_msg
+        batch = [kind(session_key=s.session_key, status={"status": "UP"}) for s in self.sessions.values()]
+        yield kind(bulk=[*batch, kind(end_of_status_batch=True)])
+        while news := updates.get():
+            if isinstance(news, grpc.StatusCode):
+                context.abort(news, "")
+            if request.request_rtt_updates or not news.HasField("rtt"):
+                yield news
+
+    def Configure(self, request, context):
+        self.state.update((entry.key, entry.value) for entry in request.set)
+        for item in getattr(request, "delete"):
+            self.state.pop(item.key, None)
+        return self.answer
+
+    def Read(self, request, context):
+        texts = [f"{key}={value}" for key, value in sorted(self.state.items())]
+        if request.key:
+            texts = [self.state.get(key, "") for key in request.key]
+        return pb.sdk.rpc_server_state_status_msg(value=[{"value": text} for text in texts])
+
+
+class VornctlTest(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = Path(folder.name)
+        self.serve()
+
+    def serve(self, address="127.0.0.1:0", credentials=None):
+        """Starts an agent, of which self.agent and self.address tell from then on."""
+        self.agent = FakeAgent()
+        server = grpc.server(futures.ThreadPoolExecutor(8))
+        pb.rpc.add_RoutingServicer_to_server(self.agent, server)
+        pb.rpc.add_SbfdServicer_to_server(self.agent, server)
+        pb.rpc.add_StateServicer_to_server(self.agent, server)
+        secure = [credentials] if credentials else []
+        port = (server.add_secure_port if secure else server.add_insecure_port)(address, *secure)
+        self.address = f"127.0.0.1:{port}" if address.endswith(":0") else address
+        server.start()
+        self.addCleanup(lambda: server.stop(None).wait())
+
+    def file(self, name, text=""):
+        path = self.folder / name
+        path.write_text(text, encoding="utf-8")
+        return str(path)
+
+    def call(self, *words):
+        """Runs a command in this process: its exit code, standard output and standard error."""
+        out, err = io.StringIO(), io.StringIO()
+        with contextlib.redirect_stdout(out), contextlib.redirect_stderr(err):
+            try:
+                code = cli.main(["--server", self.address, *words])
+            except SystemExit as ended:
+                code = ended.code
+        return code, out.getvalue(), err.getvalue()
+
+    def succeed(self, line):
+        code, out, err = self.call(*line.split())
+        self.assertEqual((code, err), (0, ""), line)
+        return out
+
+    def refuse(self, code, part, *words):
+        """A command that fails, with one line that holds a text."""
+        result = self.call(*words)
+        self.assertEqual((result[0], result[1]), (code, ""), (words, result))
+        self.assertRegex(result[2], r"\Avornctl[^\n]*\n\Z")
+        self.assertIn(part, result[2])
+
+    def start(self, *words, **options):
+        """Starts a command as a process of its own."""
+        command = [str(VORNCTL / "vornctl"), "--server", self.address, *words]
+        options = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "text": True, **options}
+        process = subprocess.Popen(command, **options)
+        self.addCleanup(process.__exit__, None, None, None)  # closes its pipes and waits for it
+        self.addCleanup(process.kill)
+        return process
+
+    # -- the forms of things
+
+    def test_what_is_set_arrives(self):
+        for line in (
+            "set route 10.0.0.0/8 group core --tag 7",
+            "set group g nexthop fe80::1 interface eth0 push 100,200 replicate 2 session eth0 192.0.2.1"
+            " labels 7,8 dscp 46 exp 5 nexthop none interface eth2 backup 192.0.2.9 pop-to-ipv6",
+            "set redirect core to gold --ipv4-dscp 46,48 --ipv6-dscp 8",
+            "set session eth0 2001:db8::1 dscp 46 labels 1 --rtt --min-tx 100 --multiplier 3"
+            " --track-interface",
+        ):
+            self.assertEqual(self.succeed(line), "")
+        v6 = socket.inet_pton(socket.AF_INET6, "2001:db8::1")
+        self.assertEqual(list(self.agent.routes.values()), [pb.sdk.ip_route_msg(
+            prefix={"addr": b"\x0a\0\0\0", "mask_length": 8}, nexthop_group="core", tag=7)])
+        self.assertEqual(self.agent.groups["g"], pb.sdk.nexthop_group_msg(name="g", nexthop=[
+            {"nexthop_ip": {"addr": b"\xfe\x80" + b"\0" * 13 + b"\1"}, "nexthop_interface": "eth0",
+             "mpls_op": "MPLS_PUSH", "labels": [100, 200], "replicate_count": 2,
+             "sbfd_session_key": {"outgoing_interface": "eth0", "nexthop": {"addr": b"\xc0\0\2\1"},
+                                  "labels": [7, 8], "dscp": 46, "mpls_exp": 5}},
+            {"nexthop_ip": {"addr": b""}, "nexthop_interface": "eth2"},
+        ], backup_nexthop=[{"nexthop_ip": {"addr": b"\xc0\0\2\x09"}, "mpls_op": "MPLS_POP_TO_IPV6"}]))
+        self.assertEqual(self.agent.redirects["core"], pb.sdk.cbf_nexthop_group_redirect_msg(
+            match_nexthop_group="core", redirect_nexthop_group="gold", match_ipv4_dscp=[46, 48],
+            match_ipv6_dscp=[8]))
+        self.assertEqual(list(self.agent.sessions.values()), [pb.sdk.sbfd_echo_session_msg(
+            session_key={"outgoing_interface": "eth0", "nexthop": {"addr": v6}, "dscp": 46, "labels": [1]},
+            rtt_enabled=True, min_tx=100, detection_multiplier=3, track_interface_state=True)])
+
+    def test_what_is_listed_can_be_set_again(self):
+        hop = "none interface eth0 swap 200 replicate 3 session eth0 192.0.2.1 labels 7 dscp 1 exp 2"
+        for number, words in enumerate((f"nexthop {hop}", "group core swap", "group core pop", "vrf red")):
+            self.succeed(f"set mpls {number} {words}")
+        first = dict(self.agent.mpls)
+        out = self.succeed("list mpls").splitlines()
+        self.assertEqual(out[1:], [f"0      nexthop {hop}", "1      group core swap", "2      group core pop",
+                                   "3      vrf red"])
+        self.agent.mpls.clear()
+        for line in out[1:]:
+            self.succeed(f"set mpls {line}")
+        self.assertEqual(self.agent.mpls, first)
+
+        saved = self.file("saved", "# kept\n10.0.0.0/8 core 7  # ten\n\n::/0 - \n192.0.2.1 core\n")
+        self.assertEqual(self.succeed(f"set routes --file {saved}"), "3 routes set\n")
+        first = dict(self.agent.routes)
+        out = self.succeed("list routes")
+        self.assertEqual(out, "PREFIX        GROUP  TAG\n10.0.0.0/8    core   7\n::/0          -      0\n"
+                              "192.0.2.1/32  core   0\n")
+        self.agent.routes.clear()
+        again = self.start("set", "routes", "--file", "-", stdin=subprocess.PIPE)
+        self.assertEqual((again.communicate(out), again.returncode), (("3 routes set\n", ""), 0))
+        self.assertEqual(self.agent.routes, first)
+
+    def test_lists(self):
+        self.agent.waiting = 5
+        self.succeed("set group te nexthop 192.0.2.1 interface eth0 backup 192.0.2.9 push 16")
+        self.succeed("set group empty")
+        self.succeed("set redirect core to gold --ipv4-dscp 46,48")
+        self.succeed("set session eth0 192.0.2.1 labels 7")
+        code, out, err = self.call("list", "groups")
+        self.assertEqual((code, out), (0, "GROUP  ROLE     NEXT HOP\n"
+                                          "te     nexthop  192.0.2.1 interface eth0\n"
+                                          "te     backup   192.0.2.9 push 16\n"
+                                          "empty  -        -\n"))
+        self.assertEqual(err, "vornctl: 5 changes are still waiting to be programmed\n")
+        key = {"interface": "eth0", "address": "192.0.2.1", "labels": [7], "dscp": 0, "exp": 0}
+        for what, table, document in (
+            ("redirects", "GROUP  IPV4 DSCP  IPV6 DSCP  TO\ncore   46,48      -          gold\n",
+             {"redirects": [{"group": "core", "to": "gold", "ipv4_dscp": [46, 48], "ipv6_dscp": []}],
+              "waiting": 5}),
+            ("sessions", "SESSION                  STATUS\neth0 192.0.2.1 labels 7  UP\n",
+             {"sessions": [{"session": key, "status": "UP"}]}),
+            ("routes", "PREFIX  GROUP  TAG\n", {"routes": [], "waiting": 5}),
+        ):
+            self.assertEqual(self.call("list", what)[1], table)
+            self.assertEqual(json.loads(self.succeed(f"list {what} --json")), document)
+        groups = json.loads(self.succeed("--json list groups"))["groups"]
+        self.assertEqual(groups[0]["backups"], [
+            {"address": "192.0.2.9", "interface": "", "operation": "push", "labels": [16], "replicate": 0,
+             "session": None}])
+
+    def test_state(self):
+        self.succeed("state set owner=lab=3 window= b=1")
+        self.assertEqual(self.succeed("state get"), "KEY     VALUE\nb       1\nowner   lab=3\nwindow\n")
+        self.succeed("state delete b nothing")
+        self.assertEqual(json.loads(self.succeed("state get owner b --json")), {"owner": "lab=3", "b": ""})
+
+    def test_delete(self):
+        for thing, more in (("route ::/0", "group g"), ("group g", ""), ("mpls 3", "vrf red"),
+                            ("redirect g", "to h"), ("session eth0 192.0.2.1 labels 7", "")):
+            self.succeed(f"set {thing} {more}")
+            self.assertEqual(self.succeed(f"delete {thing} --json"), '{"result": "SUCCESS"}\n')
+            self.refuse(1, "NOT_FOUND: no", "delete", *thing.split())
+
+    def test_what_an_agent_says_can_not_take_the_terminal(self):
+        self.agent.groups["x"] = pb.sdk.nexthop_group_msg(name="a\x1b[2J\nb")
+        self.agent.routes["x"] = pb.sdk.ip_route_msg(prefix={"addr": b"12345"})
+        hop = {"mpls_op": 9}
+        self.agent.mpls[1] = pb.sdk.mpls_route_msg(label=1, nexthop=hop)
+        self.assertEqual(self.succeed("list groups").splitlines()[1], r"a\x1b[2J\nb  -     -")
+        self.assertIn("0x3132333435/0", self.succeed("list routes"))
+        self.assertIn("nexthop none 9", self.succeed("list mpls"))
+
+    # -- what goes wrong
+
+    def test_unusable_commands(self):
+        bad = self.file("bad", "PREFIX GROUP TAG\n10.0.0.0/8 core\n10.0.0.0/8 core x\n")
+        for part, line in (
+            ("COMMAND", ""),
+            ("WHAT", "set"),
+            ("--fil", "set routes --fil x"),
+            ("'grp'", "set route ::/0 grp g"),
+            ("the prefix is 10.0.0.0/8", "delete route 10.1.0.0/8"),
+            ("no IPv4", "delete route 1.2.3/8"),
+            ("no number", "delete mpls 4294967296"),
+            ("give the interface", "delete session e fe80::1%e"),
+            ("expected the labels", "set session e 192.0.2.1 labels"),
+            ("'pushh'", "set group g nexthop 192.0.2.1 pushh 3"),
+            ("second operation", "set group g nexthop ::1 pop push 3"),
+            ("twice", "set group g nexthop ::1 interface a interface b"),
+            ("'lost'", "set mpls 3 vrf red lost"),
+            ("none of nexthop", "set mpls 3 via 192.0.2.1"),
+            ("KEY=VALUE", "state set owner"),
+            ("bad:3: 'x' is no number", f"set routes --file {bad}"),
+            ("No such file", "set routes --file /x"),
+            ("go together", "list routes --tls-cert x"),
+            ("exclude", "list routes --local --tls-ca x"),
+            ("/x: No such file", "list routes --tls-ca /x"),
+            ("no PEM", f"list routes --tls-ca {bad}"),
+            ("HOST:PORT", "list routes --server unix:"),
+            ("not for 192.0.2.1:1", "list routes --local --server 192.0.2.1:1"),
+            ("above 0", "list routes --timeout nan"),
+        ):
+            with self.subTest(line):
+                self.refuse(2, part, *line.split())
+        self.refuse(2, "UTF-8", "state", "set", "a=\udcff")
+        self.refuse(2, "ASCII", "list", "routes", "--user", "é")
+        self.assertEqual((self.agent.routes, self.agent.groups, self.agent.mpls), ({}, {}, {}))
+
+    def test_refused_and_failed(self):
+        self.agent.answer = pb.sdk.rpc_status_msg(rpc_status_value="NO_RESOURCES")
+        self.refuse(1, "NO_RESOURCES", "set", "group", "g")
+        self.refuse(1, "INVALID_ARGUMENT: route 1: nexthop_group", "set", "routes", "--file",
+                  self.file("routes", "10.0.0.0/8 core\n10.1.0.0/16 bad\n10.2.0.0/16 core\n"))
+        self.assertEqual(len(self.agent.routes), 1)
+        self.refuse(1, "DEADLINE_EXCEEDED", "set", "group", "late")
+
+    def test_no_agent(self):
+        with socket.create_server(("127.0.0.1", 0)) as mute:
+            self.address = f"127.0.0.1:{mute.getsockname()[1]}"
+            self.refuse(3, "DEADLINE_EXCEEDED", "list", "routes", "--timeout", "0.3")
+        self.refuse(3, f"agent not reachable at {self.address}: UNAVAILABLE", "list", "routes")
+
+    # -- watches, pipes and terminals
+
+    def update(self, **what):
+        key = {"outgoing_interface": "eth0", "nexthop": {"addr": b"\xc0\0\2\1"}}
+        return pb.sdk.watch_sbfd_echo_session_status_msg(session_key=key, **what)
+
+    def test_watch(self):
+        self.succeed("set session eth0 192.0.2.1")
+        rtt = {"last_rtt": 4, "min_rtt": 1, "avg_rtt": 2, "max_rtt": 5}
+        bulk = [self.update(status={"status": "DOWN"}), self.update(rtt=rtt)]
+        for words, last in (([], "eth0 192.0.2.1  DOWN"), (["--rtt"], "rtt last 4 min 1 avg 2 max 5 us")):
+            watch = self.start("watch", "sessions", *words)
+            self.assertEqual(watch.stdout.readline(), "TIME      SESSION         STATUS\n")
+            self.assertRegex(watch.stdout.readline(), r"^\d\d:\d\d:\d\d  eth0 192.0.2.1  UP$")
+            self.agent.news.put(pb.sdk.watch_sbfd_echo_session_status_msg(bulk=bulk[: 1 + len(words)]))
+            lines = [watch.stdout.readline() for _ in range(1 + len(words))]
+            self.assertIn("DOWN", lines[0])
+            self.assertIn(last, lines[-1])
+            watch.send_signal(signal.SIGINT)
+            self.assertEqual((watch.communicate(), watch.returncode), (("", ""), 0))
+            self.agent.news = queue.Queue()
+
+    def test_how_a_watch_ends(self):
+        self.succeed("set session eth0 192.0.2.1")
+        self.agent.news.put(self.update(rtt={"last_rtt": 4}))
+        self.agent.news.put(grpc.StatusCode.DEADLINE_EXCEEDED)
+        watch = self.start("watch", "sessions", "--json", "--rtt", "--timeout", "60")
+        out, err = watch.communicate()
+        self.assertEqual((err, watch.returncode), ("", 0))
+        first, end, rtt = map(json.loads, out.splitlines())
+        self.assertEqual((first["status"], end["end_of_batch"], rtt["rtt"]["last"]), ("UP", True, 4))
+        for news, part in ((None, "the agent ended the watch"), (grpc.StatusCode.CANCELLED, "CANCELLED")):
+            self.agent.news = queue.Queue()
+            self.agent.news.put(news)
+            watch = self.start("watch", "sessions")
+            self.assertIn(part, watch.communicate()[1])
+            self.assertEqual(watch.returncode, 1)
+
+    def test_closed_pipe(self):
+        watch = self.start("watch", "sessions", "--json")
+        watch.stdout.readline()
+        watch.stdout.close()
+        self.agent.news.put(self.update(status={"status": "DOWN"}))
+        self.assertEqual((watch.stderr.read(), watch.wait()), ("", 0))
+        with open("/dev/full", "w") as full:
+            listing = self.start("list", "routes", stdout=full)
+            self.assertEqual(listing.communicate()[1], "vornctl: standard output: No space left on device\n")
+            self.assertEqual(listing.returncode, 2)
+
+    def test_progress_on_a_terminal(self):
+        count = cli.commands.PROGRESS_FROM
+        routes = "".join(f"10.{n // 256}.{n % 256}.0/24 core\n" for n in range(count))
+        path = self.file("routes", routes)
+        terminal, end = pty.openpty()
+        sending = self.start("set", "routes", "--file", path, stderr=end)
+        os.close(end)
+        seen = b""
+        with contextlib.suppress(OSError):  # how a terminal says that nobody holds its other end
+            while part := os.read(terminal, 4096):
+                seen += part
+        os.close(terminal)
+        self.assertEqual((sending.communicate()[0], sending.returncode), (f"{count} routes set\n", 0))
+        self.assertRegex(seen.decode(), rf"\[#+\] 100%  {count}/{count}  \d+/s")
+        self.assertTrue(seen.endswith(b"\r\x1b[K"), seen[-80:])
+
+    # -- connections
+
+    def test_local_credentials_and_user(self):
+        uds = grpc.local_server_credentials(grpc.LocalConnectionType.UDS)
+        self.serve(f"unix:{self.folder}/socket", uds)
+        self.succeed("set group g --local --user alice")
+        self.assertEqual(self.agent.users, ["alice"])
+
+    def test_tls(self):
+        for name in ("agent", "me"):
+            subprocess.run(
+                ["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", f"/CN={name}",
+                 "-addext", f"subjectAltName=DNS:{name}", "-keyout", f"{name}.key", "-out", f"{name}.pem"],
+                cwd=self.folder, check=True, capture_output=True)
+        key, cert, ca = ((self.folder / name).read_bytes() for name in ("agent.key", "agent.pem", "me.pem"))
+        self.serve(credentials=grpc.ssl_server_credentials([(key, cert)], ca, require_client_auth=True))
+        theirs, mine = f"--tls-ca {self.folder}/agent.pem", f"--tls-cert {self.folder}/me.pem"
+        mine += f" --tls-key {self.folder}/me.key"
+        self.succeed(f"list routes {theirs} --tls-name agent {mine}")
+        for line in (f"{theirs} {mine}", f"{theirs} --tls-name agent",
+                     f"--tls-ca {self.folder}/me.pem --tls-name agent {mine}"):
+            self.refuse(3, "UNAVAILABLE", "list", "routes", *line.split())
+
+    # -- the first use
+
+    def test_first_use(self):
+        with tempfile.TemporaryDirectory() as cache:
+            env = {**os.environ, "XDG_CACHE_HOME": cache}
+            poor = self.start("list", "routes", env={**env, "PATH": "/nowhere"})
+            self.assertIn("vornctl: protoc and grpc_python_plugin not found", poor.communicate()[1])
+            self.assertEqual(poor.returncode, 2)
+            several = [self.start("list", "routes", env=env) for _ in range(4)]
+            for process in several:
+                self.assertEqual((process.communicate()[1], process.returncode), ("", 0))
+            self.assertEqual(len(list(Path(cache, "vornctl").iterdir())), 1)
+
+
+if __name__ == "__main__":
+    unittest.main()
