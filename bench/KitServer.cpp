@@ -33,7 +33,9 @@ class KitService : public rpc::Service<Bench::AsyncService> {
     method(&Async::RequestStream, [](rpc::Writer<Item>& items, const Order& order) -> rpc::Task<> {
       Item item;
       item.set_data(std::string(order.size(), 'x'));
-      for (std::uint32_t sent = 0; sent < order.count() && co_await items.write(item); ++sent) {
+      // g++ 12 evaluates a co_await in a loop's condition even where && should have skipped it.
+      for (std::uint32_t sent = 0; sent < order.count(); ++sent) {
+        if (!co_await items.write(item)) break;
       }
       co_return grpc::Status::OK;
     });

@@ -26,6 +26,11 @@ def write(path, width, height, parts):
                     + "\n".join(parts) + "\n</svg>\n")
 
 
+def label(row):
+    compared = f"{row['subject']} / {row['peer']}"
+    return compared if row["work"].endswith("Bench") else f"{row['work']}: {compared}"
+
+
 def ratios(rows, path):
     """A bar for every ratio to a peer; the line is the peer. What is beyond 3 is cut off."""
     scale = (WIDTH - LEFT - 60) / 3
@@ -38,7 +43,7 @@ def ratios(rows, path):
         if not figures:
             continue
         parts.append(text(LEFT - 8, y + BAR / 2 * len(figures) + 4,
-                          f"{row['work']}: {row['subject']} / {row['peer']}"[:72], "end"))
+                          label(row), "end"))
         for figure in figures:
             value = row["ratios"][figure]
             parts += [box(LEFT, y, scale * min(value, 3), BAR - 2, COLOURS[figure]),

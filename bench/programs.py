@@ -1,6 +1,7 @@
 """Runs the Google Benchmark programs that have been built and reads their results."""
 
 import json
+import re
 import subprocess
 
 from driver import BUILD
@@ -37,7 +38,12 @@ def row(program, name, found):
     if "allocs" in one:
         figures["allocations"] = one["allocs"]
     ratios = {"cpu_us": figures["cpu_us"] / microseconds(found[peer])} if peer else {}
-    return {"work": program.name, "subject": name, "peer": peer, "figures": figures, "ratios": ratios}
+    return {"work": program.name, "subject": short(name), "peer": peer and short(peer),
+            "figures": figures, "ratios": ratios}
+
+
+def short(name):
+    return re.sub(r"^BM_|/iterations:\d+|/real_time", "", name)
 
 
 def microseconds(one):
