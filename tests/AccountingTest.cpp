@@ -8,7 +8,6 @@
 #include <latch>
 #include <map>
 #include <numeric>
-#include <regex>
 #include <stdexcept>
 
 #include "Capture.h"
@@ -36,12 +35,15 @@ std::string lineOf(std::string const& user, std::string const& session, std::str
 
 // The lines with each client's address, which the kernel chooses, replaced.
 std::vector<std::string> linesOf(test::Capture const& log) {
-  // gRPC has no address any more for a call that is given up as it arrives.
-  static const std::regex peer(
-      "peer: (ipv4:127\\.0\\.0\\.1:[0-9]+,|unknown,(?= rpc: /test.Probe/Chat))");
   auto lines = log.lines();
-  for (auto& line : lines)
-    line = std::regex_replace(line, peer, "peer: PEER,");
+  for (auto& line : lines) {
+    const auto begin = line.find("peer: ") + 6;
+    const auto size = line.find(", rpc: ") - begin;
+    const auto peer = line.substr(begin, size);
+    // gRPC has no address any more for a call that is given up as it arrives.
+    const bool gone = peer == "unknown" && line.find("/test.Probe/Chat") != std::string::npos;
+    if (peer.starts_with("ipv4:127.0.0.1:") || gone) line.replace(begin, size, "PEER");
+  }
   return lines;
 }
 
