@@ -150,15 +150,6 @@ class RouteBacklog : public VornSdkRpc::BacklogImplBase {
 };
 // [backlog]
 
-void servesByHand(VornSdkRpc::GrpcServer& server, const std::atomic<bool>& wantsToStop) {
-  // [steps]
-  server.setup();
-  while (!wantsToStop)
-    server.dequeue();
-  server.teardown();
-  // [steps]
-}
-
 // ------------------------------------------------------------------------------------------------
 // The run
 
@@ -275,6 +266,9 @@ void run(int argc, char** argv) {
     std::thread stopper([&] { stopOnSignal(signals, server); });
     // [serve]
     std::atomic<bool> wantsToStop = false;
+    // [steps]
+    server.setup();
+    // [steps]
     std::thread client([&] {
       const auto channel = grpc::CreateChannel(address, grpc::experimental::LocalCredentials(UDS));
       callsEverything(*channel);
@@ -291,7 +285,11 @@ void run(int argc, char** argv) {
       wantsToStop = true;
       sleeper.join();
     });
-    servesByHand(server, wantsToStop);
+    // [steps]
+    while (!wantsToStop)
+      server.dequeue();
+    server.teardown();
+    // [steps]
     client.join();
   }
   drains(table);
