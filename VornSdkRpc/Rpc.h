@@ -10,37 +10,39 @@
 //    public:
 //     RoutingService() : Service("Routing") {
 //       // Unary, as a plain function: the fastest, for what is answered at once. It may also take
-//       the
-//       // grpc::ServerContext& first.
+//       // the grpc::ServerContext& first.
 //       method(&Async::RequestSet, [this](const Route& route, Nothing&) { return set(route); });
 //
 //       // Unary, as a coroutine, for what has to wait before it answers.
-//       method(&Async::RequestProbe, [](rpc::Call& call, const Target& target, Result& result) ->
-//       rpc::Task<> {
-//         while (!result.set(probe(target)) && co_await call.wait(100ms)) {}
-//         co_return grpc::Status::OK;
-//       });
+//       method(&Async::RequestProbe,
+//              [](rpc::Call& call, const Target& target, Result& result) -> rpc::Task<> {
+//                while (!result.set(probe(target)) && co_await call.wait(100ms)) {
+//                }
+//                co_return grpc::Status::OK;
+//              });
 //
 //       // Client streaming: read() answers false at the end of the client's stream.
-//       method(&Async::RequestLoad, [this](rpc::Reader<Route>& routes, Count& count) -> rpc::Task<>
-//       {
-//         Route route;
-//         while (co_await routes.read(route)) count.set_count(count.count() + set(route).ok());
-//         co_return grpc::Status::OK;
-//       });
+//       method(&Async::RequestLoad,
+//              [this](rpc::Reader<Route>& routes, Count& count) -> rpc::Task<> {
+//                Route route;
+//                while (co_await routes.read(route))
+//                  count.set_count(count.count() + set(route).ok());
+//                co_return grpc::Status::OK;
+//              });
 //
 //       // Server streaming: write() answers false once the call is dead. One write is outstanding
-//       at a
-//       // time, so a client that reads slowly holds up its own stream and costs one item of
-//       memory. method(&Async::RequestWatch, [this](rpc::Writer<Route>& watch, const Filter&) ->
-//       rpc::Task<> {
-//         rpc::Event news;                                      // set() by any thread wakes the
-//         call const auto subscription = table_.subscribe(news);     // ends with the coroutine do
-//         {
-//           for (auto& route : table_.changes()) if (!co_await watch.write(route)) break;
-//         } while (co_await watch.wait(news));
-//         co_return grpc::Status::OK;
-//       });
+//       // at a time, so a client that reads slowly holds up its own stream and costs one item of
+//       // memory.
+//       method(&Async::RequestWatch,
+//              [this](rpc::Writer<Route>& watch, const Filter&) -> rpc::Task<> {
+//                rpc::Event news;  // set() by any thread wakes the call
+//                const auto subscription = table_.subscribe(news);  // ends with the coroutine
+//                do {
+//                  for (auto& route : table_.changes())
+//                    if (!co_await watch.write(route)) break;
+//                } while (co_await watch.wait(news));
+//                co_return grpc::Status::OK;
+//              });
 //     }
 //   };
 //

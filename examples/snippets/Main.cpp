@@ -1,0 +1,309 @@
+// What the agent author's guide quotes beside the two services, and a run of all of it: an agent on
+// a Unix socket, one call of every kind, and a stop. Exits with 0 when each answered as it should.
+//
+//   snippets SOCKET-FILE [--netns NAME] [--trace SETTING]    (writes agent.log)
+#include <Kiv/Log.h>
+#include <Kiv/Trace.h>
+#include <VornSdkRpc/GrpcServer.h>
+#include <VornSdkRpc/StreamingToolkit.h>
+#include <VornSdkRpc/Utils.h>
+#include <VornSdkRpc/VornSdkRpcAgentRpcLogger.h>
+#include <grpcpp/security/auth_metadata_processor.h>
+#include <netns/setns.h>
+#include <spdlog/logger.h>
+#include <spdlog/sinks/rotating_file_sink.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <iostream>
+#include <stdexcept>
+#include <thread>
+
+#include "examples/snippets/NapService.h"
+#include "examples/snippets/RouteService.h"
+
+namespace snippets {
+namespace {
+
+// [identity]
+class UserOfConnection : public grpc::AuthMetadataProcessor {
+ public:
+  bool IsBlocking() const override { return false; }
+
+  grpc::Status Process(const InputMetadata& metadata, grpc::AuthContext* connection,
+                       OutputMetadata*, OutputMetadata*) override {
+    const std::lock_guard lock(mutex_);  // calls of one connection come on several threads
+    const auto claim = metadata.find("username");
+    const std::string user =
+        "local:" + (claim == metadata.end()
+                        ? std::string("nobody")
+                        : std::string(claim->second.data(), claim->second.size()));
+    const auto known = connection->FindPropertyValues("peer-authenticated");
+    if (known.empty()) {
+      connection->AddProperty("peer-authenticated", user);
+      connection->AddProperty("session-id", "session-" + std::to_string(++sessions_));
+    } else if (user != std::string(known.front().data(), known.front().size())) {
+      return {grpc::StatusCode::UNAUTHENTICATED, "this connection belongs to another user"};
+    }
+    return grpc::Status::OK;
+  }
+
+ private:
+  std::mutex mutex_;
+  unsigned sessions_ = 0;
+};
+// [identity]
+
+// [builder]
+void configure(grpc::ServerBuilder& builder, const std::string& address) {
+  const auto credentials = grpc::experimental::LocalServerCredentials(UDS);
+  credentials->SetAuthMetadataProcessor(std::make_shared<UserOfConnection>());
+  builder.AddListeningPort(address, credentials);
+  builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);
+  builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIME_MS, 10000);
+  builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, 1000);
+  builder.AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS, 1000);
+  builder.SetMaxReceiveMessageSize(1 << 20);
+}
+// [builder]
+
+void accountingIs(grpc::ServerBuilder& builder) {
+  // [accounting]
+  std::vector<std::unique_ptr<grpc::experimental::ServerInterceptorFactoryInterface>> creators;
+  creators.push_back(std::make_unique<VornSdkRpc::LoggingInterceptorFactory>());
+  builder.experimental().SetInterceptorCreators(std::move(creators));
+  // [accounting]
+}
+
+void logToFile() {
+  // [log]
+  Kiv::platformLogger().sinks() = {
+      std::make_shared<spdlog::sinks::rotating_file_sink_mt>("agent.log", 1 << 20, 5)};
+  // [log]
+}
+
+// [namespace]
+void checkNamespace(const std::string& name) {
+  int error = 0;
+  std::thread([&] {  // it stays inside, and ends there
+    if (setnsByName(name.c_str(), CLONE_NEWNET) != 0) error = errno;
+  })
+      .join();
+  if (error != 0)
+    throw vorn::configuration_error("network namespace " + name + ": " + std::strerror(error));
+}
+// [namespace]
+
+// [signals]
+// Before the first thread is started, so that every thread inherits the mask:
+sigset_t blockStopSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  return signals;
+}
+
+// On a thread of its own:
+void stopOnSignal(const sigset_t& signals, VornSdkRpc::GrpcServer& server) {
+  int signal = 0;
+  sigwait(&signals, &signal);
+  server.stop();
+}
+// [signals]
+
+// [backlog]
+class RouteBacklog : public VornSdkRpc::BacklogImplBase {
+ public:
+  RouteBacklog(const Velm::Ptr<Tarsk::TaskScheduler>& scheduler, RouteTable& table)
+      : BacklogImplBase("RouteBacklog", scheduler),
+        table_(table),
+        task_(backlogSm_->backlogTask()) {}
+
+  void add(const ip_route_msg& route) {  // any thread
+    {
+      const std::lock_guard lock(mutex_);
+      waiting_.push_back(route);
+    }
+    task_->runnableIs(true);
+  }
+
+ private:
+  void handleBacklog() override {  // the scheduler's thread
+    for (int i = 0; i < 64; ++i) {
+      const std::lock_guard lock(mutex_);
+      if (waiting_.empty()) return;
+      table_.add(waiting_.front());
+      waiting_.pop_front();
+    }
+    task_->runnableIs(true);  // there may be more: other tasks go first
+  }
+
+  RouteTable& table_;
+  const Velm::Ptr<Tarsk::Task> task_;
+  std::mutex mutex_;
+  std::deque<ip_route_msg> waiting_;
+};
+// [backlog]
+
+// ------------------------------------------------------------------------------------------------
+// The run
+
+void require(bool holds, const char* what) {
+  if (!holds) throw std::runtime_error(std::string("not as the guide says: ") + what);
+}
+
+ip_route_msg route(const std::string& address, std::uint32_t length) {
+  ip_route_msg made;
+  made.mutable_prefix()->set_addr(address);
+  made.mutable_prefix()->set_mask_length(length);
+  return made;
+}
+
+void callsEverything(grpc::ChannelInterface& channel) {
+  const auto shared = std::shared_ptr<grpc::ChannelInterface>(&channel, [](auto*) {});
+  const auto routes = Routes::NewStub(shared);
+  const std::string address = {10, 0, 0, 0};
+  rpc_status_msg reply;
+  count_msg count;
+  {
+    grpc::ClientContext context;
+    require(routes->Set(&context, route(address, 8), &reply).ok(), "a route is set");
+  }
+  for (const auto& [bytes, length] : {std::pair("12345", 8), std::pair("1234", 33)}) {
+    grpc::ClientContext context;
+    require(routes->Set(&context, route(bytes, static_cast<std::uint32_t>(length)), &reply)
+                    .error_code() == grpc::INVALID_ARGUMENT,
+            "a bad prefix is refused");
+  }
+  {
+    grpc::ClientContext context;
+    const auto writer = routes->Load(&context, &count);
+    writer->Write(route(address, 9));
+    writer->Write(route(address, 10));
+    writer->WritesDone();
+    require(writer->Finish().ok() && count.count() == 2, "two routes are loaded");
+  }
+  {
+    grpc::ClientContext context;
+    count.set_count(3);
+    require(routes->Await(&context, count, &count).ok(), "three routes are awaited");
+  }
+  {
+    grpc::ClientContext watching;
+    const auto watch = routes->Watch(&watching, count);
+    ip_route_msg seen;
+    for (std::uint32_t length : {8U, 9U, 10U})
+      require(watch->Read(&seen) && seen.prefix().mask_length() == length, "a route is watched");
+    grpc::ClientContext context;
+    require(routes->Set(&context, route(address, 11), &reply).ok() && watch->Read(&seen) &&
+                seen.prefix().mask_length() == 11,
+            "and one that is set meanwhile");
+    watching.TryCancel();
+    require(watch->Finish().error_code() == grpc::CANCELLED, "until the watch is cancelled");
+  }
+  {
+    grpc::ClientContext context;
+    const auto talk = routes->Echo(&context);
+    ip_route_msg seen;
+    require(talk->Write(route(address, 256 + 8)) && talk->Read(&seen) &&
+                seen.prefix().mask_length() == 8 && talk->WritesDone() && talk->Finish().ok(),
+            "a route is echoed");
+  }
+  const auto naps = Naps::NewStub(shared);
+  nap_msg nap;
+  {
+    grpc::ClientContext context;
+    nap.set_milliseconds(1);
+    require(naps->Nap(&context, nap, &nap).ok(), "a nap ends");
+  }
+  grpc::ClientContext context;
+  context.set_deadline(std::chrono::system_clock::now() + std::chrono::milliseconds(50));
+  nap.set_milliseconds(60 * 60 * 1000);
+  require(naps->Nap(&context, nap, &nap).error_code() == grpc::DEADLINE_EXCEEDED,
+          "a caller need not wait for the end of one");
+}
+
+void drains(RouteTable& table) {
+  const Velm::Ptr<Tarsk::TaskScheduler> scheduler(new Tarsk::TaskScheduler("scheduler"));
+  RouteBacklog backlog(scheduler, table);
+  const std::size_t before = table.after(0).size();
+  for (int i = 0; i < 100; ++i)
+    backlog.add(route("1234", 32));
+  int steps = 0;
+  while (scheduler->runOne())
+    ++steps;
+  require(steps == 2 && table.after(before).size() == 100, "a backlog is drained in two steps");
+}
+
+void run(int argc, char** argv) {
+  const sigset_t signals = blockStopSignals();
+  // [options]
+  auto arguments = VornSdkRpc::argv::vectorize(argc, argv);
+  const auto netns = VornSdkRpc::argv::getOptionValue(arguments, "--netns", "");
+  const auto trace = VornSdkRpc::argv::getOptionValue(arguments, "--trace", "*/0");
+  if (arguments.size() != 2) throw vorn::invalid_argument_error("one socket file, please", "argv");
+  Kiv::traceSettingIs(trace);
+  // [options]
+  if (!netns.empty()) checkNamespace(std::string(netns));
+  const std::string address = std::string("unix:") + arguments[1];
+  logToFile();
+
+  RouteTable table;
+  grpc::ServerBuilder builder;
+  configure(builder, address);
+  accountingIs(builder);
+  {
+    // [serve]
+    VornSdkRpc::ServerProperties properties{std::string(netns)};
+    VornSdkRpc::GrpcServer server(
+        builder, {std::make_shared<RouteService>(table), std::make_shared<NapService>()},
+        properties, true);
+    std::thread stopper([&] { stopOnSignal(signals, server); });
+    // [serve]
+    std::atomic<bool> wantsToStop = false;
+    // [steps]
+    server.setup();
+    // [steps]
+    std::thread client([&] {
+      const auto channel = grpc::CreateChannel(address, grpc::experimental::LocalCredentials(UDS));
+      callsEverything(*channel);
+      // A nap that the stop ends.
+      grpc::ClientContext context;
+      nap_msg nap;
+      nap.set_milliseconds(60 * 60 * 1000);
+      const auto pending = Naps::NewStub(channel);
+      std::thread sleeper([&] {
+        require(pending->Nap(&context, nap, &nap).error_code() != grpc::OK, "a stop ends a nap");
+      });
+      kill(getpid(), SIGTERM);
+      stopper.join();
+      wantsToStop = true;
+      sleeper.join();
+    });
+    // [steps]
+    while (!wantsToStop)
+      server.dequeue();
+    server.teardown();
+    // [steps]
+    client.join();
+  }
+  drains(table);
+}
+
+}  // namespace
+}  // namespace snippets
+
+int main(int argc, char** argv) {
+  try {
+    snippets::run(argc, argv);
+    return 0;
+  } catch (const std::exception& error) {
+    std::cerr << error.what() << "\n";
+    return 1;
+  }
+}

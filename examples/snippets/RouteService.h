@@ -1,0 +1,164 @@
+#pragma once
+
+#include <VornSdkRpc/Conversions.h>
+#include <VornSdkRpc/MessagePrinters.h>
+#include <VornSdkRpc/PeerInfo.h>
+#include <VornSdkRpc/Rpc.h>
+
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "examples/snippets/Snippets.grpc.pb.h"
+
+// The guide's service on the kit. What stands between two lines of a name in brackets is quoted.
+namespace snippets {
+
+using namespace VornSdkRpc::pb;
+namespace rpc = VornSdkRpc::rpc;
+
+// Routes in the order in which they were set. Any thread.
+class RouteTable {
+ public:
+  void add(const ip_route_msg& route) {
+    const std::lock_guard lock(mutex_);
+    routes_.push_back(route);
+    for (auto* event : watchers_)
+      event->set();
+  }
+  std::vector<ip_route_msg> after(std::size_t seen) const {
+    const std::lock_guard lock(mutex_);
+    return {routes_.begin() + static_cast<std::ptrdiff_t>(seen), routes_.end()};
+  }
+
+  // [subscription]
+  // Has the event set whenever the table changes, for its own lifetime.
+  class Subscription {
+   public:
+    Subscription(RouteTable& table, rpc::Event& event) : table_(table), event_(event) {
+      const std::lock_guard lock(table_.mutex_);
+      table_.watchers_.insert(&event_);
+    }
+    ~Subscription() {
+      const std::lock_guard lock(table_.mutex_);
+      table_.watchers_.erase(&event_);
+    }
+    // [subscription]
+    Subscription(const Subscription&) = delete;
+    Subscription& operator=(const Subscription&) = delete;
+
+   private:
+    RouteTable& table_;
+    rpc::Event& event_;
+  };
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<ip_route_msg> routes_;
+  std::set<rpc::Event*> watchers_;
+};
+
+// [kit]
+class RouteService : public rpc::Service<Routes::AsyncService> {
+ public:
+  explicit RouteService(RouteTable& table) : Service("Routes"), table_(table) {
+    method(&Async::RequestSet,
+           [this](const ip_route_msg& route, rpc_status_msg&) { return set(route); });
+    method(&Async::RequestAwait, [this](rpc::Call& call, const count_msg& wanted,
+                                        count_msg& reply) { return await(call, wanted, reply); });
+    method(&Async::RequestLoad, [this](rpc::Reader<ip_route_msg>& routes, count_msg& count) {
+      return load(routes, count);
+    });
+    method(&Async::RequestWatch,
+           [this](rpc::Writer<ip_route_msg>& watcher, const count_msg&) { return watch(watcher); },
+           {.limit = 100});
+    method(&Async::RequestEcho,
+           [this](rpc::ReaderWriter<ip_route_msg, ip_route_msg>& talk) { return echo(talk); });
+  }
+  // [kit]
+
+ private:
+  // [unary]
+  grpc::Status set(const ip_route_msg& route) {
+    check(route);
+    table_.add(route);
+    return grpc::Status::OK;
+  }
+  // [unary]
+
+  // [throwing]
+  static void check(const ip_route_msg& route) {
+    const auto prefix = VornSdkRpc::ipPrefixToPrefix(route.prefix());
+    if (prefix == vorn::ip_prefix_t())
+      throw vorn::invalid_argument_error("prefix.addr is not 4 or 16 bytes", "prefix.addr");
+    const std::uint32_t longest = prefix.address().af() == vorn::af_t::ipv4 ? 32 : 128;
+    if (route.prefix().mask_length() > longest)
+      throw vorn::invalid_range_error("prefix.mask_length is too large", "prefix.mask_length",
+                                      route.prefix().mask_length());
+  }
+  // [throwing]
+
+  // [waiting]
+  rpc::Task<> await(rpc::Call& call, const count_msg& wanted, count_msg& reply) {
+    using namespace std::chrono_literals;
+    reply.set_count(wanted.count());
+    while (table_.after(0).size() < wanted.count()) {
+      if (!co_await call.wait(10ms)) co_return grpc::Status::CANCELLED;
+    }
+    co_return grpc::Status::OK;
+  }
+  // [waiting]
+
+  // [reading]
+  rpc::Task<> load(rpc::Reader<ip_route_msg>& routes, count_msg& count) {
+    ip_route_msg route;
+    while (co_await routes.read(route)) {
+      check(route);
+      table_.add(route);
+      count.set_count(count.count() + 1);
+    }
+    if (routes.cancelled()) co_return grpc::Status::CANCELLED;
+    co_return grpc::Status::OK;
+  }
+  // [reading]
+
+  // [writing]
+  rpc::Task<> watch(rpc::Writer<ip_route_msg>& watcher) {
+    rpc::Event news;
+    const RouteTable::Subscription subscription(table_, news);  // goes before the event does
+    std::size_t seen = 0;
+    do {
+      for (const auto& route : table_.after(seen)) {
+        if (!co_await watcher.write(route)) co_return grpc::Status::CANCELLED;
+        ++seen;
+      }
+    } while (co_await watcher.wait(news));
+    co_return grpc::Status::CANCELLED;
+  }
+  // [writing]
+
+  // [both]
+  rpc::Task<> echo(rpc::ReaderWriter<ip_route_msg, ip_route_msg>& talk) {
+    ip_route_msg route;
+    while (co_await talk.read(route)) {
+      if (!co_await talk.write(normalised(route))) break;
+    }
+    co_return grpc::Status::OK;
+  }
+  // [both]
+
+  // [convert]
+  ip_route_msg normalised(const ip_route_msg& route) const {
+    const vorn::ip_prefix_t prefix = VornSdkRpc::ipPrefixToPrefix(route.prefix());
+    ip_route_msg result = route;
+    result.mutable_prefix()->set_mask_length(prefix.length());
+    if (tracer_.enabled(8)) tracer_.trace8("read %s", toString(result).c_str());
+    return result;
+  }
+  // [convert]
+
+  RouteTable& table_;
+};
+
+}  // namespace snippets
