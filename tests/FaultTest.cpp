@@ -240,6 +240,45 @@ TEST(Clients, WhateverTheyDoTheOthersAreServedAndNothingStays) {
 }
 
 // ------------------------------------------------------------------------------------------------
+// No file descriptors
+
+// From here to its end, the process can open nothing.
+class NoDescriptors {
+ public:
+  NoDescriptors() {
+    getrlimit(RLIMIT_NOFILE, &before_);
+    const int lowestFree = dup(0);
+    close(lowestFree);
+    const rlimit none{static_cast<rlim_t>(lowestFree), before_.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+  }
+  ~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &before_); }
+
+ private:
+  rlimit before_;
+};
+
+TEST(NoDescriptors, AServerGoesOnAndIsReachedAgainAfterwards) {
+  RunningServer running({std::make_shared<ProbeService>()});
+  const auto stub = running.stub();
+  EXPECT_EQ(echo(*stub), grpc::StatusCode::OK);
+  for (int round = 0; round < 3; ++round) {
+    std::vector<RawClient> clients(20);
+    std::size_t refused = 0;
+    {
+      const NoDescriptors none;
+      for (auto& client : clients)
+        ASSERT_TRUE(client.connectTo(running.address()));
+      for (auto& client : clients)
+        refused += !client.readUntil("\0"s);  // of the settings
+      EXPECT_EQ(echo(*stub), grpc::StatusCode::OK);
+    }
+    EXPECT_GT(refused, 10U);
+    EXPECT_EQ(echo(*running.stub()), grpc::StatusCode::OK);
+  }
+}
+
+// ------------------------------------------------------------------------------------------------
 // Everybody stops it
 
 TEST(Stop, FromEightThreadsAtOnceUnderLoad) {
