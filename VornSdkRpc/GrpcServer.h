@@ -38,6 +38,10 @@ class VORN_EXPORT ServerFailedError : public std::exception {
 // One thread serves: the one that calls run(). setup(), every handler step and teardown() happen on
 // it. stop() may come from any thread, but not from a signal handler. One object serves once; an
 // agent that wants to serve again makes a new builder, new services and a new GrpcServer.
+//
+// A process that has no file descriptor left goes on serving the connections it has, refuses those
+// that come, and accepts again when there is one. (gRPC alone would never accept again; the
+// library's own accept4() stands in for libc's in the agent's process.)
 class VORN_EXPORT GrpcServer {
  public:
   // Gives every service its position in the list as its id, and the builder, through

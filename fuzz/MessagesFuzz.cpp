@@ -7,20 +7,17 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <iomanip>
 #include <ios>
 #include <locale>
 #include <sstream>
 
+#include "fuzz/Require.h"
+
 namespace {
 
 using namespace VornSdkRpc;
 using namespace VornSdkRpc::pb;
-
-void require(bool condition) {
-  if (!condition) std::abort();
-}
 
 // A stream that is not in its default format, though all that it writes looks like it.
 std::ostringstream likeDefault() {

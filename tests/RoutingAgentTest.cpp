@@ -311,6 +311,7 @@ TEST(Options, AreReadOrRefusedInOneLine) {
            {{"--bogus"}, "unknown option --bogus"},
            {{"--trace"}, "--trace needs a value"},
            {{"--listen", "--netns", "a"}, "--listen needs a value"},
+           {{"--keepalive-ms", "99"}, "--keepalive-ms takes a number from 100 to 3600000"},
            {{"--step-ms", "fast"}, "--step-ms takes a number from 0 to 1000"},
            {{"--netns", "a", "--netns", "b"}, "unknown option --netns"},
        }) {

@@ -100,8 +100,12 @@ void configureBuilder(grpc::ServerBuilder& builder, const Options& options) {
   builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);
   // A stop waits for every connection to close, and one whose peer has stopped reading closes when
   // keepalive gives it up: within a second of the next ping, instead of TCP's quarter of a minute.
-  builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIME_MS, 10000);
+  builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIME_MS, options.keepaliveMs);
   builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, 1000);
+  // Also for a connection without calls: one whose peer has vanished would stay for good.
+  builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_PERMIT_WITHOUT_CALLS, 1);
+  // A peer that connects and says nothing is given up as well.
+  builder.AddChannelArgument(GRPC_ARG_SERVER_HANDSHAKE_TIMEOUT_MS, options.keepaliveMs);
   // What one client may make the agent hold.
   builder.SetMaxReceiveMessageSize(1 << 20);
   builder.AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS, 16384);
@@ -177,7 +181,7 @@ void serve(const Options& options) {
 int main(int argc, char** argv) {
   using namespace routing_agent;
   StopOnSignal::blockSignals();
-  umask(0077);  // socket and log files are the agent's own
+  umask(0177);  // socket and log files are the agent's own, mode 0600
   grpcLogToTrace();
   try {
     const Options options = parseOptions(argc, argv);

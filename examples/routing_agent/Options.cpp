@@ -23,6 +23,9 @@ usage: routing_agent [OPTION...]
   --client-ca FILE     then need TLS with a client certificate
   --local-credentials  callers on a loopback address are told apart by gRPC's local
                        credentials, as those on a Unix socket always are
+  --keepalive-ms NUMBER
+                       a peer that has been silent for so long is pinged, and given up
+                       when it does not answer within a second (default: 10000)
   --no-accounting      do not write a log record for every call
   --log FILE           write the log to this file, - for standard error (default:
                        syslog where there is one, standard error otherwise)
@@ -48,13 +51,14 @@ std::string value(std::vector<char*>& arguments, std::string_view option) {
 }
 
 // The same for a number; `missing` when it isn't given.
-int number(std::vector<char*>& arguments, std::string_view option, int missing, int max) {
+int number(std::vector<char*>& arguments, std::string_view option, int missing, int min, int max) {
   const std::string text = value(arguments, option);
   if (text.empty()) return missing;
   int result = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), result);
-  if (error != std::errc() || end != text.data() + text.size() || result < 0 || result > max) {
-    throw UsageError(std::string(option) + " takes a number from 0 to " + std::to_string(max));
+  if (error != std::errc() || end != text.data() + text.size() || result < min || result > max) {
+    throw UsageError(std::string(option) + " takes a number from " + std::to_string(min) + " to " +
+                     std::to_string(max));
   }
   return result;
 }
@@ -73,7 +77,8 @@ Options parseOptions(int argc, char** argv) {
   if (options.listen.empty()) options.listen = {"127.0.0.1:50051"};
   options.netns = value(arguments, "--netns");
   options.programKernel = isOptionPresent(arguments, "--program-kernel");
-  options.stepTime = std::chrono::milliseconds(number(arguments, "--step-ms", 0, 1000));
+  options.stepTime = std::chrono::milliseconds(number(arguments, "--step-ms", 0, 0, 1000));
+  options.keepaliveMs = number(arguments, "--keepalive-ms", options.keepaliveMs, 100, 3600000);
   options.identity.tlsCert = value(arguments, "--tls-cert");
   options.identity.tlsKey = value(arguments, "--tls-key");
   options.identity.clientCa = value(arguments, "--client-ca");

@@ -17,6 +17,7 @@ struct Options {
   bool accounting = true;
   bool programKernel = false;
   std::chrono::milliseconds stepTime{0};  // what programming a step takes
+  int keepaliveMs = 10000;                // silence after which a peer is asked whether it lives
   std::string
       log;  // file of the platform log, "-" for standard error; empty: the platform's default
   std::string trace;  // trace setting

@@ -1,0 +1,87 @@
+// Whatever words a command line holds: picking an option out of it leaves the others as they were,
+// and the example agent reads it or says why not.
+
+#include <VornSdkRpc/Argv.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "examples/routing_agent/Options.h"
+#include "fuzz/Require.h"
+
+namespace {
+
+using namespace VornSdkRpc;
+
+using Words = std::vector<std::string>;
+
+Words wordsOf(std::string const& text) {
+  Words words{"routing_agent"};
+  for (std::size_t begin = 0; begin < text.size();) {
+    const auto end = std::min(text.find('\n', begin), text.size());
+    words.push_back(text.substr(begin, end - begin));
+    begin = end + 1;
+  }
+  return words;
+}
+
+std::vector<char*> pointersTo(Words& words) {
+  std::vector<char*> pointers;
+  for (auto& word : words)
+    pointers.push_back(word.data());
+  return pointers;
+}
+
+// A word may hold a NUL, and ends there.
+Words textsOf(std::vector<char*> const& pointers) { return {pointers.begin(), pointers.end()}; }
+
+void checkArgv(Words words) {
+  auto pointers = pointersTo(words);
+  const Words before = textsOf(pointers);
+  const std::string option = before.back();
+  const auto place = std::ranges::find(before, option) - before.begin();
+
+  Words expected = before;
+  expected.erase(expected.begin() + place);
+  auto rest = argv::vectorize(static_cast<int>(pointers.size()), pointers.data());
+  require(argv::isOptionPresent(rest, option) && textsOf(rest) == expected);
+
+  std::string value = "default";
+  if (place < static_cast<std::ptrdiff_t>(expected.size())) {
+    value = expected[static_cast<std::size_t>(place)];
+    expected.erase(expected.begin() + place);
+  }
+  rest = pointers;
+  require(argv::getOptionValue(rest, option, "default") == value && textsOf(rest) == expected);
+
+  const std::string absent = option + "x";
+  if (std::ranges::find(before, absent) != before.end()) return;
+  rest = pointers;
+  require(!argv::isOptionPresent(rest, absent) && rest == pointers);
+  require(argv::getOptionValue(rest, absent, "default") == "default" && rest == pointers);
+}
+
+void checkOptions(Words words) {
+  auto pointers = pointersTo(words);
+  try {
+    const auto options =
+        routing_agent::parseOptions(static_cast<int>(pointers.size()), pointers.data());
+    require(!options.listen.empty() && std::ranges::count(options.listen, "") == 0);
+    require(options.stepTime.count() >= 0 && options.stepTime.count() <= 1000);
+    require(options.keepaliveMs >= 100);
+  } catch (routing_agent::UsageError const& error) {
+    require(*error.what() != '\0');
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
+  const Words words = wordsOf(std::string(reinterpret_cast<char const*>(data), size));
+  checkArgv(words);
+  checkOptions(words);
+  return 0;
+}

@@ -1,0 +1,334 @@
+// What goes wrong around a server, and what the server makes of it: no memory, no disk, no file
+// descriptors, clients that misbehave, everybody stopping it at once.
+
+#include <Kiv/Log.h>
+#include <Kiv/Trace.h>
+#include <VornSdkRpc/TagManager.h>
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <spdlog/sinks/basic_file_sink.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <latch>
+#include <string_view>
+
+#include "examples/routing_agent/SbfdService.h"
+#include "tests/Capture.h"
+#include "tests/FailingNew.h"
+#include "tests/ProbeService.h"
+
+namespace test {
+namespace {
+
+using namespace std::string_literals;
+
+grpc::StatusCode echo(Probe::Stub& stub) {
+  grpc::ClientContext context;
+  Text request, reply;
+  request.set_text("hello");
+  return stub.Echo(&context, request, &reply).error_code();
+}
+
+// A ProbeService asks for four calls; nothing else is left once every call is over.
+void waitUntilNoCallIsLeft(RunningServer& running) {
+  while (running.server().tagManager().size() != 4)
+    std::this_thread::yield();
+}
+
+// ------------------------------------------------------------------------------------------------
+// No memory
+
+TEST(NoMemory, LeavesTheTagRegistryAsItWas) {
+  constexpr std::size_t kTags = 200;  // the registry outgrows its table several times
+  VornSdkRpc::TagManager tags;
+  std::vector<VornSdkRpc::OpaqueId> live;
+  live.reserve(kTags);
+  int failures = 0;
+  while (live.size() < kTags) {
+    failures += failEachAllocation([&] { live.push_back(tags.newTag(live.size())); },
+                                   [&] { EXPECT_EQ(tags.size(), live.size()); });
+  }
+  EXPECT_GE(failures, 400) << "each tag takes two allocations at least";
+  for (std::size_t id = 0; id < kTags; ++id) {
+    std::size_t found = kTags;
+    VornSdkRpc::RequestHandlerPtr none;
+    allocationsLeft = 0;  // neither the look-up nor the removal needs memory
+    const bool known = tags.find(live[id], found, none);
+    tags.removeHandler(id, live[id]);
+    allocationsLeft = -1;
+    EXPECT_TRUE(known && found == id);
+  }
+  EXPECT_EQ(tags.size(), 0U);
+}
+
+TEST(NoMemory, LeavesTheAccountingQueueAsItWas) {
+  constexpr int kRecords = 200;
+  SynchronizedQueue<VornSdkRpc::LogMessageData> queue;
+  std::deque<VornSdkRpc::LogMessageData> taken;
+  int failures = 0;
+  for (int i = 0; i < kRecords; ++i) {
+    const std::string text(40, static_cast<char>('a' + i % 26));  // too long to be stored in place
+    const VornSdkRpc::LogMessageData record{text, text, text, text, i};
+    failures += failEachAllocation([&] { queue.push(record); }, [] {});
+  }
+  EXPECT_GE(failures, 4 * kRecords) << "each record takes four allocations at least";
+  ASSERT_TRUE(queue.swap(taken));
+  ASSERT_EQ(taken.size(), std::size_t{kRecords});
+  for (int i = 0; i < kRecords; ++i) {
+    const auto& record = taken[static_cast<std::size_t>(i)];
+    EXPECT_EQ(record.status, i);
+    for (const auto& text : {record.user, record.session, record.peer, record.rpc})
+      EXPECT_EQ(text, std::string(40, static_cast<char>('a' + i % 26)));
+  }
+}
+
+// ------------------------------------------------------------------------------------------------
+// No disk
+
+TEST(FullDisk, IsToldOnceAndCostsNoCallAndNoOtherSinkARecord) {
+  constexpr int kCalls = 100;
+  const Capture trace(Kiv::traceLogger());
+  const Capture log(Kiv::platformLogger());
+  auto& sinks = Kiv::platformLogger().sinks();
+  sinks.insert(sinks.begin(), std::make_shared<spdlog::sinks::basic_file_sink_mt>("/dev/full"));
+  Kiv::platformLogger().flush_on(spdlog::level::trace);
+  {
+    RunningServer running({std::make_shared<ProbeService>()}, true);
+    const auto stub = running.stub();
+    for (int i = 0; i < kCalls; ++i)
+      ASSERT_EQ(echo(*stub), grpc::StatusCode::OK);
+  }
+  Kiv::platformLogger().flush_on(spdlog::level::off);
+  EXPECT_EQ(log.count("rpc: /test.Probe/Echo, status: 0"), std::size_t{kCalls});
+  EXPECT_EQ(trace.count("No space left on device"), 1U);
+}
+
+// ------------------------------------------------------------------------------------------------
+// Clients that misbehave
+
+// A connection without any client behind it.
+class RawClient {
+ public:
+  RawClient() : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {}
+  ~RawClient() { close(fd_); }
+  RawClient(RawClient&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+
+  bool connectTo(const std::string& address) {
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port =
+        htons(static_cast<std::uint16_t>(std::stoi(address.substr(address.find(':') + 1))));
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return connect(fd_, reinterpret_cast<const sockaddr*>(&to), sizeof to) == 0;
+  }
+  bool send(std::string_view bytes) {
+    return ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
+           static_cast<ssize_t>(bytes.size());
+  }
+  // Reads until the server has sent `text`, or answers false when it has closed the connection.
+  bool readUntil(std::string_view text) {
+    std::string read;
+    char part[4096];
+    while (read.find(text) == std::string::npos) {
+      const auto size = recv(fd_, part, sizeof part, 0);
+      if (size <= 0) return false;
+      read.append(part, static_cast<std::size_t>(size));
+    }
+    return true;
+  }
+
+ private:
+  int fd_;
+};
+
+// The frames of HTTP/2, as far as it takes to misuse them.
+constexpr char DATA = 0, HEADERS = 1, RST_STREAM = 3, SETTINGS = 4, PING = 6;
+
+std::string number(std::size_t value, int bytes) {
+  std::string text;
+  for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8)
+    text += static_cast<char>(value >> shift);
+  return text;
+}
+
+std::string frame(char type, std::uint32_t stream, const std::string& payload = "",
+                  char flags = 0) {
+  return number(payload.size(), 3) + type + flags + number(stream, 4) + payload;
+}
+
+std::string call(std::uint32_t stream, const std::string& method) {
+  std::string block;
+  for (const auto& [name, value] : {std::pair<std::string, std::string>{":method", "POST"},
+                                    {":scheme", "http"},
+                                    {":path", "/test.Probe/" + method},
+                                    {":authority", "probe"},
+                                    {"te", "trailers"},
+                                    {"content-type", "application/grpc"}}) {
+    block += number(0, 1) + number(name.size(), 1) + name + number(value.size(), 1) + value;
+  }
+  return frame(HEADERS, stream, block, 4);
+}
+
+std::string message(const std::string& serialized) {
+  return number(0, 1) + number(serialized.size(), 4) + serialized;
+}
+
+std::string forEachStream(const std::function<std::string(std::uint32_t)>& frames) {
+  std::string all;
+  for (std::uint32_t stream = 1; stream < 100; stream += 2)
+    all += frames(stream);
+  return all;
+}
+
+const std::string kHello = "PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n"s + frame(SETTINGS, 0);
+const std::string kPing = frame(PING, 0, "are you?");
+const std::string kNothing;
+const std::string kEnd = "the server never sends this";
+
+TEST(Clients, WhateverTheyDoTheOthersAreServedAndNothingStays) {
+  const auto cancel = [](std::uint32_t stream) { return frame(RST_STREAM, stream, number(8, 4)); };
+  const auto chat = [](std::uint32_t stream) { return call(stream, "Chat"); };
+  Count count;
+  count.set_count(1000000);
+  const struct {
+    const char* what;
+    std::string bytes;
+    int calls;          // that arrive, and the server is waited for to have seen them
+    std::string then;   // sent after that
+    std::string until;  // the server is waited for to answer this, or to hang up for kEnd
+  } cases[] = {
+      {"connect and say nothing", kNothing, 0, kNothing, kNothing},
+      {"send half a greeting", kHello.substr(0, 10), 0, kNothing, kNothing},
+      {"speak another protocol", "GET / HTTP/1.1\r\nHost: probe\r\n\r\n", 0, kNothing, kEnd},
+      {"send garbage", kHello + std::string(3000, '\xa5'), 0, kNothing, kEnd},
+      {"send half a header", kHello + call(1, "Echo").substr(0, 60), 0, kNothing, kNothing},
+      {"send half a message",
+       kHello + call(1, "Collect") + frame(DATA, 1, message("ab")) +
+           frame(DATA, 1, message(std::string(100, 'x'))).substr(0, 50),
+       1, kNothing, kNothing},
+      {"send no message", kHello + call(1, "Chat") + frame(DATA, 1, "", 1), 1, kNothing, kNothing},
+      {"stop reading",
+       kHello + call(1, "Tick") + frame(DATA, 1, message(count.SerializeAsString()), 1), 1,
+       kNothing, kNothing},
+      {"cancel everything at once",
+       kHello + forEachStream([&](auto stream) { return chat(stream) + cancel(stream); }) + kPing,
+       0, kNothing, "are you?"},
+      {"cancel everything later", kHello + forEachStream(chat), 50, forEachStream(cancel) + kPing,
+       "are you?"},
+  };
+  const auto probe = std::make_shared<ProbeService>();
+  RunningServer running({probe});
+  const auto stub = running.stub();
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::vector<RawClient> clients(5);
+    for (auto& client : clients) {
+      const int arrived = probe->made + c.calls;
+      ASSERT_TRUE(client.connectTo(running.address()) && client.send(c.bytes));
+      while (probe->made < arrived)
+        std::this_thread::yield();
+      client.send(c.then);
+      EXPECT_EQ(client.readUntil(c.until), c.until != kEnd);
+    }
+    for (int i = 0; i < 5; ++i)
+      EXPECT_EQ(echo(*stub), grpc::StatusCode::OK);
+    clients.clear();
+    waitUntilNoCallIsLeft(running);
+  }
+}
+
+// ------------------------------------------------------------------------------------------------
+// No file descriptors
+
+// From here to its end, the process can open nothing.
+class NoDescriptors {
+ public:
+  NoDescriptors() {
+    getrlimit(RLIMIT_NOFILE, &before_);
+    const int lowestFree = dup(0);
+    close(lowestFree);
+    const rlimit none{static_cast<rlim_t>(lowestFree), before_.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+  }
+  ~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &before_); }
+
+ private:
+  rlimit before_;
+};
+
+TEST(NoDescriptors, AServerGoesOnAndIsReachedAgainAfterwards) {
+  RunningServer running({std::make_shared<ProbeService>()});
+  const auto stub = running.stub();
+  EXPECT_EQ(echo(*stub), grpc::StatusCode::OK);
+  for (int round = 0; round < 3; ++round) {
+    std::vector<RawClient> clients(20);
+    std::size_t refused = 0;
+    {
+      const NoDescriptors none;
+      for (auto& client : clients)
+        ASSERT_TRUE(client.connectTo(running.address()));
+      for (auto& client : clients)
+        refused += !client.readUntil("\0"s);  // of the settings
+      EXPECT_EQ(echo(*stub), grpc::StatusCode::OK);
+    }
+    EXPECT_GT(refused, 10U);
+    EXPECT_EQ(echo(*running.stub()), grpc::StatusCode::OK);
+  }
+}
+
+// ------------------------------------------------------------------------------------------------
+// Everybody stops it
+
+TEST(Stop, FromEightThreadsAtOnceUnderLoad) {
+  using namespace routing_agent;
+  Backlog backlog(std::chrono::milliseconds(0));
+  SbfdMonitor monitor;
+  for (const char* interface : {"eth0", "eth1"}) {
+    sbfd_echo_session_msg session;
+    session.mutable_session_key()->set_outgoing_interface(interface);
+    session.set_rtt_enabled(true);
+    monitor.set(session);
+  }
+  const auto probe = std::make_shared<ProbeService>();
+  auto running =
+      std::make_unique<RunningServer>(std::vector<std::shared_ptr<VornSdkRpc::GrpcService>>{
+          probe, std::make_shared<SbfdService>(monitor, backlog, std::vector<std::string>{})});
+  std::latch busy(16);
+  std::vector<std::jthread> threads;
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([&, stub = running->stub()] {
+      for (bool first = true; echo(*stub) == grpc::StatusCode::OK; first = false) {
+        if (first) busy.count_down();
+      }
+    });
+    threads.emplace_back([&] {
+      const auto stub = Sbfd::NewStub(
+          grpc::CreateChannel(running->address(), grpc::InsecureChannelCredentials()));
+      grpc::ClientContext context;
+      watch_sbfd_echo_session_config_msg config;
+      config.set_request_rtt_updates(true);
+      const auto watch = stub->WatchSessions(&context, config);
+      watch_sbfd_echo_session_status_msg item;
+      for (bool first = true; watch->Read(&item); first = false) {
+        if (first) busy.count_down();
+      }
+    });
+  }
+  busy.wait();
+  std::latch together(8);
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([&] {
+      together.arrive_and_wait();
+      running->server().stop();
+    });
+  }
+  threads.clear();
+  running.reset();
+  EXPECT_EQ(probe->stopNotices, 1);
+  EXPECT_EQ(probe->alive, 0);
+}
+
+}  // namespace
+}  // namespace test
