@@ -157,7 +157,7 @@ class VORN_EXPORT BacklogImplBase {
   Velm::Ptr<GenericBacklogSm> backlogSm_;
 
  private:
-  class Gone;
+  class VORN_NO_EXPORT Gone;
   BacklogImplBase();  // without a state machine, for Gone
 };
 

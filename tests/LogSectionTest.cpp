@@ -1,10 +1,12 @@
 // Reads the log message's descriptor from library files, the way a tool does: without running them.
 // The library is read as it was built, and once more as a linker leaves it that drops what nothing
-// refers to and then strips the rest.
+// refers to and then strips the rest. VORN_LIBRARY in the environment names one more, an installed
+// one.
 #include <elf.h>
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -88,7 +90,13 @@ TEST_P(LogSection, HoldsTheDescriptorAndNothingElse) {
   EXPECT_EQ(library.at<std::uint64_t>(section->sh_offset + 32), 6U);
 }
 
-INSTANTIATE_TEST_SUITE_P(Libraries, LogSection, testing::Values(LIBRARY, STRIPPED_LIBRARY));
+std::vector<char const*> libraries() {
+  std::vector<char const*> result{LIBRARY, STRIPPED_LIBRARY};
+  if (auto* const installed = std::getenv("VORN_LIBRARY")) result.push_back(installed);
+  return result;
+}
+
+INSTANTIATE_TEST_SUITE_P(Libraries, LogSection, testing::ValuesIn(libraries()));
 
 TEST(LogSection, TheStrippedLibraryIsStripped) {
   EXPECT_FALSE(Library(STRIPPED_LIBRARY).section(".symtab"));

@@ -30,8 +30,11 @@ std::string readPem(std::string const& path) {
   if (!file) refuse(errno);
   std::string text;
   std::array<char, 4096> part;
-  while (const auto size = std::fread(part.data(), 1, part.size(), file.get()))
+  std::size_t size = 0;
+  do {
+    size = std::fread(part.data(), 1, part.size(), file.get());
     text.append(part.data(), size);
+  } while (size == part.size());
   if (std::ferror(file.get()) != 0) refuse(errno);
   if (text.find("-----BEGIN ") == std::string::npos)
     throw std::invalid_argument(path + " holds no PEM");

@@ -31,6 +31,7 @@ void checkSocketFile(const std::string& address) {
     throw UsageError("the path of " + address + " is too long");
   std::memcpy(name.sun_path, path.c_str(), path.size() + 1);
   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) throw UsageError("cannot listen on " + address + ": " + std::strerror(errno));
   const bool taken = connect(fd, reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0;
   close(fd);
   if (taken) throw UsageError("cannot listen on " + address + ": another server does");
