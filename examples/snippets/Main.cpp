@@ -65,6 +65,8 @@ void configure(grpc::ServerBuilder& builder, const std::string& address) {
   builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);
   builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIME_MS, 10000);
   builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, 1000);
+  builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_PERMIT_WITHOUT_CALLS, 1);
+  builder.AddChannelArgument(GRPC_ARG_SERVER_HANDSHAKE_TIMEOUT_MS, 10000);
   builder.AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS, 1000);
   builder.SetMaxReceiveMessageSize(1 << 20);
 }
