@@ -16,7 +16,8 @@
 //       // Unary, as a coroutine, for what has to wait before it answers.
 //       method(&Async::RequestProbe,
 //              [](rpc::Call& call, const Target& target, Result& result) -> rpc::Task<> {
-//                while (!result.set(probe(target)) && co_await call.wait(100ms)) {
+//                while (!result.set(probe(target))) {
+//                  if (!co_await call.wait(100ms)) break;
 //                }
 //                co_return grpc::Status::OK;
 //              });
@@ -48,14 +49,16 @@
 //
 // (A bidirectional stream is an rpc::ReaderWriter.) Functions and coroutines run on the server's
 // one thread, each step to the end before the next, so they need no locks among each other, and
-// none may block. A coroutine may be split up: it can co_await another rpc::Task<T>.
+// none may block. A coroutine may be split up: it can co_await another rpc::Task<T>. (Write a
+// co_await in a loop's condition alone: g++ 12 evaluates one that stands behind && or || there even
+// when it should be skipped.)
 //
 // When the client cancels, goes away or its deadline passes, what is awaited comes back false, and
 // so does everything that is awaited after it; the coroutine runs to its end and its locals are
 // destroyed on the serving thread. When the server stops, a coroutine is not resumed any more: its
-// frame is destroyed where it waits, on the serving thread or, at the latest, on the one that
-// destroys the GrpcServer. Locals may use the service in their destructors; the service outlives
-// them.
+// frame is destroyed where it waits, on the serving thread or, as most of those that wait for a
+// time or an event, on the one that destroys the GrpcServer. Whatever a coroutine refers to must
+// outlive the server object; the service does.
 //
 // An exception ends the call: vorn::invalid_argument_error with INVALID_ARGUMENT,
 // vorn::unsupported_error with UNIMPLEMENTED, vorn::configuration_error with FAILED_PRECONDITION,
@@ -187,9 +190,13 @@ class [[nodiscard]] Task {
   auto operator co_await() && noexcept {
     struct Awaiter {
       bool await_ready() const noexcept { return false; }
-      std::coroutine_handle<> await_suspend(std::coroutine_handle<> awaiting) const noexcept {
+      // Runs the task to its first wait. One that ends without a wait takes no turn of its own, so
+      // that a loop over many of them does not pile up on the stack.
+      bool await_suspend(std::coroutine_handle<> awaiting) const {
+        frame.resume();
+        if (frame.done()) return false;
         frame.promise().continuation = awaiting;
-        return frame;
+        return true;
       }
       T await_resume() const { return frame.promise().take(); }
       std::coroutine_handle<promise_type> frame;
@@ -211,7 +218,8 @@ class [[nodiscard]] Task {
 // How a method is served.
 struct MethodOptions {
   // How many calls of the method may be in progress; one more is refused at once with
-  // RESOURCE_EXHAUSTED. Zero: no limit.
+  // RESOURCE_EXHAUSTED. Zero: no limit. Without effect on a plain function, which is never in
+  // progress: it has answered before the next call is looked at.
   std::size_t limit = 0;
 
   // How many calls of the method are asked for ahead, so that one poll can pick up several. At
@@ -722,7 +730,6 @@ class FunctionCall final : public RequestHandler {
 
  private:
   grpc::Status answer() {
-    if (!slot_.take(method_.inProgress, method_.options.limit)) return tooManyCalls();
     try {
       if constexpr (std::invocable<decltype(method_.handler)&, const Request&, Reply&>) {
         return method_.handler(std::as_const(request_), reply_);
@@ -735,7 +742,6 @@ class FunctionCall final : public RequestHandler {
   }
 
   Method& method_;
-  Slot slot_;
   grpc::ServerContext context_;
   Request request_;
   Reply reply_;

@@ -1,4 +1,4 @@
-# vorn_generate_protos(OUT_SOURCES var [GRPC] [IMPORTS dir...] protos...)
+# vorn_generate_protos(OUT_SOURCES var [GRPC] protos...)
 #
 # Generates the C++ of .proto files that are named relative to the project's root, into the build tree under
 # the same relative names, and answers the generated sources in `var`. GRPC adds the service stubs.

@@ -12,7 +12,7 @@ need() {
   [ "$(id -u)" -eq 0 ] || as_root=(sudo)
   echo "installing: ${missing[*]}"
   "${as_root[@]}" apt-get update -qq
-  DEBIAN_FRONTEND=noninteractive "${as_root[@]}" apt-get install -y -qq "${missing[@]}" >/dev/null
+  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${missing[@]}" >/dev/null
 }
 
 # What building the library, its tests, benchmarks and examples takes, and what running them takes.

@@ -115,7 +115,8 @@ TEST(Check, NamesTheFieldThatCantBeUsed) {
 
 // The agent's services on a loopback address. On [::1] a peer counts as a remote one.
 struct Agent {
-  explicit Agent(const std::string& host = "127.0.0.1") : host_(host) {}
+  explicit Agent(std::chrono::milliseconds stepTime = {}, const std::string& host = "127.0.0.1")
+      : host_(host), backlog(stepTime) {}
 
   template <class Service>
   std::unique_ptr<typename Service::Stub> stub() const {
@@ -129,13 +130,14 @@ struct Agent {
   const std::string host_;
   Tables tables;
   SbfdMonitor monitor;
-  Backlog backlog{std::chrono::milliseconds(0)};
+  Backlog backlog;
   const std::vector<std::string> listen{host_};
   test::RunningServer running{{std::make_shared<RoutingService>(tables, backlog, listen, nullptr),
                                std::make_shared<SbfdService>(monitor, backlog, listen),
                                std::make_shared<StateService>(tables, backlog, listen)},
                               false,
                               host_};
+  const StopBacklog stopBacklog{backlog};
 };
 
 template <class Stub, class Request>
@@ -189,8 +191,23 @@ TEST(RoutingAgent, ProgramsWhatIsSetAndForgetsWhatIsDeleted) {
   EXPECT_EQ(tagsOf(*stub), expected);
 }
 
+// Under the address sanitizer: what is still on the backlog must not be programmed into services
+// that are gone.
+TEST(RoutingAgent, EndsWithWorkOnItsBacklog) {
+  const Agent agent(std::chrono::milliseconds(1));
+  const auto stub = agent.stub<Routing>();
+  grpc::ClientContext context;
+  set_routes_reply_msg reply;
+  const auto writer = stub->SetRoutes(&context, &reply);
+  for (int i = 0; i < 20000; ++i)
+    ASSERT_TRUE(writer->Write(routeOf(static_cast<std::uint8_t>(i % 200))));
+  writer->WritesDone();
+  EXPECT_TRUE(writer->Finish().ok());
+  EXPECT_GT(agent.backlog.waiting(), 0U);
+}
+
 TEST(RoutingAgent, ARemotePeerWithoutIdentityMaySetButNotRemove) {
-  const Agent agent("[::1]");
+  const Agent agent({}, "[::1]");
   const auto routing = agent.stub<Routing>();
   EXPECT_EQ(call(*routing, &Routing::Stub::SetRoute, routeOf(1)), grpc::StatusCode::OK);
   EXPECT_EQ(call(*routing, &Routing::Stub::DeleteRoute, routeOf(1).prefix()),

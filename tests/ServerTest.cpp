@@ -1,5 +1,6 @@
 #include <VornSdkRpc/GrpcServer.h>
 #include <gmock/gmock.h>
+#include <grpcpp/alarm.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -389,20 +390,37 @@ TEST(Server, AStopBeforeTheRunIsKept) {
   EXPECT_EQ(probe->alive, 0);
 }
 
-TEST(Server, WhatAHandlerThrowsLeavesTheRunAndTheServerCanStillBeDestroyed) {
-  struct Thrower : ProbeService {
+// A handler whose exception leaves run(), and a service that can't even be told to stop.
+TEST(Server, CanBeDestroyedAfterAHandlersExceptionHasLeftTheRun) {
+  struct Failing : GrpcService {
+    struct Handler : ScriptedHandler {
+      using ScriptedHandler::ScriptedHandler;
+      void proceed(OpaqueId) override { throw std::runtime_error("a handler's own"); }
+    };
+    Failing() : GrpcService("Failing") {}
+    void registerWith(grpc::ServerBuilder&) override {}
+    void serverStarted() override {
+      handler = std::make_shared<Handler>(nextOpaqueId());
+      handler->state_ = RequestHandler::IN_PROGRESS;
+      registerHandler(handler);
+      alarm.Set(cq_, gpr_now(GPR_CLOCK_MONOTONIC), handler->opaqueId_);
+    }
     void stoppingChanged() override { throw std::runtime_error("cannot stop"); }
+    std::shared_ptr<Handler> handler;
+    grpc::Alarm alarm;
   };
   const Capture trace(Kiv::traceLogger());
-  const auto service = std::make_shared<Thrower>();
-  grpc::ServerBuilder builder;
-  VornSdkRpc::ServerProperties properties;
-  auto server = std::make_unique<GrpcServer>(
-      builder, std::vector<std::shared_ptr<GrpcService>>{service}, properties);
-  server->setup();
-  EXPECT_EQ(service->alive, 4);
-  server.reset();
-  EXPECT_EQ(service->alive, 0);
+  const auto failing = std::make_shared<Failing>();
+  const auto probe = std::make_shared<ProbeService>();
+  {
+    grpc::ServerBuilder builder;
+    VornSdkRpc::ServerProperties properties;
+    GrpcServer server(builder, {probe, failing}, properties);
+    EXPECT_THROW(server.run(), std::runtime_error);
+    EXPECT_EQ(probe->alive, 4);
+  }
+  EXPECT_EQ(probe->alive, 0);
+  EXPECT_EQ(failing->handler.use_count(), 1);
   EXPECT_EQ(trace.count("failed to stop"), 1U);
 }
 

@@ -44,7 +44,10 @@ Backlog::Backlog(std::chrono::milliseconds stepTime)
       drain_(*this, scheduler_),
       thread_([this] { scheduler_->run(); }) {}
 
-Backlog::~Backlog() {
+Backlog::~Backlog() { stop(); }
+
+void Backlog::stop() {
+  if (!thread_.joinable()) return;
   scheduler_->stop();
   thread_.join();
 }

@@ -24,8 +24,12 @@ class Backlog {
   // `stepTime` is slept after every step: what a step costs the hardware, where there is some.
   explicit Backlog(std::chrono::milliseconds stepTime);
 
-  // Drops what is still waiting.
+  // Stops, if that has not been done.
   ~Backlog();
+
+  // Ends the programming after the step in progress, and drops what is still waiting: to be called
+  // before what the changes refer to is gone.
+  void stop();
 
   // Any thread.
   void add(Change change);
@@ -59,6 +63,18 @@ class Backlog {
   Velm::Ptr<Tarsk::TaskScheduler> scheduler_;
   Drain drain_;
   std::thread thread_;
+};
+
+// Stops a backlog at the end of a scope.
+class StopBacklog {
+ public:
+  explicit StopBacklog(Backlog& backlog) : backlog_(backlog) {}
+  ~StopBacklog() { backlog_.stop(); }
+  StopBacklog(const StopBacklog&) = delete;
+  StopBacklog& operator=(const StopBacklog&) = delete;
+
+ private:
+  Backlog& backlog_;
 };
 
 }  // namespace routing_agent

@@ -1,5 +1,5 @@
-// An agent that keeps a table of IP routes and serves it over gRPC: how an agent is put together
-// from the library's parts.
+// An agent that keeps routing tables and serves them over gRPC: how an agent is put together from
+// the library's parts.
 #include <Kiv/Log.h>
 #include <Kiv/Trace.h>
 #include <VornSdkRpc/GrpcServer.h>
@@ -166,6 +166,7 @@ void serve(const Options& options) {
        std::make_shared<StateService>(tables, backlog, options.listen),
        std::make_shared<Announcement>(options.listen, ports)},
       properties, options.accounting);
+  const StopBacklog stopBacklog(backlog);  // before the services go that its changes refer to
   const StopOnSignal stopOnSignal(server);
   try {
     server.run();
