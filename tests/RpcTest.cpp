@@ -327,16 +327,15 @@ TEST(Rpc, AnEventThatIsSetOnceWakesTheCallOnTheServingThread) {
   const auto kit = std::make_shared<KitService>();
   RunningServer running({kit});
   const auto stub = running.stub();
+  std::atomic<int> answered = 0;
   std::thread waker([&] {
     for (int round = 0; round < kRounds; ++round) {
-      while (kit->listening() != 1) {
+      while (answered != round || kit->listening() != 1) {
       }
       kit->wake();
-      while (kit->listening() != 0) {
-      }
     }
   });
-  for (int round = 0; round < kRounds; ++round)
+  for (; answered < kRounds; ++answered)
     EXPECT_TRUE(echo(*stub, "listen").ok());
   waker.join();
   EXPECT_EQ(kit->elsewhere, 0);
