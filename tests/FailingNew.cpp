@@ -15,8 +15,5 @@ void* operator new(std::size_t size, std::nothrow_t const&) noexcept {
     return nullptr;
   }
 }
-void* operator new(std::size_t size, std::nothrow_t const&) noexcept {
-  return std::malloc(size == 0 ? 1 : size);
-}
 void operator delete(void* memory) noexcept { std::free(memory); }
 void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }

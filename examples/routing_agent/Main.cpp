@@ -33,7 +33,7 @@ namespace {
 class StopOnSignal {
  public:
   explicit StopOnSignal(VornSdkRpc::GrpcServer& server)
-      : thread_([this, &server] {
+      : thread_([&server] {
           int signal = 0;
           sigwait(&signals(), &signal);
           server.stop();
