@@ -11,6 +11,12 @@ if(VORNSDKRPC_SANITIZE)
     $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
   target_link_options(vorn_build_flags INTERFACE -fsanitize=${VORNSDKRPC_SANITIZE})
 endif()
+if(VORNSDKRPC_SANITIZE MATCHES thread)
+  # Lest a program's copies of inline functions, which the sanitizer looks into, serve gRPC's libraries too.
+  set(map ${PROJECT_SOURCE_DIR}/cmake/sanitized-program.map)
+  target_link_options(vorn_build_flags INTERFACE
+    $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-Wl,--version-script=${map}>)
+endif()
 
 # Before 1.0 every minor version may change the libraries' interface; from then on only a major one.
 set(VORN_ABI_VERSION ${PROJECT_VERSION_MAJOR})

@@ -1,9 +1,8 @@
-// What goes wrong around a server, and what the server makes of it: no memory, no disk, no file
-// descriptors, clients that misbehave, everybody stopping it at once.
+// What goes wrong around a server, and what the server makes of it: no disk, no file descriptors,
+// clients that misbehave, everybody stopping it at once.
 
 #include <Kiv/Log.h>
 #include <Kiv/Trace.h>
-#include <VornSdkRpc/TagManager.h>
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <spdlog/sinks/basic_file_sink.h>
@@ -16,7 +15,6 @@
 
 #include "examples/routing_agent/SbfdService.h"
 #include "tests/Capture.h"
-#include "tests/FailingNew.h"
 #include "tests/ProbeService.h"
 
 namespace test {
@@ -35,53 +33,6 @@ grpc::StatusCode echo(Probe::Stub& stub) {
 void waitUntilNoCallIsLeft(RunningServer& running) {
   while (running.server().tagManager().size() != 4)
     std::this_thread::yield();
-}
-
-// ------------------------------------------------------------------------------------------------
-// No memory
-
-TEST(NoMemory, LeavesTheTagRegistryAsItWas) {
-  constexpr std::size_t kTags = 200;  // the registry outgrows its table several times
-  VornSdkRpc::TagManager tags;
-  std::vector<VornSdkRpc::OpaqueId> live;
-  live.reserve(kTags);
-  int failures = 0;
-  while (live.size() < kTags) {
-    failures += failEachAllocation([&] { live.push_back(tags.newTag(live.size())); },
-                                   [&] { EXPECT_EQ(tags.size(), live.size()); });
-  }
-  EXPECT_GE(failures, 400) << "each tag takes two allocations at least";
-  for (std::size_t id = 0; id < kTags; ++id) {
-    std::size_t found = kTags;
-    VornSdkRpc::RequestHandlerPtr none;
-    allocationsLeft = 0;  // neither the look-up nor the removal needs memory
-    const bool known = tags.find(live[id], found, none);
-    tags.removeHandler(id, live[id]);
-    allocationsLeft = -1;
-    EXPECT_TRUE(known && found == id);
-  }
-  EXPECT_EQ(tags.size(), 0U);
-}
-
-TEST(NoMemory, LeavesTheAccountingQueueAsItWas) {
-  constexpr int kRecords = 200;
-  SynchronizedQueue<VornSdkRpc::LogMessageData> queue;
-  std::deque<VornSdkRpc::LogMessageData> taken;
-  int failures = 0;
-  for (int i = 0; i < kRecords; ++i) {
-    const std::string text(40, static_cast<char>('a' + i % 26));  // too long to be stored in place
-    const VornSdkRpc::LogMessageData record{text, text, text, text, i};
-    failures += failEachAllocation([&] { queue.push(record); }, [] {});
-  }
-  EXPECT_GE(failures, 4 * kRecords) << "each record takes four allocations at least";
-  ASSERT_TRUE(queue.swap(taken));
-  ASSERT_EQ(taken.size(), std::size_t{kRecords});
-  for (int i = 0; i < kRecords; ++i) {
-    const auto& record = taken[static_cast<std::size_t>(i)];
-    EXPECT_EQ(record.status, i);
-    for (const auto& text : {record.user, record.session, record.peer, record.rpc})
-      EXPECT_EQ(text, std::string(40, static_cast<char>('a' + i % 26)));
-  }
 }
 
 // ------------------------------------------------------------------------------------------------

@@ -1,0 +1,79 @@
+// What is left as it was when an allocation fails. A program of its own: with an allocator of the
+// program's, the thread sanitizer can't tell any more which allocations are gRPC's.
+#include <Kiv/Log.h>
+#include <VornSdkRpc/TagManager.h>
+#include <gmock/gmock.h>
+
+#include "tests/Accounted.h"
+#include "tests/Capture.h"
+#include "tests/FailingNew.h"
+
+namespace test {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+TEST(NoMemory, LeavesTheTagRegistryAsItWas) {
+  constexpr std::size_t kTags = 200;  // the registry outgrows its table several times
+  VornSdkRpc::TagManager tags;
+  std::vector<VornSdkRpc::OpaqueId> live;
+  live.reserve(kTags);
+  int failures = 0;
+  while (live.size() < kTags) {
+    failures += failEachAllocation([&] { live.push_back(tags.newTag(live.size())); },
+                                   [&] { EXPECT_EQ(tags.size(), live.size()); });
+  }
+  EXPECT_GE(failures, 400) << "each tag takes two allocations at least";
+  for (std::size_t id = 0; id < kTags; ++id) {
+    std::size_t found = kTags;
+    VornSdkRpc::RequestHandlerPtr none;
+    allocationsLeft = 0;  // neither the look-up nor the removal needs memory
+    const bool known = tags.find(live[id], found, none);
+    tags.removeHandler(id, live[id]);
+    allocationsLeft = -1;
+    EXPECT_TRUE(known && found == id);
+  }
+  EXPECT_EQ(tags.size(), 0U);
+}
+
+TEST(NoMemory, LeavesTheAccountingQueueAsItWas) {
+  constexpr int kRecords = 200;
+  SynchronizedQueue<VornSdkRpc::LogMessageData> queue;
+  std::deque<VornSdkRpc::LogMessageData> taken;
+  int failures = 0;
+  for (int i = 0; i < kRecords; ++i) {
+    const std::string text(40, static_cast<char>('a' + i % 26));  // too long to be stored in place
+    const VornSdkRpc::LogMessageData record{text, text, text, text, i};
+    failures += failEachAllocation([&] { queue.push(record); }, [] {});
+  }
+  EXPECT_GE(failures, 4 * kRecords) << "each record takes four allocations at least";
+  ASSERT_TRUE(queue.swap(taken));
+  ASSERT_EQ(taken.size(), std::size_t{kRecords});
+  for (int i = 0; i < kRecords; ++i) {
+    const auto& record = taken[static_cast<std::size_t>(i)];
+    EXPECT_EQ(record.status, i);
+    for (const auto& text : {record.user, record.session, record.peer, record.rpc})
+      EXPECT_EQ(text, std::string(40, static_cast<char>('a' + i % 26)));
+  }
+}
+
+TEST(NoMemory, ForAMomentLosesNoAccountingRecord) {
+  std::vector<int> left;  // -1 once the allocation has failed
+  const Capture log(Kiv::platformLogger(), [&left] {
+    left.push_back(allocationsLeft);
+    if (left.size() == 1) allocationsLeft = 0;
+  });
+  EchoServer server;
+  const auto stub = server.stub();
+  for (int status = 0; status < 3; ++status) {
+    EXPECT_EQ(callEcho(*stub, std::to_string(status)), status);
+  }
+  server.stop();
+  EXPECT_THAT(log.lines(),
+              ElementsAre(HasSubstr("status: 0"), HasSubstr("status: 1"), HasSubstr("status: 2")));
+  EXPECT_THAT(left, ElementsAre(-1, -1, -1));
+}
+
+}  // namespace
+}  // namespace test
