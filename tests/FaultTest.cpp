@@ -234,7 +234,7 @@ TEST(NoDescriptors, AServerGoesOnAndIsReachedAgainAfterwards) {
 
 TEST(Stop, FromEightThreadsAtOnceUnderLoad) {
   using namespace routing_agent;
-  Backlog backlog(std::chrono::milliseconds(0));
+  Backlog backlog(std::chrono::milliseconds(0), 1 << 20);
   SbfdMonitor monitor;
   for (const char* interface : {"eth0", "eth1"}) {
     sbfd_echo_session_msg session;

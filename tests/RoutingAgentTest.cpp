@@ -2,6 +2,7 @@
 #include <vorn/error.h>
 
 #include <functional>
+#include <latch>
 
 #include "examples/routing_agent/Options.h"
 #include "examples/routing_agent/RoutingService.h"
@@ -115,8 +116,9 @@ TEST(Check, NamesTheFieldThatCantBeUsed) {
 
 // The agent's services on a loopback address. On [::1] a peer counts as a remote one.
 struct Agent {
-  explicit Agent(std::chrono::milliseconds stepTime = {}, const std::string& host = "127.0.0.1")
-      : host_(host), backlog(stepTime) {}
+  explicit Agent(std::chrono::milliseconds stepTime = {}, const std::string& host = "127.0.0.1",
+                 std::size_t backlogLimit = 64 << 20)
+      : host_(host), backlog(stepTime, backlogLimit) {}
 
   template <class Service>
   std::unique_ptr<typename Service::Stub> stub() const {
@@ -204,6 +206,32 @@ TEST(RoutingAgent, EndsWithWorkOnItsBacklog) {
   writer->WritesDone();
   EXPECT_TRUE(writer->Finish().ok());
   EXPECT_GT(agent.backlog.waiting(), 0U);
+}
+
+TEST(RoutingAgent, AFullBacklogRefusesSingleChangesAndHoldsUpStreams) {
+  std::latch gate(1);
+  Agent agent({}, "127.0.0.1", 1);  // one change fills it
+  const auto stub = agent.stub<Routing>();
+  agent.backlog.add([&gate] { gate.wait(); }, 0);
+  rpc_server_state_config_msg config;
+  config.add_set()->set_key("x");
+  EXPECT_EQ(call(*stub, &Routing::Stub::SetRoute, routeOf(1)),
+            grpc::StatusCode::RESOURCE_EXHAUSTED);
+  EXPECT_EQ(call(*agent.stub<State>(), &State::Stub::Configure, config),
+            grpc::StatusCode::RESOURCE_EXHAUSTED);
+  grpc::ClientContext context;
+  set_routes_reply_msg reply;
+  const auto writer = stub->SetRoutes(&context, &reply);
+  for (std::uint8_t i = 2; i < 5; ++i)
+    EXPECT_TRUE(writer->Write(routeOf(i)));
+  writer->WritesDone();
+  EXPECT_TRUE(tagsOf(*stub).empty());
+  EXPECT_EQ(agent.backlog.waiting(), 1U);
+  gate.count_down();
+  EXPECT_TRUE(writer->Finish().ok());
+  EXPECT_EQ(reply.accepted(), 3U);
+  agent.programAll();
+  EXPECT_THAT(tagsOf(*stub), testing::ElementsAre(2, 3, 4));
 }
 
 TEST(RoutingAgent, ARemotePeerWithoutIdentityMaySetButNotRemove) {

@@ -260,6 +260,42 @@ TEST(Rpc, AFunctionAnswersAtOnce) {
   waitUntilIdle(running, 1);
 }
 
+TEST(Rpc, LivesBesideAServiceWrittenByHand) {
+  struct MirrorService : rpc::Service<Mirror::AsyncService> {
+    MirrorService() : Service("Mirror") {
+      method(&Async::RequestReflect,
+             [](rpc::Call& call, const Text& text, Text& reply) -> rpc::Task<> {
+               if (!co_await call.wait(1ms)) co_return grpc::Status::CANCELLED;
+               reply.set_text({text.text().rbegin(), text.text().rend()});
+               co_return grpc::Status::OK;
+             });
+    }
+  };
+  const auto probe = std::make_shared<ProbeService>();
+  RunningServer running({probe, std::make_shared<MirrorService>()});
+  const auto connection = running.connection();
+  std::vector<std::jthread> clients;
+  for (int client = 0; client < 4; ++client) {
+    clients.emplace_back([&, client] {
+      const auto byHand = Probe::NewStub(connection);
+      const auto kit = Mirror::NewStub(connection);
+      for (int i = 0; i < 50; ++i) {
+        const std::string text = std::to_string(1000 * client + i);
+        Text reply;
+        EXPECT_TRUE(echo(*byHand, text, &reply).ok());
+        EXPECT_EQ(reply.text(), text);
+        grpc::ClientContext context;
+        EXPECT_TRUE(kit->Reflect(&context, textOf(text), &reply).ok());
+        EXPECT_EQ(reply.text(), std::string(text.rbegin(), text.rend()));
+      }
+    });
+  }
+  clients.clear();
+  waitUntilIdle(running, 4 + 2);  // four methods by hand, and a kit's coroutine with its notice
+  running.stop();
+  EXPECT_EQ(probe->alive, 0);
+}
+
 TEST(Rpc, AnExceptionBecomesAStatusThatTheClientCanActOn) {
   const Capture trace(Kiv::traceLogger());
   const auto kit = std::make_shared<KitService>();
@@ -329,8 +365,8 @@ TEST(Rpc, AnEventThatIsSetOnceWakesTheCallOnTheServingThread) {
   std::atomic<int> answered = 0;
   std::thread waker([&] {
     for (int round = 0; round < kRounds; ++round) {
-      while (answered != round || kit->listening() != 1) {
-      }
+      while (answered != round || kit->listening() != 1)
+        std::this_thread::yield();
       kit->wake();
     }
   });

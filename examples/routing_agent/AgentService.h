@@ -37,6 +37,9 @@ inline grpc::Status mayNot() {
   return {grpc::StatusCode::PERMISSION_DENIED,
           "only local and authenticated peers may remove anything"};
 }
+inline grpc::Status tooMuchWaits() {
+  return {grpc::StatusCode::RESOURCE_EXHAUSTED, "too many changes wait to be programmed"};
+}
 
 // What the agent's services have in common.
 template <class AsyncService>
@@ -51,18 +54,22 @@ class AgentService : public rpc::Service<AsyncService> {
     if (this->tracer_.enabled(8)) this->tracer_.trace8("received %s", toString(message).c_str());
   }
 
-  // Puts a change on the backlog, after the bookkeeping of what is wanted: setting the key is
-  // always possible, deleting it when the caller may and it is there.
-  template <class Key>
-  grpc::Status change(grpc::ServerContext& context, std::set<Key>& wanted, const Key& key,
-                      bool deletes, const char* what, Backlog::Change program) {
+  // A message that asks for a change: checked, and put on the backlog after the bookkeeping of what
+  // is wanted. Setting the key is always possible, deleting it when the caller may and it is there.
+  // Throws vorn::invalid_argument_error when the message can't be used.
+  template <class Message, class Key>
+  grpc::Status change(grpc::ServerContext& context, const Message& message, std::set<Key>& wanted,
+                      const Key& key, bool deletes, const char* what, Backlog::Change program) {
+    traceArrival(message);
+    check(message);
+    if (deletes && !mayRemove(context, listen_)) return mayNot();
+    if (backlog_.full()) return tooMuchWaits();
     if (deletes) {
-      if (!mayRemove(context, listen_)) return mayNot();
       if (wanted.erase(key) == 0) return notFound(what);
     } else {
       wanted.insert(key);
     }
-    backlog_.add(std::move(program));
+    backlog_.add(std::move(program), message.ByteSizeLong());
     return ok();
   }
 

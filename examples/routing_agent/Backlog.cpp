@@ -11,6 +11,10 @@ namespace {
 
 constexpr std::size_t kChangesPerStep = 64;
 
+// What a change takes beside what it holds, which counts as well: many small ones must not take
+// more than a few large ones.
+constexpr std::size_t kBytesPerChange = 256;
+
 }  // namespace
 
 Backlog::Drain::Drain(Backlog& backlog, const Velm::Ptr<Tarsk::TaskScheduler>& scheduler)
@@ -19,13 +23,13 @@ Backlog::Drain::Drain(Backlog& backlog, const Velm::Ptr<Tarsk::TaskScheduler>& s
       task_(backlogSm_->backlogTask()) {}
 
 void Backlog::Drain::handleBacklog() {
-  std::vector<Change> changes;
+  std::vector<Waiting> changes;
   try {
     changes = backlog_.next();
   } catch (const std::bad_alloc&) {
     return wake();  // nothing has been taken; later there may be memory again
   }
-  for (const auto& change : changes) {
+  for (const auto& [change, bytes] : changes) {
     try {
       change();
     } catch (const std::exception& error) {
@@ -35,11 +39,12 @@ void Backlog::Drain::handleBacklog() {
     }
   }
   std::this_thread::sleep_for(backlog_.stepTime_);
-  if (backlog_.done(changes.size())) wake();
+  if (backlog_.done(changes)) wake();
 }
 
-Backlog::Backlog(std::chrono::milliseconds stepTime)
+Backlog::Backlog(std::chrono::milliseconds stepTime, std::size_t limit)
     : stepTime_(stepTime),
+      limit_(limit),
       scheduler_(new Tarsk::TaskScheduler("RoutingScheduler")),
       drain_(*this, scheduler_),
       thread_([this] { scheduler_->run(); }) {}
@@ -52,13 +57,19 @@ void Backlog::stop() {
   thread_.join();
 }
 
-void Backlog::add(Change change) {
+void Backlog::add(Change change, std::size_t bytes) {
   {
     const std::lock_guard lock(mutex_);
-    changes_.push_back(std::move(change));
+    changes_.push_back({std::move(change), kBytesPerChange + bytes});
     ++waiting_;
+    bytes_ += kBytesPerChange + bytes;
   }
   drain_.wake();
+}
+
+bool Backlog::full() const {
+  const std::lock_guard lock(mutex_);
+  return bytes_ >= limit_;
 }
 
 std::size_t Backlog::waiting() const {
@@ -66,18 +77,20 @@ std::size_t Backlog::waiting() const {
   return waiting_;
 }
 
-std::vector<Backlog::Change> Backlog::next() {
+std::vector<Backlog::Waiting> Backlog::next() {
   const std::lock_guard lock(mutex_);
   const auto end =
       changes_.begin() + static_cast<std::ptrdiff_t>(std::min(changes_.size(), kChangesPerStep));
-  std::vector<Change> step(std::move_iterator(changes_.begin()), std::move_iterator(end));
+  std::vector<Waiting> step(std::move_iterator(changes_.begin()), std::move_iterator(end));
   changes_.erase(changes_.begin(), end);
   return step;
 }
 
-bool Backlog::done(std::size_t changes) {
+bool Backlog::done(const std::vector<Waiting>& changes) {
   const std::lock_guard lock(mutex_);
-  waiting_ -= changes;
+  waiting_ -= changes.size();
+  for (const auto& done : changes)
+    bytes_ -= done.bytes;
   return waiting_ != 0;
 }
 

@@ -22,7 +22,9 @@ class Backlog {
   using Change = std::function<void()>;
 
   // `stepTime` is slept after every step: what a step costs the hardware, where there is some.
-  explicit Backlog(std::chrono::milliseconds stepTime);
+  // `limit` is how many bytes may wait; a change more is not refused, but who adds asks full()
+  // first.
+  Backlog(std::chrono::milliseconds stepTime, std::size_t limit);
 
   // Stops, if that has not been done.
   ~Backlog();
@@ -31,8 +33,11 @@ class Backlog {
   // before what the changes refer to is gone.
   void stop();
 
-  // Any thread.
-  void add(Change change);
+  // `bytes` is about what the change holds. Any thread.
+  void add(Change change, std::size_t bytes);
+
+  // Whether no more should be added until some is programmed. Any thread.
+  bool full() const;
 
   // How many changes are not programmed yet. Any thread.
   std::size_t waiting() const;
@@ -50,16 +55,23 @@ class Backlog {
     Velm::Ptr<Tarsk::Task> task_;
   };
 
+  struct Waiting {
+    Change change;
+    std::size_t bytes;
+  };
+
   // The next step's changes; they count as waiting until done() is called.
-  std::vector<Change> next();
+  std::vector<Waiting> next();
   // Answers whether more is waiting.
-  bool done(std::size_t changes);
+  bool done(const std::vector<Waiting>& changes);
 
   vorn::tracer tracer_{"Backlog"};
   const std::chrono::milliseconds stepTime_;
+  const std::size_t limit_;
   mutable std::mutex mutex_;
-  std::deque<Change> changes_;
+  std::deque<Waiting> changes_;
   std::size_t waiting_ = 0;
+  std::size_t bytes_ = 0;
   Velm::Ptr<Tarsk::TaskScheduler> scheduler_;
   Drain drain_;
   std::thread thread_;

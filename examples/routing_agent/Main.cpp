@@ -157,7 +157,7 @@ void serve(const Options& options) {
   Tables tables;
   const auto kernel = options.programKernel ? std::make_unique<KernelSync>(options.netns) : nullptr;
   SbfdMonitor monitor;
-  Backlog backlog(options.stepTime);
+  Backlog backlog(options.stepTime, options.backlogMib << 20);
   VornSdkRpc::ServerProperties properties{options.netns};
   VornSdkRpc::GrpcServer server(
       builder,

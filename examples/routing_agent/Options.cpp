@@ -18,6 +18,9 @@ usage: routing_agent [OPTION...]
                        and remove them at a clean stop
   --step-ms NUMBER     programming a step of 64 changes takes this long, as on slow
                        hardware (default: 0)
+  --backlog-mib NUMBER
+                       mebibytes of changes that may wait to be programmed; then
+                       streams are held up and single changes refused (default: 64)
   --tls-cert FILE      the agent's certificate, its private key, and the authorities
   --tls-key FILE       whose client certificates are accepted, all PEM: TCP callers
   --client-ca FILE     then need TLS with a client certificate
@@ -78,6 +81,7 @@ Options parseOptions(int argc, char** argv) {
   options.netns = value(arguments, "--netns");
   options.programKernel = isOptionPresent(arguments, "--program-kernel");
   options.stepTime = std::chrono::milliseconds(number(arguments, "--step-ms", 0, 0, 1000));
+  options.backlogMib = static_cast<std::size_t>(number(arguments, "--backlog-mib", 64, 1, 1 << 20));
   options.keepaliveMs = number(arguments, "--keepalive-ms", options.keepaliveMs, 100, 3600000);
   options.identity.tlsCert = value(arguments, "--tls-cert");
   options.identity.tlsKey = value(arguments, "--tls-key");

@@ -17,9 +17,10 @@ struct Options {
   bool accounting = true;
   bool programKernel = false;
   std::chrono::milliseconds stepTime{0};  // what programming a step takes
+  std::size_t backlogMib = 64;            // mebibytes of changes that may wait to be programmed
   int keepaliveMs = 10000;                // silence after which a peer is asked whether it lives
-  std::string
-      log;  // file of the platform log, "-" for standard error; empty: the platform's default
+  // File of the platform log, "-" for standard error; empty: the platform's default.
+  std::string log;
   std::string trace;  // trace setting
   bool help = false;
 };

@@ -1,5 +1,6 @@
 #include "examples/routing_agent/RoutingService.h"
 
+#include <chrono>
 #include <memory>
 #include <optional>
 
@@ -8,6 +9,9 @@ namespace routing_agent {
 namespace {
 
 constexpr std::size_t kItemsPerPart = 256;
+
+// How often a stream that waits for room on the backlog looks for it.
+constexpr std::chrono::milliseconds kBacklogLook(10);
 
 // Sends a table in parts, each taken when the one before is out: a client that reads slowly costs
 // one part of memory, whatever the table's size. `add` answers the place of a further item in a
@@ -33,8 +37,8 @@ rpc::Task<> sendTable(rpc::Writer<Part>& writer, const Table<Key, Value>& table,
 RoutingService::RoutingService(Tables& tables, Backlog& backlog,
                                const std::vector<std::string>& listen, KernelSync* kernel)
     : AgentService("Routing", backlog, listen), tables_(tables), kernel_(kernel) {
-  method(&Async::RequestSetRoute,
-         [this](const ip_route_msg& route, rpc_status_msg&) { return set(route); });
+  method(&Async::RequestSetRoute, [this](grpc::ServerContext& context, const ip_route_msg& route,
+                                         rpc_status_msg&) { return set(context, route); });
   method(&Async::RequestSetRoutes,
          [this](rpc::Reader<ip_route_msg>& routes, set_routes_reply_msg& reply) {
            return setAll(routes, reply);
@@ -73,26 +77,25 @@ RoutingService::RoutingService(Tables& tables, Backlog& backlog,
   });
 }
 
-grpc::Status RoutingService::set(const ip_route_msg& route) {
-  traceArrival(route);
-  check(route);
-  routes_.emplace(route.prefix());
-  backlog_.add([this, route] { program(route); });
-  return ok();
+grpc::Status RoutingService::set(grpc::ServerContext& context, const ip_route_msg& route) {
+  return change(context, route, routes_, PrefixKey(route.prefix()), false, "route of this prefix",
+                [this, route] { program(route); });
 }
 
 grpc::Status RoutingService::remove(grpc::ServerContext& context, const ip_prefix_msg& prefix) {
-  traceArrival(prefix);
-  check(prefix);
-  return change(context, routes_, PrefixKey(prefix), true, "route of this prefix",
+  return change(context, prefix, routes_, PrefixKey(prefix), true, "route of this prefix",
                 [this, prefix] { unprogram(prefix); });
 }
 
 rpc::Task<> RoutingService::setAll(rpc::Reader<ip_route_msg>& routes, set_routes_reply_msg& reply) {
   ip_route_msg route;
   while (co_await routes.read(route)) {
+    // A client that sends faster than can be programmed is held up by what gRPC holds for it.
+    while (backlog_.full()) {
+      if (!co_await routes.wait(kBacklogLook)) co_return grpc::Status::CANCELLED;
+    }
     try {
-      set(route);
+      set(routes.context(), route);
     } catch (const vorn::invalid_argument_error& error) {
       throw vorn::invalid_argument_error(
           "route " + std::to_string(reply.accepted()) + ": " + error.what(), error.argument());
@@ -103,16 +106,12 @@ rpc::Task<> RoutingService::setAll(rpc::Reader<ip_route_msg>& routes, set_routes
 }
 
 grpc::Status RoutingService::set(grpc::ServerContext& context, const nexthop_group_msg& group) {
-  traceArrival(group);
-  check(group);
-  return change(context, groups_, group.name(), group.request_delete(),
+  return change(context, group, groups_, group.name(), group.request_delete(),
                 "next-hop group of this name", [this, group] { program(group); });
 }
 
 grpc::Status RoutingService::set(grpc::ServerContext& context, const mpls_route_msg& route) {
-  traceArrival(route);
-  check(route);
-  return change(context, mplsRoutes_, route.label(), route.request_delete(),
+  return change(context, route, mplsRoutes_, route.label(), route.request_delete(),
                 "MPLS route of this label", [this, route] {
                   if (route.request_delete()) return tables_.mplsRoutes.remove(route.label());
                   tables_.mplsRoutes.set(route.label(), route);
@@ -121,10 +120,8 @@ grpc::Status RoutingService::set(grpc::ServerContext& context, const mpls_route_
 
 grpc::Status RoutingService::set(grpc::ServerContext& context,
                                  const cbf_nexthop_group_redirect_msg& redirect) {
-  traceArrival(redirect);
-  check(redirect);
-  return change(context, redirects_, redirect.match_nexthop_group(), redirect.request_delete(),
-                "redirect of this group", [this, redirect] {
+  return change(context, redirect, redirects_, redirect.match_nexthop_group(),
+                redirect.request_delete(), "redirect of this group", [this, redirect] {
                   const auto& key = redirect.match_nexthop_group();
                   if (redirect.request_delete()) return tables_.redirects.remove(key);
                   tables_.redirects.set(key, redirect);

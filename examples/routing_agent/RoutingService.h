@@ -17,7 +17,7 @@ class RoutingService : public AgentService<Routing::AsyncService> {
                  KernelSync* kernel);
 
  private:
-  grpc::Status set(const ip_route_msg& route);
+  grpc::Status set(grpc::ServerContext& context, const ip_route_msg& route);
   grpc::Status set(grpc::ServerContext& context, const nexthop_group_msg& group);
   grpc::Status set(grpc::ServerContext& context, const mpls_route_msg& route);
   grpc::Status set(grpc::ServerContext& context, const cbf_nexthop_group_redirect_msg& redirect);

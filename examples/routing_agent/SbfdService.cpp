@@ -25,9 +25,7 @@ SbfdService::SbfdService(SbfdMonitor& monitor, Backlog& backlog,
 }
 
 grpc::Status SbfdService::set(grpc::ServerContext& context, const sbfd_echo_session_msg& session) {
-  traceArrival(session);
-  check(session);
-  return change(context, sessions_, session.session_key().SerializeAsString(),
+  return change(context, session, sessions_, session.session_key().SerializeAsString(),
                 session.request_delete(), "session of this key",
                 [this, session] { monitor_.set(session); });
 }

@@ -1,6 +1,7 @@
 #include "examples/routing_agent/StateService.h"
 
 #include <optional>
+#include <utility>
 
 namespace routing_agent {
 
@@ -21,12 +22,14 @@ grpc::Status StateService::configure(grpc::ServerContext& context,
   traceArrival(config);
   check(config);
   if (config.delete__size() != 0 && !mayRemove(context, listen_)) return mayNot();
-  backlog_.add([this, config] {
+  if (backlog_.full()) return tooMuchWaits();
+  auto program = [this, config] {
     for (const auto& entry : config.set())
       tables_.state.set(entry.key(), entry.value());
     for (const auto& removed : config.delete_())
       tables_.state.remove(removed.key());
-  });
+  };
+  backlog_.add(std::move(program), config.ByteSizeLong());
   return ok();
 }
 
