@@ -23,11 +23,12 @@ using RequestHandlerPtr = std::shared_ptr<RequestHandler>;
 class VORN_EXPORT RequestHandler {
  public:
   enum State : std::uint32_t {
-    AWAITING_CALL =
-        0,  // gRPC has been asked for a call; the next completion means that one has arrived
-    IN_PROGRESS = 1,  // in the middle of the exchange; every completion advances the handler
-    FINISHED =
-        2,  // nothing is left to do; the next completion of a tag makes the registry forget it
+    // gRPC has been asked for a call; the next completion means that one has arrived.
+    AWAITING_CALL = 0,
+    // In the middle of the exchange; every completion advances the handler.
+    IN_PROGRESS = 1,
+    // Nothing is left to do; the next completion of a tag makes the registry forget it.
+    FINISHED = 2,
   };
 
   virtual ~RequestHandler() = default;

@@ -43,7 +43,7 @@ std::unique_ptr<Server> makeHandWritten(Counts& counts, std::size_t ahead);
 // Handlers written by hand on VornSdkRpc::GrpcServer, as many ahead.
 std::unique_ptr<Server> makeFrame(Counts& counts, std::size_t ahead);
 
-// The same with the authoring kit, Say as a function or as a coroutine. They offer Say and Stream.
+// The same with the authoring kit, Say as a function or as a coroutine.
 std::unique_ptr<Server> makeKit(Counts& counts, std::size_t ahead, bool coroutine);
 
 // gRPC's callback and synchronous API. They offer Say alone.

@@ -1,5 +1,7 @@
 #include <VornSdkRpc/Rpc.h>
 
+#include <unordered_set>
+
 #include "bench/Bench.grpc.pb.h"
 #include "bench/OnFrame.h"
 
@@ -11,7 +13,8 @@ namespace rpc = VornSdkRpc::rpc;
 
 class KitService : public rpc::Service<Bench::AsyncService> {
  public:
-  KitService(std::size_t ahead, bool coroutine) : Service("Bench") {
+  KitService(Counts& counts, std::size_t ahead, bool coroutine)
+      : Service("Bench"), counts_(counts) {
     const rpc::MethodOptions options{.ahead = ahead};
     if (coroutine) {
       method(
@@ -39,13 +42,62 @@ class KitService : public rpc::Service<Bench::AsyncService> {
       }
       co_return grpc::Status::OK;
     });
+    method(&Async::RequestHold,
+           [this](rpc::Writer<Item>& items, const Order&) { return hold(items); });
+    method(&Async::RequestPublish,
+           [this](const Order& order, Order& reply) { return publish(order, reply); });
   }
+
+ private:
+  // An open stream that gets what is published; counted as long as it is one.
+  struct Held {
+    explicit Held(KitService& owner) : service(owner) {
+      service.held_.insert(this);
+      ++service.counts_.held;
+    }
+    Held(const Held&) = delete;
+    Held& operator=(const Held&) = delete;
+    ~Held() {
+      service.held_.erase(this);
+      --service.counts_.held;
+    }
+
+    KitService& service;
+    rpc::Event news;
+    std::shared_ptr<const Item> item;  // to be written; null when the last write is out
+  };
+
+  rpc::Task<> hold(rpc::Writer<Item>& items) {
+    Held held(*this);
+    while (co_await items.wait(held.news)) {
+      if (!co_await items.write(*held.item)) break;
+      held.item = nullptr;
+      ++counts_.written;
+    }
+    co_return grpc::Status::CANCELLED;
+  }
+
+  grpc::Status publish(const Order& order, Order& reply) {
+    const auto item = std::make_shared<Item>();
+    item->set_data(std::string(order.size(), 'x'));
+    for (Held* held : held_) {
+      if (held->item) continue;
+      held->item = item;
+      held->news.set();
+      reply.set_count(reply.count() + 1);
+    }
+    reply.set_size(order.size());
+    return grpc::Status::OK;
+  }
+
+  Counts& counts_;
+  std::unordered_set<Held*> held_;
 };
 
 }  // namespace
 
 std::unique_ptr<Server> makeKit(Counts& counts, std::size_t ahead, bool coroutine) {
-  return std::make_unique<OnFrame>(counts, std::make_shared<KitService>(ahead, coroutine));
+  return std::make_unique<OnFrame>(counts, std::make_shared<KitService>(counts, ahead, coroutine));
 }
 
 }  // namespace bench

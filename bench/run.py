@@ -154,8 +154,8 @@ def held(plan, _):
         return {"bytes": (opened["heap_bytes"] - before["heap_bytes"]) / STREAMS,
                 "cpu_us": cpu(opened, written, plan.publishes * STREAMS), "stop_ms": took}
 
-    return rows("10,000 open streams, a write to each", take_turns((HAND, FRAME), plan.few, one),
-                {FRAME: HAND})
+    return rows("10,000 open streams, a write to each", take_turns((HAND, FRAME, COROUTINE), plan.few, one),
+                {FRAME: HAND, COROUTINE: HAND})
 
 
 def stopped_reading(plan, _):

@@ -20,7 +20,7 @@ class logger;
 // formatted text, and it is one line whatever bytes its arguments hold: control bytes are written
 // as \xNN.
 //
-//   [[gnu::section(".tolmar_logmsg")]] Kiv::LogDescriptor restarted = {
+//   [[gnu::section(".tolmar_logmsg"), gnu::used, gnu::retain]] Kiv::LogDescriptor restarted = {
 //       "AGENT_RESTARTED", "agent %s restarted, reason %s", "An agent was restarted", "\x01", 6};
 //   Kiv::LogHandle restartedHandle(&restarted, std::chrono::minutes(1), 1.0, 1, 0);
 //   Kiv::log(restartedHandle, agentName, reason);  // at most once a minute for an agent
