@@ -121,7 +121,7 @@ template <class T>
 struct Promise : PromiseBase {
   void return_value(T result) { value.emplace(std::move(result)); }
   T take() {
-    if (exception) std::rethrow_exception(exception);
+    if (exception || !value) std::rethrow_exception(exception);  // it ended with one of the two
     return std::move(*value);
   }
   std::optional<T> value;

@@ -156,6 +156,7 @@ int Velm::HideMe<VornSdkRpc::GenericBacklogSm>::inspectOperation(void* result, v
   }
 }
 
+// NOLINTNEXTLINE(cppcoreguidelines-interfaces-global-init): constinit, so no order matters
 constinit const Velm::ModuleInspectData _StreamingToolkitSm_87e7dd33269edc9_kivModule = {
     .moduleName = "StreamingToolkitSm",
     .typeName = "VornSdkRpc::GenericBacklogSm",

@@ -43,7 +43,7 @@ constexpr auto kRest = std::chrono::milliseconds(2);
 std::string propertyOr(grpc::AuthContext const& context, char const* name, char const* missing) {
   const auto values = context.FindPropertyValues(name);
   if (values.empty()) return missing;
-  const grpc::string_ref first = values.front();
+  const grpc::string_ref& first = values.front();
   return std::string(first.data(), strnlen(first.data(), first.size()));
 }
 

@@ -30,11 +30,9 @@ std::string readPem(std::string const& path) {
   if (!file) refuse(errno);
   std::string text;
   std::array<char, 4096> part;
-  std::size_t size = 0;
-  do {
-    size = std::fread(part.data(), 1, part.size(), file.get());
-    text.append(part.data(), size);
-  } while (size == part.size());
+  while (std::feof(file.get()) == 0 && std::ferror(file.get()) == 0) {
+    text.append(part.data(), std::fread(part.data(), 1, part.size(), file.get()));
+  }
   if (std::ferror(file.get()) != 0) refuse(errno);
   if (text.find("-----BEGIN ") == std::string::npos)
     throw std::invalid_argument(path + " holds no PEM");

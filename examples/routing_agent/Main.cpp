@@ -40,6 +40,7 @@ class StopOnSignal {
         }) {}
 
   ~StopOnSignal() {
+    // NOLINTNEXTLINE(bugprone-bad-signal-to-kill-thread): sigwait takes it, and the thread goes on
     pthread_kill(thread_.native_handle(), SIGTERM);  // when it was not a signal that ended the run
     thread_.join();
   }

@@ -112,6 +112,7 @@ std::optional<std::uint32_t> SbfdMonitor::roundTrip() const {
   char byte = 0;
   for (const int side : {0, 1}) {
     if (send(sockets_[side], &byte, 1, MSG_NOSIGNAL) != 1 ||
+        // NOLINTNEXTLINE(clang-analyzer-unix.BlockInCriticalSection): MSG_DONTWAIT
         recv(sockets_[1 - side], &byte, 1, MSG_DONTWAIT) != 1) {
       return std::nullopt;
     }

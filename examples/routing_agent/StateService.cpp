@@ -39,7 +39,7 @@ void StateService::read(const state_keys_msg& keys, rpc_server_state_status_msg&
   }
   if (keys.key_size() != 0) return;
   for (const auto& [key, value] : tables_.state.part(std::nullopt, SIZE_MAX)) {
-    reply.add_value()->set_value(key + "=" + value);
+    reply.add_value()->mutable_value()->append(key).append("=").append(value);
   }
 }
 

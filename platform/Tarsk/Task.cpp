@@ -3,6 +3,7 @@
 
 #include <stdexcept>
 
+// NOLINTNEXTLINE(cppcoreguidelines-interfaces-global-init): constinit, so no order matters
 constinit const Velm::ModuleInspectData _Task_ebad0b43f10158b_kivModule = {
     .moduleName = "Task",
     .typeName = "Tarsk::Task",

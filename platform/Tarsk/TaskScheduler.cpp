@@ -5,6 +5,7 @@
 #include <thread>
 #include <utility>
 
+// NOLINTNEXTLINE(cppcoreguidelines-interfaces-global-init): constinit, so no order matters
 constinit const Velm::ModuleInspectData _TaskScheduler_731e0cc2f103bfdb_kivModule = {
     .moduleName = "TaskScheduler",
     .typeName = "Tarsk::TaskScheduler",
