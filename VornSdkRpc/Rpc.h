@@ -592,6 +592,16 @@ struct Method {
   std::size_t inProgress = 0;
 };
 
+// Ends a call that has one reply, which a client is sent only with an OK.
+template <class Responder, class Reply>
+void answer(Responder& responder, const Reply& reply, const grpc::Status& status, OpaqueId tag) {
+  if (status.ok()) {
+    responder.Finish(reply, status, tag);
+  } else {
+    responder.FinishWithError(status, tag);
+  }
+}
+
 template <class Request, class Reply>
 class UnaryExchange : public Call {
  protected:
@@ -606,11 +616,7 @@ class UnaryExchange : public Call {
     return handler(static_cast<Call&>(*this), std::as_const(request_), reply_);
   }
   void finish(const grpc::Status& status, OpaqueId tag) override {
-    if (status.ok()) {
-      grpc_.Finish(reply_, status, tag);
-    } else {
-      grpc_.FinishWithError(status, tag);
-    }
+    answer(grpc_, reply_, status, tag);
   }
 
  private:
@@ -634,11 +640,7 @@ class ReadExchange : public Reader<Request> {
   }
   void startRead(Request& item, OpaqueId tag) override { grpc_.Read(&item, tag); }
   void finish(const grpc::Status& status, OpaqueId tag) override {
-    if (status.ok()) {
-      grpc_.Finish(reply_, status, tag);
-    } else {
-      grpc_.FinishWithError(status, tag);
-    }
+    answer(grpc_, reply_, status, tag);
   }
 
  private:
@@ -719,17 +721,10 @@ class FunctionCall final : public RequestHandler {
   }
 
   // Answers at once; the state that is left at AWAITING_CALL says so.
-  void proceed(OpaqueId tag) override {
-    const grpc::Status status = answer();
-    if (status.ok()) {
-      grpc_.Finish(reply_, status, tag);
-    } else {
-      grpc_.FinishWithError(status, tag);
-    }
-  }
+  void proceed(OpaqueId tag) override { answer(grpc_, reply_, served(), tag); }
 
  private:
-  grpc::Status answer() {
+  grpc::Status served() {
     try {
       if constexpr (std::invocable<decltype(method_.handler)&, const Request&, Reply&>) {
         return method_.handler(std::as_const(request_), reply_);
