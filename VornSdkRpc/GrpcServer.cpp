@@ -19,8 +19,8 @@ namespace {
 // gRPC starts threads of its own with the first server of the process, and a thread begins in the
 // namespace of the one that starts it. An idle server that is made outside of the agent's
 // namespace, and held while the real one is built inside, keeps those threads, and every connection
-// that they ever open, outside as well. (The threads of
-// synchronous services, such as reflection, start inside: they serve that server and nothing else.)
+// that they ever open, outside as well. (The threads of synchronous services, such as reflection,
+// start inside: they serve that server and nothing else.)
 struct DestroyServer {
   void operator()(grpc_server* server) const { grpc_server_destroy(server); }
 };
