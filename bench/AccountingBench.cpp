@@ -4,7 +4,6 @@
 #include <VornSdkRpc/VornSdkRpcAgentRpcLogger.h>
 #include <benchmark/benchmark.h>
 #include <spdlog/async.h>
-#include <spdlog/logger.h>
 #include <spdlog/sinks/base_sink.h>
 #include <spdlog/sinks/null_sink.h>
 

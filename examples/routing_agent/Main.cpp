@@ -5,7 +5,6 @@
 #include <VornSdkRpc/GrpcServer.h>
 #include <VornSdkRpc/VornSdkRpcAgentRpcLogger.h>
 #include <grpcpp/ext/proto_server_reflection_plugin.h>
-#include <spdlog/logger.h>
 #include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <sys/stat.h>

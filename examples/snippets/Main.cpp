@@ -10,7 +10,6 @@
 #include <VornSdkRpc/VornSdkRpcAgentRpcLogger.h>
 #include <grpcpp/security/auth_metadata_processor.h>
 #include <netns/setns.h>
-#include <spdlog/logger.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <unistd.h>
 

@@ -2,7 +2,6 @@
 #include <Kiv/Log.h>
 #include <Kiv/Trace.h>
 #include <fmt/format.h>
-#include <spdlog/logger.h>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/sinks/syslog_sink.h>
 

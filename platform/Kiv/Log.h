@@ -2,6 +2,7 @@
 
 #include <Velm/Duration.h>
 #include <Velm/String.h>
+#include <spdlog/logger.h>
 #include <vorn/export.h>
 
 #include <cstdint>
@@ -10,10 +11,6 @@
 #include <string_view>
 #include <type_traits>
 #include <vector>
-
-namespace spdlog {
-class logger;
-}
 
 // The platform log: messages that are declared once, as a descriptor, and written through a handle
 // that may suppress repeated occurrences. A line is the message id, a colon, a blank and the

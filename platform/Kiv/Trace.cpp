@@ -1,6 +1,5 @@
 #include <Kiv/Line.h>
 #include <Kiv/Trace.h>
-#include <spdlog/logger.h>
 #include <spdlog/sinks/stdout_sinks.h>
 
 #include <charconv>

@@ -1,16 +1,10 @@
 #pragma once
 
+#include <Kiv/TraceHandle.h>
+#include <spdlog/logger.h>
 #include <vorn/export.h>
 
-#include <atomic>
-#include <cstdint>
-#include <string>
 #include <string_view>
-
-namespace spdlog {
-class logger;
-struct source_loc;
-}  // namespace spdlog
 
 // The platform's trace facility: named handles with one enable bit per level, and one process-wide
 // setting that says which levels are on for which names. Level 0 is the lifecycle and always on;
@@ -30,33 +24,5 @@ VORN_EXPORT spdlog::logger& traceLogger();
 // later. Throws std::invalid_argument, which names the item at fault, and then leaves the setting
 // as it was. Any thread may call it.
 VORN_EXPORT void traceSettingIs(std::string_view setting);
-
-// A named source of trace lines. Any number of handles may have the same name. Not copyable. Any
-// thread may use a handle.
-class VORN_EXPORT TraceHandle {
- public:
-  // `flag` is carried for the platform; this layer has no use for it.
-  TraceHandle(char const* name, bool flag);
-  ~TraceHandle();
-  TraceHandle(TraceHandle const&) = delete;
-  TraceHandle& operator=(TraceHandle const&) = delete;
-
-  std::string const& name() const { return name_; }
-
-  // Whether a trace point at `level` is to be evaluated: one load and one bit test.
-  bool enabled(unsigned level) const noexcept {
-    return ((mask_.load(std::memory_order_relaxed) >> (level & 31U)) & 1U) != 0;
-  }
-
-  // Writes "NAME/LEVEL: text" as one line, whether or not the level is enabled. Reports nothing.
-  void write(unsigned level, std::string_view text) const;
-  void write(unsigned level, spdlog::source_loc const& where, std::string_view text) const;
-
- private:
-  friend class TraceRegistry;
-
-  std::string const name_;
-  std::atomic<std::uint32_t> mask_{1};
-};
 
 }  // namespace Kiv

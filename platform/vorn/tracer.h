@@ -1,6 +1,6 @@
 #pragma once
 
-#include <Kiv/Trace.h>
+#include <Kiv/TraceHandle.h>
 #include <vorn/export.h>
 
 namespace vorn {

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <vorn/export.h>
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace spdlog {
+struct source_loc;
+}
+
+namespace Kiv {
+
+// A named source of trace lines. Any number of handles may have the same name. Not copyable. Any
+// thread may use a handle.
+class VORN_EXPORT TraceHandle {
+ public:
+  // `flag` is carried for the platform; this layer has no use for it.
+  TraceHandle(char const* name, bool flag);
+  ~TraceHandle();
+  TraceHandle(TraceHandle const&) = delete;
+  TraceHandle& operator=(TraceHandle const&) = delete;
+
+  std::string const& name() const { return name_; }
+
+  // Whether a trace point at `level` is to be evaluated: one load and one bit test.
+  bool enabled(unsigned level) const noexcept {
+    return ((mask_.load(std::memory_order_relaxed) >> (level & 31U)) & 1U) != 0;
+  }
+
+  // Writes "NAME/LEVEL: text" as one line, whether or not the level is enabled. Reports nothing.
+  void write(unsigned level, std::string_view text) const;
+  void write(unsigned level, spdlog::source_loc const& where, std::string_view text) const;
+
+ private:
+  friend class TraceRegistry;
+
+  std::string const name_;
+  std::atomic<std::uint32_t> mask_{1};
+};
+
+}  // namespace Kiv
