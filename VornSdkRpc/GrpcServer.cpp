@@ -4,6 +4,7 @@
 
 #include <cassert>
 #include <chrono>
+#include <exception>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -80,9 +81,16 @@ void GrpcServer::run() {
 }
 
 void GrpcServer::stop() {
-  for (const auto& service : services_)
-    service->stoppingIs(true);
+  std::exception_ptr failure;
+  for (const auto& service : services_) {
+    try {
+      service->stoppingIs(true);
+    } catch (...) {
+      if (!failure) failure = std::current_exception();
+    }
+  }
   stopRequested_ = true;
+  if (failure) std::rethrow_exception(failure);
 }
 
 void GrpcServer::setup() {

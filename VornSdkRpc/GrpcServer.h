@@ -66,6 +66,7 @@ class VORN_EXPORT GrpcServer {
 
   // Asks the services and the loop to stop, and returns at once. run() returns after at most one
   // poll (200 ms), the step in progress and the teardown. May be called before run(), and again.
+  // Throws the first exception of a service's stoppingChanged(), when all have been asked.
   void stop();
 
   // The steps of run(), public so that an agent with an event loop of its own can drive them, on
@@ -86,14 +87,16 @@ class VORN_EXPORT GrpcServer {
   // exception passes on.
   void handleTag(OpaqueId tag, bool ok);
 
-  // After a successful setup(), once: cancels every call, shuts the server and the queue down, and
-  // handles what is left in the queue. A pending grpc::Alarm holds it up, and so does a peer that
-  // has stopped reading, until keepalive or TCP gives it up.
+  // After a successful setup(), once: stops the services if stop() has not been called, cancels
+  // every call, shuts the server and the queue down, and handles what is left in the queue. A
+  // pending grpc::Alarm holds it up, and so does a peer that has stopped reading, until keepalive
+  // or TCP gives it up.
   void teardown();
 
   TagManager& tagManager() { return tagManager_; }
 
-  // The gRPC server; null until setup() has succeeded.
+  // The gRPC server; null until setup() has succeeded. stop() ends it, nobody else may: services
+  // that are not stopping ask a server that has been shut down for calls again and again.
   grpc::Server* server() const { return server_.get(); }
 
   // Whether the operation that handleTag() is dispatching succeeded. Serving thread, within a

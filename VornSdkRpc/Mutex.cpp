@@ -11,6 +11,13 @@ namespace VornSdkRpc {
 
 namespace {
 
+// The end of time, when the timeout reaches beyond it.
+std::chrono::steady_clock::time_point deadlineIn(std::chrono::nanoseconds timeout) {
+  using TimePoint = std::chrono::steady_clock::time_point;
+  const auto now = std::chrono::steady_clock::now();
+  return timeout < TimePoint::max() - now ? now + timeout : TimePoint::max();
+}
+
 timespec toTimespec(std::chrono::steady_clock::time_point time) {
   const auto sinceEpoch = time.time_since_epoch();
   const auto seconds = std::chrono::floor<std::chrono::seconds>(sinceEpoch);
@@ -34,7 +41,7 @@ Mutex::~Mutex() { pthread_mutex_destroy(&native_); }
 void Mutex::lock() {
   // A free lock, which is what nearly every call finds, needs no clock.
   if (pthread_mutex_trylock(&native_) == 0) return;
-  const auto deadline = std::chrono::steady_clock::now() + timeout_;
+  const auto deadline = deadlineIn(timeout_);
   const timespec absolute = toTimespec(deadline);
   while (pthread_mutex_clocklock(&native_, CLOCK_MONOTONIC, &absolute) != 0) {
     assert(std::chrono::steady_clock::now() < deadline &&

@@ -41,7 +41,8 @@ class VORN_EXPORT RequestHandler {
 
   // Makes the handler of the method's next call: a fresh one of the same kind, whose opaqueId_ is
   // `tag` and which has asked gRPC for a call under it. The caller registers it. Called once, when
-  // this handler's call has arrived and before it is advanced.
+  // this handler's call has arrived and before it is advanced. One that throws leaves its method
+  // without a handler.
   virtual RequestHandlerPtr spawn(OpaqueId tag) = 0;
 
   State state_ = AWAITING_CALL;
