@@ -3,10 +3,10 @@
 // The authoring kit: an RPC as one function. It stands on GrpcService and RequestHandler alone, so
 // services written with it and services written by hand live side by side in one GrpcServer.
 //
-// A service derives from rpc::Service of its generated AsyncService and names its methods in its
+// A service derives from rpc::Service of its generated class and names its methods in its
 // constructor, each with the function that serves it:
 //
-//   class RoutingService : public VornSdkRpc::rpc::Service<Routing::AsyncService> {
+//   class RoutingService : public VornSdkRpc::rpc::Service<Routing> {
 //    public:
 //     RoutingService() : Service("Routing") {
 //       // Unary, as a plain function: the fastest, for what is answered at once. It may also take
@@ -54,8 +54,9 @@
 // when it should be skipped.)
 //
 // When the client cancels, goes away or its deadline passes, what is awaited comes back false, and
-// so does everything that is awaited after it; the coroutine runs to its end and its locals are
-// destroyed on the serving thread. When the server stops, a coroutine is not resumed any more: its
+// so does everything that is awaited after it; cancelled() tells the end of a client's stream from
+// the end of its call. The coroutine runs to its end and its locals are destroyed on the serving
+// thread. When the server stops, a coroutine is not resumed any more: its
 // frame is destroyed where it waits, on the serving thread or, as most of those that wait for a
 // time or an event, on the one that destroys the GrpcServer. Whatever a coroutine refers to must
 // outlive the server object; the service does.
@@ -64,9 +65,15 @@
 // vorn::unsupported_error with UNIMPLEMENTED, vorn::configuration_error with FAILED_PRECONDITION,
 // vorn::no_scoped_lock_obtained_error with UNAVAILABLE, each with its what(); anything else with
 // INTERNAL and a text that gives nothing away, and a trace line at level 0 that says what it was.
+// An RPC of the service that has no function is answered UNIMPLEMENTED.
 
+#include <google/protobuf/descriptor.h>
+#include <grpc/grpc.h>
 #include <grpcpp/alarm.h>
 #include <grpcpp/grpcpp.h>
+#include <grpcpp/support/async_stream.h>
+#include <grpcpp/support/async_unary_call.h>
+#include <grpcpp/support/byte_buffer.h>
 #include <vorn/error.h>
 
 #include <algorithm>
@@ -80,7 +87,10 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
+#include <stdexcept>
 #include <string>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -158,6 +168,11 @@ class Slot {
   std::size_t* used_ = nullptr;
 };
 
+// What makes gRPC hold an item back would keep the coroutine that awaits the write waiting.
+inline grpc::WriteOptions atOnce(grpc::WriteOptions options) {
+  return options.clear_buffer_hint().clear_last_message();
+}
+
 inline grpc::Status tooManyCalls() {
   return {grpc::StatusCode::RESOURCE_EXHAUSTED, "too many calls of this method are in progress"};
 }
@@ -187,9 +202,14 @@ class [[nodiscard]] Task {
   }
 
   // Awaited by another coroutine: runs to its end, then answers its result or throws its exception.
+  // Throws std::logic_error when there is nothing to run: the task is empty or has been awaited.
   auto operator co_await() && noexcept {
-    struct Awaiter {
-      bool await_ready() const noexcept { return false; }
+    struct [[nodiscard]] Awaiter {
+      bool await_ready() const {
+        if (!frame || frame.done())
+          throw std::logic_error("a task was awaited that is empty or has ended");
+        return false;
+      }
       // Runs the task to its first wait. One that ends without a wait takes no turn of its own, so
       // that a loop over many of them does not pile up on the stack.
       bool await_suspend(std::coroutine_handle<> awaiting) const {
@@ -205,7 +225,10 @@ class [[nodiscard]] Task {
   }
 
   // For the kit.
-  void start() const { frame_.resume(); }
+  void start() const {
+    if (!frame_) throw std::logic_error("an RPC was served with an empty task");
+    frame_.resume();
+  }
   bool done() const { return frame_ && frame_.done(); }
   T take() const { return frame_.promise().take(); }
 
@@ -318,19 +341,25 @@ class ServiceBase : public GrpcService {
     try {
       throw;
     } catch (const vorn::invalid_argument_error& error) {
-      return {grpc::StatusCode::INVALID_ARGUMENT, error.what()};
+      return {grpc::StatusCode::INVALID_ARGUMENT, textOf(error)};
     } catch (const vorn::unsupported_error& error) {
-      return {grpc::StatusCode::UNIMPLEMENTED, error.what()};
+      return {grpc::StatusCode::UNIMPLEMENTED, textOf(error)};
     } catch (const vorn::configuration_error& error) {
-      return {grpc::StatusCode::FAILED_PRECONDITION, error.what()};
+      return {grpc::StatusCode::FAILED_PRECONDITION, textOf(error)};
     } catch (const vorn::no_scoped_lock_obtained_error& error) {
-      return {grpc::StatusCode::UNAVAILABLE, error.what()};
+      return {grpc::StatusCode::UNAVAILABLE, textOf(error)};
     } catch (const std::exception& error) {
       tracer_.trace0("a call failed: %s", error.what());
     } catch (...) {
       tracer_.trace0("a call failed with an unknown exception");
     }
     return {grpc::StatusCode::INTERNAL, "internal error"};
+  }
+
+  // A client refuses a status whose text is larger than the metadata that it takes, 8 KiB.
+  static std::string textOf(const std::exception& error) {
+    constexpr std::size_t kLongest = 1024;  // three times as many bytes on the wire at most
+    return std::string(std::string_view(error.what()).substr(0, kLongest));
   }
 
   std::mutex alarmsMutex_;
@@ -350,14 +379,16 @@ class Call : public RequestHandler {
   grpc::ServerContext& context() { return context_; }
 
   // Whether the call is over before its time: cancelled, its client gone, or its deadline past.
+  // After a read() or write() that answered false it is known at once.
   bool cancelled() const { return over_; }
 
   // Waits for a time to pass: co_await answers whether the call still lives, at once when it
   // doesn't.
   template <class Rep, class Period>
   auto wait(std::chrono::duration<Rep, Period> duration) {
-    return operation(
-        [this, duration](OpaqueId tag) { service_.setAlarm(alarm(), deadlineIn(duration), tag); });
+    return operation(Awaited::time, [this, duration](OpaqueId tag) {
+      service_.setAlarm(alarm(), deadlineIn(duration), tag);
+    });
   }
 
   // Waits until the event is set, or takes it at once when it is: co_await answers whether the call
@@ -371,7 +402,9 @@ class Call : public RequestHandler {
     } else if (service_.completionOk()) {
       arrived();
     } else {
-      service_.removeHandler(tag);  // the server takes no more calls
+      // The server takes no more calls, and the notice of this one's end will not come.
+      service_.removeHandler(notice_->opaqueId_);
+      service_.removeHandler(tag);
       return;
     }
     if (task_.done()) conclude(outcome());
@@ -413,20 +446,23 @@ class Call : public RequestHandler {
   // Destroys the coroutine, wherever it is.
   void abandon() { task_ = {}; }
 
+  enum class Awaited { time, read, write };
+
   // An operation of gRPC that is started with the call's tag and comes back with its ok flag.
   template <class Start>
-  auto operation(Start start) {
-    struct Awaiter {
+  auto operation(Awaited what, Start start) {
+    struct [[nodiscard]] Awaiter {
       bool await_ready() const { return call.over_; }
       void await_suspend(std::coroutine_handle<> awaiting) {
         call.suspended_ = awaiting;
         start(call.opaqueId_);
       }
-      bool await_resume() const { return !call.over_ && call.operationOk_; }
+      bool await_resume() const { return call.succeeded(what); }
       Call& call;
+      Awaited what;
       Start start;
     };
-    return Awaiter{*this, std::move(start)};
+    return Awaiter{*this, what, std::move(start)};
   }
 
   virtual bool takeSlot() = 0;
@@ -438,7 +474,7 @@ class Call : public RequestHandler {
   grpc::ServerContext context_;
 
  private:
-  class EventWait {
+  class [[nodiscard]] EventWait {
    public:
     EventWait(Call& call, Event& event) : call_(call), event_(event) {}
     EventWait(const EventWait&) = delete;
@@ -467,6 +503,7 @@ class Call : public RequestHandler {
   static gpr_timespec deadlineIn(std::chrono::duration<Rep, Period> duration) {
     constexpr auto kForever = std::chrono::hours(24 * 365);
     if (duration >= kForever) return gpr_inf_future(GPR_CLOCK_REALTIME);
+    if (duration <= duration.zero()) return gpr_now(GPR_CLOCK_MONOTONIC);
     const auto whole = std::chrono::duration_cast<std::chrono::nanoseconds>(duration);
     return gpr_time_add(gpr_now(GPR_CLOCK_MONOTONIC),
                         gpr_time_from_nanos(whole.count(), GPR_TIMESPAN));
@@ -484,10 +521,21 @@ class Call : public RequestHandler {
     if (!takeSlot()) return conclude(detail::tooManyCalls());
     try {
       task_ = begin();
+      task_.start();
     } catch (...) {
       return conclude(service_.currentExceptionStatus());
     }
-    task_.start();
+  }
+
+  // Whether the operation that has been awaited did what it should. One that failed may tell of the
+  // end of the call before the notice does.
+  bool succeeded(Awaited what) {
+    if (!operationOk_ &&
+        (what == Awaited::write ||
+         (what == Awaited::read && grpc_call_failed_before_recv_message(context_.c_call()) != 0))) {
+      over_ = true;
+    }
+    return !over_ && operationOk_;
   }
 
   // The call is over on the wire. What waits for gRPC comes back by itself; a waiting alarm is
@@ -525,9 +573,10 @@ template <class Request>
 class Reader : public Call {
  public:
   // Reads the next item: co_await answers false at the end of the client's stream and when the call
-  // is dead, and `item` then holds nothing of use.
+  // is dead, which cancelled() tells apart, and `item` then holds nothing of use. To gRPC, bytes
+  // that are no Request end the client's stream as well.
   auto read(Request& item) {
-    return operation([this, &item](OpaqueId tag) { startRead(item, tag); });
+    return operation(Call::Awaited::read, [this, &item](OpaqueId tag) { startRead(item, tag); });
   }
 
  protected:
@@ -540,9 +589,12 @@ template <class Reply>
 class Writer : public Call {
  public:
   // Writes an item, and waits until gRPC has taken it: co_await answers false when the call is
-  // dead.
+  // dead. Options that ask gRPC to hold the item back for the next one, or for the end of the
+  // stream, are passed over.
   auto write(const Reply& item, grpc::WriteOptions options = {}) {
-    return operation([this, &item, options](OpaqueId tag) { grpc_.Write(item, options, tag); });
+    return operation(Awaited::write, [this, &item, options](OpaqueId tag) {
+      grpc_.Write(item, detail::atOnce(options), tag);
+    });
   }
 
  protected:
@@ -556,12 +608,14 @@ class ReaderWriter : public Call {
  public:
   // As Reader::read.
   auto read(Request& item) {
-    return operation([this, &item](OpaqueId tag) { grpc_.Read(&item, tag); });
+    return operation(Awaited::read, [this, &item](OpaqueId tag) { grpc_.Read(&item, tag); });
   }
 
   // As Writer::write.
   auto write(const Reply& item, grpc::WriteOptions options = {}) {
-    return operation([this, &item, options](OpaqueId tag) { grpc_.Write(item, options, tag); });
+    return operation(Awaited::write, [this, &item, options](OpaqueId tag) {
+      grpc_.Write(item, detail::atOnce(options), tag);
+    });
   }
 
  protected:
@@ -721,7 +775,10 @@ class FunctionCall final : public RequestHandler {
   }
 
   // Answers at once; the state that is left at AWAITING_CALL says so.
-  void proceed(OpaqueId tag) override { answer(grpc_, reply_, served(), tag); }
+  void proceed(OpaqueId tag) override {
+    if (!method_.service.completionOk()) return method_.service.removeHandler(tag);  // no call came
+    answer(grpc_, reply_, served(), tag);
+  }
 
  private:
   grpc::Status served() {
@@ -743,18 +800,78 @@ class FunctionCall final : public RequestHandler {
   grpc::ServerAsyncResponseWriter<Reply> grpc_{&context_};
 };
 
+// How many methods the layers of a generated class make asynchronous: AsyncService is
+// WithAsyncMethod_A<WithAsyncMethod_B<... Service>>, in the order of the service's methods.
+template <class Layers>
+constexpr int kAsyncMethods = 0;
+template <template <class> class Layer, class Rest>
+constexpr int kAsyncMethods<Layer<Rest>> = 1 + kAsyncMethods<Rest>;
+
+// The generated asynchronous service, whose methods can be asked for by their numbers as well.
+template <class Generated>
+class Host : public Generated::AsyncService {
+ public:
+  static const google::protobuf::ServiceDescriptor& descriptor() {
+    return *google::protobuf::DescriptorPool::generated_pool()->FindServiceByName(
+        Generated::service_full_name());
+  }
+
+  // Asks for a call of a method, whatever its messages are.
+  void ask(int method, grpc::ServerContext* context, grpc::ByteBuffer* request,
+           grpc::ServerAsyncReaderWriter<grpc::ByteBuffer, grpc::ByteBuffer>* stream,
+           grpc::ServerCompletionQueue* queue, OpaqueId tag) {
+    if (descriptor().method(method)->client_streaming()) {
+      this->RequestAsyncClientStreaming(method, context, stream, queue, queue, tag);
+    } else {
+      this->RequestAsyncUnary(method, context, request, stream, queue, queue, tag);
+    }
+  }
+};
+
+// One call of a method that nothing serves. Without it, gRPC would keep such calls for as long as
+// their clients wait.
+template <class Host>
+class RefusedCall final : public RequestHandler {
+ public:
+  RefusedCall(GrpcService& service, Host& host, grpc::ServerCompletionQueue* queue, int method,
+              OpaqueId tag)
+      : service_(service), host_(host), queue_(queue), method_(method) {
+    opaqueId_ = tag;
+    host.ask(method, &context_, &request_, &grpc_, queue, tag);
+  }
+
+  RequestHandlerPtr spawn(OpaqueId tag) override {
+    return std::make_shared<RefusedCall>(service_, host_, queue_, method_, tag);
+  }
+
+  // Left at AWAITING_CALL: this is the call's last operation.
+  void proceed(OpaqueId tag) override {
+    if (!service_.completionOk()) return service_.removeHandler(tag);  // no call came
+    grpc_.Finish({grpc::StatusCode::UNIMPLEMENTED, ""}, tag);
+  }
+
+ private:
+  GrpcService& service_;
+  Host& host_;
+  grpc::ServerCompletionQueue* const queue_;
+  const int method_;
+  grpc::ServerContext context_;
+  grpc::ByteBuffer request_;
+  grpc::ServerAsyncReaderWriter<grpc::ByteBuffer, grpc::ByteBuffer> grpc_{&context_};
+};
+
 }  // namespace detail
 
 // ------------------------------------------------------------------------------------------------
 // Service: what an agent derives from
 
-// A service of the generated AsyncService type. The derived class calls method() in its
-// constructor, once per RPC; an RPC without one is answered UNIMPLEMENTED by gRPC. The function is
-// kept as long as the service.
-template <class AsyncService>
+// A service of the generated class of its name, Routing for `service Routing`. The derived class
+// calls method() in its constructor, once per RPC; an RPC without one is answered UNIMPLEMENTED.
+// The function is kept as long as the service.
+template <class Generated>
 class Service : public ServiceBase {
  public:
-  using Async = AsyncService;
+  using Async = typename Generated::AsyncService;
 
  protected:
   // `name` as for GrpcService.
@@ -762,13 +879,14 @@ class Service : public ServiceBase {
 
   // Unary. The handler is a function (const Request&, Reply&) or (grpc::ServerContext&, const
   // Request&, Reply&) that answers a grpc::Status, or a coroutine (Call&, const Request&, Reply&)
-  // -> Task<>.
+  // -> Task<>. A function must not ask its context whether the call IsCancelled(): gRPC knows that
+  // only of calls whose end is followed, which are those of coroutines.
   template <class Base, class Request, class Reply, class Handler>
   void method(void (Base::*ask)(grpc::ServerContext*, Request*,
                                 grpc::ServerAsyncResponseWriter<Reply>*, grpc::CompletionQueue*,
                                 grpc::ServerCompletionQueue*, void*),
               Handler handler, MethodOptions options = {}) {
-    using Method = detail::Method<AsyncService, decltype(ask), Handler>;
+    using Method = detail::Method<Async, decltype(ask), Handler>;
     if constexpr (std::invocable<Handler&, Call&, const Request&, Reply&>) {
       add<Method, detail::CoroutineCall<Method, detail::UnaryExchange<Request, Reply>>>(
           ask, std::move(handler), options);
@@ -802,17 +920,29 @@ class Service : public ServiceBase {
     addCoroutine<detail::ReadWriteExchange<Request, Reply>>(ask, std::move(handler), options);
   }
 
-  void registerWith(grpc::ServerBuilder& builder) override { builder.RegisterService(&async_); }
+  void registerWith(grpc::ServerBuilder& builder) override {
+    builder.RegisterService(&async_);
+    for (int method = 0; method < detail::kAsyncMethods<Async>; ++method) {
+      if (!served_.contains(method)) openers_.push_back([this, method] { refuse(method); });
+    }
+  }
 
  private:
-  template <class Exchange, class Ask, class Handler>
-  void addCoroutine(Ask ask, Handler handler, MethodOptions options) {
-    using Method = detail::Method<AsyncService, Ask, Handler>;
+  void refuse(int method) {
+    using Refused = detail::RefusedCall<detail::Host<Generated>>;
+    registerHandler(std::make_shared<Refused>(*this, async_, cq_, method, nextOpaqueId()));
+  }
+
+  template <class Exchange, class Base, class... Arguments, class Handler>
+  void addCoroutine(void (Base::*ask)(Arguments...), Handler handler, MethodOptions options) {
+    using Ask = decltype(ask);
+    using Method = detail::Method<Async, Ask, Handler>;
     add<Method, detail::CoroutineCall<Method, Exchange>>(ask, std::move(handler), options);
   }
 
-  template <class Method, class CallType, class Ask, class Handler>
-  void add(Ask ask, Handler handler, MethodOptions options) {
+  template <class Method, class CallType, class Base, class... Arguments, class Handler>
+  void add(void (Base::*ask)(Arguments...), Handler handler, MethodOptions options) {
+    served_.insert(detail::kAsyncMethods<Async> - detail::kAsyncMethods<Base>);
     const auto method =
         std::make_shared<Method>(Method{*this, async_, nullptr, ask, std::move(handler), options});
     openers_.push_back([this, method] {
@@ -823,7 +953,8 @@ class Service : public ServiceBase {
     });
   }
 
-  AsyncService async_;
+  detail::Host<Generated> async_;
+  std::set<int> served_;  // by their numbers in the service
 };
 
 }  // namespace VornSdkRpc::rpc

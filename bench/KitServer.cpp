@@ -11,7 +11,7 @@ namespace {
 
 namespace rpc = VornSdkRpc::rpc;
 
-class KitService : public rpc::Service<Bench::AsyncService> {
+class KitService : public rpc::Service<Bench> {
  public:
   KitService(Counts& counts, std::size_t ahead, bool coroutine)
       : Service("Bench"), counts_(counts) {

@@ -30,7 +30,7 @@ class Alive {
 };
 
 // The Probe service on the kit. What a call does is in the text of its request.
-class KitService : public rpc::Service<Probe::AsyncService> {
+class KitService : public rpc::Service<Probe> {
  public:
   explicit KitService(rpc::MethodOptions options = {}) : Service("Kit") {
     method(
@@ -168,7 +168,7 @@ class KitService : public rpc::Service<Probe::AsyncService> {
 };
 
 // An Echo of a plain function.
-class FunctionService : public rpc::Service<Probe::AsyncService> {
+class FunctionService : public rpc::Service<Probe> {
  public:
   FunctionService() : Service("Function") {
     method(&Async::RequestEcho, [](grpc::ServerContext& context, const Text& text, Text& reply) {
@@ -257,11 +257,20 @@ TEST(Rpc, AFunctionAnswersAtOnce) {
   EXPECT_EQ(reply.text(), "ipv4:hello");
   EXPECT_EQ(echo(*stub, "fail").error_code(), grpc::StatusCode::NOT_FOUND);
   EXPECT_EQ(echo(*stub, "throw").error_message(), "thrown");
-  waitUntilIdle(running, 1);
+  // The other methods have no function.
+  Count count;
+  grpc::ClientContext collecting, ticking, chatting;
+  const auto writer = stub->Collect(&collecting, &count);
+  while (writer->Write(reply)) {
+  }
+  EXPECT_EQ(writer->Finish().error_code(), grpc::StatusCode::UNIMPLEMENTED);
+  EXPECT_EQ(stub->Tick(&ticking, count)->Finish().error_code(), grpc::StatusCode::UNIMPLEMENTED);
+  EXPECT_EQ(stub->Chat(&chatting)->Finish().error_code(), grpc::StatusCode::UNIMPLEMENTED);
+  waitUntilIdle(running, 4);
 }
 
 TEST(Rpc, LivesBesideAServiceWrittenByHand) {
-  struct MirrorService : rpc::Service<Mirror::AsyncService> {
+  struct MirrorService : rpc::Service<Mirror> {
     MirrorService() : Service("Mirror") {
       method(&Async::RequestReflect,
              [](rpc::Call& call, const Text& text, Text& reply) -> rpc::Task<> {

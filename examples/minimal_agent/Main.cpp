@@ -6,7 +6,7 @@
 using namespace minimal_agent;
 namespace rpc = VornSdkRpc::rpc;
 
-class EchoService : public rpc::Service<Minimal::AsyncService> {
+class EchoService : public rpc::Service<Minimal> {
  public:
   EchoService() : Service("Echo") {
     method(&Async::RequestEcho, [](const text_msg& request, text_msg& reply) {

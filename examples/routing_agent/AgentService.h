@@ -42,11 +42,11 @@ inline grpc::Status tooMuchWaits() {
 }
 
 // What the agent's services have in common.
-template <class AsyncService>
-class AgentService : public rpc::Service<AsyncService> {
+template <class Generated>
+class AgentService : public rpc::Service<Generated> {
  protected:
   AgentService(std::string name, Backlog& backlog, const std::vector<std::string>& listen)
-      : rpc::Service<AsyncService>(std::move(name)), backlog_(backlog), listen_(listen) {}
+      : rpc::Service<Generated>(std::move(name)), backlog_(backlog), listen_(listen) {}
 
   // One line for each message that arrives, at level 8.
   template <class Message>

@@ -102,6 +102,7 @@ rpc::Task<> RoutingService::setAll(rpc::Reader<ip_route_msg>& routes, set_routes
     }
     reply.set_accepted(reply.accepted() + 1);
   }
+  if (routes.cancelled()) co_return grpc::Status::CANCELLED;
   co_return grpc::Status::OK;
 }
 

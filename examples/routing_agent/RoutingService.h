@@ -10,7 +10,7 @@
 namespace routing_agent {
 
 // IP and MPLS routes, next-hop groups and redirects.
-class RoutingService : public AgentService<Routing::AsyncService> {
+class RoutingService : public AgentService<Routing> {
  public:
   // `kernel` is told of IP routes and groups as they are programmed; null: nobody is.
   RoutingService(Tables& tables, Backlog& backlog, const std::vector<std::string>& listen,

@@ -9,7 +9,7 @@
 namespace routing_agent {
 
 // SBFD echo sessions and their watchers.
-class SbfdService : public AgentService<Sbfd::AsyncService> {
+class SbfdService : public AgentService<Sbfd> {
  public:
   SbfdService(SbfdMonitor& monitor, Backlog& backlog, const std::vector<std::string>& listen);
 

@@ -5,7 +5,7 @@
 namespace routing_agent {
 
 // The agent's key/value state.
-class StateService : public AgentService<State::AsyncService> {
+class StateService : public AgentService<State> {
  public:
   StateService(Tables& tables, Backlog& backlog, const std::vector<std::string>& listen);
 

@@ -60,7 +60,7 @@ class RouteTable {
 };
 
 // [kit]
-class RouteService : public rpc::Service<Routes::AsyncService> {
+class RouteService : public rpc::Service<Routes> {
  public:
   explicit RouteService(RouteTable& table) : Service("Routes"), table_(table) {
     method(&Async::RequestSet,
