@@ -118,24 +118,25 @@ TEST(ConversionsDeathTest, ANullAddressIsTheCallersError) {
 TEST(Conversions, AKeyIsAppendedToTheLabelsAndReplacesTheRest) {
   pb::sbfd_echo_session_key_msg message;
   convertKey({ipAddressToIpAddr(address(v4)), "Ethernet2"s, {1}, 2, 3}, &message);
-  EXPECT_EQ(convertMsg(message),
-            vorn::sbfd_echo_session_key_t(ipAddressToIpAddr(address(v4)), "Ethernet2"s, {1}, 2, 3));
   convertKey(key(v6), &message);
   EXPECT_EQ(message.outgoing_interface(), "Ethernet1");
   EXPECT_EQ(message.nexthop().addr(), v6);
   EXPECT_THAT(message.labels(), ElementsAre(1, 100, 200, 300));
   EXPECT_EQ(message.dscp(), 0xfeU);
   EXPECT_EQ(message.mpls_exp(), 7U);
+  EXPECT_EQ(convertMsg(message),
+            vorn::sbfd_echo_session_key_t(ipAddressToIpAddr(address(v6)), "Ethernet1"s,
+                                          {1, 100, 200, 300}, 0xfe, 7));
 }
 
 TEST(Conversions, AMessageFromAnywhereIsAKey) {
   pb::sbfd_echo_session_key_msg message;
   EXPECT_EQ(convertMsg(message), vorn::sbfd_echo_session_key_t({}, ""s, {}, 0, 0));
   message.mutable_nexthop()->set_addr("too long for IPv4");
-  message.set_dscp(0x1ff);
+  message.set_dscp(0x12e);
   message.set_mpls_exp(0x107);
   message.add_labels(0xffffffff);
-  EXPECT_EQ(convertMsg(message), vorn::sbfd_echo_session_key_t({}, ""s, {0xffffffff}, 0xff, 7));
+  EXPECT_EQ(convertMsg(message), vorn::sbfd_echo_session_key_t({}, ""s, {0xffffffff}, 0x2e, 7));
 }
 
 // Few bit patterns, so that runs of zeros of every length and place come up.
