@@ -7,7 +7,6 @@
 #include <array>
 #include <future>
 #include <latch>
-#include <stdexcept>
 
 #include "Capture.h"
 #include "ProbeService.h"
@@ -201,18 +200,6 @@ TEST(Accounting, ABlockedLogHoldsUpNoCallAndLosesNothingAtTheEnd) {
   EXPECT_THAT(batchesOf(trace), ElementsAre("(size 1)", "(size 16)"));
   EXPECT_EQ(trace.count("RPCAccounting/9: LoggingInterceptor::Intercept: Enqueueing message"), 17U);
   Kiv::traceSettingIs("");
-}
-
-TEST(Accounting, ASinkThatThrowsIsToldOnceAndTheNextRecordIsWritten) {
-  const test::Capture trace(Kiv::traceLogger());
-  const test::Capture log(Kiv::platformLogger(), [] { throw std::runtime_error("disk full"); });
-  EchoServer server;
-  const auto stub = server.stub();
-  for (int i = 0; i < 3; ++i)
-    EXPECT_EQ(callEcho(*stub, "0"), 0);
-  server.stop();
-  EXPECT_EQ(log.lines().size(), 3U);
-  EXPECT_EQ(trace.count("disk full"), 1U);
 }
 
 TEST(Accounting, AFactoryWithoutCallsWritesNothing) {

@@ -128,18 +128,6 @@ TEST(Dispatch, TracesEveryStepOfACall) {
   Kiv::traceSettingIs("");
 }
 
-TEST(Dispatch, HandsTheOkFlagToHandlersWhileTheServerRuns) {
-  ScriptedServer scripted;
-  scripted.server.setup();
-  const auto handler = scripted.handler();
-  handler->state_ = handler->next = RequestHandler::IN_PROGRESS;
-  for (const bool ok : {false, true, false}) {
-    scripted.server.handleTag(handler->opaqueId_, ok);
-    EXPECT_EQ(scripted.service->completionOk(), ok);
-  }
-  EXPECT_EQ(handler->proceeded.size(), 3U);
-}
-
 TEST(Dispatch, AfterAStopForgetsFailedTagsAndIgnoresTheOthers) {
   ScriptedServer scripted;
   scripted.server.setup();
@@ -174,14 +162,16 @@ TEST(Dispatch, SurvivesAnUnknownServiceAndAHandlersOutOfRange) {
   EXPECT_THAT(trace.lines(), testing::IsEmpty());
 }
 
-TEST(Dispatch, AnExtraTagReachesTheSameHandler) {
+TEST(Dispatch, AnExtraTagReachesTheSameHandlerWithItsOkFlag) {
   ScriptedServer scripted;
   scripted.server.setup();
   const auto handler = scripted.handler();
   handler->state_ = handler->next = RequestHandler::IN_PROGRESS;
   const OpaqueId extra = scripted.service->assignExtraTag(handler);
-  scripted.server.handleTag(extra, true);
+  scripted.server.handleTag(extra, false);
+  EXPECT_FALSE(scripted.service->completionOk());
   scripted.server.handleTag(handler->opaqueId_, true);
+  EXPECT_TRUE(scripted.service->completionOk());
   EXPECT_THAT(handler->proceeded, testing::ElementsAre(extra, handler->opaqueId_));
   handler->state_ = RequestHandler::FINISHED;
   scripted.server.handleTag(extra, true);
