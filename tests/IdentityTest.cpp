@@ -180,18 +180,16 @@ TEST(Identity, LocalCallersAreWhoTheirConnectionsFirstCallClaims) {
   const Certificates certificates;
   auto options = certificates.options();
   options.loopback = true;
-  struct {
-    std::string address;
-    grpc_local_connect_type type;
-  } const cases[] = {{"127.0.0.1:0", LOCAL_TCP}, {"unix:" + certificates.path("socket"), UDS}};
-  for (auto const& c : cases) {
+  const std::pair<std::string, grpc_local_connect_type> cases[] = {
+      {"127.0.0.1:0", LOCAL_TCP}, {"unix:" + certificates.path("socket"), UDS}};
+  for (auto const& [address, type] : cases) {
     const test::Capture log(Kiv::platformLogger());
-    EchoServer server(serverCredentials(c.address, options), c.address);
-    const auto alice = server.stub(grpc::experimental::LocalCredentials(c.type));
+    EchoServer server(serverCredentials(address, options), address);
+    const auto alice = server.stub(grpc::experimental::LocalCredentials(type));
     EXPECT_EQ(callAs(*alice, {"alice"}), grpc::OK);
     EXPECT_EQ(callAs(*alice, {"bob"}), grpc::UNAUTHENTICATED);
     EXPECT_EQ(callAs(*alice), grpc::OK);
-    const auto somebody = server.stub(grpc::experimental::LocalCredentials(c.type));
+    const auto somebody = server.stub(grpc::experimental::LocalCredentials(type));
     EXPECT_EQ(callAs(*somebody), grpc::OK);
     EXPECT_EQ(callAs(*somebody, {"alice"}), grpc::UNAUTHENTICATED);
     EXPECT_EQ(callAs(*somebody), grpc::OK);
