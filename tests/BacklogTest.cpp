@@ -99,7 +99,7 @@ TEST_F(BacklogTest, CallsTheImplementationOncePerRunAndNotDuringConstruction) {
   EXPECT_EQ(backlog.task()->taskPriority(), TaskPriority(3));
 }
 
-TEST_F(BacklogTest, ReplacesTheTaskForAnotherNameOrScheduler) {
+TEST_F(BacklogTest, ReplacesTheTaskForAnotherNameOrSchedulerOnly) {
   Backlog backlog(scheduler_);
   const Velm::Ptr<TaskScheduler> other(new TaskScheduler("other"));
   int calls = 0;

@@ -247,7 +247,7 @@ TEST_F(KernelRoutesTest, LeavesOtherOwnersRoutesAlone) {
   EXPECT_EQ(all(), theirs);
 }
 
-// Neither where the end is not clean.
+// Once a clean end is over, or the next one has begun after an end that is not clean.
 TEST_F(KernelRoutesTest, LeavesNothingBehind) {
   ASSERT_EQ(ip("route add 10.6.0.0/16 via 10.0.0.9 proto static"), "");
   const std::string theirs = all();
