@@ -79,15 +79,21 @@ grpc::StatusCode abandonChat(test::Probe::Stub& stub, bool late) {
   return stream->Finish().error_code();
 }
 
-// A call of a method that nobody implements.
+// A call of a method that nobody implements. (With gRPC's callbacks instead of a queue, the thread
+// sanitizer takes what gRPC hands to a thread of its own for a race.)
 grpc::StatusCode callUnknownMethod(std::shared_ptr<grpc::Channel> const& channel) {
   grpc::TemplatedGenericStub<test::Text, test::Text> stub(channel);
   grpc::ClientContext context;
-  test::Text request, reply;
-  std::promise<grpc::StatusCode> code;
-  stub.UnaryCall(&context, "/no.such.Service/Method", {}, &request, &reply,
-                 [&](grpc::Status const& status) { code.set_value(status.error_code()); });
-  return code.get_future().get();
+  grpc::CompletionQueue queue;
+  test::Text reply;
+  grpc::Status status;
+  const auto call = stub.PrepareUnaryCall(&context, "/no.such.Service/Method", {}, &queue);
+  call->StartCall();
+  call->Finish(&reply, &status, nullptr);
+  void* tag = nullptr;
+  bool ok = false;
+  queue.Next(&tag, &ok);
+  return status.error_code();
 }
 
 TEST(Accounting, EveryKindOfCallIsOneRecordHoweverItEnds) {
