@@ -4,11 +4,9 @@
 #include <grpcpp/generic/generic_stub.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <future>
 #include <latch>
-#include <map>
-#include <numeric>
-#include <stdexcept>
 
 #include "Capture.h"
 #include "ProbeService.h"
@@ -47,25 +45,19 @@ std::vector<std::string> linesOf(test::Capture const& log) {
 }
 
 void makeStreamingCalls(test::Probe::Stub& stub) {
+  grpc::ClientContext collecting, ticking, chatting;
   test::Text text;
   test::Count count;
-  {
-    grpc::ClientContext context;
-    const auto writer = stub.Collect(&context, &count);
-    for (int i = 0; i < 3; ++i)
-      writer->Write(text);
-    writer->WritesDone();
-    EXPECT_TRUE(writer->Finish().ok());
+  const auto writer = stub.Collect(&collecting, &count);
+  for (int i = 0; i < 3; ++i)
+    writer->Write(text);
+  writer->WritesDone();
+  EXPECT_TRUE(writer->Finish().ok());
+  const auto reader = stub.Tick(&ticking, count);
+  while (reader->Read(&text)) {
   }
-  {
-    grpc::ClientContext context;
-    const auto reader = stub.Tick(&context, count);
-    while (reader->Read(&text)) {
-    }
-    EXPECT_TRUE(reader->Finish().ok());
-  }
-  grpc::ClientContext context;
-  const auto stream = stub.Chat(&context);
+  EXPECT_TRUE(reader->Finish().ok());
+  const auto stream = stub.Chat(&chatting);
   for (int i = 0; i < 3; ++i) {
     stream->Write(text);
     stream->Read(&text);
@@ -87,16 +79,15 @@ grpc::StatusCode abandonChat(test::Probe::Stub& stub, bool late) {
   return stream->Finish().error_code();
 }
 
-// A call of a method that nobody implements.
-grpc::StatusCode callUnknownMethod(std::string const& address) {
-  const auto channel = grpc::CreateChannel(address, grpc::InsecureChannelCredentials());
+// A call of a method that nobody implements. (With gRPC's callbacks instead of a queue, the thread
+// sanitizer takes what gRPC hands to a thread of its own for a race.)
+grpc::StatusCode callUnknownMethod(std::shared_ptr<grpc::Channel> const& channel) {
   grpc::TemplatedGenericStub<test::Text, test::Text> stub(channel);
   grpc::ClientContext context;
   grpc::CompletionQueue queue;
   test::Text reply;
   grpc::Status status;
-  const auto call =
-      stub.PrepareUnaryCall(&context, "/no.such.Service/Method", test::Text(), &queue);
+  const auto call = stub.PrepareUnaryCall(&context, "/no.such.Service/Method", {}, &queue);
   call->StartCall();
   call->Finish(&reply, &status, nullptr);
   void* tag = nullptr;
@@ -122,19 +113,17 @@ TEST(Accounting, EveryKindOfCallIsOneRecordHoweverItEnds) {
   const int late = service->made - before - 1;
   while (service->alive > 4)  // the handlers that wait for a call
     std::this_thread::yield();
-  EXPECT_EQ(callUnknownMethod(server->address()), grpc::UNIMPLEMENTED);
+  EXPECT_EQ(callUnknownMethod(server->connection()), grpc::UNIMPLEMENTED);
   server.reset();
-  const auto line = [](std::string const& rpc, int status) {
-    return lineOf("unknown", "unknown", rpc, status);
-  };
-  std::vector<std::string> expected = {line(kEcho, 0),
-                                       line(kEcho, 5),
-                                       line("/test.Probe/Collect", 0),
-                                       line("/test.Probe/Tick", 0),
-                                       line("/test.Probe/Chat", 0),
-                                       line("/test.Probe/Chat", 0),
-                                       line("/no.such.Service/Method", 12)};
-  expected.insert(expected.end(), static_cast<std::size_t>(late), line("/test.Probe/Chat", 0));
+  std::vector<std::string> expected;
+  for (auto const& [rpc, status] : {std::pair(kEcho, 0),
+                                    {kEcho, 5},
+                                    {"/test.Probe/Collect", 0},
+                                    {"/test.Probe/Tick", 0},
+                                    {"/no.such.Service/Method", 12}})
+    expected.push_back(lineOf("unknown", "unknown", rpc, status));
+  for (int chats = 2 + late; chats > 0; --chats)
+    expected.push_back(lineOf("unknown", "unknown", "/test.Probe/Chat", 0));
   EXPECT_THAT(linesOf(log), UnorderedElementsAreArray(expected));
 }
 
@@ -184,13 +173,10 @@ TEST(Accounting, TheCallerIsTheFirstValueOfEachProperty) {
 
 // The sizes of the batches that the consumer has traced, without those of spurious wake-ups.
 std::vector<std::string> batchesOf(test::Capture const& trace) {
-  const std::string text = "Draining backlog (size ";
   std::vector<std::string> sizes;
   for (auto const& line : trace.lines()) {
-    const auto at = line.find(text);
-    if (at == std::string::npos) continue;
-    const auto size = line.substr(at + text.size());
-    if (size != "0)") sizes.push_back(size);
+    const auto at = line.find("(size ");
+    if (at != std::string::npos && line.substr(at) != "(size 0)") sizes.push_back(line.substr(at));
   }
   return sizes;
 }
@@ -217,21 +203,9 @@ TEST(Accounting, ABlockedLogHoldsUpNoCallAndLosesNothingAtTheEnd) {
   open.count_down();
   stopped.wait();
   EXPECT_THAT(linesOf(log), ElementsAreArray(expected));
-  EXPECT_THAT(batchesOf(trace), ElementsAre("1)", "16)"));
+  EXPECT_THAT(batchesOf(trace), ElementsAre("(size 1)", "(size 16)"));
   EXPECT_EQ(trace.count("RPCAccounting/9: LoggingInterceptor::Intercept: Enqueueing message"), 17U);
   Kiv::traceSettingIs("");
-}
-
-TEST(Accounting, ASinkThatThrowsIsToldOnceAndTheNextRecordIsWritten) {
-  const test::Capture trace(Kiv::traceLogger());
-  const test::Capture log(Kiv::platformLogger(), [] { throw std::runtime_error("disk full"); });
-  EchoServer server;
-  const auto stub = server.stub();
-  for (int i = 0; i < 3; ++i)
-    EXPECT_EQ(callEcho(*stub, "0"), 0);
-  server.stop();
-  EXPECT_EQ(log.lines().size(), 3U);
-  EXPECT_EQ(trace.count("disk full"), 1U);
 }
 
 TEST(Accounting, AFactoryWithoutCallsWritesNothing) {
@@ -254,42 +228,34 @@ TEST(SynchronizedQueue, AClosedQueueHandsOutWhatItHoldsAndThenEnds) {
   queue.close();
   EXPECT_TRUE(queue.swap(taken));
   EXPECT_THAT(taken, ElementsAre(1, 2));
+  EXPECT_DEATH(queue.swap(taken), "q.empty\\(\\)");
   taken.clear();
   EXPECT_FALSE(queue.swap(taken));
   EXPECT_THAT(taken, IsEmpty());
-  EXPECT_DEATH(
-      {
-        taken.push_back(3);
-        queue.swap(taken);
-      },
-      "q.empty\\(\\)");
 }
 
 TEST(SynchronizedQueue, KeepsEveryItemOfEveryProducerInOrder) {
-  constexpr int kProducers = 4, kItems = 5000;
-  SynchronizedQueue<std::pair<int, int>> queue;
-  std::map<int, std::vector<int>> received;
+  constexpr int kItems = 5000;
+  SynchronizedQueue<std::pair<std::size_t, int>> queue;
+  std::array<int, 4> received = {};
   std::jthread consumer([&] {
-    for (std::deque<std::pair<int, int>> batch; queue.swap(batch); batch.clear()) {
+    for (std::deque<std::pair<std::size_t, int>> batch; queue.swap(batch); batch.clear()) {
       for (auto const& [producer, item] : batch)
-        received[producer].push_back(item);
+        EXPECT_EQ(item, received[producer]++);
     }
   });
-  std::vector<std::jthread> producers;
-  for (int producer = 0; producer < kProducers; ++producer) {
-    producers.emplace_back([&queue, producer] {
-      for (int item = 0; item < kItems; ++item)
-        queue.push({producer, item});
-    });
+  {
+    std::vector<std::jthread> producers;
+    for (std::size_t producer = 0; producer < received.size(); ++producer) {
+      producers.emplace_back([&queue, producer] {
+        for (int item = 0; item < kItems; ++item)
+          queue.push({producer, item});
+      });
+    }
   }
-  producers.clear();
   queue.close();
   consumer.join();
-  std::vector<int> all(kItems);
-  std::iota(all.begin(), all.end(), 0);
-  EXPECT_EQ(received.size(), std::size_t{kProducers});
-  for (auto const& [producer, items] : received)
-    EXPECT_EQ(items, all);
+  EXPECT_THAT(received, testing::Each(kItems));
 }
 
 }  // namespace

@@ -3,12 +3,13 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <regex>
 #include <set>
-#include <sstream>
 #include <tuple>
 
 #include "Accounted.h"
@@ -90,21 +91,14 @@ int callAs(test::Probe::Stub& stub, std::vector<std::string> const& usernames = 
   return test::callEcho(stub, std::to_string(status), metadata);
 }
 
-struct Record {
-  std::string user, session, peer, status;
-};
-
-// The records of the log, taken apart.
-std::vector<Record> recordsOf(test::Capture const& log) {
-  const auto between = [](std::string const& line, std::string const& from, std::string const& to) {
-    const auto begin = line.find(from) + from.size();
-    return line.substr(begin, line.find(to, begin) - begin);
-  };
-  std::vector<Record> records;
+// The records of the log, taken apart into user, session, peer and status.
+std::vector<std::array<std::string, 4>> recordsOf(test::Capture const& log) {
+  static const std::regex parts("VORN.*?user: (.*), session: (.*), peer: (.*), rpc: .*: (.*)");
+  std::vector<std::array<std::string, 4>> records;
   for (auto const& line : log.lines()) {
-    records.push_back({between(line, "user: ", ", session: "),
-                       between(line, "session: ", ", peer: "), between(line, "peer: ", ", rpc: "),
-                       between(line, "status: ", "\n")});
+    std::smatch part;
+    EXPECT_TRUE(std::regex_match(line, part, parts)) << line;
+    records.push_back({part.str(1), part.str(2), part.str(3), part.str(4)});
   }
   return records;
 }
@@ -112,7 +106,7 @@ std::vector<Record> recordsOf(test::Capture const& log) {
 std::vector<std::string> usersOf(test::Capture const& log) {
   std::vector<std::string> users;
   for (auto const& record : recordsOf(log))
-    users.push_back(record.user);
+    users.push_back(record[0]);
   return users;
 }
 
@@ -138,12 +132,13 @@ TEST(Identity, EveryRecordOfAUserIsHisAndOfHisConnection) {
   const auto records = recordsOf(log);
   EXPECT_EQ(records.size(), 3U * kCalls);
   std::set<std::string> sessions, peers;
-  std::set<std::tuple<std::string, std::string, std::string>> connections;
+  std::set<std::array<std::string, 4>> connections;
   for (auto const& record : records) {
-    EXPECT_EQ(record.user, record.status == "2" ? "bob" : "alice");
-    sessions.insert(record.session);
-    peers.insert(record.peer);
-    connections.insert({record.session, record.peer, record.status});
+    auto const& [user, session, peer, status] = record;
+    EXPECT_EQ(user, status == "2" ? "bob" : "alice");
+    sessions.insert(session);
+    peers.insert(peer);
+    connections.insert(record);
   }
   EXPECT_EQ(sessions.size(), 3U);
   EXPECT_EQ(peers.size(), 3U);
@@ -160,11 +155,7 @@ TEST(Identity, ACertificateDecidesWhoCallsAndAClaimMustAgree) {
   certificates.issue("forger", "/CN=eve\nVORNSDKRPC_ACCOUNTING_RPC: user: root");
   certificates.make("stranger", "/CN=alice", "");
   EchoServer server(serverCredentials("127.0.0.1:0", certificates.options()));
-  struct {
-    std::string certificate;
-    std::vector<std::string> usernames;
-    int code;
-  } const cases[] = {
+  const std::tuple<std::string, std::vector<std::string>, int> cases[] = {
       {"alice", {}, grpc::OK},
       {"alice", {"alice"}, grpc::OK},
       {"alice", {"bob"}, grpc::UNAUTHENTICATED},
@@ -176,9 +167,9 @@ TEST(Identity, ACertificateDecidesWhoCallsAndAClaimMustAgree) {
       {"stranger", {}, grpc::UNAVAILABLE},
       {"", {"alice"}, grpc::UNAVAILABLE},
   };
-  for (auto const& c : cases) {
-    const auto stub = server.stub(certificates.client(c.certificate));
-    EXPECT_EQ(callAs(*stub, c.usernames), c.code) << c.certificate;
+  for (auto const& [certificate, usernames, code] : cases) {
+    EXPECT_EQ(callAs(*server.stub(certificates.client(certificate)), usernames), code)
+        << certificate;
   }
   server.stop();
   EXPECT_THAT(usersOf(log), ElementsAre("alice", "alice", "carol@example.com",
@@ -189,18 +180,16 @@ TEST(Identity, LocalCallersAreWhoTheirConnectionsFirstCallClaims) {
   const Certificates certificates;
   auto options = certificates.options();
   options.loopback = true;
-  struct {
-    std::string address;
-    grpc_local_connect_type type;
-  } const cases[] = {{"127.0.0.1:0", LOCAL_TCP}, {"unix:" + certificates.path("socket"), UDS}};
-  for (auto const& c : cases) {
+  const std::pair<std::string, grpc_local_connect_type> cases[] = {
+      {"127.0.0.1:0", LOCAL_TCP}, {"unix:" + certificates.path("socket"), UDS}};
+  for (auto const& [address, type] : cases) {
     const test::Capture log(Kiv::platformLogger());
-    EchoServer server(serverCredentials(c.address, options), c.address);
-    const auto alice = server.stub(grpc::experimental::LocalCredentials(c.type));
+    EchoServer server(serverCredentials(address, options), address);
+    const auto alice = server.stub(grpc::experimental::LocalCredentials(type));
     EXPECT_EQ(callAs(*alice, {"alice"}), grpc::OK);
     EXPECT_EQ(callAs(*alice, {"bob"}), grpc::UNAUTHENTICATED);
     EXPECT_EQ(callAs(*alice), grpc::OK);
-    const auto somebody = server.stub(grpc::experimental::LocalCredentials(c.type));
+    const auto somebody = server.stub(grpc::experimental::LocalCredentials(type));
     EXPECT_EQ(callAs(*somebody), grpc::OK);
     EXPECT_EQ(callAs(*somebody, {"alice"}), grpc::UNAUTHENTICATED);
     EXPECT_EQ(callAs(*somebody), grpc::OK);
@@ -221,24 +210,26 @@ TEST(Identity, AConnectionWithoutCredentialsIsUnknown) {
 
 TEST(Identity, AFileThatCannotBeUsedIsNamedWithTheReason) {
   const Certificates certificates;
-  const auto refusal = [&](auto change) -> std::string {
+  const auto missing = certificates.path("missing.pem"), folder = certificates.path("");
+  const std::tuple<std::string IdentityOptions::*, std::string, std::string> cases[] = {
+      {&IdentityOptions::tlsCert, certificates.path("server.pem"), "accepted"},
+      {&IdentityOptions::tlsCert, missing,
+       "cannot read " + missing + ": No such file or directory"},
+      {&IdentityOptions::clientCa, folder, "cannot read " + folder + ": Is a directory"},
+      {&IdentityOptions::tlsKey, "/dev/null", "/dev/null holds no PEM"},
+      {&IdentityOptions::clientCa, "", "all three"},
+  };
+  for (auto const& [option, value, refusal] : cases) {
     auto options = certificates.options();
-    change(options);
+    options.*option = value;
+    std::string said = "accepted";
     try {
       serverCredentials("0.0.0.0:0", options);
     } catch (std::exception const& error) {
-      return error.what();
+      said = error.what();
     }
-    return "accepted";
-  };
-  EXPECT_EQ(refusal([](auto&) {}), "accepted");
-  const auto missing = certificates.path("missing.pem");
-  EXPECT_EQ(refusal([&](auto& o) { o.tlsCert = missing; }),
-            "cannot read " + missing + ": No such file or directory");
-  EXPECT_EQ(refusal([&](auto& o) { o.clientCa = certificates.path(""); }),
-            "cannot read " + certificates.path("") + ": Is a directory");
-  EXPECT_EQ(refusal([&](auto& o) { o.tlsKey = "/dev/null"; }), "/dev/null holds no PEM");
-  EXPECT_THAT(refusal([](auto& o) { o.clientCa = ""; }), HasSubstr("all three"));
+    EXPECT_THAT(said, HasSubstr(refusal));
+  }
 }
 
 }  // namespace

@@ -60,13 +60,9 @@ TEST(Log, FillsTheFormatAndKeepsEveryRecordOneLine) {
     Kiv::log(handle, c.first, c.second);
     EXPECT_THAT(log.lines(), ElementsAre("TEST_MESSAGE: "s + c.line));
   }
-}
-
-TEST(Log, WritesIntegersInDecimal) {
   const test::Capture log(Kiv::platformLogger());
   const auto descriptor = described("%s %s");
-  const Kiv::LogHandle handle(&descriptor, Velm::Duration(0), 1.0, 0, 0);
-  Kiv::log(handle, -7, 0);
+  Kiv::log(Kiv::LogHandle(&descriptor, Velm::Duration(0), 1.0, 0, 0), -7, 0);
   EXPECT_THAT(log.lines(), ElementsAre("TEST_MESSAGE: -7 0"));
 }
 

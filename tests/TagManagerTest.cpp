@@ -60,27 +60,25 @@ TEST(TagManager, AHandlerWithTwoTagsSurvivesTheRemovalOfOne) {
 // Threads that make, resolve and remove tags beside each other: none may see another's tag, and
 // nothing may be left over.
 TEST(TagManager, ServesManyThreadsAtOnce) {
-  constexpr std::size_t kThreads = 4;
-  constexpr int kRounds = 2000;
   std::atomic<int> alive = 0;
   std::atomic<int> wrong = 0;
   TagManager tags;
-  std::vector<std::thread> threads;
-  for (std::size_t id = 0; id < kThreads; ++id) {
-    threads.emplace_back([&, id] {
-      for (int round = 0; round < kRounds; ++round) {
-        const OpaqueId tag = tags.newTag(id);
-        const auto mine = std::make_shared<Handler>(alive);
-        tags.storeHandler(id, tag, mine);
-        std::size_t serviceId = kThreads;
-        RequestHandlerPtr found;
-        if (!tags.find(tag, serviceId, found) || serviceId != id || found != mine) ++wrong;
-        tags.removeHandler(id, tag);
-      }
-    });
+  {
+    std::vector<std::jthread> threads;
+    for (std::size_t id = 0; id < 4; ++id) {
+      threads.emplace_back([&, id] {
+        for (int round = 0; round < 2000; ++round) {
+          const OpaqueId tag = tags.newTag(id);
+          const auto mine = std::make_shared<Handler>(alive);
+          tags.storeHandler(id, tag, mine);
+          std::size_t serviceId = 4;
+          RequestHandlerPtr found;
+          if (!tags.find(tag, serviceId, found) || serviceId != id || found != mine) ++wrong;
+          tags.removeHandler(id, tag);
+        }
+      });
+    }
   }
-  for (auto& thread : threads)
-    thread.join();
   EXPECT_EQ(wrong, 0);
   EXPECT_EQ(alive, 0);
   EXPECT_EQ(tags.size(), 0U);

@@ -56,55 +56,47 @@ def frame(kind, flags, stream, payload=b""):
 class RawClient:
     """A connection that speaks just enough of HTTP/2."""
 
-    def __init__(self, port):
+    def __init__(self, port, sent=b""):
         self.socket = socket.create_connection(("127.0.0.1", port))
         self.file = self.socket.makefile("rb")
-
-    def send(self, data):
-        self.socket.sendall(data)
-
-    def greet(self):
-        self.send(PREFACE + frame(SETTINGS, 0, 0))
+        with contextlib.suppress(ConnectionError):  # the agent may hang up first, and should where it is nonsense
+            self.socket.sendall(sent)
 
     @staticmethod
     def call(user, method, stream, request=None):
         """The frames of a call; without a request, the client has still to send one."""
+        headers = {":method": "POST", ":scheme": "http", ":path": f"/routing_agent.{method}", ":authority": "agent"}
+        headers |= {"te": "trailers", "content-type": "application/grpc", "username": user}
         block = b""
-        for name, value in (
-            (":method", "POST"),
-            (":scheme", "http"),
-            (":path", f"/routing_agent.{method}"),
-            (":authority", "agent"),
-            ("te", "trailers"),
-            ("content-type", "application/grpc"),
-            ("username", user),
-        ):
+        for name, value in headers.items():
             block += b"\0" + bytes([len(name)]) + name.encode() + bytes([len(value)]) + value.encode()
         frames = frame(HEADERS, 4, stream, block)
         if request is not None:
             frames += frame(DATA, 1, stream, message(request))
         return frames
 
-    def watch(self, streams):
-        """Opens watches, and returns when something came on each of them."""
-        self.greet()
+    @staticmethod
+    def watching(port, streams):
+        """A client that has opened watches, once something came on each of them."""
         waiting = set(range(1, 2 * streams, 2))
-        for stream in waiting:
-            self.send(self.call("watcher", WATCH, stream, b"\x08\x01"))  # with round-trip times
+        request = b"\x08\x01"  # with round-trip times
+        client = RawClient(port, GREETING + b"".join(RawClient.call("watcher", WATCH, s, request) for s in waiting))
         while waiting:
-            head = self.file.read(9)
-            self.file.read(int.from_bytes(head[:3], "big"))
+            head = client.file.read(9)
+            client.file.read(int.from_bytes(head[:3], "big"))
             if head[3] == DATA:
                 waiting.discard(int.from_bytes(head[5:9], "big"))
+        return client
 
     def close(self):
         self.file.close()
         self.socket.close()
 
 
+GREETING = PREFACE + frame(SETTINGS, 0, 0)
+
 if sys.argv[2] == "victim":  # soak.py STUBS victim PORT STREAMS: a client that is there to be killed
-    victim = RawClient(int(sys.argv[3]))
-    victim.watch(int(sys.argv[4]))
+    victim = RawClient.watching(int(sys.argv[3]), int(sys.argv[4]))
     print("watching", flush=True)
     while victim.file.read(1):
         pass
@@ -120,37 +112,28 @@ from examples.routing_agent import RoutingAgent_pb2_grpc as agent_grpc  # noqa: 
 Code = grpc.StatusCode
 
 
-# ----------------------------------------------------------------------------------------------------------------
-# What is counted
-
-
-class Tally:
-    """The calls of one user, and the answers to them by their status."""
-
-    def __init__(self):
-        self.lock = threading.Lock()
-        self.calls = 0
-        self.answers = collections.Counter()
-
-    def called(self, count=1):
-        with self.lock:
-            self.calls += count
-
-    def answered(self, status, count=1):
-        with self.lock:
-            self.answers[status] += count
-
-
 class Load:
     """Every client at once, until stop() is called."""
+
+    USERS = ("steady", "volume", "watcher", "faulty")
 
     def __init__(self, port, scratch):
         self.port = port
         self.scratch = scratch
-        self.tallies = {user: Tally() for user in ("steady", "volume", "watcher", "faulty")}
+        self.lock = threading.Lock()
+        self.calls = collections.Counter()  # by user
+        self.answers = {user: collections.Counter() for user in self.USERS}  # and status
         self.problems = []
         self.stopping = threading.Event()
         self.threads = []
+
+    def called(self, user, count=1):
+        with self.lock:
+            self.calls[user] += count
+
+    def answered(self, user, code=Code.OK, count=1):
+        with self.lock:
+            self.answers[user][code.value[0]] += count
 
     def start(self):
         self.stopping.clear()
@@ -182,92 +165,75 @@ class Load:
 
     # The steady ones -------------------------------------------------------------------------------------------
 
-    def steady(self, call, expected=(Code.OK,)):
-        """Makes a call, and counts it and its answer."""
-        tally = self.tallies["steady"]
-        tally.called()
-        code = Code.OK
+    def steady(self, method, request, *expected):
+        """Makes a call, and counts it and its answer, which is OK where nothing else is expected."""
+        self.called("steady")
+        code, details = Code.OK, ""
         try:
-            call(timeout=60, metadata=[("username", "steady")])
+            method(request, timeout=60, metadata=[("username", "steady")])
         except grpc.RpcError as error:
-            code = error.code()
-            if code not in expected:
-                self.problems.append(f"steady: {code} {error.details()}")
+            code, details = error.code(), error.details()
+        if code not in (expected or [Code.OK]):
+            self.problems.append(f"steady: {code} {details}")
         if code not in (Code.DEADLINE_EXCEEDED, Code.UNAVAILABLE):  # which gRPC's client makes up
-            tally.answered(code.value[0])
+            self.answered("steady", code)
 
     def unary(self):
         with self.channel() as channel:
-            routing, sbfd, state = (
-                stub(channel) for stub in (agent_grpc.RoutingStub, agent_grpc.SbfdStub, agent_grpc.StateStub)
-            )
             for _ in range(20):
-                if self.stopping.is_set():
-                    return
-                number = random.randrange(1000)
-                self.some_calls(channel, routing, sbfd, state, number)
+                if not self.stopping.is_set():
+                    self.some_calls(channel, random.randrange(1000))
 
-    def some_calls(self, channel, routing, sbfd, state, number):
-        route = sdk.ip_route_msg(nexthop_group="core", tag=number)
-        route.prefix.addr = bytes([10, number // 256, number % 256, 0])
-        route.prefix.mask_length = 24
-        group = sdk.nexthop_group_msg(name=f"group{number % 50}", request_delete=number % 7 == 0)
-        group.nexthop.add(nexthop_interface="eth0")
+    def some_calls(self, channel, number):
+        routing, state = agent_grpc.RoutingStub(channel), agent_grpc.StateStub(channel)
+        prefix = {"addr": bytes([10, number // 256, number % 256, 0]), "mask_length": 24}
+        route = sdk.ip_route_msg(prefix=prefix, nexthop_group="core", tag=number)
+        bad = sdk.ip_route_msg(prefix={**prefix, "mask_length": 99}, nexthop_group="core")
+        hop = {"nexthop_interface": "eth0"}
+        group = sdk.nexthop_group_msg(name=f"group{number % 50}", request_delete=number % 7 == 0, nexthop=[hop])
         mpls = sdk.mpls_route_msg(label=16 + number, pop_and_forward_vrf_name="red")
-        session = sdk.sbfd_echo_session_msg(rtt_enabled=True, request_delete=number % 5 == 0)
-        session.session_key.outgoing_interface = f"eth{number % 20}"
-        session.session_key.nexthop.addr = bytes([192, 0, 2, 1])
-        config = sdk.rpc_server_state_config_msg()
-        config.set.add(key=f"key{number % 100}", value="x" * number)
+        key = {"outgoing_interface": f"eth{number % 20}", "nexthop": {"addr": bytes([192, 0, 2, 1])}}
+        session = sdk.sbfd_echo_session_msg(session_key=key, rtt_enabled=True, request_delete=number % 5 == 0)
+        config = sdk.rpc_server_state_config_msg(set=[{"key": f"key{number % 100}", "value": "x" * number}])
         gone = (Code.OK, Code.NOT_FOUND)
-
-        def calling(method, message):
-            return lambda **options: method(message, **options)
-
-        self.steady(calling(routing.SetRoute, route))
-        self.steady(calling(routing.DeleteRoute, route.prefix), gone)
-        self.steady(calling(routing.SetNexthopGroup, group), gone)
-        self.steady(calling(routing.SetMplsRoute, mpls))
-        self.steady(calling(sbfd.SetSession, session), gone)
-        self.steady(calling(state.Configure, config))
-        self.steady(calling(state.Read, agent_pb.state_keys_msg()))
-        route.prefix.mask_length = 99
-        self.steady(calling(routing.SetRoute, route), (Code.INVALID_ARGUMENT,))
-        unknown = channel.unary_unary("/routing_agent.Routing/Guess")
-        self.steady(calling(unknown, b""), (Code.UNIMPLEMENTED,))
+        self.steady(routing.SetRoute, route)
+        self.steady(routing.DeleteRoute, route.prefix, *gone)
+        self.steady(routing.SetNexthopGroup, group, *gone)
+        self.steady(routing.SetMplsRoute, mpls)
+        self.steady(agent_grpc.SbfdStub(channel).SetSession, session, *gone)
+        self.steady(state.Configure, config)
+        self.steady(state.Read, agent_pb.state_keys_msg())
+        self.steady(routing.SetRoute, bad, Code.INVALID_ARGUMENT)
+        self.steady(channel.unary_unary("/routing_agent.Routing/Guess"), b"", Code.UNIMPLEMENTED)
 
     def streams(self):
         with self.channel() as channel:
             stub = agent_grpc.RoutingStub(channel)
-            routes = [sdk.ip_route_msg(nexthop_group="core", tag=n) for n in range(500)]
-            for number, route in enumerate(routes):
-                route.prefix.addr = bytes([172, 16, number // 256, number % 256])
-                route.prefix.mask_length = 32
-            self.steady(lambda **options: stub.SetRoutes(iter(routes), **options))
+            prefixes = ({"addr": bytes([172, 16, n // 256, n % 256]), "mask_length": 32} for n in range(500))
+            self.steady(stub.SetRoutes, (sdk.ip_route_msg(prefix=p, nexthop_group="core") for p in prefixes))
             for method in (stub.GetRoutes, stub.GetNexthopGroups, stub.GetMplsRoutes):
-                self.steady(lambda method=method, **options: list(method(agent_pb.get_msg(), **options)))
+                self.steady(lambda *call, method=method, **options: list(method(*call, **options)), agent_pb.get_msg())
 
     def volume(self):
         count = 2000
         body = self.scratch / "volume"
-        route = sdk.ip_route_msg(nexthop_group="core")
-        route.prefix.addr = bytes([192, 168, 0, 0])
-        route.prefix.mask_length = 16
+        prefix = {"addr": bytes([192, 168, 0, 0]), "mask_length": 16}
+        route = sdk.ip_route_msg(prefix=prefix, nexthop_group="core")
         body.write_bytes(message(route.SerializeToString()))
         headers = ["te: trailers", "content-type: application/grpc", "username: volume"]
         command = ["h2load", "-n", str(count), "-c", "4", "-m", "8", "-d", str(body)]
         command += [part for header in headers for part in ("-H", header)]
         command.append(f"http://127.0.0.1:{self.port}/routing_agent.Routing/SetRoute")
         output = subprocess.run(command, capture_output=True, text=True, check=True).stdout
-        self.tallies["volume"].called(count)
-        self.tallies["volume"].answered(0, int(re.search(r"(\d+) succeeded", output)[1]))
+        self.called("volume", count)
+        self.answered("volume", count=int(re.search(r"(\d+) succeeded", output)[1]))
         self.stopping.wait(1)
 
     # The watchers ----------------------------------------------------------------------------------------------
 
     def watched(self, streams):
-        self.tallies["watcher"].called(streams)
-        self.tallies["watcher"].answered(Code.CANCELLED.value[0], streams)
+        self.called("watcher", streams)
+        self.answered("watcher", Code.CANCELLED, streams)
 
     def watches(self):
         """Read some items, then cancel."""
@@ -283,8 +249,7 @@ class Load:
 
     def stalled_watches(self):
         """Read nothing, sometimes for so long that keepalive gives the connection up."""
-        client = RawClient(self.port)
-        client.watch(20)
+        client = RawClient.watching(self.port, 20)
         self.watched(20)
         self.stopping.wait(random.choice([0.1, 1, 15]))
         client.close()
@@ -306,41 +271,32 @@ class Load:
         with self.channel() as channel:
             stub = agent_grpc.StateStub(channel)
             for _ in range(50):
-                self.tallies["faulty"].called()
+                self.called("faulty")
                 call = stub.Read.future(agent_pb.state_keys_msg(), metadata=[("username", "faulty")])
                 time.sleep(random.choice([0, 0.001]))
                 call.cancel()
                 if call.code() == Code.OK:
-                    self.tallies["faulty"].answered(0)
+                    self.answered("faulty")
                 elif call.code() != Code.CANCELLED:
                     self.problems.append(f"cancelled: {call.code()}")
 
     def resets(self):
         """Many calls that are reset in one stroke."""
-        client = RawClient(self.port)
-        client.greet()
         streams = range(1, 200, 2)
-        self.tallies["faulty"].called(len(streams))
-        client.send(
-            b"".join(
-                client.call("faulty", "Routing/SetRoutes", stream) + frame(RST_STREAM, 0, stream, bytes([0, 0, 0, 8]))
-                for stream in streams
-            )
-        )
+        self.called("faulty", len(streams))
+        sent = GREETING
+        for stream in streams:
+            sent += RawClient.call("faulty", "Routing/SetRoutes", stream) + frame(RST_STREAM, 0, stream, b"\0\0\0\x08")
+        client = RawClient(self.port, sent)
         self.stopping.wait(0.2)
         client.close()
 
     def broken(self):
         """Connections that say nothing, nonsense, or half of something, and go or stay a while."""
         half = RawClient.call("faulty", "Routing/SetRoutes", 1) + frame(DATA, 0, 1, message(bytes(256)))[:100]
-        for sent in (b"", PREFACE[:10], random.randbytes(500), PREFACE + random.randbytes(500), None):
-            client = RawClient(self.port)
-            if sent is None:
-                self.tallies["faulty"].called()
-                client.greet()
-                sent = half
-            with contextlib.suppress(ConnectionError):  # the agent may hang up first, and should
-                client.send(sent)
+        self.called("faulty")
+        for sent in (b"", PREFACE[:10], random.randbytes(500), PREFACE + random.randbytes(500), GREETING + half):
+            client = RawClient(self.port, sent)
             self.stopping.wait(random.choice([0, 0, 0.1, 2]))
             client.close()
 
@@ -398,16 +354,16 @@ class Agent:
 def reckon(load, records, problems):
     """Prints the table of calls."""
     print(f"  {'':24}{'calls':>12}{'answers':>12}{'records':>12}")
-    for user, tally in load.tallies.items():
-        written = records.pop(user, collections.Counter())
-        print(f"  {user:24}{tally.calls:12}{tally.answers.total():12}{written.total():12}")
-        if not tally.calls:
+    for user in load.USERS:
+        calls, answers, written = load.calls[user], load.answers[user], records.pop(user, collections.Counter())
+        print(f"  {user:24}{calls:12}{answers.total():12}{written.total():12}")
+        if not calls:
             problems.append(f"no calls of {user}")
         if user == "faulty":
-            if not tally.answers.total() <= written.total() <= tally.calls:
+            if not answers.total() <= written.total() <= calls:
                 problems.append("faulty: not answers <= records <= calls")
-        elif tally.calls != tally.answers.total() or tally.answers != written:
-            problems.append(f"{user}: answered {dict(tally.answers)}, recorded {dict(written)}")
+        elif calls != answers.total() or answers != written:
+            problems.append(f"{user}: answered {dict(answers)}, recorded {dict(written)}")
     if records:
         problems.append(f"records of nobody: {dict(records)}")
 

@@ -31,8 +31,34 @@ import stubs  # noqa: E402
 pb = stubs.load()
 
 
+def listing(kind, field, table):
+    """A method that answers a table in parts of two."""
+    def answer(self, request, context):
+        items = list(getattr(self, table).values())
+        for begin in range(0, len(items) + 1, 2):
+            yield kind(waiting=self.waiting, **{field: items[begin : begin + 2]})
+
+    return answer
+
+
+def setting(table, key):
+    """A method that keeps what it is told in a table."""
+    def answer(self, request, context):
+        self.users.append(dict(context.invocation_metadata()).get("username"))
+        place = str(getattr(request, key))
+        if place == "late":
+            context.abort(grpc.StatusCode.DEADLINE_EXCEEDED, "")
+        if not getattr(request, "request_delete", False):
+            getattr(self, table)[place] = request
+        elif getattr(self, table).pop(place, None) is None:
+            context.abort(grpc.StatusCode.NOT_FOUND, f"no\n{place}")
+        return self.answer
+
+    return answer
+
+
 class FakeAgent(pb.rpc.RoutingServicer, pb.rpc.SbfdServicer, pb.rpc.StateServicer):
-    """Keeps what it is told in the order of telling, and lists it in parts of two."""
+    """Keeps what it is told in the order of telling."""
 
     def __init__(self):
         self.routes, self.groups, self.mpls, self.redirects, self.sessions = {}, {}, {}, {}, {}
@@ -40,16 +66,15 @@ class FakeAgent(pb.rpc.RoutingServicer, pb.rpc.SbfdServicer, pb.rpc.StateService
         self.answer = pb.sdk.rpc_status_msg()
         self.news = queue.Queue()  # of a watch; None ends it, and so does a status
 
-    def keep(self, table, key, message, context):
-        self.users.append(dict(context.invocation_metadata()).get("username"))
-        if not getattr(message, "request_delete", False):
-            table[key] = message
-        elif table.pop(key, None) is None:
-            context.abort(grpc.StatusCode.NOT_FOUND, f"no\n{key}")
-        return self.answer
-
-    def SetRoute(self, request, context):
-        return self.keep(self.routes, request.prefix.SerializeToString(), request, context)
+    SetRoute = setting("routes", "prefix")
+    SetNexthopGroup = setting("groups", "name")
+    SetMplsRoute = setting("mpls", "label")
+    SetRedirect = setting("redirects", "match_nexthop_group")
+    SetSession = setting("sessions", "session_key")
+    GetRoutes = listing(pb.agent.routes_msg, "route", "routes")
+    GetNexthopGroups = listing(pb.agent.nexthop_groups_msg, "group", "groups")
+    GetMplsRoutes = listing(pb.agent.mpls_routes_msg, "route", "mpls")
+    GetRedirects = listing(pb.agent.redirects_msg, "redirect", "redirects")
 
     def SetRoutes(self, requests, context):
         for count, request in enumerate(requests):
@@ -59,40 +84,9 @@ class FakeAgent(pb.rpc.RoutingServicer, pb.rpc.SbfdServicer, pb.rpc.StateService
         return pb.agent.set_routes_reply_msg(accepted=len(self.routes))
 
     def DeleteRoute(self, request, context):
-        if self.routes.pop(request.SerializeToString(), None) is None:
+        if self.routes.pop(str(request), None) is None:
             context.abort(grpc.StatusCode.NOT_FOUND, "no such route")
         return self.answer
-
-    def SetNexthopGroup(self, request, context):
-        if request.name == "late":
-            context.abort(grpc.StatusCode.DEADLINE_EXCEEDED, "")
-        return self.keep(self.groups, request.name, request, context)
-
-    def SetMplsRoute(self, request, context):
-        return self.keep(self.mpls, request.label, request, context)
-
-    def SetRedirect(self, request, context):
-        return self.keep(self.redirects, request.match_nexthop_group, request, context)
-
-    def SetSession(self, request, context):
-        return self.keep(self.sessions, request.session_key.SerializeToString(), request, context)
-
-    def parts(self, kind, field, table):
-        items = list(table.values())
-        for begin in range(0, len(items) + 1, 2):
-            yield kind(waiting=self.waiting, **{field: items[begin : begin + 2]})
-
-    def GetRoutes(self, request, context):
-        return self.parts(pb.agent.routes_msg, "route", self.routes)
-
-    def GetNexthopGroups(self, request, context):
-        return self.parts(pb.agent.nexthop_groups_msg, "group", self.groups)
-
-    def GetMplsRoutes(self, request, context):
-        return self.parts(pb.agent.mpls_routes_msg, "route", self.mpls)
-
-    def GetRedirects(self, request, context):
-        return self.parts(pb.agent.redirects_msg, "redirect", self.redirects)
 
     def WatchSessions(self, request, context):
         updates = self.news
@@ -130,9 +124,8 @@ class VornctlTest(unittest.TestCase):
         """Starts an agent, of which self.agent and self.address tell from then on."""
         self.agent = FakeAgent()
         server = grpc.server(futures.ThreadPoolExecutor(8))
-        pb.rpc.add_RoutingServicer_to_server(self.agent, server)
-        pb.rpc.add_SbfdServicer_to_server(self.agent, server)
-        pb.rpc.add_StateServicer_to_server(self.agent, server)
+        for service in ("Routing", "Sbfd", "State"):
+            getattr(pb.rpc, f"add_{service}Servicer_to_server")(self.agent, server)
         secure = [credentials] if credentials else []
         port = (server.add_secure_port if secure else server.add_insecure_port)(address, *secure)
         self.address = f"127.0.0.1:{port}" if address.endswith(":0") else address
@@ -206,16 +199,10 @@ class VornctlTest(unittest.TestCase):
 
     def test_what_is_listed_can_be_set_again(self):
         hop = "none interface eth0 swap 200 replicate 3 session eth0 192.0.2.1 labels 7 dscp 1 exp 2"
-        for number, words in enumerate((f"nexthop {hop}", "group core swap", "group core pop", "vrf red")):
-            self.succeed(f"set mpls {number} {words}")
-        first = dict(self.agent.mpls)
-        out = self.succeed("list mpls").splitlines()
-        self.assertEqual(out[1:], [f"0      nexthop {hop}", "1      group core swap", "2      group core pop",
-                                   "3      vrf red"])
-        self.agent.mpls.clear()
-        for line in out[1:]:
+        lines = [f"0      nexthop {hop}", "1      group core swap", "2      group core pop", "3      vrf red"]
+        for line in lines:
             self.succeed(f"set mpls {line}")
-        self.assertEqual(self.agent.mpls, first)
+        self.assertEqual(self.succeed("list mpls").splitlines()[1:], lines)
 
         saved = self.file("saved", "# kept\n10.0.0.0/8 core 7  # ten\n\n::/0 - \n192.0.2.1 core\n")
         self.assertEqual(self.succeed(f"set routes --file {saved}"), "3 routes set\n")
@@ -230,16 +217,19 @@ class VornctlTest(unittest.TestCase):
 
     def test_lists(self):
         self.agent.waiting = 5
-        self.succeed("set group te nexthop 192.0.2.1 interface eth0 backup 192.0.2.9 push 16")
-        self.succeed("set group empty")
-        self.succeed("set redirect core to gold --ipv4-dscp 46,48")
-        self.succeed("set session eth0 192.0.2.1 labels 7")
+        for line in ("group te nexthop 192.0.2.1 interface eth0 backup 192.0.2.9 push 16", "group empty",
+                     "redirect core to gold --ipv4-dscp 46,48", "session eth0 192.0.2.1 labels 7"):
+            self.succeed(f"set {line}")
         code, out, err = self.call("list", "groups")
-        self.assertEqual((code, out), (0, "GROUP  ROLE     NEXT HOP\n"
-                                          "te     nexthop  192.0.2.1 interface eth0\n"
-                                          "te     backup   192.0.2.9 push 16\n"
-                                          "empty  -        -\n"))
-        self.assertEqual(err, "vornctl: 5 changes are still waiting to be programmed\n")
+        self.assertEqual((code, err), (0, "vornctl: 5 changes are still waiting to be programmed\n"))
+        self.assertEqual(out, "GROUP  ROLE     NEXT HOP\n"
+                              "te     nexthop  192.0.2.1 interface eth0\n"
+                              "te     backup   192.0.2.9 push 16\n"
+                              "empty  -        -\n")
+        groups = json.loads(self.succeed("--json list groups"))["groups"]
+        self.assertEqual(groups[0]["backups"], [
+            {"address": "192.0.2.9", "interface": "", "operation": "push", "labels": [16], "replicate": 0,
+             "session": None}])
         key = {"interface": "eth0", "address": "192.0.2.1", "labels": [7], "dscp": 0, "exp": 0}
         for what, table, document in (
             ("redirects", "GROUP  IPV4 DSCP  IPV6 DSCP  TO\ncore   46,48      -          gold\n",
@@ -251,10 +241,6 @@ class VornctlTest(unittest.TestCase):
         ):
             self.assertEqual(self.call("list", what)[1], table)
             self.assertEqual(json.loads(self.succeed(f"list {what} --json")), document)
-        groups = json.loads(self.succeed("--json list groups"))["groups"]
-        self.assertEqual(groups[0]["backups"], [
-            {"address": "192.0.2.9", "interface": "", "operation": "push", "labels": [16], "replicate": 0,
-             "session": None}])
 
     def test_state(self):
         self.succeed("state set owner=lab=3 window= b=1")
@@ -272,8 +258,7 @@ class VornctlTest(unittest.TestCase):
     def test_what_an_agent_says_can_not_take_the_terminal(self):
         self.agent.groups["x"] = pb.sdk.nexthop_group_msg(name="a\x1b[2J\nb")
         self.agent.routes["x"] = pb.sdk.ip_route_msg(prefix={"addr": b"12345"})
-        hop = {"mpls_op": 9}
-        self.agent.mpls[1] = pb.sdk.mpls_route_msg(label=1, nexthop=hop)
+        self.agent.mpls[1] = pb.sdk.mpls_route_msg(label=1, nexthop={"mpls_op": 9})
         self.assertEqual(self.succeed("list groups").splitlines()[1], r"a\x1b[2J\nb  -     -")
         self.assertIn("0x3132333435/0", self.succeed("list routes"))
         self.assertIn("nexthop none 9", self.succeed("list mpls"))
@@ -336,29 +321,27 @@ class VornctlTest(unittest.TestCase):
 
     def test_watch(self):
         self.succeed("set session eth0 192.0.2.1")
-        rtt = {"last_rtt": 4, "min_rtt": 1, "avg_rtt": 2, "max_rtt": 5}
-        bulk = [self.update(status={"status": "DOWN"}), self.update(rtt=rtt)]
-        for words, last in (([], "eth0 192.0.2.1  DOWN"), (["--rtt"], "rtt last 4 min 1 avg 2 max 5 us")):
+        rtt = self.update(rtt={"last_rtt": 4, "min_rtt": 1, "avg_rtt": 2, "max_rtt": 5})
+        for words, last in (([], "DOWN"), (["--rtt"], "rtt last 4 min 1 avg 2 max 5 us")):
             watch = self.start("watch", "sessions", *words)
             self.assertEqual(watch.stdout.readline(), "TIME      SESSION         STATUS\n")
             self.assertRegex(watch.stdout.readline(), r"^\d\d:\d\d:\d\d  eth0 192.0.2.1  UP$")
-            self.agent.news.put(pb.sdk.watch_sbfd_echo_session_status_msg(bulk=bulk[: 1 + len(words)]))
-            lines = [watch.stdout.readline() for _ in range(1 + len(words))]
-            self.assertIn("DOWN", lines[0])
+            bulk = [self.update(status={"status": "DOWN"}), rtt][: 1 + len(words)]
+            self.agent.news.put(pb.sdk.watch_sbfd_echo_session_status_msg(bulk=bulk))
+            lines = [watch.stdout.readline() for _ in bulk]
+            self.assertIn("eth0 192.0.2.1  DOWN", lines[0])
             self.assertIn(last, lines[-1])
             watch.send_signal(signal.SIGINT)
             self.assertEqual((watch.communicate(), watch.returncode), (("", ""), 0))
             self.agent.news = queue.Queue()
 
-    def test_how_a_watch_ends(self):
-        self.succeed("set session eth0 192.0.2.1")
-        self.agent.news.put(self.update(rtt={"last_rtt": 4}))
-        self.agent.news.put(grpc.StatusCode.DEADLINE_EXCEEDED)
+        for news in (rtt, grpc.StatusCode.DEADLINE_EXCEEDED):
+            self.agent.news.put(news)
         watch = self.start("watch", "sessions", "--json", "--rtt", "--timeout", "60")
         out, err = watch.communicate()
         self.assertEqual((err, watch.returncode), ("", 0))
-        first, end, rtt = map(json.loads, out.splitlines())
-        self.assertEqual((first["status"], end["end_of_batch"], rtt["rtt"]["last"]), ("UP", True, 4))
+        first, end, news = map(json.loads, out.splitlines())
+        self.assertEqual((first["status"], end["end_of_batch"], news["rtt"]["last"]), ("UP", True, 4))
         for news, part in ((None, "the agent ended the watch"), (grpc.StatusCode.CANCELLED, "CANCELLED")):
             self.agent.news = queue.Queue()
             self.agent.news.put(news)
@@ -379,8 +362,7 @@ class VornctlTest(unittest.TestCase):
 
     def test_progress_on_a_terminal(self):
         count = cli.commands.PROGRESS_FROM
-        routes = "".join(f"10.{n // 256}.{n % 256}.0/24 core\n" for n in range(count))
-        path = self.file("routes", routes)
+        path = self.file("routes", "".join(f"10.{n // 256}.{n % 256}.0/24 core\n" for n in range(count)))
         terminal, end = pty.openpty()
         sending = self.start("set", "routes", "--file", path, stderr=end)
         os.close(end)
@@ -396,8 +378,7 @@ class VornctlTest(unittest.TestCase):
     # -- connections
 
     def test_local_credentials_and_user(self):
-        uds = grpc.local_server_credentials(grpc.LocalConnectionType.UDS)
-        self.serve(f"unix:{self.folder}/socket", uds)
+        self.serve(f"unix:{self.folder}/socket", grpc.local_server_credentials(grpc.LocalConnectionType.UDS))
         self.succeed("set group g --local --user alice")
         self.assertEqual(self.agent.users, ["alice"])
 
@@ -410,10 +391,10 @@ class VornctlTest(unittest.TestCase):
         key, cert, ca = ((self.folder / name).read_bytes() for name in ("agent.key", "agent.pem", "me.pem"))
         self.serve(credentials=grpc.ssl_server_credentials([(key, cert)], ca, require_client_auth=True))
         theirs, mine = f"--tls-ca {self.folder}/agent.pem", f"--tls-cert {self.folder}/me.pem"
-        mine += f" --tls-key {self.folder}/me.key"
-        self.succeed(f"list routes {theirs} --tls-name agent {mine}")
-        for line in (f"{theirs} {mine}", f"{theirs} --tls-name agent",
-                     f"--tls-ca {self.folder}/me.pem --tls-name agent {mine}"):
+        mine += f" --tls-key {self.folder}/me.key --tls-name agent"
+        self.succeed(f"list routes {theirs} {mine}")
+        for line in (f"{theirs} {mine} --tls-name x", f"{theirs} --tls-name agent",
+                     f"--tls-ca {self.folder}/me.pem {mine}"):
             self.refuse(3, "UNAVAILABLE", "list", "routes", *line.split())
 
     # -- the first use
