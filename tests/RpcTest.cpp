@@ -1,3 +1,4 @@
+#include <Kiv/Trace.h>
 #include <VornSdkRpc/Rpc.h>
 #include <gmock/gmock.h>
 

@@ -1,3 +1,4 @@
+#include <Kiv/Trace.h>
 #include <VornSdkRpc/GrpcServer.h>
 #include <gmock/gmock.h>
 #include <grpcpp/alarm.h>
