@@ -364,13 +364,14 @@ TEST(Server, CanBeDestroyedAfterAHandlersExceptionHasLeftTheRun) {
   {
     grpc::ServerBuilder builder;
     VornSdkRpc::ServerProperties properties;
-    GrpcServer server(builder, {probe, failing}, properties);
+    GrpcServer server(builder, {failing, probe}, properties);
     EXPECT_THROW(server.run(), std::runtime_error);
     EXPECT_EQ(probe->alive, 4);
   }
   EXPECT_EQ(probe->alive, 0);
   EXPECT_EQ(failing->handler.use_count(), 1);
   EXPECT_EQ(trace.count("failed to stop"), 1U);
+  EXPECT_EQ(probe->stopNotices, 1) << "told after the one that failed";
 }
 
 TEST(Server, SetsUpOnlyOnce) {

@@ -215,6 +215,18 @@ class VornctlTest(unittest.TestCase):
         self.assertEqual((again.communicate(out), again.returncode), (("3 routes set\n", ""), 0))
         self.assertEqual(self.agent.routes, first)
 
+    def test_every_group_can_be_saved_and_set_again(self):
+        names = ["a#b", "#a", "a b", '"', "-", "tab\t", "\u202ebidi", "no\u00a0break", "back\\slash", "gr\u00fcn"]
+        for number, name in enumerate(names):
+            self.agent.routes[number] = pb.sdk.ip_route_msg(
+                prefix={"addr": bytes([10, number, 0, 0]), "mask_length": 16}, nexthop_group=name, tag=number)
+        saved = self.file("saved", self.succeed("list routes"))
+        before = list(self.agent.routes.values())
+        self.agent.routes.clear()
+        self.succeed(f"set routes --file {saved}")
+        self.assertEqual(list(self.agent.routes.values()), before)
+        self.assertEqual(self.call("set", "routes", "--file", self.file("bad", '10.0.0.0/8 "\\x" 1\n'))[0], 2)
+
     def test_lists(self):
         self.agent.waiting = 5
         for line in ("group te nexthop 192.0.2.1 interface eth0 backup 192.0.2.9 push 16", "group empty",
@@ -358,7 +370,7 @@ class VornctlTest(unittest.TestCase):
         with open("/dev/full", "w") as full:
             listing = self.start("list", "routes", stdout=full)
             self.assertEqual(listing.communicate()[1], "vornctl: standard output: No space left on device\n")
-            self.assertEqual(listing.returncode, 2)
+            self.assertEqual(listing.returncode, 1)
 
     def test_progress_on_a_terminal(self):
         count = cli.commands.PROGRESS_FROM

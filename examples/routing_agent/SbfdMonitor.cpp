@@ -48,13 +48,14 @@ void SbfdMonitor::set(const sbfd_echo_session_msg& session) {
     if (sessions_.erase(id) == 0) return;
     for (Watch* watch : watches_)
       watch->ended_[id] = session.session_key();
+    changed(id, true, false);
   } else {
-    auto& entry = sessions_[id];
-    entry.config = session;
-    entry.status = Status::INIT;
-    entry.nextEcho = std::chrono::steady_clock::now();
+    const auto [entry, added] = sessions_.try_emplace(id);
+    entry->second.config = session;
+    entry->second.nextEcho = std::chrono::steady_clock::now();
+    if (added) entry->second.status = Status::INIT;
+    changed(id, added, false);
   }
-  changed(id, true, false);
   wake_.notify_one();
 }
 

@@ -38,7 +38,7 @@ The agent takes a change at once and programs it a little later; lists show what
 
 exit codes:
   0  done
-  1  the agent refused, or failed
+  1  the agent refused, or failed, or its answer can't be printed
   2  the command line, or a file that it names, can't be used; nothing was sent
   3  no agent to be reached, or it says that it is unavailable: the same may work later
 """
@@ -190,8 +190,8 @@ def add_set(top: Level) -> None:
     leaf = level.add("routes", "set the IP routes of a file, through one stream",
                      lines("set routes --file routes.txt", "list routes | vornctl set routes --file -"),
                      commands.set_routes, more="""\
-Each line is PREFIX GROUP [TAG], as list routes prints it; # begins a comment. The file is read to its end
-before the first route is sent. When the agent refuses a route, those before it are set.""")
+Each line is PREFIX GROUP [TAG], as list routes prints it; a word that begins with # begins a comment, and a
+group in double quotes is a JSON string. The file is read to its end before the first route is sent. When the agent refuses a route, those before it are set.""")
     leaf.add_argument("--file", metavar="FILE", required=True, help="the file; - is standard input")
 
     leaf = level.add("group", "set a next-hop group",
@@ -324,7 +324,7 @@ def main(arguments: list[str]) -> int:
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
         if not isinstance(error, BrokenPipeError):
             complain(f"standard output: {error.strerror}")
-            return USAGE
+            return FAILED
         return OK
 
 

@@ -1,6 +1,7 @@
 """The commands. Each is given the agent and the arguments of its command line."""
 
 import argparse
+import itertools
 import signal
 import sys
 import time
@@ -61,7 +62,7 @@ def read_routes(agent: Agent, path: str) -> list[Any]:
 def route_lines(file: Any, name: str) -> Iterator[tuple[str, list[str]]]:
     """The place and the words of each line that holds a route."""
     for position, line in enumerate(file, start=1):
-        words = line.partition("#")[0].split()
+        words = list(itertools.takewhile(lambda word: word[0] != "#", values.WORD.findall(line)))
         if words and words != ROUTE_HEADER:
             yield f"{name}:{position}", words
 
@@ -72,7 +73,7 @@ def read_route(agent: Agent, place: str, words: list[str]) -> Any:
             raise UsageError("expected PREFIX GROUP [TAG]")
         route = agent.sdk.ip_route_msg(prefix=values.prefix(words[0]))
         if words[1] != "-":
-            route.nexthop_group = words[1]
+            route.nexthop_group = values.name(words[1])
         route.tag = values.number(words[2]) if len(words) == 3 else 0
         return route
     except UsageError as error:
@@ -194,7 +195,8 @@ def listed(
 
 def list_routes(agent: Agent, args: argparse.Namespace) -> None:
     def rows(route: Any) -> list[list[Any]]:
-        return [[values.prefix_text(route.prefix), route.nexthop_group or "-", route.tag]]
+        group = values.name_text(route.nexthop_group) if route.nexthop_group else "-"
+        return [[values.prefix_text(route.prefix), group, route.tag]]
 
     listed(agent, args, agent.routing.GetRoutes, "route", values.route_json, ROUTE_HEADER, rows)
 

@@ -6,12 +6,33 @@ in the words of the command line, which the tables show too, so that what was li
 
 import argparse
 import ipaddress
+import json
+import re
 from collections.abc import Callable, Iterable
 from typing import Any
 
 
 class UsageError(argparse.ArgumentTypeError):
     """Something in the command or its file can't be used; one line for the user."""
+
+
+WORD = re.compile(r'"(?:[^"\\]|\\.)*"|\S+')  # of a line in a file: a JSON string, or what no blank is in
+
+
+def name(word: str) -> str:
+    """The name that a word of a line in a file spells."""
+    if not word.startswith('"'):
+        return word
+    try:
+        return json.loads(word)
+    except ValueError as error:
+        raise UsageError(f"{word} is no JSON string") from error
+
+
+def name_text(text: str) -> str:
+    """The name as one word of a line in a file."""
+    plain = text != "-" and text.isprintable() and " " not in text and text[0] not in '#"'
+    return text if plain else json.dumps(text)
 
 
 def number(text: str) -> int:
