@@ -59,8 +59,9 @@ class VORN_EXPORT GrpcService {
   grpc::Server* server();
 
   // Whether the operation whose completion is being dispatched succeeded. For a handler's
-  // proceed(), on the serving thread: a failed read is the end of the client's stream, a failed
-  // write or finish a dead call.
+  // proceed(), on the serving thread: a failed write or finish is a dead call, a failed read that
+  // or the end of the client's stream, which grpc_call_failed_before_recv_message(context.c_call())
+  // tells apart.
   bool completionOk() const;
 
   // A new tag of this service, without a handler. Store its handler before gRPC is given the tag.

@@ -16,7 +16,7 @@ class VORN_EXPORT Mutex {
   // A timeout of 600 seconds.
   Mutex() = default;
 
-  // How long one lock() may wait.
+  // How long one lock() may wait; a timeout beyond the end of the clock never passes.
   explicit Mutex(const std::chrono::nanoseconds& timeout) : timeout_(timeout) {}
 
   ~Mutex();

@@ -6,7 +6,10 @@
 // A service derives from rpc::Service of its generated class and names its methods in its
 // constructor, each with the function that serves it:
 //
-//   class RoutingService : public VornSdkRpc::rpc::Service<Routing> {
+//   namespace rpc = VornSdkRpc::rpc;
+//   using namespace std::chrono_literals;
+//
+//   class RoutingService : public rpc::Service<Routing> {
 //    public:
 //     RoutingService() : Service("Routing") {
 //       // Unary, as a plain function: the fastest, for what is answered at once. It may also take
@@ -63,7 +66,8 @@
 //
 // An exception ends the call: vorn::invalid_argument_error with INVALID_ARGUMENT,
 // vorn::unsupported_error with UNIMPLEMENTED, vorn::configuration_error with FAILED_PRECONDITION,
-// vorn::no_scoped_lock_obtained_error with UNAVAILABLE, each with its what(); anything else with
+// vorn::no_scoped_lock_obtained_error with UNAVAILABLE, each with the first 1024 bytes of its
+// what(); anything else with
 // INTERNAL and a text that gives nothing away, and a trace line at level 0 that says what it was.
 // An RPC of the service that has no function is answered UNIMPLEMENTED.
 
@@ -91,7 +95,6 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -202,7 +205,7 @@ class [[nodiscard]] Task {
   }
 
   // Awaited by another coroutine: runs to its end, then answers its result or throws its exception.
-  // Throws std::logic_error when there is nothing to run: the task is empty or has been awaited.
+  // Throws std::logic_error when there is nothing to run: the task is empty or has ended.
   auto operator co_await() && noexcept {
     struct [[nodiscard]] Awaiter {
       bool await_ready() const {
@@ -226,7 +229,8 @@ class [[nodiscard]] Task {
 
   // For the kit.
   void start() const {
-    if (!frame_) throw std::logic_error("an RPC was served with an empty task");
+    if (!frame_ || frame_.done())
+      throw std::logic_error("an RPC was served with a task that is empty or has ended");
     frame_.resume();
   }
   bool done() const { return frame_ && frame_.done(); }
@@ -811,9 +815,16 @@ constexpr int kAsyncMethods<Layer<Rest>> = 1 + kAsyncMethods<Rest>;
 template <class Generated>
 class Host : public Generated::AsyncService {
  public:
+  // Throws std::logic_error when the classes were not generated as expected.
   static const google::protobuf::ServiceDescriptor& descriptor() {
-    return *google::protobuf::DescriptorPool::generated_pool()->FindServiceByName(
+    const auto* descriptor = google::protobuf::DescriptorPool::generated_pool()->FindServiceByName(
         Generated::service_full_name());
+    if (!descriptor ||
+        descriptor->method_count() != kAsyncMethods<typename Generated::AsyncService>) {
+      throw std::logic_error(std::string(Generated::service_full_name()) +
+                             ": the generated classes tell nothing of its methods");
+    }
+    return *descriptor;
   }
 
   // Asks for a call of a method, whatever its messages are.
@@ -867,7 +878,7 @@ class RefusedCall final : public RequestHandler {
 
 // A service of the generated class of its name, Routing for `service Routing`. The derived class
 // calls method() in its constructor, once per RPC; an RPC without one is answered UNIMPLEMENTED.
-// The function is kept as long as the service.
+// The function is kept as long as the service. Naming an RPC twice throws std::logic_error.
 template <class Generated>
 class Service : public ServiceBase {
  public:
@@ -922,7 +933,8 @@ class Service : public ServiceBase {
 
   void registerWith(grpc::ServerBuilder& builder) override {
     builder.RegisterService(&async_);
-    for (int method = 0; method < detail::kAsyncMethods<Async>; ++method) {
+    const int methods = async_.descriptor().method_count();
+    for (int method = 0; method < methods; ++method) {
       if (!served_.contains(method)) openers_.push_back([this, method] { refuse(method); });
     }
   }
@@ -942,7 +954,8 @@ class Service : public ServiceBase {
 
   template <class Method, class CallType, class Base, class... Arguments, class Handler>
   void add(void (Base::*ask)(Arguments...), Handler handler, MethodOptions options) {
-    served_.insert(detail::kAsyncMethods<Async> - detail::kAsyncMethods<Base>);
+    if (!served_.insert(detail::kAsyncMethods<Async> - detail::kAsyncMethods<Base>).second)
+      throw std::logic_error("an RPC was given two functions");
     const auto method =
         std::make_shared<Method>(Method{*this, async_, nullptr, ask, std::move(handler), options});
     openers_.push_back([this, method] {

@@ -208,6 +208,22 @@ TEST(RoutingAgent, AFullBacklogRefusesSingleChangesAndHoldsUpStreams) {
   EXPECT_THAT(tagsOf(*stub), testing::ElementsAre(2, 3, 4));
 }
 
+// What is small on the wire may be large in memory.
+TEST(RoutingAgent, TheBacklogCountsWhatAChangeTakesInMemory) {
+  nexthop_group_msg group;
+  group.set_name("core");
+  for (int i = 0; i < 10000; ++i)
+    group.add_nexthop()->set_nexthop_interface("e");
+  std::latch gate(1);
+  Agent agent({}, "127.0.0.1", 3 * group.ByteSizeLong());
+  const auto stub = agent.stub<Routing>();
+  agent.backlog.add([&gate] { gate.wait(); }, 0);
+  EXPECT_EQ(call(*stub, &Routing::Stub::SetNexthopGroup, group), grpc::StatusCode::OK);
+  EXPECT_EQ(call(*stub, &Routing::Stub::SetNexthopGroup, group),
+            grpc::StatusCode::RESOURCE_EXHAUSTED);
+  gate.count_down();
+}
+
 TEST(RoutingAgent, ARemotePeerWithoutIdentityMaySetButNotRemove) {
   const Agent agent({}, "[::1]");
   const auto routing = agent.stub<Routing>();

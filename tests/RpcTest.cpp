@@ -277,6 +277,15 @@ TEST(Rpc, AFunctionAnswersAtOnce) {
   waitUntilIdle(running, 4);
 }
 
+TEST(Rpc, RefusesASecondFunctionForAnRpc) {
+  struct Twice : FunctionService {
+    Twice() {
+      method(&Async::RequestEcho, [](const Text&, Text&) { return grpc::Status::OK; });
+    }
+  };
+  EXPECT_THROW(Twice(), std::logic_error);
+}
+
 TEST(Rpc, LivesBesideAServiceWrittenByHand) {
   struct MirrorService : rpc::Service<Mirror> {
     MirrorService() : Service("Mirror") {

@@ -225,7 +225,9 @@ class VornctlTest(unittest.TestCase):
         self.agent.routes.clear()
         self.succeed(f"set routes --file {saved}")
         self.assertEqual(list(self.agent.routes.values()), before)
-        self.assertEqual(self.call("set", "routes", "--file", self.file("bad", '10.0.0.0/8 "\\x" 1\n'))[0], 2)
+        for bad in ('"\\x" 1', '"\\ud800" 1', '"core"7'):
+            code, _, err = self.call("set", "routes", "--file", self.file("bad", f"10.0.0.0/8 {bad}\n"))
+            self.assertEqual((code, err.count("\n")), (2, 1), bad)
 
     def test_lists(self):
         self.agent.waiting = 5

@@ -55,7 +55,8 @@ class AgentService : public rpc::Service<Generated> {
   }
 
   // A message that asks for a change: checked, and put on the backlog after the bookkeeping of what
-  // is wanted. Setting the key is always possible, deleting it when the caller may and it is there.
+  // is wanted. Setting the key is possible while the backlog has room, deleting it when also the
+  // caller may and it is there.
   // Throws vorn::invalid_argument_error when the message can't be used.
   template <class Message, class Key>
   grpc::Status change(grpc::ServerContext& context, const Message& message, std::set<Key>& wanted,
@@ -64,12 +65,10 @@ class AgentService : public rpc::Service<Generated> {
     check(message);
     if (deletes && !mayRemove(context, listen_)) return mayNot();
     if (backlog_.full()) return tooMuchWaits();
-    if (deletes) {
-      if (wanted.erase(key) == 0) return notFound(what);
-    } else {
-      wanted.insert(key);
-    }
-    backlog_.add(std::move(program), message.ByteSizeLong());
+    if (deletes && !wanted.contains(key)) return notFound(what);
+    if (!deletes) wanted.insert(key);
+    backlog_.add(std::move(program), message.SpaceUsedLong());
+    if (deletes) wanted.erase(key);
     return ok();
   }
 

@@ -11,9 +11,8 @@ namespace {
 
 constexpr std::size_t kChangesPerStep = 64;
 
-// What a change takes beside what it holds, which counts as well: many small ones must not take
-// more than a few large ones.
-constexpr std::size_t kBytesPerChange = 256;
+// What a change takes on the backlog beside what it holds.
+constexpr std::size_t kBytesPerChange = 64;
 
 }  // namespace
 
@@ -77,6 +76,17 @@ std::size_t Backlog::waiting() const {
   return waiting_;
 }
 
+Backlog::RoomNotice::RoomNotice(Backlog& backlog, VornSdkRpc::rpc::Event& room)
+    : backlog_(backlog), room_(room) {
+  const std::lock_guard lock(backlog_.mutex_);
+  backlog_.wantRoom_.insert(&room_);
+}
+
+Backlog::RoomNotice::~RoomNotice() {
+  const std::lock_guard lock(backlog_.mutex_);
+  backlog_.wantRoom_.erase(&room_);
+}
+
 std::vector<Backlog::Waiting> Backlog::next() {
   const std::lock_guard lock(mutex_);
   const auto end =
@@ -89,8 +99,13 @@ std::vector<Backlog::Waiting> Backlog::next() {
 bool Backlog::done(const std::vector<Waiting>& changes) {
   const std::lock_guard lock(mutex_);
   waiting_ -= changes.size();
+  const bool wasFull = bytes_ >= limit_;
   for (const auto& done : changes)
     bytes_ -= done.bytes;
+  if (wasFull && bytes_ < limit_) {
+    for (auto* room : wantRoom_)
+      room->set();
+  }
   return waiting_ != 0;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <VornSdkRpc/Rpc.h>
 #include <VornSdkRpc/StreamingToolkit.h>
 #include <vorn/tracer.h>
 
@@ -8,6 +9,7 @@
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -33,11 +35,24 @@ class Backlog {
   // before what the changes refer to is gone.
   void stop();
 
-  // `bytes` is about what the change holds. Any thread.
+  // `bytes` is about what the change takes in memory. Any thread.
   void add(Change change, std::size_t bytes);
 
   // Whether no more should be added until some is programmed. Any thread.
   bool full() const;
+
+  // Has an event set whenever a full backlog has room again, for its own lifetime.
+  class RoomNotice {
+   public:
+    RoomNotice(Backlog& backlog, VornSdkRpc::rpc::Event& room);
+    ~RoomNotice();
+    RoomNotice(const RoomNotice&) = delete;
+    RoomNotice& operator=(const RoomNotice&) = delete;
+
+   private:
+    Backlog& backlog_;
+    VornSdkRpc::rpc::Event& room_;
+  };
 
   // How many changes are not programmed yet. Any thread.
   std::size_t waiting() const;
@@ -72,6 +87,7 @@ class Backlog {
   std::deque<Waiting> changes_;
   std::size_t waiting_ = 0;
   std::size_t bytes_ = 0;
+  std::set<VornSdkRpc::rpc::Event*> wantRoom_;
   Velm::Ptr<Tarsk::TaskScheduler> scheduler_;
   Drain drain_;
   std::thread thread_;

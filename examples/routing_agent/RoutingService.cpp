@@ -1,6 +1,5 @@
 #include "examples/routing_agent/RoutingService.h"
 
-#include <chrono>
 #include <memory>
 #include <optional>
 
@@ -10,8 +9,8 @@ namespace {
 
 constexpr std::size_t kItemsPerPart = 256;
 
-// How often a stream that waits for room on the backlog looks for it.
-constexpr std::chrono::milliseconds kBacklogLook(10);
+// Each may hold one message beside the backlog while it waits for room there.
+constexpr std::size_t kMaxSetRoutes = 64;
 
 // Sends a table in parts, each taken when the one before is out: a client that reads slowly costs
 // one part of memory, whatever the table's size. `add` answers the place of a further item in a
@@ -42,7 +41,8 @@ RoutingService::RoutingService(Tables& tables, Backlog& backlog,
   method(&Async::RequestSetRoutes,
          [this](rpc::Reader<ip_route_msg>& routes, set_routes_reply_msg& reply) {
            return setAll(routes, reply);
-         });
+         },
+         {.limit = kMaxSetRoutes});
   method(&Async::RequestDeleteRoute,
          [this](grpc::ServerContext& context, const ip_prefix_msg& prefix, rpc_status_msg&) {
            return remove(context, prefix);
@@ -88,14 +88,16 @@ grpc::Status RoutingService::remove(grpc::ServerContext& context, const ip_prefi
 }
 
 rpc::Task<> RoutingService::setAll(rpc::Reader<ip_route_msg>& routes, set_routes_reply_msg& reply) {
+  rpc::Event room;
+  const Backlog::RoomNotice notice(backlog_, room);
   ip_route_msg route;
   while (co_await routes.read(route)) {
     // A client that sends faster than can be programmed is held up by what gRPC holds for it.
     while (backlog_.full()) {
-      if (!co_await routes.wait(kBacklogLook)) co_return grpc::Status::CANCELLED;
+      if (!co_await routes.wait(room)) co_return grpc::Status::CANCELLED;
     }
     try {
-      set(routes.context(), route);
+      if (auto status = set(routes.context(), route); !status.ok()) co_return status;
     } catch (const vorn::invalid_argument_error& error) {
       throw vorn::invalid_argument_error(
           "route " + std::to_string(reply.accepted()) + ": " + error.what(), error.argument());

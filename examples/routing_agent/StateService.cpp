@@ -29,7 +29,7 @@ grpc::Status StateService::configure(grpc::ServerContext& context,
     for (const auto& removed : config.delete_())
       tables_.state.remove(removed.key());
   };
-  backlog_.add(std::move(program), config.ByteSizeLong());
+  backlog_.add(std::move(program), config.SpaceUsedLong());
   return ok();
 }
 

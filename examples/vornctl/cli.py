@@ -39,7 +39,7 @@ The agent takes a change at once and programs it a little later; lists show what
 exit codes:
   0  done
   1  the agent refused, or failed, or its answer can't be printed
-  2  the command line, or a file that it names, can't be used; nothing was sent
+  2  the command line, or a file that it names, can't be used, or a package is missing; nothing was sent
   3  no agent to be reached, or it says that it is unavailable: the same may work later
 """
 
@@ -191,7 +191,8 @@ def add_set(top: Level) -> None:
                      lines("set routes --file routes.txt", "list routes | vornctl set routes --file -"),
                      commands.set_routes, more="""\
 Each line is PREFIX GROUP [TAG], as list routes prints it; a word that begins with # begins a comment, and a
-group in double quotes is a JSON string. The file is read to its end before the first route is sent. When the agent refuses a route, those before it are set.""")
+group in double quotes is a JSON string. The file is read to its end before the first route is sent. When the
+agent refuses a route, those before it are set.""")
     leaf.add_argument("--file", metavar="FILE", required=True, help="the file; - is standard input")
 
     leaf = level.add("group", "set a next-hop group",

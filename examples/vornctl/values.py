@@ -1,7 +1,8 @@
 """The values of the SDK's messages as people write them, and as JSON.
 
 Addresses are texts, "none" (in JSON null) where there is none. A next hop and an SBFD session are written
-in the words of the command line, which the tables show too, so that what was listed can be set again.
+in the words of the command line, which the tables show too; what list routes prints can be set again as a
+file.
 """
 
 import argparse
@@ -16,7 +17,7 @@ class UsageError(argparse.ArgumentTypeError):
     """Something in the command or its file can't be used; one line for the user."""
 
 
-WORD = re.compile(r'"(?:[^"\\]|\\.)*"|\S+')  # of a line in a file: a JSON string, or what no blank is in
+WORD = re.compile(r'"(?:[^"\\]|\\.)*"(?!\S)|\S+')  # of a line in a file: a JSON string, or what no blank is in
 
 
 def name(word: str) -> str:
@@ -24,7 +25,9 @@ def name(word: str) -> str:
     if not word.startswith('"'):
         return word
     try:
-        return json.loads(word)
+        text = json.loads(word)
+        text.encode()  # half a character is none
+        return text
     except ValueError as error:
         raise UsageError(f"{word} is no JSON string") from error
 
