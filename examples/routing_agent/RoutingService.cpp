@@ -10,7 +10,7 @@ namespace {
 constexpr std::size_t kItemsPerPart = 256;
 
 // Each may hold one message beside the backlog while it waits for room there.
-constexpr std::size_t kMaxSetRoutes = 64;
+constexpr std::size_t kMaxSetRoutes = 1024;
 
 // Sends a table in parts, each taken when the one before is out: a client that reads slowly costs
 // one part of memory, whatever the table's size. `add` answers the place of a further item in a
