@@ -88,10 +88,9 @@ class VORN_EXPORT GrpcServer {
   void handleTag(OpaqueId tag, bool ok);
 
   // After a successful setup(), once: stops the services if stop() has not been called, cancels
-  // every call, shuts the server and the queue down, and handles what is left in the queue. Throws
-  // what stop() throws. A
+  // every call, shuts the server and the queue down, and handles what is left in the queue. A
   // pending grpc::Alarm holds it up, and so does a peer that has stopped reading, until keepalive
-  // or TCP gives it up.
+  // or TCP gives it up. Throws what stop() throws.
   void teardown();
 
   TagManager& tagManager() { return tagManager_; }

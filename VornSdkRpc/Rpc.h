@@ -59,16 +59,16 @@
 // When the client cancels, goes away or its deadline passes, what is awaited comes back false, and
 // so does everything that is awaited after it; cancelled() tells the end of a client's stream from
 // the end of its call. The coroutine runs to its end and its locals are destroyed on the serving
-// thread. When the server stops, a coroutine is not resumed any more: its
-// frame is destroyed where it waits, on the serving thread or, as most of those that wait for a
-// time or an event, on the one that destroys the GrpcServer. Whatever a coroutine refers to must
-// outlive the server object; the service does.
+// thread. When the server stops, a coroutine is not resumed any more: its frame is destroyed where
+// it waits, on the serving thread or, as most of those that wait for a time or an event, on the one
+// that destroys the GrpcServer. Whatever a coroutine refers to must outlive the server object; the
+// service does.
 //
 // An exception ends the call: vorn::invalid_argument_error with INVALID_ARGUMENT,
 // vorn::unsupported_error with UNIMPLEMENTED, vorn::configuration_error with FAILED_PRECONDITION,
 // vorn::no_scoped_lock_obtained_error with UNAVAILABLE, each with the first 1024 bytes of its
-// what(); anything else with
-// INTERNAL and a text that gives nothing away, and a trace line at level 0 that says what it was.
+// what(); anything else with INTERNAL and a text that gives nothing away, and a trace line at level
+// 0 that says what it was.
 // An RPC of the service that has no function is answered UNIMPLEMENTED.
 
 #include <google/protobuf/descriptor.h>
@@ -817,14 +817,8 @@ class Host : public Generated::AsyncService {
  public:
   // Throws std::logic_error when the classes were not generated as expected.
   static const google::protobuf::ServiceDescriptor& descriptor() {
-    const auto* descriptor = google::protobuf::DescriptorPool::generated_pool()->FindServiceByName(
-        Generated::service_full_name());
-    if (!descriptor ||
-        descriptor->method_count() != kAsyncMethods<typename Generated::AsyncService>) {
-      throw std::logic_error(std::string(Generated::service_full_name()) +
-                             ": the generated classes tell nothing of its methods");
-    }
-    return *descriptor;
+    static const auto& found = findDescriptor();
+    return found;
   }
 
   // Asks for a call of a method, whatever its messages are.
@@ -836,6 +830,17 @@ class Host : public Generated::AsyncService {
     } else {
       this->RequestAsyncUnary(method, context, request, stream, queue, queue, tag);
     }
+  }
+
+ private:
+  static const google::protobuf::ServiceDescriptor& findDescriptor() {
+    const auto* found = google::protobuf::DescriptorPool::generated_pool()->FindServiceByName(
+        Generated::service_full_name());
+    if (!found || found->method_count() != kAsyncMethods<typename Generated::AsyncService>) {
+      throw std::logic_error(std::string(Generated::service_full_name()) +
+                             ": the generated classes tell nothing of its methods");
+    }
+    return *found;
   }
 };
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <VornSdkRpc/GrpcServer.h>
+#include <gtest/gtest.h>
 
 #include <atomic>
 #include <future>
@@ -187,6 +188,27 @@ inline std::shared_ptr<grpc::Channel> connected(
   auto channel = grpc::CreateCustomChannel(address, credentials, arguments);
   channel->WaitForConnected(gpr_inf_future(GPR_CLOCK_REALTIME));
   return channel;
+}
+
+// Has a hundred texts collected, and a hundred sent by Tick.
+inline void streamAHundredEachWay(Probe::Stub& stub) {
+  grpc::ClientContext collecting, ticking;
+  Count count;
+  Text text;
+  const auto writer = stub.Collect(&collecting, &count);
+  for (int i = 0; i < 100; ++i)
+    ASSERT_TRUE(writer->Write(text));
+  writer->WritesDone();
+  EXPECT_TRUE(writer->Finish().ok());
+  EXPECT_EQ(count.count(), 100U);
+
+  const auto reader = stub.Tick(&ticking, count);
+  for (int i = 0; i < 100; ++i) {
+    ASSERT_TRUE(reader->Read(&text));
+    EXPECT_EQ(text.text(), std::to_string(i));
+  }
+  EXPECT_FALSE(reader->Read(&text));
+  EXPECT_TRUE(reader->Finish().ok());
 }
 
 // A server of the given services on a loopback port of its own, run by a thread until it is

@@ -219,28 +219,7 @@ TEST(Rpc, ServesEveryKindOfCall) {
   EXPECT_EQ(reply.text(), "hello");
   EXPECT_TRUE(echo(*stub, "pause", &reply).ok());
   EXPECT_EQ(reply.text(), "pause");
-  {
-    grpc::ClientContext context;
-    Count count;
-    const auto writer = stub->Collect(&context, &count);
-    for (int i = 0; i < 100; ++i)
-      ASSERT_TRUE(writer->Write(reply));
-    writer->WritesDone();
-    EXPECT_TRUE(writer->Finish().ok());
-    EXPECT_EQ(count.count(), 100U);
-  }
-  {
-    grpc::ClientContext context;
-    Count count;
-    count.set_count(100);
-    const auto reader = stub->Tick(&context, count);
-    for (int i = 0; i < 100; ++i) {
-      ASSERT_TRUE(reader->Read(&reply));
-      EXPECT_EQ(reply.text(), std::to_string(i));
-    }
-    EXPECT_FALSE(reader->Read(&reply));
-    EXPECT_TRUE(reader->Finish().ok());
-  }
+  streamAHundredEachWay(*stub);
   {
     grpc::ClientContext context;
     const auto stream = stub->Chat(&context);

@@ -218,24 +218,10 @@ TEST(Server, AnswersEveryKindOfCallAndForgetsItsTags) {
   const auto stub = running.stub();
   EXPECT_EQ(callEcho(*stub, "fail"), grpc::StatusCode::NOT_FOUND);
 
-  grpc::ClientContext collecting, ticking, chatting;
-  Count count;
+  streamAHundredEachWay(*stub);
+
+  grpc::ClientContext chatting;
   Text request, reply;
-  const auto writer = stub->Collect(&collecting, &count);
-  for (int i = 0; i < 100; ++i)
-    ASSERT_TRUE(writer->Write(request));
-  writer->WritesDone();
-  EXPECT_TRUE(writer->Finish().ok());
-  EXPECT_EQ(count.count(), 100U);
-
-  const auto reader = stub->Tick(&ticking, count);
-  for (int i = 0; i < 100; ++i) {
-    ASSERT_TRUE(reader->Read(&reply));
-    EXPECT_EQ(reply.text(), std::to_string(i));
-  }
-  EXPECT_FALSE(reader->Read(&reply));
-  EXPECT_TRUE(reader->Finish().ok());
-
   const auto stream = stub->Chat(&chatting);
   for (int i = 0; i < 100; ++i) {
     request.set_text(std::to_string(i));

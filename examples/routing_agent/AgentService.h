@@ -56,8 +56,7 @@ class AgentService : public rpc::Service<Generated> {
 
   // A message that asks for a change: checked, and put on the backlog after the bookkeeping of what
   // is wanted. Setting the key is possible while the backlog has room, deleting it when also the
-  // caller may and it is there.
-  // Throws vorn::invalid_argument_error when the message can't be used.
+  // caller may and it is there. Throws vorn::invalid_argument_error when the message can't be used.
   template <class Message, class Key>
   grpc::Status change(grpc::ServerContext& context, const Message& message, std::set<Key>& wanted,
                       const Key& key, bool deletes, const char* what, Backlog::Change program) {
