@@ -1,4 +1,4 @@
-#include "VornSdkRpc/Argv.h"
+#include <VornSdkRpc/Argv.h>
 
 #include <algorithm>
 #include <stdexcept>
@@ -9,7 +9,7 @@ namespace {
 
 // The string_view comparison looks at the lengths first.
 auto findOption(std::vector<char*>& arguments, std::string_view option) {
-  return std::ranges::find_if(arguments, [&](char const* argument) { return option == argument; });
+  return std::ranges::find_if(arguments, [&](const char* argument) { return option == argument; });
 }
 
 }  // namespace
@@ -30,7 +30,7 @@ std::string_view getOptionValue(std::vector<char*>& arguments, std::string_view 
   return value;
 }
 
-bool isOptionPresent(std::vector<char*>& arguments, std::string_view const& option) {
+bool isOptionPresent(std::vector<char*>& arguments, const std::string_view& option) {
   const auto place = findOption(arguments, option);
   if (place == arguments.end()) return false;
   arguments.erase(place);

@@ -27,6 +27,6 @@ VORN_EXPORT std::string_view getOptionValue(std::vector<char*>& arguments, std::
                                             std::string_view defaultValue);
 
 // Whether the option is there; the first one is removed.
-VORN_EXPORT bool isOptionPresent(std::vector<char*>& arguments, std::string_view const& option);
+VORN_EXPORT bool isOptionPresent(std::vector<char*>& arguments, const std::string_view& option);
 
 }  // namespace VornSdkRpc::argv

@@ -1,4 +1,4 @@
-#include "VornSdkRpc/Conversions.h"
+#include <VornSdkRpc/Conversions.h>
 
 #include <cassert>
 #include <cstddef>
@@ -11,8 +11,8 @@ namespace VornSdkRpc {
 
 namespace {
 
-vorn::ip_addr_t addressOf(std::string const& bytes) {
-  const auto* data = reinterpret_cast<unsigned char const*>(bytes.data());
+vorn::ip_addr_t addressOf(const std::string& bytes) {
+  const auto* data = reinterpret_cast<const unsigned char*>(bytes.data());
   switch (bytes.size()) {
     case 4:
       return {vorn::af_t::ipv4, data};
@@ -34,11 +34,11 @@ vorn::mpls_action_t mplsOpToMplsAction(pb::nexthop_msg::mpls_operation_enum op) 
   return index < std::size(actions) ? actions[index] : mpls_action_t::none;
 }
 
-vorn::ip_addr_t ipAddressToIpAddr(pb::ip_address_msg const& message) {
+vorn::ip_addr_t ipAddressToIpAddr(const pb::ip_address_msg& message) {
   return addressOf(message.addr());
 }
 
-void ipAddrToIpAddress(vorn::ip_addr_t const& addr, pb::ip_address_msg* message) {
+void ipAddrToIpAddress(const vorn::ip_addr_t& addr, pb::ip_address_msg* message) {
   // As assert(false) would, but compilers differ in how they spell this function's name.
   if (addr.af() == vorn::af_t::none) {
     __assert_fail("false", __FILE__, __LINE__,
@@ -48,40 +48,40 @@ void ipAddrToIpAddress(vorn::ip_addr_t const& addr, pb::ip_address_msg* message)
   message->set_addr(addr.addr(), addr.size());
 }
 
-pb::ip_address_msg ipAddrToIpAddress(vorn::ip_addr_t const& addr) {
+pb::ip_address_msg ipAddrToIpAddress(const vorn::ip_addr_t& addr) {
   pb::ip_address_msg message;
   ipAddrToIpAddress(addr, &message);
   return message;
 }
 
-vorn::ip_prefix_t ipPrefixToPrefix(pb::ip_prefix_msg const& message) {
+vorn::ip_prefix_t ipPrefixToPrefix(const pb::ip_prefix_msg& message) {
   return {addressOf(message.addr()), static_cast<unsigned char>(message.mask_length())};
 }
 
-void ipGenAddrToIpAddress(Zilnet::IpGenAddr const& addr, pb::ip_address_msg* message) {
+void ipGenAddrToIpAddress(const Zilnet::IpGenAddr& addr, pb::ip_address_msg* message) {
   const Velm::String bytes = addr.bytes();
   message->set_addr(bytes.data(), bytes.size());
 }
 
-pb::ip_address_msg ipGenAddrToIpAddress(Zilnet::IpGenAddr const& addr) {
+pb::ip_address_msg ipGenAddrToIpAddress(const Zilnet::IpGenAddr& addr) {
   pb::ip_address_msg message;
   ipGenAddrToIpAddress(addr, &message);
   return message;
 }
 
-void convertKey(vorn::sbfd_echo_session_key_t const& key, pb::sbfd_echo_session_key_msg* message) {
+void convertKey(const vorn::sbfd_echo_session_key_t& key, pb::sbfd_echo_session_key_msg* message) {
   message->set_outgoing_interface(key.nexthop_intf().to_string());
   ipAddrToIpAddress(key.nexthop(), message->mutable_nexthop());
   auto& labels = *message->mutable_labels();
   const auto count = std::distance(key.labels().begin(), key.labels().end());
   labels.Reserve(labels.size() + static_cast<int>(count));
-  for (auto const& label : key.labels())
+  for (const auto& label : key.labels())
     labels.Add(label.label());
   message->set_dscp(key.ip_dscp());
   message->set_mpls_exp(key.mpls_exp());
 }
 
-vorn::sbfd_echo_session_key_t convertMsg(pb::sbfd_echo_session_key_msg const& message) {
+vorn::sbfd_echo_session_key_t convertMsg(const pb::sbfd_echo_session_key_msg& message) {
   std::forward_list<vorn::mpls_label_t> labels;
   for (auto label = message.labels().rbegin(); label != message.labels().rend(); ++label)
     labels.emplace_front(*label);

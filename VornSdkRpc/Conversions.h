@@ -21,33 +21,33 @@ VORN_EXPORT vorn::mpls_action_t mplsOpToMplsAction(pb::nexthop_msg::mpls_operati
 
 // The address of a message: 4 bytes are an IPv4 one, 16 an IPv6 one. No bytes, or any other number
 // of them, are the null address.
-VORN_EXPORT vorn::ip_addr_t ipAddressToIpAddr(pb::ip_address_msg const& message);
+VORN_EXPORT vorn::ip_addr_t ipAddressToIpAddr(const pb::ip_address_msg& message);
 
 // Sets the message's bytes to those of the address, and to none when its family is unknown. Asserts
 // that the address is not the null address.
-VORN_EXPORT void ipAddrToIpAddress(vorn::ip_addr_t const& addr, pb::ip_address_msg* message);
+VORN_EXPORT void ipAddrToIpAddress(const vorn::ip_addr_t& addr, pb::ip_address_msg* message);
 
 // A new message, filled the same way.
-VORN_EXPORT pb::ip_address_msg ipAddrToIpAddress(vorn::ip_addr_t const& addr);
+VORN_EXPORT pb::ip_address_msg ipAddrToIpAddress(const vorn::ip_addr_t& addr);
 
 // The prefix of a message. The length is the low 8 bits of mask_length. An address of no bytes, or
 // of another number than 4 or 16, gives the empty prefix, whatever the length.
-VORN_EXPORT vorn::ip_prefix_t ipPrefixToPrefix(pb::ip_prefix_msg const& message);
+VORN_EXPORT vorn::ip_prefix_t ipPrefixToPrefix(const pb::ip_prefix_msg& message);
 
 // Sets the message's bytes to those of the address, however many there are.
-VORN_EXPORT void ipGenAddrToIpAddress(Zilnet::IpGenAddr const& addr, pb::ip_address_msg* message);
+VORN_EXPORT void ipGenAddrToIpAddress(const Zilnet::IpGenAddr& addr, pb::ip_address_msg* message);
 
 // A new message, filled the same way.
-VORN_EXPORT pb::ip_address_msg ipGenAddrToIpAddress(Zilnet::IpGenAddr const& addr);
+VORN_EXPORT pb::ip_address_msg ipGenAddrToIpAddress(const Zilnet::IpGenAddr& addr);
 
 // Fills a message with a session key. The key's labels are appended to those that the message
 // already holds; every other field is replaced. Asserts that the key's next hop is not the null
 // address.
-VORN_EXPORT void convertKey(vorn::sbfd_echo_session_key_t const& key,
+VORN_EXPORT void convertKey(const vorn::sbfd_echo_session_key_t& key,
                             pb::sbfd_echo_session_key_msg* message);
 
 // The session key of a message: labels in the same order, the low 8 bits of dscp and mpls_exp, the
 // null address for a next hop that is absent or of a wrong length.
-VORN_EXPORT vorn::sbfd_echo_session_key_t convertMsg(pb::sbfd_echo_session_key_msg const& message);
+VORN_EXPORT vorn::sbfd_echo_session_key_t convertMsg(const pb::sbfd_echo_session_key_msg& message);
 
 }  // namespace VornSdkRpc

@@ -1,5 +1,6 @@
-#include "VornSdkRpc/GrpcServer.h"
+#include <VornSdkRpc/GrpcServer.h>
 
+#include <VornSdkRpc/ScopedNamespace.h>
 #include <grpc/grpc.h>
 
 #include <cassert>
@@ -8,8 +9,6 @@
 #include <stdexcept>
 #include <string>
 #include <utility>
-
-#include "VornSdkRpc/ScopedNamespace.h"
 
 namespace VornSdkRpc {
 

@@ -1,5 +1,10 @@
 #pragma once
 
+#include <VornSdkRpc/GrpcService.h>
+#include <VornSdkRpc/PeerInfo.h>
+#include <VornSdkRpc/RequestHandler.h>
+#include <VornSdkRpc/ServerProperties.h>
+#include <VornSdkRpc/TagManager.h>
 #include <grpcpp/grpcpp.h>
 #include <vorn/export.h>
 #include <vorn/tracer.h>
@@ -9,12 +14,6 @@
 #include <exception>
 #include <memory>
 #include <vector>
-
-#include "VornSdkRpc/GrpcService.h"
-#include "VornSdkRpc/PeerInfo.h"
-#include "VornSdkRpc/RequestHandler.h"
-#include "VornSdkRpc/ServerProperties.h"
-#include "VornSdkRpc/TagManager.h"
 
 namespace VornSdkRpc {
 

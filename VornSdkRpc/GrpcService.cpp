@@ -1,9 +1,9 @@
-#include "VornSdkRpc/GrpcService.h"
+#include <VornSdkRpc/GrpcService.h>
+
+#include <VornSdkRpc/GrpcServer.h>
 
 #include <cassert>
 #include <utility>
-
-#include "VornSdkRpc/GrpcServer.h"
 
 namespace VornSdkRpc {
 

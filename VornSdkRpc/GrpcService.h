@@ -1,14 +1,13 @@
 #pragma once
 
+#include <VornSdkRpc/RequestHandler.h>
+#include <VornSdkRpc/ServerProperties.h>
 #include <vorn/export.h>
 #include <vorn/tracer.h>
 
 #include <atomic>
 #include <cstddef>
 #include <string>
-
-#include "VornSdkRpc/RequestHandler.h"
-#include "VornSdkRpc/ServerProperties.h"
 
 namespace grpc {
 class Server;

@@ -1,7 +1,8 @@
-#include "VornSdkRpc/MessagePrinters.h"
+#include <VornSdkRpc/MessagePrinters.h>
 
 #include <Kiv/Demangle.h>
 #include <Velm/String.h>
+#include <VornSdkRpc/Conversions.h>
 #include <vorn/ip_addr.h>
 #include <vorn/ip_prefix.h>
 
@@ -17,8 +18,6 @@
 #include <sstream>
 #include <string_view>
 #include <typeinfo>
-
-#include "VornSdkRpc/Conversions.h"
 
 namespace VornSdkRpc::pb {
 
@@ -47,36 +46,36 @@ class Layout {
   void put(std::string_view value) { sink_.text(value); }
 
   template <typename Element>
-  void put(google::protobuf::RepeatedField<Element> const& elements) {
+  void put(const google::protobuf::RepeatedField<Element>& elements) {
     joined(elements);
   }
 
   template <typename Element>
-  void put(google::protobuf::RepeatedPtrField<Element> const& elements) {
+  void put(const google::protobuf::RepeatedPtrField<Element>& elements) {
     joined(elements);
   }
 
   // Bare messages.
-  void put(ip_address_msg const& m) { sink_.value(ipAddressToIpAddr(m)); }
-  void put(ip_prefix_msg const& m) { sink_.value(ipPrefixToPrefix(m)); }
-  void put(rpc_status_msg const& m) {
+  void put(const ip_address_msg& m) { sink_.value(ipAddressToIpAddr(m)); }
+  void put(const ip_prefix_msg& m) { sink_.value(ipPrefixToPrefix(m)); }
+  void put(const rpc_status_msg& m) {
     put(rpc_status_msg::rpc_status_value_enum_Name(m.rpc_status_value()));
   }
-  void put(sbfd_echo_session_oper_status_msg const& m) {
+  void put(const sbfd_echo_session_oper_status_msg& m) {
     put(sbfd_echo_session_oper_status_msg::status_enum_Name(m.status()));
   }
 
   // Elements of the server state, which have no printers of their own.
-  void put(rpc_server_state_entry_msg const& m) {
+  void put(const rpc_server_state_entry_msg& m) {
     put(m.key());
     row("=", m.value());
   }
-  void put(rpc_server_state_key_msg const& m) { put(m.key()); }
-  void put(rpc_server_state_value_msg const& m) { put(m.value()); }
+  void put(const rpc_server_state_key_msg& m) { put(m.key()); }
+  void put(const rpc_server_state_value_msg& m) { put(m.value()); }
 
   // Composite messages.
   template <std::derived_from<google::protobuf::Message> Message>
-  void put(Message const& message) {
+  void put(const Message& message) {
     const typename Sink::Level level(sink_);
     sink_.text(typeName<Message>());
     table(message);
@@ -88,36 +87,36 @@ class Layout {
   [[gnu::always_inline]] void row(std::string_view label) { sink_.text(label); }
 
   template <typename Value>
-  [[gnu::always_inline]] void row(std::string_view label, Value const& value) {
+  [[gnu::always_inline]] void row(std::string_view label, const Value& value) {
     row(label);
     put(value);
   }
 
   template <typename List>
-  void joined(List const& elements) {
+  void joined(const List& elements) {
     bool first = true;
-    for (auto const& element : elements) {
+    for (const auto& element : elements) {
       if (!first) sink_.text(", ");
       first = false;
       put(element);
     }
   }
 
-  void table(ip_route_msg const& m) {
+  void table(const ip_route_msg& m) {
     row("{prefix=", m.prefix());
     if (m.has_nexthop_group()) row(" nexthopGroup=", m.nexthop_group());
     row(" tag=", m.tag());
     row("}");
   }
 
-  void table(nexthop_group_tunnel_msg const& m) {
+  void table(const nexthop_group_tunnel_msg& m) {
     row("{prefix=", m.prefix());
     row(" nexthopGroup=", m.nexthop_group());
     row(" igpMetric=", m.igp_metric());
     row("}");
   }
 
-  void table(nexthop_msg const& m) {
+  void table(const nexthop_msg& m) {
     row("{nexthopIp=", m.nexthop_ip());
     row(" nexthopInterface=", m.nexthop_interface());
     row(" mplsOp=", nexthop_msg::mpls_operation_enum_Name(m.mpls_op()));
@@ -127,7 +126,7 @@ class Layout {
     row("}");
   }
 
-  void table(sbfd_echo_session_key_msg const& m) {
+  void table(const sbfd_echo_session_key_msg& m) {
     row("{outgoingInterface=", m.outgoing_interface());
     row(" nexthop=", m.nexthop());
     row(" labels=[", m.labels());
@@ -136,7 +135,7 @@ class Layout {
     row("}");
   }
 
-  void table(nexthop_group_msg const& m) {
+  void table(const nexthop_group_msg& m) {
     row("{name=", m.name());
     row(" requestDelete=", m.request_delete());
     row(" nexthop=[", m.nexthop());
@@ -146,7 +145,7 @@ class Layout {
     row("}");
   }
 
-  void table(mpls_route_msg const& m) {
+  void table(const mpls_route_msg& m) {
     row("{label=", m.label());
     row(" requestDelete=", m.request_delete());
     if (m.has_nexthop()) row(" nexthop=", m.nexthop());
@@ -156,14 +155,14 @@ class Layout {
     row("}");
   }
 
-  void table(mpls_route_msg_forward_nexthop_group_msg const& m) {
+  void table(const mpls_route_msg_forward_nexthop_group_msg& m) {
     using Operation = mpls_route_msg_forward_nexthop_group_msg;
     row("{nexthopGroup=", m.nexthop_group());
     row(" mplsOp=", Operation::mpls_operation_enum_Name(m.mpls_op()));
     row("}");
   }
 
-  void table(cbf_nexthop_group_redirect_msg const& m) {
+  void table(const cbf_nexthop_group_redirect_msg& m) {
     row("{matchNexthopGroup=", m.match_nexthop_group());
     row(" matchIpv4Dscp=[", m.match_ipv4_dscp());
     row("] matchIpv6Dscp=[", m.match_ipv6_dscp());
@@ -172,7 +171,7 @@ class Layout {
     row("}");
   }
 
-  void table(sbfd_echo_session_msg const& m) {
+  void table(const sbfd_echo_session_msg& m) {
     row("{sessionKey=", m.session_key());
     row(" requestDelete=", m.request_delete());
     row(" rttEnabled=", m.rtt_enabled());
@@ -182,7 +181,7 @@ class Layout {
     row("}");
   }
 
-  void table(sbfd_echo_session_rtt_msg const& m) {
+  void table(const sbfd_echo_session_rtt_msg& m) {
     row("{lastRtt=", m.last_rtt());
     row(" minRtt=", m.min_rtt());
     row(" avgRtt=", m.avg_rtt());
@@ -193,15 +192,15 @@ class Layout {
     row("}");
   }
 
-  void table(watch_sbfd_echo_session_config_msg const& m) {
+  void table(const watch_sbfd_echo_session_config_msg& m) {
     row("{requestRttUpdates=", m.request_rtt_updates());
     row("}");
   }
 
   // The one message that leaves out what is absent.
-  void table(watch_sbfd_echo_session_status_msg const& m) {
+  void table(const watch_sbfd_echo_session_status_msg& m) {
     bool first = true;
-    const auto item = [&](std::string_view label, auto const& value) {
+    const auto item = [&](std::string_view label, const auto& value) {
       if (!first) row(" ");
       first = false;
       row(label, value);
@@ -219,14 +218,14 @@ class Layout {
     row("}");
   }
 
-  void table(rpc_server_state_config_msg const& m) {
+  void table(const rpc_server_state_config_msg& m) {
     row("{set=[", m.set());
     row("]");
     row(" delete=[", m.delete_());
     row("]}");
   }
 
-  void table(rpc_server_state_status_msg const& m) {
+  void table(const rpc_server_state_status_msg& m) {
     row("{value=[", m.value());
     row("]}");
   }
@@ -246,7 +245,7 @@ class StreamSink {
   void number(std::integral auto number) { stream_ << number; }
   void truth(bool value) { stream_ << value; }
   template <typename Value>
-  void value(Value const& value) {
+  void value(const Value& value) {
     stream_ << value;
   }
 
@@ -268,8 +267,8 @@ class StreamSink {
       }
     }
 
-    Level(Level const&) = delete;
-    Level& operator=(Level const&) = delete;
+    Level(const Level&) = delete;
+    Level& operator=(const Level&) = delete;
 
    private:
     std::ostream& stream_;
@@ -321,7 +320,7 @@ class TextSink {
   void truth(bool value) { text(value ? "true" : "false"); }
 
   template <typename Value>
-  void value(Value const& value) {
+  void value(const Value& value) {
     end(to_chars(room(Value::text_size), value));
   }
 
@@ -342,7 +341,7 @@ class TextSink {
     return buffer_ + used_;
   }
 
-  void end(char const* end) { used_ = static_cast<std::size_t>(end - buffer_); }
+  void end(const char* end) { used_ = static_cast<std::size_t>(end - buffer_); }
 
   Target& target_;
   std::size_t used_ = 0;
@@ -351,14 +350,14 @@ class TextSink {
 };
 
 // Whether a stream would write every piece as TextSink does.
-bool isPlain(std::ostream const& stream) {
+bool isPlain(const std::ostream& stream) {
   constexpr auto matters = std::ios_base::basefield | std::ios_base::showpos;
   return (stream.flags() & matters) == std::ios_base::dec && stream.width() == 0 &&
          stream.getloc() == std::locale::classic();
 }
 
 template <typename Target, typename Message>
-void render(Target& target, Message const& message) {
+void render(Target& target, const Message& message) {
   TextSink sink(target);
   Layout(sink).put(message);
   sink.flush();
@@ -395,8 +394,8 @@ class Disarmed {
     }
   }
 
-  Disarmed(Disarmed const&) = delete;
-  Disarmed& operator=(Disarmed const&) = delete;
+  Disarmed(const Disarmed&) = delete;
+  Disarmed& operator=(const Disarmed&) = delete;
 
  private:
   std::ostream& stream_;
@@ -405,7 +404,7 @@ class Disarmed {
 };
 
 template <typename Message>
-std::ostream& print(std::ostream& stream, Message const& message) noexcept {
+std::ostream& print(std::ostream& stream, const Message& message) noexcept {
   const Disarmed disarmed(stream);
   try {
     if (isPlain(stream)) {
@@ -421,7 +420,7 @@ std::ostream& print(std::ostream& stream, Message const& message) noexcept {
 }
 
 template <typename Message>
-std::string rendered(Message const& message) noexcept {
+std::string rendered(const Message& message) noexcept {
   try {
     std::string text;
     if (std::locale() == std::locale::classic()) {
@@ -438,84 +437,84 @@ std::string rendered(Message const& message) noexcept {
 
 }  // namespace
 
-std::ostream& operator<<(std::ostream& stream, ip_address_msg const& m) noexcept {
+std::ostream& operator<<(std::ostream& stream, const ip_address_msg& m) noexcept {
   return print(stream, m);
 }
-std::ostream& operator<<(std::ostream& stream, ip_prefix_msg const& m) noexcept {
+std::ostream& operator<<(std::ostream& stream, const ip_prefix_msg& m) noexcept {
   return print(stream, m);
 }
-std::ostream& operator<<(std::ostream& stream, ip_route_msg const& m) noexcept {
+std::ostream& operator<<(std::ostream& stream, const ip_route_msg& m) noexcept {
   return print(stream, m);
 }
-std::ostream& operator<<(std::ostream& stream, nexthop_group_tunnel_msg const& m) noexcept {
+std::ostream& operator<<(std::ostream& stream, const nexthop_group_tunnel_msg& m) noexcept {
   return print(stream, m);
 }
-std::ostream& operator<<(std::ostream& stream, nexthop_msg const& m) noexcept {
+std::ostream& operator<<(std::ostream& stream, const nexthop_msg& m) noexcept {
   return print(stream, m);
 }
-std::ostream& operator<<(std::ostream& stream, sbfd_echo_session_key_msg const& m) noexcept {
+std::ostream& operator<<(std::ostream& stream, const sbfd_echo_session_key_msg& m) noexcept {
   return print(stream, m);
 }
-std::ostream& operator<<(std::ostream& stream, nexthop_group_msg const& m) noexcept {
+std::ostream& operator<<(std::ostream& stream, const nexthop_group_msg& m) noexcept {
   return print(stream, m);
 }
-std::ostream& operator<<(std::ostream& stream, mpls_route_msg const& m) noexcept {
-  return print(stream, m);
-}
-std::ostream& operator<<(std::ostream& stream,
-                         mpls_route_msg_forward_nexthop_group_msg const& m) noexcept {
-  return print(stream, m);
-}
-std::ostream& operator<<(std::ostream& stream, cbf_nexthop_group_redirect_msg const& m) noexcept {
-  return print(stream, m);
-}
-std::ostream& operator<<(std::ostream& stream, sbfd_echo_session_msg const& m) noexcept {
-  return print(stream, m);
-}
-std::ostream& operator<<(std::ostream& stream, sbfd_echo_session_rtt_msg const& m) noexcept {
+std::ostream& operator<<(std::ostream& stream, const mpls_route_msg& m) noexcept {
   return print(stream, m);
 }
 std::ostream& operator<<(std::ostream& stream,
-                         sbfd_echo_session_oper_status_msg const& m) noexcept {
+                         const mpls_route_msg_forward_nexthop_group_msg& m) noexcept {
+  return print(stream, m);
+}
+std::ostream& operator<<(std::ostream& stream, const cbf_nexthop_group_redirect_msg& m) noexcept {
+  return print(stream, m);
+}
+std::ostream& operator<<(std::ostream& stream, const sbfd_echo_session_msg& m) noexcept {
+  return print(stream, m);
+}
+std::ostream& operator<<(std::ostream& stream, const sbfd_echo_session_rtt_msg& m) noexcept {
   return print(stream, m);
 }
 std::ostream& operator<<(std::ostream& stream,
-                         watch_sbfd_echo_session_config_msg const& m) noexcept {
+                         const sbfd_echo_session_oper_status_msg& m) noexcept {
   return print(stream, m);
 }
 std::ostream& operator<<(std::ostream& stream,
-                         watch_sbfd_echo_session_status_msg const& m) noexcept {
+                         const watch_sbfd_echo_session_config_msg& m) noexcept {
   return print(stream, m);
 }
-std::ostream& operator<<(std::ostream& stream, rpc_status_msg const& m) noexcept {
+std::ostream& operator<<(std::ostream& stream,
+                         const watch_sbfd_echo_session_status_msg& m) noexcept {
   return print(stream, m);
 }
-std::ostream& operator<<(std::ostream& stream, rpc_server_state_config_msg const& m) noexcept {
+std::ostream& operator<<(std::ostream& stream, const rpc_status_msg& m) noexcept {
   return print(stream, m);
 }
-std::ostream& operator<<(std::ostream& stream, rpc_server_state_status_msg const& m) noexcept {
+std::ostream& operator<<(std::ostream& stream, const rpc_server_state_config_msg& m) noexcept {
+  return print(stream, m);
+}
+std::ostream& operator<<(std::ostream& stream, const rpc_server_state_status_msg& m) noexcept {
   return print(stream, m);
 }
 
-std::string toString(ip_address_msg const& m) noexcept { return rendered(m); }
-std::string toString(ip_prefix_msg const& m) noexcept { return rendered(m); }
-std::string toString(ip_route_msg const& m) noexcept { return rendered(m); }
-std::string toString(nexthop_group_tunnel_msg const& m) noexcept { return rendered(m); }
-std::string toString(nexthop_msg const& m) noexcept { return rendered(m); }
-std::string toString(sbfd_echo_session_key_msg const& m) noexcept { return rendered(m); }
-std::string toString(nexthop_group_msg const& m) noexcept { return rendered(m); }
-std::string toString(mpls_route_msg const& m) noexcept { return rendered(m); }
-std::string toString(mpls_route_msg_forward_nexthop_group_msg const& m) noexcept {
+std::string toString(const ip_address_msg& m) noexcept { return rendered(m); }
+std::string toString(const ip_prefix_msg& m) noexcept { return rendered(m); }
+std::string toString(const ip_route_msg& m) noexcept { return rendered(m); }
+std::string toString(const nexthop_group_tunnel_msg& m) noexcept { return rendered(m); }
+std::string toString(const nexthop_msg& m) noexcept { return rendered(m); }
+std::string toString(const sbfd_echo_session_key_msg& m) noexcept { return rendered(m); }
+std::string toString(const nexthop_group_msg& m) noexcept { return rendered(m); }
+std::string toString(const mpls_route_msg& m) noexcept { return rendered(m); }
+std::string toString(const mpls_route_msg_forward_nexthop_group_msg& m) noexcept {
   return rendered(m);
 }
-std::string toString(cbf_nexthop_group_redirect_msg const& m) noexcept { return rendered(m); }
-std::string toString(sbfd_echo_session_msg const& m) noexcept { return rendered(m); }
-std::string toString(sbfd_echo_session_rtt_msg const& m) noexcept { return rendered(m); }
-std::string toString(sbfd_echo_session_oper_status_msg const& m) noexcept { return rendered(m); }
-std::string toString(watch_sbfd_echo_session_config_msg const& m) noexcept { return rendered(m); }
-std::string toString(watch_sbfd_echo_session_status_msg const& m) noexcept { return rendered(m); }
-std::string toString(rpc_status_msg const& m) noexcept { return rendered(m); }
-std::string toString(rpc_server_state_config_msg const& m) noexcept { return rendered(m); }
-std::string toString(rpc_server_state_status_msg const& m) noexcept { return rendered(m); }
+std::string toString(const cbf_nexthop_group_redirect_msg& m) noexcept { return rendered(m); }
+std::string toString(const sbfd_echo_session_msg& m) noexcept { return rendered(m); }
+std::string toString(const sbfd_echo_session_rtt_msg& m) noexcept { return rendered(m); }
+std::string toString(const sbfd_echo_session_oper_status_msg& m) noexcept { return rendered(m); }
+std::string toString(const watch_sbfd_echo_session_config_msg& m) noexcept { return rendered(m); }
+std::string toString(const watch_sbfd_echo_session_status_msg& m) noexcept { return rendered(m); }
+std::string toString(const rpc_status_msg& m) noexcept { return rendered(m); }
+std::string toString(const rpc_server_state_config_msg& m) noexcept { return rendered(m); }
+std::string toString(const rpc_server_state_status_msg& m) noexcept { return rendered(m); }
 
 }  // namespace VornSdkRpc::pb

@@ -37,55 +37,55 @@
 // Any thread may print; a stream is used by one thread at a time.
 namespace VornSdkRpc::pb {
 
-VORN_EXPORT std::ostream& operator<<(std::ostream& stream, ip_address_msg const& message) noexcept;
-VORN_EXPORT std::ostream& operator<<(std::ostream& stream, ip_prefix_msg const& message) noexcept;
-VORN_EXPORT std::ostream& operator<<(std::ostream& stream, ip_route_msg const& message) noexcept;
+VORN_EXPORT std::ostream& operator<<(std::ostream& stream, const ip_address_msg& message) noexcept;
+VORN_EXPORT std::ostream& operator<<(std::ostream& stream, const ip_prefix_msg& message) noexcept;
+VORN_EXPORT std::ostream& operator<<(std::ostream& stream, const ip_route_msg& message) noexcept;
 VORN_EXPORT std::ostream& operator<<(std::ostream& stream,
-                                     nexthop_group_tunnel_msg const& message) noexcept;
-VORN_EXPORT std::ostream& operator<<(std::ostream& stream, nexthop_msg const& message) noexcept;
+                                     const nexthop_group_tunnel_msg& message) noexcept;
+VORN_EXPORT std::ostream& operator<<(std::ostream& stream, const nexthop_msg& message) noexcept;
 VORN_EXPORT std::ostream& operator<<(std::ostream& stream,
-                                     sbfd_echo_session_key_msg const& message) noexcept;
+                                     const sbfd_echo_session_key_msg& message) noexcept;
 VORN_EXPORT std::ostream& operator<<(std::ostream& stream,
-                                     nexthop_group_msg const& message) noexcept;
-VORN_EXPORT std::ostream& operator<<(std::ostream& stream, mpls_route_msg const& message) noexcept;
+                                     const nexthop_group_msg& message) noexcept;
+VORN_EXPORT std::ostream& operator<<(std::ostream& stream, const mpls_route_msg& message) noexcept;
 VORN_EXPORT std::ostream& operator<<(
-    std::ostream& stream, mpls_route_msg_forward_nexthop_group_msg const& message) noexcept;
+    std::ostream& stream, const mpls_route_msg_forward_nexthop_group_msg& message) noexcept;
 VORN_EXPORT std::ostream& operator<<(std::ostream& stream,
-                                     cbf_nexthop_group_redirect_msg const& message) noexcept;
+                                     const cbf_nexthop_group_redirect_msg& message) noexcept;
 VORN_EXPORT std::ostream& operator<<(std::ostream& stream,
-                                     sbfd_echo_session_msg const& message) noexcept;
+                                     const sbfd_echo_session_msg& message) noexcept;
 VORN_EXPORT std::ostream& operator<<(std::ostream& stream,
-                                     sbfd_echo_session_rtt_msg const& message) noexcept;
+                                     const sbfd_echo_session_rtt_msg& message) noexcept;
 VORN_EXPORT std::ostream& operator<<(std::ostream& stream,
-                                     sbfd_echo_session_oper_status_msg const& message) noexcept;
+                                     const sbfd_echo_session_oper_status_msg& message) noexcept;
 VORN_EXPORT std::ostream& operator<<(std::ostream& stream,
-                                     watch_sbfd_echo_session_config_msg const& message) noexcept;
+                                     const watch_sbfd_echo_session_config_msg& message) noexcept;
 VORN_EXPORT std::ostream& operator<<(std::ostream& stream,
-                                     watch_sbfd_echo_session_status_msg const& message) noexcept;
-VORN_EXPORT std::ostream& operator<<(std::ostream& stream, rpc_status_msg const& message) noexcept;
+                                     const watch_sbfd_echo_session_status_msg& message) noexcept;
+VORN_EXPORT std::ostream& operator<<(std::ostream& stream, const rpc_status_msg& message) noexcept;
 VORN_EXPORT std::ostream& operator<<(std::ostream& stream,
-                                     rpc_server_state_config_msg const& message) noexcept;
+                                     const rpc_server_state_config_msg& message) noexcept;
 VORN_EXPORT std::ostream& operator<<(std::ostream& stream,
-                                     rpc_server_state_status_msg const& message) noexcept;
+                                     const rpc_server_state_status_msg& message) noexcept;
 
 // What << writes onto a new std::ostringstream.
-VORN_EXPORT std::string toString(ip_address_msg const& message) noexcept;
-VORN_EXPORT std::string toString(ip_prefix_msg const& message) noexcept;
-VORN_EXPORT std::string toString(ip_route_msg const& message) noexcept;
-VORN_EXPORT std::string toString(nexthop_group_tunnel_msg const& message) noexcept;
-VORN_EXPORT std::string toString(nexthop_msg const& message) noexcept;
-VORN_EXPORT std::string toString(sbfd_echo_session_key_msg const& message) noexcept;
-VORN_EXPORT std::string toString(nexthop_group_msg const& message) noexcept;
-VORN_EXPORT std::string toString(mpls_route_msg const& message) noexcept;
-VORN_EXPORT std::string toString(mpls_route_msg_forward_nexthop_group_msg const& message) noexcept;
-VORN_EXPORT std::string toString(cbf_nexthop_group_redirect_msg const& message) noexcept;
-VORN_EXPORT std::string toString(sbfd_echo_session_msg const& message) noexcept;
-VORN_EXPORT std::string toString(sbfd_echo_session_rtt_msg const& message) noexcept;
-VORN_EXPORT std::string toString(sbfd_echo_session_oper_status_msg const& message) noexcept;
-VORN_EXPORT std::string toString(watch_sbfd_echo_session_config_msg const& message) noexcept;
-VORN_EXPORT std::string toString(watch_sbfd_echo_session_status_msg const& message) noexcept;
-VORN_EXPORT std::string toString(rpc_status_msg const& message) noexcept;
-VORN_EXPORT std::string toString(rpc_server_state_config_msg const& message) noexcept;
-VORN_EXPORT std::string toString(rpc_server_state_status_msg const& message) noexcept;
+VORN_EXPORT std::string toString(const ip_address_msg& message) noexcept;
+VORN_EXPORT std::string toString(const ip_prefix_msg& message) noexcept;
+VORN_EXPORT std::string toString(const ip_route_msg& message) noexcept;
+VORN_EXPORT std::string toString(const nexthop_group_tunnel_msg& message) noexcept;
+VORN_EXPORT std::string toString(const nexthop_msg& message) noexcept;
+VORN_EXPORT std::string toString(const sbfd_echo_session_key_msg& message) noexcept;
+VORN_EXPORT std::string toString(const nexthop_group_msg& message) noexcept;
+VORN_EXPORT std::string toString(const mpls_route_msg& message) noexcept;
+VORN_EXPORT std::string toString(const mpls_route_msg_forward_nexthop_group_msg& message) noexcept;
+VORN_EXPORT std::string toString(const cbf_nexthop_group_redirect_msg& message) noexcept;
+VORN_EXPORT std::string toString(const sbfd_echo_session_msg& message) noexcept;
+VORN_EXPORT std::string toString(const sbfd_echo_session_rtt_msg& message) noexcept;
+VORN_EXPORT std::string toString(const sbfd_echo_session_oper_status_msg& message) noexcept;
+VORN_EXPORT std::string toString(const watch_sbfd_echo_session_config_msg& message) noexcept;
+VORN_EXPORT std::string toString(const watch_sbfd_echo_session_status_msg& message) noexcept;
+VORN_EXPORT std::string toString(const rpc_status_msg& message) noexcept;
+VORN_EXPORT std::string toString(const rpc_server_state_config_msg& message) noexcept;
+VORN_EXPORT std::string toString(const rpc_server_state_status_msg& message) noexcept;
 
 }  // namespace VornSdkRpc::pb

@@ -1,4 +1,4 @@
-#include "VornSdkRpc/Mutex.h"
+#include <VornSdkRpc/Mutex.h>
 
 #include <cassert>
 

@@ -1,4 +1,4 @@
-#include "VornSdkRpc/PeerInfo.h"
+#include <VornSdkRpc/PeerInfo.h>
 
 namespace VornSdkRpc {
 

@@ -71,6 +71,7 @@
 // 0 that says what it was.
 // An RPC of the service that has no function is answered UNIMPLEMENTED.
 
+#include <VornSdkRpc/GrpcService.h>
 #include <google/protobuf/descriptor.h>
 #include <grpc/grpc.h>
 #include <grpcpp/alarm.h>
@@ -98,8 +99,6 @@
 #include <utility>
 #include <vector>
 
-#include "VornSdkRpc/GrpcService.h"
-
 namespace VornSdkRpc::rpc {
 
 // ------------------------------------------------------------------------------------------------
@@ -110,7 +109,7 @@ namespace detail {
 // Goes on with the coroutine that awaits the one that has ended, if there is one.
 struct Continue {
   bool await_ready() const noexcept { return false; }
-  template <class Promise>
+  template <typename Promise>
   std::coroutine_handle<> await_suspend(std::coroutine_handle<Promise> ended) const noexcept {
     const auto next = ended.promise().continuation;
     return next ? next : std::noop_coroutine();
@@ -118,7 +117,7 @@ struct Continue {
   void await_resume() const noexcept {}
 };
 
-template <class Method, class Request, class Reply>
+template <typename Method, typename Request, typename Reply>
 class FunctionCall;
 
 struct PromiseBase {
@@ -130,7 +129,7 @@ struct PromiseBase {
   std::exception_ptr exception;
 };
 
-template <class T>
+template <typename T>
 struct Promise : PromiseBase {
   void return_value(T result) { value.emplace(std::move(result)); }
   T take() {
@@ -185,7 +184,7 @@ inline grpc::Status tooManyCalls() {
 // A coroutine that ends with a T: rpc::Task<> serves a call and ends with its grpc::Status. It
 // starts when it is first awaited, or by the kit when its call has arrived. Owns its frame;
 // movable.
-template <class T = grpc::Status>
+template <typename T = grpc::Status>
 class [[nodiscard]] Task {
  public:
   struct promise_type : detail::Promise<T> {
@@ -319,7 +318,7 @@ class ServiceBase : public GrpcService {
 
  private:
   friend class Call;
-  template <class Method, class Request, class Reply>
+  template <typename Method, typename Request, typename Reply>
   friend class detail::FunctionCall;
 
   using AlarmPosition = std::list<grpc::Alarm>::iterator;
@@ -388,7 +387,7 @@ class Call : public RequestHandler {
 
   // Waits for a time to pass: co_await answers whether the call still lives, at once when it
   // doesn't.
-  template <class Rep, class Period>
+  template <typename Rep, typename Period>
   auto wait(std::chrono::duration<Rep, Period> duration) {
     return operation(Awaited::time, [this, duration](OpaqueId tag) {
       service_.setAlarm(alarm(), deadlineIn(duration), tag);
@@ -453,7 +452,7 @@ class Call : public RequestHandler {
   enum class Awaited { time, read, write };
 
   // An operation of gRPC that is started with the call's tag and comes back with its ok flag.
-  template <class Start>
+  template <typename Start>
   auto operation(Awaited what, Start start) {
     struct [[nodiscard]] Awaiter {
       bool await_ready() const { return call.over_; }
@@ -503,7 +502,7 @@ class Call : public RequestHandler {
     Event& event_;
   };
 
-  template <class Rep, class Period>
+  template <typename Rep, typename Period>
   static gpr_timespec deadlineIn(std::chrono::duration<Rep, Period> duration) {
     constexpr auto kForever = std::chrono::hours(24 * 365);
     if (duration >= kForever) return gpr_inf_future(GPR_CLOCK_REALTIME);
@@ -573,7 +572,7 @@ class Call : public RequestHandler {
 };
 
 // A call whose client streams.
-template <class Request>
+template <typename Request>
 class Reader : public Call {
  public:
   // Reads the next item: co_await answers false at the end of the client's stream and when the call
@@ -589,7 +588,7 @@ class Reader : public Call {
 };
 
 // A call whose server streams.
-template <class Reply>
+template <typename Reply>
 class Writer : public Call {
  public:
   // Writes an item, and waits until gRPC has taken it: co_await answers false when the call is
@@ -607,7 +606,7 @@ class Writer : public Call {
 };
 
 // A call in which both sides stream.
-template <class Request, class Reply>
+template <typename Request, typename Reply>
 class ReaderWriter : public Call {
  public:
   // As Reader::read.
@@ -633,10 +632,10 @@ class ReaderWriter : public Call {
 namespace detail {
 
 // A method of a service with the function that serves it.
-template <class AsyncService, class Ask, class Handler>
+template <typename AsyncService, typename Ask, typename Handler>
 struct Method {
   // Asks gRPC for a call, to arrive under the tag.
-  template <class... Arguments>
+  template <typename... Arguments>
   void ask(OpaqueId tag, Arguments*... arguments) {
     (async.*askFor)(arguments..., queue, queue, tag);
   }
@@ -651,7 +650,7 @@ struct Method {
 };
 
 // Ends a call that has one reply, which a client is sent only with an OK.
-template <class Responder, class Reply>
+template <typename Responder, typename Reply>
 void answer(Responder& responder, const Reply& reply, const grpc::Status& status, OpaqueId tag) {
   if (status.ok()) {
     responder.Finish(reply, status, tag);
@@ -660,16 +659,16 @@ void answer(Responder& responder, const Reply& reply, const grpc::Status& status
   }
 }
 
-template <class Request, class Reply>
+template <typename Request, typename Reply>
 class UnaryExchange : public Call {
  protected:
   using Call::Call;
 
-  template <class Method>
+  template <typename Method>
   void ask(Method& method, OpaqueId tag) {
     method.ask(tag, &context_, &request_, &grpc_);
   }
-  template <class Handler>
+  template <typename Handler>
   Task<> serve(Handler& handler) {
     return handler(static_cast<Call&>(*this), std::as_const(request_), reply_);
   }
@@ -683,16 +682,16 @@ class UnaryExchange : public Call {
   grpc::ServerAsyncResponseWriter<Reply> grpc_{&context_};
 };
 
-template <class Request, class Reply>
+template <typename Request, typename Reply>
 class ReadExchange : public Reader<Request> {
  protected:
   using Reader<Request>::Reader;
 
-  template <class Method>
+  template <typename Method>
   void ask(Method& method, OpaqueId tag) {
     method.ask(tag, &this->context_, &grpc_);
   }
-  template <class Handler>
+  template <typename Handler>
   Task<> serve(Handler& handler) {
     return handler(static_cast<Reader<Request>&>(*this), reply_);
   }
@@ -706,16 +705,16 @@ class ReadExchange : public Reader<Request> {
   grpc::ServerAsyncReader<Reply, Request> grpc_{&this->context_};
 };
 
-template <class Request, class Reply>
+template <typename Request, typename Reply>
 class WriteExchange : public Writer<Reply> {
  protected:
   using Writer<Reply>::Writer;
 
-  template <class Method>
+  template <typename Method>
   void ask(Method& method, OpaqueId tag) {
     method.ask(tag, &this->context_, &request_, &this->grpc_);
   }
-  template <class Handler>
+  template <typename Handler>
   Task<> serve(Handler& handler) {
     return handler(static_cast<Writer<Reply>&>(*this), std::as_const(request_));
   }
@@ -727,16 +726,16 @@ class WriteExchange : public Writer<Reply> {
   Request request_;
 };
 
-template <class Request, class Reply>
+template <typename Request, typename Reply>
 class ReadWriteExchange : public ReaderWriter<Request, Reply> {
  protected:
   using ReaderWriter<Request, Reply>::ReaderWriter;
 
-  template <class Method>
+  template <typename Method>
   void ask(Method& method, OpaqueId tag) {
     method.ask(tag, &this->context_, &this->grpc_);
   }
-  template <class Handler>
+  template <typename Handler>
   Task<> serve(Handler& handler) {
     return handler(static_cast<ReaderWriter<Request, Reply>&>(*this));
   }
@@ -746,7 +745,7 @@ class ReadWriteExchange : public ReaderWriter<Request, Reply> {
 };
 
 // One call of a method that is served by a coroutine.
-template <class Method, class Exchange>
+template <typename Method, typename Exchange>
 class CoroutineCall final : public Exchange {
  public:
   CoroutineCall(Method& method, OpaqueId tag) : Exchange(method.service, tag), method_(method) {
@@ -766,7 +765,7 @@ class CoroutineCall final : public Exchange {
 };
 
 // One call of a unary method that is served by a plain function.
-template <class Method, class Request, class Reply>
+template <typename Method, typename Request, typename Reply>
 class FunctionCall final : public RequestHandler {
  public:
   FunctionCall(Method& method, OpaqueId tag) : method_(method) {
@@ -806,13 +805,13 @@ class FunctionCall final : public RequestHandler {
 
 // How many methods the layers of a generated class make asynchronous: AsyncService is
 // WithAsyncMethod_A<WithAsyncMethod_B<... Service>>, in the order of the service's methods.
-template <class Layers>
+template <typename Layers>
 constexpr int kAsyncMethods = 0;
-template <template <class> class Layer, class Rest>
+template <template <typename> typename Layer, typename Rest>
 constexpr int kAsyncMethods<Layer<Rest>> = 1 + kAsyncMethods<Rest>;
 
 // The generated asynchronous service, whose methods can be asked for by their numbers as well.
-template <class Generated>
+template <typename Generated>
 class Host : public Generated::AsyncService {
  public:
   // Throws std::logic_error when the classes were not generated as expected.
@@ -846,7 +845,7 @@ class Host : public Generated::AsyncService {
 
 // One call of a method that nothing serves. Without it, gRPC would keep such calls for as long as
 // their clients wait.
-template <class Host>
+template <typename Host>
 class RefusedCall final : public RequestHandler {
  public:
   RefusedCall(GrpcService& service, Host& host, grpc::ServerCompletionQueue* queue, int method,
@@ -884,7 +883,7 @@ class RefusedCall final : public RequestHandler {
 // A service of the generated class of its name, Routing for `service Routing`. The derived class
 // calls method() in its constructor, once per RPC; an RPC without one is answered UNIMPLEMENTED.
 // The function is kept as long as the service. Naming an RPC twice throws std::logic_error.
-template <class Generated>
+template <typename Generated>
 class Service : public ServiceBase {
  public:
   using Async = typename Generated::AsyncService;
@@ -897,7 +896,7 @@ class Service : public ServiceBase {
   // Request&, Reply&) that answers a grpc::Status, or a coroutine (Call&, const Request&, Reply&)
   // -> Task<>. A function must not ask its context whether the call IsCancelled(): gRPC knows that
   // only of calls whose end is followed, which are those of coroutines.
-  template <class Base, class Request, class Reply, class Handler>
+  template <typename Base, typename Request, typename Reply, typename Handler>
   void method(void (Base::*ask)(grpc::ServerContext*, Request*,
                                 grpc::ServerAsyncResponseWriter<Reply>*, grpc::CompletionQueue*,
                                 grpc::ServerCompletionQueue*, void*),
@@ -912,7 +911,7 @@ class Service : public ServiceBase {
   }
 
   // Client streaming. The handler is a coroutine (Reader<Request>&, Reply&) -> Task<>.
-  template <class Base, class Request, class Reply, class Handler>
+  template <typename Base, typename Request, typename Reply, typename Handler>
   void method(void (Base::*ask)(grpc::ServerContext*, grpc::ServerAsyncReader<Reply, Request>*,
                                 grpc::CompletionQueue*, grpc::ServerCompletionQueue*, void*),
               Handler handler, MethodOptions options = {}) {
@@ -920,7 +919,7 @@ class Service : public ServiceBase {
   }
 
   // Server streaming. The handler is a coroutine (Writer<Reply>&, const Request&) -> Task<>.
-  template <class Base, class Request, class Reply, class Handler>
+  template <typename Base, typename Request, typename Reply, typename Handler>
   void method(void (Base::*ask)(grpc::ServerContext*, Request*, grpc::ServerAsyncWriter<Reply>*,
                                 grpc::CompletionQueue*, grpc::ServerCompletionQueue*, void*),
               Handler handler, MethodOptions options = {}) {
@@ -928,7 +927,7 @@ class Service : public ServiceBase {
   }
 
   // Bidirectional streaming. The handler is a coroutine (ReaderWriter<Request, Reply>&) -> Task<>.
-  template <class Base, class Request, class Reply, class Handler>
+  template <typename Base, typename Request, typename Reply, typename Handler>
   void method(void (Base::*ask)(grpc::ServerContext*,
                                 grpc::ServerAsyncReaderWriter<Reply, Request>*,
                                 grpc::CompletionQueue*, grpc::ServerCompletionQueue*, void*),
@@ -950,14 +949,15 @@ class Service : public ServiceBase {
     registerHandler(std::make_shared<Refused>(*this, async_, cq_, method, nextOpaqueId()));
   }
 
-  template <class Exchange, class Base, class... Arguments, class Handler>
+  template <typename Exchange, typename Base, typename... Arguments, typename Handler>
   void addCoroutine(void (Base::*ask)(Arguments...), Handler handler, MethodOptions options) {
     using Ask = decltype(ask);
     using Method = detail::Method<Async, Ask, Handler>;
     add<Method, detail::CoroutineCall<Method, Exchange>>(ask, std::move(handler), options);
   }
 
-  template <class Method, class CallType, class Base, class... Arguments, class Handler>
+  template <typename Method, typename CallType, typename Base, typename... Arguments,
+            typename Handler>
   void add(void (Base::*ask)(Arguments...), Handler handler, MethodOptions options) {
     if (!served_.insert(detail::kAsyncMethods<Async> - detail::kAsyncMethods<Base>).second)
       throw std::logic_error("an RPC was given two functions");

@@ -1,4 +1,4 @@
-#include "VornSdkRpc/ScopedNamespace.h"
+#include <VornSdkRpc/ScopedNamespace.h>
 
 #include <fcntl.h>
 #include <netns/setns.h>

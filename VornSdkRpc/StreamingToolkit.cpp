@@ -1,4 +1,4 @@
-#include "VornSdkRpc/StreamingToolkit.h"
+#include <VornSdkRpc/StreamingToolkit.h>
 
 #include <ZilSlab/ZilSlab.h>
 
@@ -32,15 +32,15 @@ class BacklogImplBase::Gone final : public BacklogImplBase {
 BacklogImplBase::BacklogImplBase() = default;
 
 BacklogImplBase::BacklogImplBase(Velm::String name,
-                                 Velm::Ptr<Tarsk::TaskScheduler> const& taskScheduler)
+                                 const Velm::Ptr<Tarsk::TaskScheduler>& taskScheduler)
     : backlogSm_(GenericBacklogSm::GenericBacklogSmIs(name, taskScheduler, this)) {}
 
 BacklogImplBase::~BacklogImplBase() {
   if (backlogSm_) backlogSm_->backlogImpl_ = Gone::instance();
 }
 
-GenericBacklogSm::GenericBacklogSm(Velm::String const& name,
-                                   Velm::Ptr<Tarsk::TaskScheduler> const& taskScheduler,
+GenericBacklogSm::GenericBacklogSm(const Velm::String& name,
+                                   const Velm::Ptr<Tarsk::TaskScheduler>& taskScheduler,
                                    BacklogImplBase* backlogImpl)
     : backlogImpl_(backlogImpl) {
   checkBacklogImpl();
@@ -55,7 +55,7 @@ GenericBacklogSm::~GenericBacklogSm() {
 }
 
 Velm::Ptr<GenericBacklogSm> GenericBacklogSm::GenericBacklogSmIs(
-    Velm::String const& name, Velm::Ptr<Tarsk::TaskScheduler> const& taskScheduler,
+    const Velm::String& name, const Velm::Ptr<Tarsk::TaskScheduler>& taskScheduler,
     BacklogImplBase* backlogImpl) {
   Velm::Ptr<GenericBacklogSm> sm(new GenericBacklogSm(name, taskScheduler, backlogImpl));
   sm->hasNotificationActiveIs(true);
@@ -63,8 +63,8 @@ Velm::Ptr<GenericBacklogSm> GenericBacklogSm::GenericBacklogSmIs(
 }
 
 Velm::Ptr<Tarsk::Task> GenericBacklogSm::backlogTaskIs(
-    Velm::Ptr<Tarsk::TaskScheduler> const& taskScheduler, Tarsk::TaskPriority taskPriority,
-    Velm::String const& taskName) {
+    const Velm::Ptr<Tarsk::TaskScheduler>& taskScheduler, Tarsk::TaskPriority taskPriority,
+    const Velm::String& taskName) {
   auto task = backlogTask_;
   if (task) {
     const bool sameScheduler = task->taskScheduler() == taskScheduler;
@@ -107,7 +107,7 @@ void GenericBacklogSm::kivDoZombieReactors(bool zombie) {
 
 void GenericBacklogSm::backlogTaskDispatch(Velm::Publisher* /*publisher*/,
                                            Velm::Subscriber* subscriber, Velm::FieldId field,
-                                           void const* /*first*/, void const* /*second*/) {
+                                           const void* /*first*/, const void* /*second*/) {
   if (field != Tarsk::Task::runField) return;
   auto& sm = *static_cast<TaskSubscriber*>(subscriber)->sm;
   if (sm.nodeFlag(zombieReactors)) return;

@@ -19,7 +19,7 @@
 //
 //   class RouteBacklog : public VornSdkRpc::BacklogImplBase {
 //    public:
-//     explicit RouteBacklog(Velm::Ptr<Tarsk::TaskScheduler> const& scheduler)
+//     explicit RouteBacklog(const Velm::Ptr<Tarsk::TaskScheduler>& scheduler)
 //         : BacklogImplBase("RouteBacklog", scheduler), task_(backlogSm_->backlogTask()) {}
 //
 //     void add(Route route) {  // on any thread
@@ -53,7 +53,7 @@ class VORN_EXPORT GenericBacklogSm : public Velm::Node {
   // implementation is not called. Notification is not on yet (see hasNotificationActiveIs); the
   // factory and BacklogImplBase turn it on. Asserts that there is an implementation; throws what
   // the task's constructor throws, with nothing left behind.
-  GenericBacklogSm(Velm::String const& name, Velm::Ptr<Tarsk::TaskScheduler> const& taskScheduler,
+  GenericBacklogSm(const Velm::String& name, const Velm::Ptr<Tarsk::TaskScheduler>& taskScheduler,
                    BacklogImplBase* backlogImpl);
 
   // Stops listening and drops the task.
@@ -61,7 +61,7 @@ class VORN_EXPORT GenericBacklogSm : public Velm::Node {
 
   // A new state machine with notification on.
   static Velm::Ptr<GenericBacklogSm> GenericBacklogSmIs(
-      Velm::String const& name, Velm::Ptr<Tarsk::TaskScheduler> const& taskScheduler,
+      const Velm::String& name, const Velm::Ptr<Tarsk::TaskScheduler>& taskScheduler,
       BacklogImplBase* backlogImpl);
 
   // The current task; empty after backlogTaskDel().
@@ -74,9 +74,9 @@ class VORN_EXPORT GenericBacklogSm : public Velm::Node {
   // even while notification is off. Throws what the task's constructor throws, and then the old
   // task stays but is no longer listened to; passes on what handleBacklog() throws, with the new
   // task in place.
-  Velm::Ptr<Tarsk::Task> backlogTaskIs(Velm::Ptr<Tarsk::TaskScheduler> const& taskScheduler,
+  Velm::Ptr<Tarsk::Task> backlogTaskIs(const Velm::Ptr<Tarsk::TaskScheduler>& taskScheduler,
                                        Tarsk::TaskPriority taskPriority,
-                                       Velm::String const& taskName);
+                                       const Velm::String& taskName);
 
   // Takes the task out and answers it; empty when there was none. The implementation is not called
   // again until the next backlogTaskIs().
@@ -100,12 +100,12 @@ class VORN_EXPORT GenericBacklogSm : public Velm::Node {
   void kivDoZombieReactors(bool zombie) override;
 
   // The record of module StreamingToolkitSm, and 0.
-  std::pair<Velm::ModuleInspectData const*, unsigned> typeData() const override;
+  std::pair<const Velm::ModuleInspectData*, unsigned> typeData() const override;
 
   // What the task's publisher calls: handleBacklogTask() for a run, unless the zombie-reactors flag
   // is set. `subscriber` is the one embedded in a state machine.
   static void backlogTaskDispatch(Velm::Publisher* publisher, Velm::Subscriber* subscriber,
-                                  Velm::FieldId field, void const* first, void const* second);
+                                  Velm::FieldId field, const void* first, const void* second);
 
   // State machines come from the slab allocator and are counted.
   static void* operator new(std::size_t size);
@@ -139,14 +139,14 @@ class VORN_EXPORT BacklogImplBase {
  public:
   // Makes the state machine and its task on the scheduler, both called `name`. handleBacklog() is
   // not called. Throws std::invalid_argument when there is no scheduler.
-  BacklogImplBase(Velm::String name, Velm::Ptr<Tarsk::TaskScheduler> const& taskScheduler);
+  BacklogImplBase(Velm::String name, const Velm::Ptr<Tarsk::TaskScheduler>& taskScheduler);
 
   // Lets go of the state machine. One that somebody else still holds stays usable and calls nothing
   // any more, whatever is done to it.
   virtual ~BacklogImplBase();
 
-  BacklogImplBase(BacklogImplBase const&) = delete;
-  BacklogImplBase& operator=(BacklogImplBase const&) = delete;
+  BacklogImplBase(const BacklogImplBase&) = delete;
+  BacklogImplBase& operator=(const BacklogImplBase&) = delete;
 
   // Drains the backlog, or a step of it, and asks the task for another run when something is left.
   // Called once for each run of the task, on the scheduler's thread, and once when the task is

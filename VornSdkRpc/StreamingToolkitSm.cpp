@@ -1,8 +1,8 @@
 // Registers the backlog state machine with the platform's introspection: the record that describes
 // it, and the entry through which its attributes are read and driven.
-#include <array>
+#include <VornSdkRpc/StreamingToolkit.h>
 
-#include "VornSdkRpc/StreamingToolkit.h"
+#include <array>
 
 extern "C" {
 VORN_EXPORT extern const Velm::ModuleInspectData _StreamingToolkitSm_87e7dd33269edc9_kivModule;
@@ -94,9 +94,9 @@ TaskAnswer inspectBacklogTask(GenericBacklogSm& sm, unsigned char operation, voi
       auto* const values = static_cast<void**>(arguments);
       const auto scheduler =
           Velm::Ptr<Tarsk::TaskScheduler>::newRef(static_cast<Tarsk::TaskScheduler*>(values[0]));
-      const auto priority = *static_cast<Tarsk::TaskPriority const*>(values[1]);
+      const auto priority = *static_cast<const Tarsk::TaskPriority*>(values[1]);
       return {.task = sm.backlogTaskIs(scheduler, priority,
-                                       *static_cast<Velm::String const*>(values[2]))};
+                                       *static_cast<const Velm::String*>(values[2]))};
     }
     case opDel:
       return {.task = sm.backlogTaskDel()};
@@ -107,7 +107,7 @@ TaskAnswer inspectBacklogTask(GenericBacklogSm& sm, unsigned char operation, voi
 
 }  // namespace
 
-std::pair<Velm::ModuleInspectData const*, unsigned> GenericBacklogSm::typeData() const {
+std::pair<const Velm::ModuleInspectData*, unsigned> GenericBacklogSm::typeData() const {
   return {&_StreamingToolkitSm_87e7dd33269edc9_kivModule, 0};
 }
 
@@ -139,7 +139,7 @@ int Velm::HideMe<VornSdkRpc::GenericBacklogSm>::inspectOperation(void* result, v
       if (operation == opGet) {
         *static_cast<unsigned char*>(result) = sm.initialized_ ? 1 : 0;
       } else if (operation == opSet) {
-        sm.initialized_ = *static_cast<unsigned char const*>(arguments) != 0;
+        sm.initialized_ = *static_cast<const unsigned char*>(arguments) != 0;
       } else {
         return notOffered;
       }

@@ -1,4 +1,4 @@
-#include "VornSdkRpc/TagManager.h"
+#include <VornSdkRpc/TagManager.h>
 
 #include <cassert>
 #include <mutex>

@@ -1,13 +1,12 @@
 #pragma once
 
+#include <VornSdkRpc/Mutex.h>
+#include <VornSdkRpc/RequestHandler.h>
 #include <vorn/export.h>
 
 #include <cstddef>
 #include <memory>
 #include <unordered_map>
-
-#include "VornSdkRpc/Mutex.h"
-#include "VornSdkRpc/RequestHandler.h"
 
 namespace VornSdkRpc {
 

@@ -1,8 +1,8 @@
 #pragma once
 
 // Every utility of the library in one include.
-#include "VornSdkRpc/Argv.h"
-#include "VornSdkRpc/Conversions.h"
-#include "VornSdkRpc/MessagePrinters.h"
-#include "VornSdkRpc/Mutex.h"
-#include "VornSdkRpc/ScopedNamespace.h"
+#include <VornSdkRpc/Argv.h>
+#include <VornSdkRpc/Conversions.h>
+#include <VornSdkRpc/MessagePrinters.h>
+#include <VornSdkRpc/Mutex.h>
+#include <VornSdkRpc/ScopedNamespace.h>

@@ -1,4 +1,4 @@
-#include "VornSdkRpc/VornSdkRpcAgentRpcLogger.h"
+#include <VornSdkRpc/VornSdkRpcAgentRpcLogger.h>
 
 #include <Kiv/Log.h>
 #include <Kiv/Trace.h>
@@ -40,7 +40,7 @@ static_assert(std::has_virtual_destructor_v<grpc::experimental::ServerIntercepto
 constexpr auto kRest = std::chrono::milliseconds(2);
 
 // The first value of a property, up to its first NUL byte.
-std::string propertyOr(grpc::AuthContext const& context, char const* name, char const* missing) {
+std::string propertyOr(const grpc::AuthContext& context, const char* name, const char* missing) {
   const auto values = context.FindPropertyValues(name);
   if (values.empty()) return missing;
   const grpc::string_ref& first = values.front();
@@ -53,26 +53,26 @@ void traceBatch(unsigned long size) noexcept {
       Velm::fmtrace(_defaultTraceHandle(), 8, __FILE__, "consumer", __LINE__,
                     "LoggingInterceptorFactory", "Draining backlog (size {})", size);
     }
-  } catch (std::exception const&) {
+  } catch (const std::exception&) {
     // Without memory for the line, the trace is the poorer and accounting goes on.
   }
 }
 
 // Memory that has run out for a moment costs neither the process nor the record: nothing of it has
 // been written when the log call throws, and it is tried again for a second.
-void writeRecord(LogMessageData const& record) noexcept {
+void writeRecord(const LogMessageData& record) noexcept {
   for (int attempt = 0; attempt < 100; ++attempt) {
     try {
       Kiv::log(accountingLogHandle, record.user, record.session, record.peer, record.rpc,
                record.status);
       return;
-    } catch (std::exception const&) {
+    } catch (const std::exception&) {
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
   }
   try {
     _defaultTraceHandle().write(0, "A record could not be written and is lost");
-  } catch (std::exception const&) {
+  } catch (const std::exception&) {
     // Nor is there memory to tell it.
   }
 }
@@ -88,7 +88,7 @@ void LoggingInterceptor::Intercept(grpc::experimental::InterceptorBatchMethods* 
 }
 
 void LoggingInterceptor::account(grpc::experimental::InterceptorBatchMethods& methods) const {
-  auto const* call = info_->server_context();
+  const auto* call = info_->server_context();
   std::string peer = call->peer();
   const std::int32_t status = methods.GetSendStatus().error_code();
   std::string user = "unknown";
@@ -126,7 +126,7 @@ void LoggingInterceptorFactory::consumer() {
   std::deque<LogMessageData> batch;
   while (queue_.swap(batch)) {
     traceBatch(batch.size());
-    for (auto const& record : batch)
+    for (const auto& record : batch)
       writeRecord(record);
     batch.clear();
     std::this_thread::sleep_for(kRest);

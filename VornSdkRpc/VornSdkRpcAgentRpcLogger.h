@@ -1,5 +1,6 @@
 #pragma once
 
+#include <VornSdkRpc/VornSdkRpcAgentRpcLoggerUtils.h>
 #include <grpcpp/support/interceptor.h>
 #include <grpcpp/support/server_interceptor.h>
 #include <vorn/export.h>
@@ -7,8 +8,6 @@
 #include <cstdint>
 #include <string>
 #include <thread>
-
-#include "VornSdkRpc/VornSdkRpcAgentRpcLoggerUtils.h"
 
 // RPC accounting: every call that the server answers is one line in the platform log, which says
 // who called which method from where and with which result. A call never waits for the log: records
@@ -66,8 +65,8 @@ class VORN_EXPORT LoggingInterceptorFactory
   // Returns when everything that was queued has been handed to the log.
   ~LoggingInterceptorFactory() override;
 
-  LoggingInterceptorFactory(LoggingInterceptorFactory const&) = delete;
-  LoggingInterceptorFactory& operator=(LoggingInterceptorFactory const&) = delete;
+  LoggingInterceptorFactory(const LoggingInterceptorFactory&) = delete;
+  LoggingInterceptorFactory& operator=(const LoggingInterceptorFactory&) = delete;
 
   // A new interceptor for the call, never null; the caller owns it. Any thread.
   grpc::experimental::Interceptor* CreateServerInterceptor(

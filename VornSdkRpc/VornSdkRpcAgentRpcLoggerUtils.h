@@ -17,12 +17,12 @@ class SynchronizedQueue {
   // Closes the queue and drops what is still in it. The consumer must be done with it.
   ~SynchronizedQueue() { close(); }
 
-  SynchronizedQueue(SynchronizedQueue const&) = delete;
-  SynchronizedQueue& operator=(SynchronizedQueue const&) = delete;
+  SynchronizedQueue(const SynchronizedQueue&) = delete;
+  SynchronizedQueue& operator=(const SynchronizedQueue&) = delete;
 
   // Appends a copy of the item and wakes the consumer. Any thread. Throws what copying throws, and
   // the queue is then as before.
-  void push(T const& item) {
+  void push(const T& item) {
     const std::lock_guard lock(mutex_);
     items_.push_back(item);
     cond_.notify_one();

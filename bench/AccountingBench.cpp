@@ -30,7 +30,7 @@ void platformLogIsNull() {
   Kiv::platformLogger().sinks() = {std::make_shared<spdlog::sinks::null_sink_mt>()};
 }
 
-void writeRecord(LogMessageData const& record) {
+void writeRecord(const LogMessageData& record) {
   Kiv::log(logHandle, record.user, record.session, record.peer, record.rpc, record.status);
 }
 
@@ -43,7 +43,7 @@ class Accounting {
  private:
   void consume() {
     for (std::deque<LogMessageData> batch; queue_.swap(batch); batch.clear()) {
-      for (auto const& record : batch)
+      for (const auto& record : batch)
         writeRecord(record);
       std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
@@ -95,7 +95,7 @@ class GatedSink : public spdlog::sinks::base_sink<spdlog::details::null_mutex> {
   void open() { open_.count_down(); }
 
  private:
-  void sink_it_(spdlog::details::log_msg const&) override { open_.wait(); }
+  void sink_it_(const spdlog::details::log_msg&) override { open_.wait(); }
   void flush_() override {}
 
   std::latch open_{1};

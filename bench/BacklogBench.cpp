@@ -59,16 +59,16 @@ class Backlogs {
 
  private:
   struct Backlog : VornSdkRpc::BacklogImplBase {
-    Backlog(Velm::Ptr<Tarsk::TaskScheduler> const& scheduler, Backlogs& all)
+    Backlog(const Velm::Ptr<Tarsk::TaskScheduler>& scheduler, Backlogs& all)
         : BacklogImplBase("backlog", scheduler), owner(all), task(backlogSm_->backlogTask()) {}
     void handleBacklog() override { owner.action_(*task); }
 
     Backlogs& owner;
-    Velm::Ptr<Tarsk::Task> const task;
+    const Velm::Ptr<Tarsk::Task> task;
   };
 
-  std::function<void(Tarsk::Task&)> const action_;
-  Velm::Ptr<Tarsk::TaskScheduler> const scheduler_{new Tarsk::TaskScheduler("bench")};
+  const std::function<void(Tarsk::Task&)> action_;
+  const Velm::Ptr<Tarsk::TaskScheduler> scheduler_{new Tarsk::TaskScheduler("bench")};
   std::vector<std::unique_ptr<Backlog>> backlogs_;
 };
 
@@ -85,10 +85,10 @@ class Posts {
   void stop() { context_.stop(); }
 
  private:
-  std::function<void(Posts&)> const action_;
+  const std::function<void(Posts&)> action_;
   asio::io_context context_;
   // A context that once runs out of work does nothing any more.
-  asio::executor_work_guard<asio::io_context::executor_type> const guard_ =
+  const asio::executor_work_guard<asio::io_context::executor_type> guard_ =
       asio::make_work_guard(context_);
 };
 

@@ -28,7 +28,7 @@ class BenchService : public VornSdkRpc::GrpcService {
   void registerWith(grpc::ServerBuilder& builder) override { builder.RegisterService(&async); }
   void serverStarted() override;
 
-  template <class Handler>
+  template <typename Handler>
   void open() {
     registerHandler(std::make_shared<Handler>(*this, nextOpaqueId()));
   }
@@ -37,7 +37,7 @@ class BenchService : public VornSdkRpc::GrpcService {
 };
 
 // What the handlers of the methods share.
-template <class Derived>
+template <typename Derived>
 class Handler : public VornSdkRpc::RequestHandler {
  public:
   Handler(BenchService& service, OpaqueId tag) : service_(service) { opaqueId_ = tag; }

@@ -25,7 +25,7 @@ class SynchronousService : public Bench::Service {
 };
 
 // Both run on threads of gRPC's own.
-template <class Service>
+template <typename Service>
 class ThreadedServer : public Server {
  public:
   using Server::Server;

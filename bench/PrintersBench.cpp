@@ -79,8 +79,8 @@ watch_sbfd_echo_session_status_msg realisticItem() {
 
 using Out = fmt::appender;
 
-Out byHand(Out out, ip_address_msg const& m) {
-  auto const& bytes = m.addr();
+Out byHand(Out out, const ip_address_msg& m) {
+  const auto& bytes = m.addr();
   if (bytes.size() == 4) {
     const auto byte = [&](int i) { return static_cast<unsigned char>(bytes[i]); };
     return fmt::format_to(out, "{}.{}.{}.{}", byte(0), byte(1), byte(2), byte(3));
@@ -90,7 +90,7 @@ Out byHand(Out out, ip_address_msg const& m) {
   return fmt::format_to(out, "{}", inet_ntop(AF_INET6, bytes.data(), text, sizeof text));
 }
 
-Out byHand(Out out, sbfd_echo_session_key_msg const& m) {
+Out byHand(Out out, const sbfd_echo_session_key_msg& m) {
   out = fmt::format_to(out,
                        "VornSdkRpc::pb::sbfd_echo_session_key_msg{{outgoingInterface={} nexthop=",
                        m.outgoing_interface());
@@ -99,7 +99,7 @@ Out byHand(Out out, sbfd_echo_session_key_msg const& m) {
                         m.dscp(), m.mpls_exp());
 }
 
-Out byHand(Out out, nexthop_msg const& m) {
+Out byHand(Out out, const nexthop_msg& m) {
   out = byHand(fmt::format_to(out, "VornSdkRpc::pb::nexthop_msg{{nexthopIp="), m.nexthop_ip());
   out = fmt::format_to(
       out, " nexthopInterface={} mplsOp={} labels=[{}] replicateCount={} sbfdSessionKey= ",
@@ -108,10 +108,10 @@ Out byHand(Out out, nexthop_msg const& m) {
   return fmt::format_to(byHand(out, m.sbfd_session_key()), "}}");
 }
 
-Out byHand(Out out, watch_sbfd_echo_session_status_msg const& m);
+Out byHand(Out out, const watch_sbfd_echo_session_status_msg& m);
 
 template <typename List>
-Out byHandList(Out out, List const& list) {
+Out byHandList(Out out, const List& list) {
   for (auto element = list.begin(); element != list.end(); ++element) {
     if (element != list.begin()) out = fmt::format_to(out, ", ");
     out = byHand(out, *element);
@@ -119,7 +119,7 @@ Out byHandList(Out out, List const& list) {
   return out;
 }
 
-Out byHand(Out out, nexthop_group_msg const& m) {
+Out byHand(Out out, const nexthop_group_msg& m) {
   out = fmt::format_to(out, "VornSdkRpc::pb::nexthop_group_msg{{name={} requestDelete={} nexthop=[",
                        m.name(), m.request_delete());
   out = fmt::format_to(byHandList(out, m.nexthop()), "] backupNexthop=[");
@@ -128,7 +128,7 @@ Out byHand(Out out, nexthop_group_msg const& m) {
 }
 
 // An item with a key and a status, or with items.
-Out byHand(Out out, watch_sbfd_echo_session_status_msg const& m) {
+Out byHand(Out out, const watch_sbfd_echo_session_status_msg& m) {
   out = fmt::format_to(out, "VornSdkRpc::pb::watch_sbfd_echo_session_status_msg{{");
   if (m.has_session_key()) {
     out = byHand(fmt::format_to(out, "sessionKey="), m.session_key());
@@ -143,7 +143,7 @@ Out byHand(Out out, watch_sbfd_echo_session_status_msg const& m) {
 }
 
 template <typename Message>
-std::string byHand(Message const& message) {
+std::string byHand(const Message& message) {
   fmt::memory_buffer buffer;
   byHand(Out(buffer), message);
   return fmt::to_string(buffer);
@@ -153,7 +153,7 @@ std::string byHand(Message const& message) {
 // Measuring
 
 template <typename Operation>
-void measure(benchmark::State& state, Operation const& operation) {
+void measure(benchmark::State& state, const Operation& operation) {
   operation();  // what is done once is not what is measured
   const std::size_t before = allocations();
   for ([[maybe_unused]] auto _ : state)
@@ -163,26 +163,26 @@ void measure(benchmark::State& state, Operation const& operation) {
 }
 
 template <typename Message>
-void registerPrinters(std::string const& name, Message const& message) {
+void registerPrinters(const std::string& name, const Message& message) {
   if (byHand(message) != toString(message)) {
     std::fprintf(stderr, "%s: the texts differ:\n%s\n%s\n", name.c_str(), byHand(message).c_str(),
                  toString(message).c_str());
     std::abort();
   }
-  const auto add = [&](char const* how, auto operation) {
+  const auto add = [&](const char* how, auto operation) {
     benchmark::RegisterBenchmark((name + '/' + how).c_str(), [message, operation](auto& state) {
       measure(state, [&] { return operation(message); });
     });
   };
-  add("toString", [](Message const& m) { return toString(m); });
-  add("ShortDebugString", [](Message const& m) { return m.ShortDebugString(); });
-  add("byHand", [](Message const& m) { return byHand(m); });
-  add("stream", [stream = std::make_shared<std::ostringstream>()](Message const& m) {
+  add("toString", [](const Message& m) { return toString(m); });
+  add("ShortDebugString", [](const Message& m) { return m.ShortDebugString(); });
+  add("byHand", [](const Message& m) { return byHand(m); });
+  add("stream", [stream = std::make_shared<std::ostringstream>()](const Message& m) {
     stream->seekp(0);
     *stream << m;
     return stream->good();
   });
-  add("hexStream", [stream = std::make_shared<std::ostringstream>()](Message const& m) {
+  add("hexStream", [stream = std::make_shared<std::ostringstream>()](const Message& m) {
     stream->seekp(0);
     *stream << std::hex << m;
     return stream->good();
@@ -190,7 +190,7 @@ void registerPrinters(std::string const& name, Message const& message) {
 }
 
 template <typename Operation>
-void registerOne(char const* name, Operation operation) {
+void registerOne(const char* name, Operation operation) {
   benchmark::RegisterBenchmark(name, [operation](auto& state) { measure(state, operation); });
 }
 

@@ -74,7 +74,7 @@ class Map {
 };
 
 // `count` live tags, of which next() answers one after another in no order.
-template <class Subject>
+template <typename Subject>
 class Live {
  public:
   explicit Live(std::int64_t count) {
@@ -102,7 +102,7 @@ class Live {
   std::size_t next_ = 0;
 };
 
-template <class Subject>
+template <typename Subject>
 void BM_Find(benchmark::State& state) {
   Live<Subject> live(state.range(0));
   std::size_t serviceId = 0;
@@ -115,7 +115,7 @@ void BM_Find(benchmark::State& state) {
 }
 
 // The life of a tag: made, stored, found twice, removed.
-template <class Subject>
+template <typename Subject>
 void BM_Life(benchmark::State& state) {
   Live<Subject> live(state.range(0));
   std::size_t serviceId = 0;

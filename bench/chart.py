@@ -15,15 +15,15 @@ def line(x1, y1, x2, y2, colour="#888"):
 
 
 def box(x, y, width, height, colour):
-    return (f'<rect x="{x:.1f}" y="{y:.1f}" width="{width:.1f}" height="{height:.1f}" '
-            f'fill="{colour}"/>')
+    return f'<rect x="{x:.1f}" y="{y:.1f}" width="{width:.1f}" height="{height:.1f}" ' f'fill="{colour}"/>'
 
 
 def write(path, width, height, parts):
-    path.write_text(f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {width} {height}" '
-                    f'font-family="sans-serif" font-size="12">\n'
-                    f'<rect width="{width}" height="{height}" fill="white"/>\n'
-                    + "\n".join(parts) + "\n</svg>\n")
+    path.write_text(
+        f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {width} {height}" '
+        f'font-family="sans-serif" font-size="12">\n'
+        f'<rect width="{width}" height="{height}" fill="white"/>\n' + "\n".join(parts) + "\n</svg>\n"
+    )
 
 
 def label(row):
@@ -42,12 +42,13 @@ def ratios(rows, path):
         figures = [figure for figure in COLOURS if figure in row["ratios"]]
         if not figures:
             continue
-        parts.append(text(LEFT - 8, y + BAR / 2 * len(figures) + 4,
-                          label(row), "end"))
+        parts.append(text(LEFT - 8, y + BAR / 2 * len(figures) + 4, label(row), "end"))
         for figure in figures:
             value = row["ratios"][figure]
-            parts += [box(LEFT, y, scale * min(value, 3), BAR - 2, COLOURS[figure]),
-                      text(LEFT + scale * min(value, 3) + 4, y + BAR - 4, f"{value:.3f}")]
+            parts += [
+                box(LEFT, y, scale * min(value, 3), BAR - 2, COLOURS[figure]),
+                text(LEFT + scale * min(value, 3) + 4, y + BAR - 4, f"{value:.3f}"),
+            ]
             y += BAR
         y += 8
     parts.append(line(LEFT + scale, 34, LEFT + scale, y, "#c0392b"))
@@ -59,18 +60,28 @@ def curve(samples, figure, scale, top, height, title, unit):
     left, right = 70, WIDTH - 20
     most = max(sample[figure] for sample in samples) * scale * 1.2
     calls = samples[-1]["calls"]
-    points = " ".join(f"{left + (right - left) * sample['calls'] / calls:.1f},"
-                      f"{top + height - height * sample[figure] * scale / most:.1f}"
-                      for sample in samples)
-    return [text(left, top - 6, title), line(left, top, left, top + height),
-            line(left, top + height, right, top + height),
-            text(left - 6, top + 10, f"{most:.1f}{unit}", "end"), text(left - 6, top + height, "0", "end"),
-            text(right, top + height + 16, f"{calls:,} calls", "end"),
-            f'<polyline points="{points}" fill="none" stroke="#3b6ea5" stroke-width="1.5"/>']
+    points = " ".join(
+        f"{left + (right - left) * sample['calls'] / calls:.1f},"
+        f"{top + height - height * sample[figure] * scale / most:.1f}"
+        for sample in samples
+    )
+    return [
+        text(left, top - 6, title),
+        line(left, top, left, top + height),
+        line(left, top + height, right, top + height),
+        text(left - 6, top + 10, f"{most:.1f}{unit}", "end"),
+        text(left - 6, top + height, "0", "end"),
+        text(right, top + height + 16, f"{calls:,} calls", "end"),
+        f'<polyline points="{points}" fill="none" stroke="#3b6ea5" stroke-width="1.5"/>',
+    ]
 
 
 def growth(samples, path):
-    write(path, WIDTH, 540,
-          curve(samples, "cpu_us", 1, 30, 130, "processor time per call", " us")
-          + curve(samples, "heap_bytes", 1 / 1024, 210, 130, "memory allocated", " KiB")
-          + curve(samples, "resident_bytes", 1 / 2**20, 390, 130, "resident memory", " MiB"))
+    write(
+        path,
+        WIDTH,
+        540,
+        curve(samples, "cpu_us", 1, 30, 130, "processor time per call", " us")
+        + curve(samples, "heap_bytes", 1 / 1024, 210, 130, "memory allocated", " KiB")
+        + curve(samples, "resident_bytes", 1 / 2**20, 390, 130, "resident memory", " MiB"),
+    )

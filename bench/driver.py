@@ -39,7 +39,11 @@ class Server:
     def __init__(self, *arguments, under=()):
         self.process = subprocess.Popen(
             [*under, BUILD / "EchoServer", *arguments],
-            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            text=True,
+        )
         line = self.process.stdout.readline()
         if not line:
             raise RuntimeError(f"EchoServer {arguments}: {self.process.stderr.read()}")
@@ -81,10 +85,27 @@ def h2load(port, method, body, calls, connections=4, streams=16, log=None):
     path = SCRATCH / "body"
     path.write_bytes(body)
     return subprocess.Popen(
-        ["h2load", "-n", str(calls), "-c", str(connections), "-m", str(streams), "-d", path,
-         "-H", "te: trailers", "-H", "content-type: application/grpc",
-         *(["--log-file", log] if log else []), f"http://127.0.0.1:{port}/bench.Bench/{method}"],
-        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        [
+            "h2load",
+            "-n",
+            str(calls),
+            "-c",
+            str(connections),
+            "-m",
+            str(streams),
+            "-d",
+            path,
+            "-H",
+            "te: trailers",
+            "-H",
+            "content-type: application/grpc",
+            *(["--log-file", log] if log else []),
+            f"http://127.0.0.1:{port}/bench.Bench/{method}",
+        ],
+        stdout=subprocess.PIPE,
+        stderr=subprocess.STDOUT,
+        text=True,
+    )
 
 
 def load(port, method, body, calls, answer, connections=4, streams=16, log=None):
@@ -102,8 +123,7 @@ def load(port, method, body, calls, answer, connections=4, streams=16, log=None)
 def percentiles(log, *percents):
     """Of the latencies, in microseconds, that h2load has logged."""
     latencies = sorted(int(line.split()[2]) for line in log.read_text().splitlines())
-    return [latencies[min(len(latencies) - 1, len(latencies) * percent // 100)]
-            for percent in percents]
+    return [latencies[min(len(latencies) - 1, len(latencies) * percent // 100)] for percent in percents]
 
 
 def stalled(client):
@@ -115,8 +135,10 @@ def instructions(arguments, method, body, calls, answer):
     """Instructions per call of the whole process, counted by callgrind after a warm-up."""
     for old in SCRATCH.glob("callgrind.out*"):
         old.unlink()
-    with Server(*arguments, under=["valgrind", "--tool=callgrind", "--instr-atstart=no",
-                                   f"--callgrind-out-file={SCRATCH}/callgrind.out"]) as server:
+    with Server(
+        *arguments,
+        under=["valgrind", "--tool=callgrind", "--instr-atstart=no", f"--callgrind-out-file={SCRATCH}/callgrind.out"],
+    ) as server:
         load(server.port, method, body, max(200, calls // 10), answer)
         control(server, "--instr=on")
         load(server.port, method, body, calls, answer)
@@ -126,5 +148,9 @@ def instructions(arguments, method, body, calls, answer):
 
 
 def control(server, command):
-    subprocess.run(["callgrind_control", command, str(server.process.pid)], check=True,
-                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    subprocess.run(
+        ["callgrind_control", command, str(server.process.pid)],
+        check=True,
+        stdout=subprocess.DEVNULL,
+        stderr=subprocess.DEVNULL,
+    )

@@ -7,19 +7,24 @@ import subprocess
 from driver import BUILD
 
 # The words by which a benchmark's name and that of its peer differ.
-PEERS = [("Registry", "Map"), ("Backlog", "Asio"), ("Accounting", "SpdlogAsync"),
-         ("toString", "ShortDebugString")]
+PEERS = [("Registry", "Map"), ("Backlog", "Asio"), ("Accounting", "SpdlogAsync"), ("toString", "ShortDebugString")]
 
 
 def benchmarks(program, plan):
     """The medians of a program's benchmarks by name."""
     output = subprocess.run(
-        [program, "--benchmark_format=json", "--benchmark_enable_random_interleaving=true",
-         f"--benchmark_repetitions={3 if plan.quick else 5}",
-         f"--benchmark_min_time={0.02 if plan.quick else 0.1}"],
-        check=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout
-    medians = [one for one in json.loads(output)["benchmarks"]
-               if one.get("aggregate_name") == "median"]
+        [
+            program,
+            "--benchmark_format=json",
+            "--benchmark_enable_random_interleaving=true",
+            f"--benchmark_repetitions={3 if plan.quick else 5}",
+            f"--benchmark_min_time={0.02 if plan.quick else 0.1}",
+        ],
+        check=True,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.DEVNULL,
+    ).stdout
+    medians = [one for one in json.loads(output)["benchmarks"] if one.get("aggregate_name") == "median"]
     medians.sort(key=lambda one: one["family_index"] * 1000 + one["per_family_instance_index"])
     return {one["run_name"]: one for one in medians}
 
@@ -37,8 +42,13 @@ def row(program, name, found):
     if "allocs" in one:
         figures["allocations"] = one["allocs"]
     ratios = {"cpu_us": figures["cpu_us"] / microseconds(found[peer])} if peer else {}
-    return {"work": program.name, "subject": short(name), "peer": peer and short(peer),
-            "figures": figures, "ratios": ratios}
+    return {
+        "work": program.name,
+        "subject": short(name),
+        "peer": peer and short(peer),
+        "figures": figures,
+        "ratios": ratios,
+    }
 
 
 def short(name):

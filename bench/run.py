@@ -22,7 +22,7 @@ import time
 import chart
 import programs
 import table
-from driver import (Server, h2load, instructions, item, load, order, percentiles, stalled, SCRATCH)
+from driver import Server, h2load, instructions, item, load, order, percentiles, stalled, SCRATCH
 
 OUT = pathlib.Path("build/bench")
 STREAMS = 10_000
@@ -50,7 +50,7 @@ def take_turns(subjects, rounds, measure):
     """Figures of every round by subject: measure(name) answers one round's as a dict."""
     taken = {name: [] for name in subjects}
     for number in range(rounds):
-        for name in list(subjects)[::-1 if number % 2 else 1]:
+        for name in list(subjects)[:: -1 if number % 2 else 1]:
             taken[name].append(measure(name))
     return taken
 
@@ -69,8 +69,7 @@ def rows(work, taken, peers):
                 # The rounds stand for each other only where they have run side by side.
                 if all(base):
                     ratios[figure] = statistics.median(a / b for a, b in zip(values, base))
-        result.append({"work": work, "subject": name, "peer": peers.get(name),
-                       "figures": figures, "ratios": ratios})
+        result.append({"work": work, "subject": name, "peer": peers.get(name), "figures": figures, "ratios": ratios})
     return result
 
 
@@ -99,8 +98,7 @@ def unary(plan, _):
             load(server.port, "Say", body, plan.calls // 4, answer)
             after = server.report()
         made = (after["allocations"] - before["allocations"]) / (plan.calls // 4)
-        return {"instructions": instructions(UNARY[name][0], "Say", body, plan.counted, answer),
-                "allocations": made}
+        return {"instructions": instructions(UNARY[name][0], "Say", body, plan.counted, answer), "allocations": made}
 
     peers = {name: peer for name, (_, peer) in UNARY.items()}
     timed = rows("unary echo", take_turns(UNARY, plan.rounds, one), peers)
@@ -125,8 +123,11 @@ def streaming(plan, _):
                 after = server.report()
             return {"cpu_us": cpu(before, after, calls * 1000), "rate": rate * 1000}
 
-        result += rows(f"streamed item, {size} bytes", take_turns((HAND, FRAME, COROUTINE), plan.rounds, one),
-                       {FRAME: HAND, COROUTINE: HAND})
+        result += rows(
+            f"streamed item, {size} bytes",
+            take_turns((HAND, FRAME, COROUTINE), plan.rounds, one),
+            {FRAME: HAND, COROUTINE: HAND},
+        )
     return result
 
 
@@ -151,11 +152,17 @@ def held(plan, _):
                 written = server.wait_for(lambda report: report["written"] == number * STREAMS)
             took = server.stop()
             client.communicate()
-        return {"bytes": (opened["heap_bytes"] - before["heap_bytes"]) / STREAMS,
-                "cpu_us": cpu(opened, written, plan.publishes * STREAMS), "stop_ms": took}
+        return {
+            "bytes": (opened["heap_bytes"] - before["heap_bytes"]) / STREAMS,
+            "cpu_us": cpu(opened, written, plan.publishes * STREAMS),
+            "stop_ms": took,
+        }
 
-    return rows("10,000 open streams, a write to each", take_turns((HAND, FRAME, COROUTINE), plan.few, one),
-                {FRAME: HAND, COROUTINE: HAND})
+    return rows(
+        "10,000 open streams, a write to each",
+        take_turns((HAND, FRAME, COROUTINE), plan.few, one),
+        {FRAME: HAND, COROUTINE: HAND},
+    )
 
 
 def stopped_reading(plan, _):
@@ -172,8 +179,15 @@ def stopped_reading(plan, _):
             took = server.stop()
             client.kill()
             client.communicate()
-        result.append({"work": "10,000 open streams, clients stalled for 4 s", "subject": name,
-                       "peer": None, "figures": {"stop_ms": took}, "ratios": {}})
+        result.append(
+            {
+                "work": "10,000 open streams, clients stalled for 4 s",
+                "subject": name,
+                "peer": None,
+                "figures": {"stop_ms": took},
+                "ratios": {},
+            }
+        )
     return result
 
 
@@ -186,25 +200,44 @@ def growth(plan, result):
         for served in range(piece, plan.growth + 1, piece):
             load(server.port, "Say", item(32), piece, len(item(32)))
             now = server.report()
-            samples.append({"calls": served, "cpu_us": cpu(last, now, piece),
-                            "heap_bytes": now["heap_bytes"], "resident_bytes": now["resident_bytes"]})
+            samples.append(
+                {
+                    "calls": served,
+                    "cpu_us": cpu(last, now, piece),
+                    "heap_bytes": now["heap_bytes"],
+                    "resident_bytes": now["resident_bytes"],
+                }
+            )
             last = now
     chart.growth(samples, OUT / "growth.svg")
     result["growth"] = samples
     quarter = len(samples) // 4
     first, last = samples[:quarter], samples[-quarter:]
     middle = lambda part, figure: statistics.median(sample[figure] for sample in part)
-    found = [{"work": f"{plan.growth:,} calls to one server", "subject": label, "peer": peer,
-               "figures": {"cpu_us": middle(part, "cpu_us"), "bytes": middle(part, "heap_bytes")},
-               "ratios": {}} for label, part, peer in (("first quarter", first, None),
-                                                       ("last quarter", last, "first quarter"))]
-    found[1]["ratios"] = {figure: found[1]["figures"][figure] / found[0]["figures"][figure]
-                          for figure in found[0]["figures"]}
+    found = [
+        {
+            "work": f"{plan.growth:,} calls to one server",
+            "subject": label,
+            "peer": peer,
+            "figures": {"cpu_us": middle(part, "cpu_us"), "bytes": middle(part, "heap_bytes")},
+            "ratios": {},
+        }
+        for label, part, peer in (("first quarter", first, None), ("last quarter", last, "first quarter"))
+    ]
+    found[1]["ratios"] = {
+        figure: found[1]["figures"][figure] / found[0]["figures"][figure] for figure in found[0]["figures"]
+    }
     return found
 
 
-WORKS = {"unary": unary, "streaming": streaming, "held": held, "stalled": stopped_reading,
-         "growth": growth, "programs": lambda plan, _: programs.run(plan)}
+WORKS = {
+    "unary": unary,
+    "streaming": streaming,
+    "held": held,
+    "stalled": stopped_reading,
+    "growth": growth,
+    "programs": lambda plan, _: programs.run(plan),
+}
 
 # What is to be reached: a ratio or a figure of a subject, and its bound.
 AIMS = [
@@ -213,8 +246,7 @@ AIMS = [
     ("unary echo", "frame, 64 ahead", "ratios", "cpu_us", 0.90),
     ("unary echo", "frame, accounting", "ratios", "cpu_us", 1.20),
     ("10,000 open streams, a write to each", FRAME, "figures", "stop_ms", 5000),
-    ("10,000 open streams, clients stalled for 4 s", "frame, keepalive 10 s / 1 s", "figures",
-     "stop_ms", 5000),
+    ("10,000 open streams, clients stalled for 4 s", "frame, keepalive 10 s / 1 s", "figures", "stop_ms", 5000),
 ]
 
 
@@ -224,15 +256,21 @@ def aims(measured):
         for row in measured:
             if (row["work"], row["subject"]) == (work, subject):
                 value = row[kind][figure]
-                result.append({"aim": f"{work}, {subject}: {table.TITLES[figure]}"
-                                      f"{' ratio' if kind == 'ratios' else ''} at most {bound}",
-                               "value": value, "met": value <= bound})
+                result.append(
+                    {
+                        "aim": f"{work}, {subject}: {table.TITLES[figure]}"
+                        f"{' ratio' if kind == 'ratios' else ''} at most {bound}",
+                        "value": value,
+                        "met": value <= bound,
+                    }
+                )
     return result
 
 
 def parse():
-    parser = argparse.ArgumentParser(description=__doc__, prog="scripts/bench",
-                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser = argparse.ArgumentParser(
+        description=__doc__, prog="scripts/bench", formatter_class=argparse.RawDescriptionHelpFormatter
+    )
     parser.add_argument("--quick", action="store_true")
     parser.add_argument("--long", action="store_true")
     parser.add_argument("--only", default=",".join(WORKS))
@@ -247,8 +285,9 @@ def parse():
 
 def machine():
     cpuinfo = pathlib.Path("/proc/cpuinfo").read_text()
-    model = next((line.split(": ", 1)[1] for line in cpuinfo.splitlines()
-                  if line.startswith("model name")), platform.machine())
+    model = next(
+        (line.split(": ", 1)[1] for line in cpuinfo.splitlines() if line.startswith("model name")), platform.machine()
+    )
     return f"{cpuinfo.count('processor	')} x {model}, Linux {platform.release()}"
 
 
@@ -262,8 +301,14 @@ def main():
     plan = parse()
     OUT.mkdir(parents=True, exist_ok=True)
     started = time.monotonic()
-    result = {"machine": machine(), "date": datetime.date.today().isoformat(), "minutes": 0,
-              "rows": [], "growth": [], "aims": []}
+    result = {
+        "machine": machine(),
+        "date": datetime.date.today().isoformat(),
+        "minutes": 0,
+        "rows": [],
+        "growth": [],
+        "aims": [],
+    }
     for name, work in WORKS.items():
         if name not in plan.only:
             continue

@@ -1,8 +1,15 @@
 """The results as one table in Markdown."""
 
-TITLES = {"cpu_us": "CPU us", "instructions": "instructions", "allocations": "allocations",
-          "bytes": "bytes", "stop_ms": "ms to stop", "rate": "per second", "p50_us": "p50 us",
-          "p99_us": "p99 us"}
+TITLES = {
+    "cpu_us": "CPU us",
+    "instructions": "instructions",
+    "allocations": "allocations",
+    "bytes": "bytes",
+    "stop_ms": "ms to stop",
+    "rate": "per second",
+    "p50_us": "p50 us",
+    "p99_us": "p99 us",
+}
 WITH_RATIO = ("cpu_us", "instructions", "bytes", "rate")
 
 
@@ -32,12 +39,26 @@ def render(result):
     used = [any(line[i] for line in lines) for i in range(len(head))]
     shown = [[cell for cell, use in zip(line, used) if use] for line in [head, *lines]]
     widths = [max(len(line[i]) for line in shown) for i in range(len(shown[0]))]
-    align = lambda line: "| " + " | ".join(
-        cell.ljust(width) if i < 2 else cell.rjust(width)
-        for i, (cell, width) in enumerate(zip(line, widths))) + " |"
-    rule = "|" + "|".join("-" * (width + 1) + ("-" if i < 2 else ":")
-                          for i, width in enumerate(widths)) + "|"
-    verdicts = [f"- {'met' if aim['met'] else 'MISSED'}: {aim['aim']}: {number(aim['value'])}"
-                for aim in result["aims"]]
-    return "\n".join([f"{result['machine']}, {result['date']}, {result['minutes']} minutes", "",
-                      align(shown[0]), rule, *map(align, shown[1:]), "", *verdicts, ""])
+    align = (
+        lambda line: "| "
+        + " | ".join(
+            cell.ljust(width) if i < 2 else cell.rjust(width) for i, (cell, width) in enumerate(zip(line, widths))
+        )
+        + " |"
+    )
+    rule = "|" + "|".join("-" * (width + 1) + ("-" if i < 2 else ":") for i, width in enumerate(widths)) + "|"
+    verdicts = [
+        f"- {'met' if aim['met'] else 'MISSED'}: {aim['aim']}: {number(aim['value'])}" for aim in result["aims"]
+    ]
+    return "\n".join(
+        [
+            f"{result['machine']}, {result['date']}, {result['minutes']} minutes",
+            "",
+            align(shown[0]),
+            rule,
+            *map(align, shown[1:]),
+            "",
+            *verdicts,
+            "",
+        ]
+    )

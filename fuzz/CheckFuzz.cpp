@@ -21,12 +21,12 @@ using namespace routing_agent;
 bool isPlain(char c) { return c >= 0x20 && c < 0x7f; }
 
 // Whether the agent takes the message. A refusal says nothing that the client has made up.
-template <class Message>
-bool isTaken(Message const& message) {
+template <typename Message>
+bool isTaken(const Message& message) {
   try {
     check(message);
     return true;
-  } catch (vorn::invalid_argument_error const& error) {
+  } catch (const vorn::invalid_argument_error& error) {
     const std::string_view text = error.what();
     require(!error.argument().empty() && text.starts_with(error.argument()));
     require(text.size() < 200 && std::ranges::all_of(text, isPlain));
@@ -34,24 +34,24 @@ bool isTaken(Message const& message) {
   }
 }
 
-void use(google::protobuf::Message const&) {}
+void use(const google::protobuf::Message&) {}
 
-void use(ip_prefix_msg const& message) {
+void use(const ip_prefix_msg& message) {
   const auto prefix = VornSdkRpc::ipPrefixToPrefix(message);
   require(prefix.length() == message.mask_length() && !(prefix == vorn::ip_prefix_t()));
 }
 
-void use(ip_route_msg const& message) { use(message.prefix()); }
+void use(const ip_route_msg& message) { use(message.prefix()); }
 
-void use(sbfd_echo_session_msg const& message) {
+void use(const sbfd_echo_session_msg& message) {
   const auto key = VornSdkRpc::convertMsg(message.session_key());
   sbfd_echo_session_key_msg back;
   VornSdkRpc::convertKey(key, &back);
   require(VornSdkRpc::convertMsg(back) == key);
 }
 
-template <class Message>
-void checkAs(std::uint8_t const* data, std::size_t size) {
+template <typename Message>
+void checkAs(std::const uint8_t* data, std::size_t size) {
   Message message;
   if (!message.ParseFromArray(data, static_cast<int>(size)) || !isTaken(message)) return;
   require(!toString(message).empty());
@@ -62,7 +62,7 @@ void checkAs(std::uint8_t const* data, std::size_t size) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(std::const uint8_t* data, std::size_t size) {
   checkAs<ip_prefix_msg>(data, size);
   checkAs<ip_route_msg>(data, size);
   checkAs<nexthop_group_msg>(data, size);

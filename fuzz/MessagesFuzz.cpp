@@ -26,24 +26,24 @@ std::ostringstream likeDefault() {
   return stream;
 }
 
-void convert(google::protobuf::Message const&) {}
+void convert(const google::protobuf::Message&) {}
 
-void convert(ip_address_msg const& message) {
+void convert(const ip_address_msg& message) {
   const auto address = ipAddressToIpAddr(message);
   if (address.af() == vorn::af_t::none) return;
   require(ipAddrToIpAddress(address).addr() == message.addr());
 }
 
-void convert(ip_prefix_msg const& message) {
+void convert(const ip_prefix_msg& message) {
   const auto prefix = ipPrefixToPrefix(message);
   require(prefix == vorn::ip_prefix_t() || prefix.length() == message.mask_length() % 256);
 }
 
-void convert(nexthop_msg const& message) {
+void convert(const nexthop_msg& message) {
   require(mplsOpToMplsAction(message.mpls_op()) <= vorn::mpls_action_t::pop);
 }
 
-void convert(sbfd_echo_session_key_msg const& message) {
+void convert(const sbfd_echo_session_key_msg& message) {
   const auto key = convertMsg(message);
   if (key.nexthop().af() == vorn::af_t::none) return;
   sbfd_echo_session_key_msg back;
@@ -52,7 +52,7 @@ void convert(sbfd_echo_session_key_msg const& message) {
 }
 
 template <typename Message>
-void check(std::uint8_t const* data, std::size_t size) {
+void check(std::const uint8_t* data, std::size_t size) {
   Message message;
   // What was read before an error is a message too.
   static_cast<void>(message.ParseFromArray(data, static_cast<int>(size)));
@@ -66,13 +66,13 @@ void check(std::uint8_t const* data, std::size_t size) {
 }
 
 template <typename... Messages>
-void checkAs(std::uint8_t const* data, std::size_t size) {
+void checkAs(std::const uint8_t* data, std::size_t size) {
   (check<Messages>(data, size), ...);
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(std::const uint8_t* data, std::size_t size) {
   checkAs<ip_address_msg, ip_prefix_msg, ip_route_msg, nexthop_group_tunnel_msg, nexthop_msg,
           sbfd_echo_session_key_msg, nexthop_group_msg, mpls_route_msg,
           mpls_route_msg_forward_nexthop_group_msg, cbf_nexthop_group_redirect_msg,

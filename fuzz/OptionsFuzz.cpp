@@ -18,7 +18,7 @@ using namespace VornSdkRpc;
 
 using Words = std::vector<std::string>;
 
-Words wordsOf(std::string const& text) {
+Words wordsOf(const std::string& text) {
   Words words{"routing_agent"};
   for (std::size_t begin = 0; begin < text.size();) {
     const auto end = std::min(text.find('\n', begin), text.size());
@@ -36,7 +36,7 @@ std::vector<char*> pointersTo(Words& words) {
 }
 
 // A word may hold a NUL, and ends there.
-Words textsOf(std::vector<char*> const& pointers) { return {pointers.begin(), pointers.end()}; }
+Words textsOf(const std::vector<char*>& pointers) { return {pointers.begin(), pointers.end()}; }
 
 void checkArgv(Words words) {
   auto pointers = pointersTo(words);
@@ -72,15 +72,15 @@ void checkOptions(Words words) {
     require(!options.listen.empty() && std::ranges::count(options.listen, "") == 0);
     require(options.stepTime.count() >= 0 && options.stepTime.count() <= 1000);
     require(options.keepaliveMs >= 100);
-  } catch (routing_agent::UsageError const& error) {
+  } catch (const routing_agent::UsageError& error) {
     require(*error.what() != '\0');
   }
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
-  const Words words = wordsOf(std::string(reinterpret_cast<char const*>(data), size));
+extern "C" int LLVMFuzzerTestOneInput(std::const uint8_t* data, std::size_t size) {
+  const Words words = wordsOf(std::string(reinterpret_cast<const char*>(data), size));
   checkArgv(words);
   checkOptions(words);
   return 0;

@@ -12,8 +12,8 @@
 using namespace VornSdkRpc;
 
 // A peer, and behind the first line end an address of this host.
-extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
-  const std::string text(reinterpret_cast<char const*>(data), size);
+extern "C" int LLVMFuzzerTestOneInput(std::const uint8_t* data, std::size_t size) {
+  const std::string text(reinterpret_cast<const char*>(data), size);
   const auto end = text.find('\n');
   const std::string peer = text.substr(0, end);
   const std::string local = end == std::string::npos ? "" : text.substr(end + 1);

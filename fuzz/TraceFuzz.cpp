@@ -16,14 +16,14 @@ namespace {
 
 bool isControl(char c) { return (static_cast<unsigned char>(c) < 0x20) || c == 0x7f; }
 
-std::uint32_t levelsOf(Kiv::TraceHandle const& handle) {
+std::uint32_t levelsOf(const Kiv::TraceHandle& handle) {
   std::uint32_t levels = 0;
   for (unsigned level = 0; level < 32; ++level)
     levels |= std::uint32_t{handle.enabled(level)} << level;
   return levels;
 }
 
-void checkLine(std::string const& text) {
+void checkLine(const std::string& text) {
   const std::string line = Kiv::oneLine(text);
   const auto controls = static_cast<std::size_t>(std::ranges::count_if(text, isControl));
   require(std::ranges::none_of(line, isControl));
@@ -32,13 +32,13 @@ void checkLine(std::string const& text) {
   require(controls != 0 || line == text);
 }
 
-void checkSetting(std::string const& setting) {
+void checkSetting(const std::string& setting) {
   static const Kiv::TraceHandle server("GrpcServer", false);
   static const Kiv::TraceHandle other("a", false);
   Kiv::traceSettingIs("GrpcServer/3");
   try {
     Kiv::traceSettingIs(setting);
-  } catch (std::invalid_argument const& error) {
+  } catch (const std::invalid_argument& error) {
     require(std::ranges::none_of(std::string(error.what()), isControl));
     require(levelsOf(server) == 0b1001 && levelsOf(other) == 1);
     return;
@@ -53,8 +53,8 @@ void checkSetting(std::string const& setting) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size) {
-  const std::string text(reinterpret_cast<char const*>(data), size);
+extern "C" int LLVMFuzzerTestOneInput(std::const uint8_t* data, std::size_t size) {
+  const std::string text(reinterpret_cast<const char*>(data), size);
   checkLine(text);
   checkSetting(text);
   return 0;

@@ -33,3 +33,9 @@ build() {
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset" "${@/#/--target=}"
 }
+
+# Names every Python source of the project, with or without an ending, one a line.
+python_sources() {
+  git ls-files '*.py'
+  git grep -lE '^#!.*python3?$' -- ':!*.py'
+}

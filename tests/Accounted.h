@@ -25,9 +25,9 @@ inline void accountingIs(grpc::ServerBuilder& builder) {
 // text spells.
 class EchoServer {
  public:
-  explicit EchoServer(std::shared_ptr<grpc::ServerCredentials> const& credentials =
+  explicit EchoServer(const std::shared_ptr<grpc::ServerCredentials>& credentials =
                           grpc::InsecureServerCredentials(),
-                      std::string const& address = "127.0.0.1:0")
+                      const std::string& address = "127.0.0.1:0")
       : address_(address) {
     int port = 0;
     grpc::ServerBuilder builder;
@@ -45,7 +45,7 @@ class EchoServer {
   }
 
   // A stub with a connection of its own.
-  std::unique_ptr<Probe::Stub> stub(std::shared_ptr<grpc::ChannelCredentials> const& with =
+  std::unique_ptr<Probe::Stub> stub(const std::shared_ptr<grpc::ChannelCredentials>& with =
                                         grpc::InsecureChannelCredentials()) const {
     grpc::ChannelArguments arguments;
     arguments.SetInt(GRPC_ARG_USE_LOCAL_SUBCHANNEL_POOL, 1);
@@ -57,7 +57,7 @@ class EchoServer {
 
  private:
   struct Service : Probe::Service {
-    grpc::Status Echo(grpc::ServerContext* context, Text const* text, Text*) override {
+    grpc::Status Echo(grpc::ServerContext* context, const Text* text, Text*) override {
       if (const auto caller = context->auth_context()) {
         const auto sessions = caller->FindPropertyValues("session-id").size();
         if (sessions > sessionsPerConnection) sessionsPerConnection = sessions;
@@ -74,10 +74,10 @@ class EchoServer {
 };
 
 // One Echo; answers its status code.
-inline int callEcho(Probe::Stub& stub, std::string const& text,
-                    std::multimap<std::string, std::string> const& metadata = {}) {
+inline int callEcho(Probe::Stub& stub, const std::string& text,
+                    const std::multimap<std::string, std::string>& metadata = {}) {
   grpc::ClientContext context;
-  for (auto const& [key, value] : metadata)
+  for (const auto& [key, value] : metadata)
     context.AddMetadata(key, value);
   Text request;
   request.set_text(text);

@@ -12,7 +12,7 @@
 namespace {
 
 int loadCalls() {
-  char const* text = std::getenv("VORN_LOAD_CALLS");
+  const char* text = std::getenv("VORN_LOAD_CALLS");
   return text != nullptr ? std::atoi(text) : 2000;
 }
 
@@ -20,7 +20,7 @@ int loadCalls() {
 class Load {
  public:
   template <typename Server>
-  Load(Server const& server, int calls) : left_(calls) {
+  Load(const Server& server, int calls) : left_(calls) {
     for (int i = 0; i < 4; ++i) {
       clients_.emplace_back([this, stub = std::shared_ptr(server.stub())] {
         while (left_-- > 0) {
@@ -49,7 +49,7 @@ class Load {
   std::vector<std::jthread> clients_;
 };
 
-int records(test::Capture const& log) {
+int records(const test::Capture& log) {
   return static_cast<int>(log.count("rpc: /test.Probe/Echo, status: 0"));
 }
 

@@ -24,14 +24,14 @@ using test::EchoServer;
 
 constexpr char kEcho[] = "/test.Probe/Echo";
 
-std::string lineOf(std::string const& user, std::string const& session, std::string const& rpc,
+std::string lineOf(const std::string& user, const std::string& session, const std::string& rpc,
                    int status) {
   return "VORNSDKRPC_ACCOUNTING_RPC: user: " + user + ", session: " + session +
          ", peer: PEER, rpc: " + rpc + ", status: " + std::to_string(status);
 }
 
 // The lines with each client's address, which the kernel chooses, replaced.
-std::vector<std::string> linesOf(test::Capture const& log) {
+std::vector<std::string> linesOf(const test::Capture& log) {
   auto lines = log.lines();
   for (auto& line : lines) {
     const auto begin = line.find("peer: ") + 6;
@@ -81,7 +81,7 @@ grpc::StatusCode abandonChat(test::Probe::Stub& stub, bool late) {
 
 // A call of a method that nobody implements. (With gRPC's callbacks instead of a queue, the thread
 // sanitizer takes what gRPC hands to a thread of its own for a race.)
-grpc::StatusCode callUnknownMethod(std::shared_ptr<grpc::Channel> const& channel) {
+grpc::StatusCode callUnknownMethod(const std::shared_ptr<grpc::Channel>& channel) {
   grpc::TemplatedGenericStub<test::Text, test::Text> stub(channel);
   grpc::ClientContext context;
   grpc::CompletionQueue queue;
@@ -116,7 +116,7 @@ TEST(Accounting, EveryKindOfCallIsOneRecordHoweverItEnds) {
   EXPECT_EQ(callUnknownMethod(server->connection()), grpc::UNIMPLEMENTED);
   server.reset();
   std::vector<std::string> expected;
-  for (auto const& [rpc, status] : {std::pair(kEcho, 0),
+  for (const auto& [rpc, status] : {std::pair(kEcho, 0),
                                     {kEcho, 5},
                                     {"/test.Probe/Collect", 0},
                                     {"/test.Probe/Tick", 0},
@@ -135,14 +135,14 @@ class Identified : public grpc::AuthMetadataProcessor {
   explicit Identified(Properties properties) : properties_(std::move(properties)) {}
 
  private:
-  grpc::Status Process(InputMetadata const&, grpc::AuthContext* context, OutputMetadata*,
+  grpc::Status Process(const InputMetadata&, grpc::AuthContext* context, OutputMetadata*,
                        OutputMetadata*) override {
-    for (auto const& [name, value] : properties_)
+    for (const auto& [name, value] : properties_)
       context->AddProperty(name, value);
     return grpc::Status::OK;
   }
 
-  Properties const properties_;
+  const Properties properties_;
 };
 
 TEST(Accounting, TheCallerIsTheFirstValueOfEachProperty) {
@@ -160,7 +160,7 @@ TEST(Accounting, TheCallerIsTheFirstValueOfEachProperty) {
        "eve, status: 0\\x0aVORNSDKRPC_ACCOUNTING_RPC: user: root",
        "unknown"},
   };
-  for (auto const& c : cases) {
+  for (const auto& c : cases) {
     const test::Capture log(Kiv::platformLogger());
     const auto credentials = grpc::experimental::LocalServerCredentials(LOCAL_TCP);
     credentials->SetAuthMetadataProcessor(std::make_shared<Identified>(c.properties));
@@ -172,9 +172,9 @@ TEST(Accounting, TheCallerIsTheFirstValueOfEachProperty) {
 }
 
 // The sizes of the batches that the consumer has traced, without those of spurious wake-ups.
-std::vector<std::string> batchesOf(test::Capture const& trace) {
+std::vector<std::string> batchesOf(const test::Capture& trace) {
   std::vector<std::string> sizes;
-  for (auto const& line : trace.lines()) {
+  for (const auto& line : trace.lines()) {
     const auto at = line.find("(size ");
     if (at != std::string::npos && line.substr(at) != "(size 0)") sizes.push_back(line.substr(at));
   }
@@ -240,7 +240,7 @@ TEST(SynchronizedQueue, KeepsEveryItemOfEveryProducerInOrder) {
   std::array<int, 4> received = {};
   std::jthread consumer([&] {
     for (std::deque<std::pair<std::size_t, int>> batch; queue.swap(batch); batch.clear()) {
-      for (auto const& [producer, item] : batch)
+      for (const auto& [producer, item] : batch)
         EXPECT_EQ(item, received[producer]++);
     }
   });

@@ -23,7 +23,7 @@ class CommandLine {
   }
 
   std::vector<std::string> texts() const { return {left.begin(), left.end()}; }
-  char const* at(std::size_t index) const { return strings_[index].data(); }
+  const char* at(std::size_t index) const { return strings_[index].data(); }
 
   std::vector<char*> left;
 
@@ -49,7 +49,7 @@ TEST(Argv, AnswersTheValueOfAnOption) {
        {"prog", "--name=agent1", "--nam", "--Name", "--names"}},
       {{}, "default", {}},
   };
-  for (auto const& [before, value, after] : cases) {
+  for (const auto& [before, value, after] : cases) {
     CommandLine line(before);
     EXPECT_EQ(argv::getOptionValue(line.left, "--name", "default"), value);
     EXPECT_EQ(line.texts(), after);
@@ -79,7 +79,7 @@ TEST(Argv, TakesAsManyArgumentsAsAreCounted) {
   try {
     argv::vectorize(-1, line.left.data());
     ADD_FAILURE() << "a negative count was taken";
-  } catch (std::length_error const& error) {
+  } catch (const std::length_error& error) {
     EXPECT_STREQ(error.what(), "cannot create std::vector larger than max_size()");
   }
 }

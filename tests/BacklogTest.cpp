@@ -31,14 +31,14 @@ const auto* const announced = Velm::ModuleInspectData::find("StreamingToolkitSm"
 
 std::size_t liveObjects() {
   std::size_t count = 0;
-  for (auto const* tracker : {Task::memAllocationTracker_, GenericBacklogSm::memAllocationTracker_})
+  for (const auto* tracker : {Task::memAllocationTracker_, GenericBacklogSm::memAllocationTracker_})
     count += tracker == nullptr ? 0 : tracker->liveObjects();
   return count;
 }
 
 class Backlog : public BacklogImplBase {
  public:
-  explicit Backlog(Velm::Ptr<TaskScheduler> const& scheduler, Velm::String const& name = "backlog")
+  explicit Backlog(const Velm::Ptr<TaskScheduler>& scheduler, const Velm::String& name = "backlog")
       : BacklogImplBase(name, scheduler) {}
 
   void handleBacklog() override {
@@ -46,7 +46,7 @@ class Backlog : public BacklogImplBase {
     if (action) action();
   }
 
-  Velm::Ptr<GenericBacklogSm> const& sm() const { return backlogSm_; }
+  const Velm::Ptr<GenericBacklogSm>& sm() const { return backlogSm_; }
   Velm::Ptr<Task> task() const { return backlogSm_->backlogTask(); }
 
   int calls = 0;
@@ -62,11 +62,11 @@ int inspect(GenericBacklogSm& sm, std::uint16_t id, unsigned char operation, voi
 }
 
 // An operation that answers a node; takes over the reference in the answer.
-Velm::Ptr<Velm::Node const> inspectNode(GenericBacklogSm& sm, unsigned char operation,
+Velm::Ptr<const Velm::Node> inspectNode(GenericBacklogSm& sm, unsigned char operation,
                                         void* arguments = nullptr) {
-  Velm::Node const* node = nullptr;
+  const Velm::Node* node = nullptr;
   EXPECT_EQ(inspect(sm, 134, operation, &node, arguments), done);
-  return Velm::Ptr<Velm::Node const>(node);
+  return Velm::Ptr<const Velm::Node>(node);
 }
 
 class BacklogTest : public testing::Test {
@@ -75,7 +75,7 @@ class BacklogTest : public testing::Test {
   ~BacklogTest() override { EXPECT_EQ(liveObjects(), 0U) << "objects are left"; }
 
   // Asks the task for a run, runs whatever is runnable, and answers how many calls that made.
-  int run(Backlog& backlog, Velm::Ptr<Task> const& task) {
+  int run(Backlog& backlog, const Velm::Ptr<Task>& task) {
     const int before = backlog.calls;
     task->runnableIs(true);
     while (scheduler_->runOne()) {
@@ -103,7 +103,7 @@ TEST_F(BacklogTest, ReplacesTheTaskForAnotherNameOrSchedulerOnly) {
   Backlog backlog(scheduler_);
   const Velm::Ptr<TaskScheduler> other(new TaskScheduler("other"));
   int calls = 0;
-  for (auto const& [scheduler, name, replaces] : {std::tuple(scheduler_, "backlog", false),
+  for (const auto& [scheduler, name, replaces] : {std::tuple(scheduler_, "backlog", false),
                                                   {scheduler_, "renamed", true},
                                                   {other, "renamed", true},
                                                   {scheduler_, "back", true}}) {
@@ -208,7 +208,7 @@ TEST_F(BacklogTest, NeverCallsAnImplementationThatIsGone) {
 
 // Every way into handleBacklog(), with an implementation that destroys itself there.
 TEST_F(BacklogTest, MayBeDestroyedByItsOwnCall) {
-  std::function<void(GenericBacklogSm&)> const ways[] = {
+  const std::function<void(GenericBacklogSm&)> ways[] = {
       [this](GenericBacklogSm& sm) {
         sm.backlogTask()->runnableIs(true);
         scheduler_->runOne();
@@ -221,7 +221,7 @@ TEST_F(BacklogTest, MayBeDestroyedByItsOwnCall) {
       [this](GenericBacklogSm& sm) { sm.backlogTaskIs(scheduler_, TaskPriority(1), "new"); },
       [](GenericBacklogSm& sm) { inspect(sm, 133, opCall); },
   };
-  for (auto const& way : ways) {
+  for (const auto& way : ways) {
     auto* const backlog = new Backlog(scheduler_);
     int calls = 0;
     backlog->action = [&, backlog] {
@@ -255,9 +255,9 @@ TEST_F(BacklogTest, DescribesTheTypeToTheIntrospection) {
               ElementsAre("backlogImpl", "backlogTask", "checkBacklogImpl", "handleBacklogTask",
                           "handleInitialized", "initialized", "name", "taskName", "taskPriority",
                           "taskScheduler"));
-  const auto texts = [](std::span<Velm::ParameterDescriptor const> parameters) {
+  const auto texts = [](std::span<const Velm::ParameterDescriptor> parameters) {
     std::string text;
-    for (auto const& [name, type] : parameters)
+    for (const auto& [name, type] : parameters)
       text.append(name).append(" ").append(type).append(";");
     return text;
   };
@@ -288,16 +288,16 @@ TEST_F(BacklogTest, AnswersInspectionByTheTable) {
       if (attribute != offered.end()) {
         expected = attribute->second.contains(operation) ? done : notOffered;
       }
-      Velm::Node const* result = nullptr;
+      const Velm::Node* result = nullptr;
       const int code = inspect(*backlog.sm(), id, static_cast<unsigned char>(operation), &result,
                                id == 134 ? static_cast<void*>(task) : &priority);
       EXPECT_EQ(code, expected) << id << " operation " << operation;
       if (id == 134 && code == done) result->decUseImpl();
     }
   }
-  auto const& attributes = announced->attributes;
+  const auto& attributes = announced->attributes;
   ASSERT_EQ(attributes.size(), offered.size());
-  EXPECT_TRUE(std::ranges::equal(attributes, offered, [](auto const& descriptor, auto const& row) {
+  EXPECT_TRUE(std::ranges::equal(attributes, offered, [](const auto& descriptor, const auto& row) {
     unsigned bits = 0;
     for (const int operation : row.second)
       bits |= 1U << operation;
@@ -311,7 +311,7 @@ TEST_F(BacklogTest, IsDrivenByInspection) {
   EXPECT_EQ(inspect(sm, 133, opCall), done);
   EXPECT_EQ(backlog.calls, 1);
 
-  for (auto const& [value, calls] : {std::pair(2, 1), {1, 1}, {0, 0}, {0, 0}}) {
+  for (const auto& [value, calls] : {std::pair(2, 1), {1, 1}, {0, 0}, {0, 0}}) {
     auto byte = static_cast<unsigned char>(value);
     EXPECT_EQ(inspect(sm, 136, opSet, nullptr, &byte), done);
     EXPECT_EQ(inspect(sm, 136, opGet, &byte), done);

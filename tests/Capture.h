@@ -26,15 +26,15 @@ class Capture {
     logger_.sinks() = {sink_};
   }
   ~Capture() { logger_.sinks() = before_; }
-  Capture(Capture const&) = delete;
-  Capture& operator=(Capture const&) = delete;
+  Capture(const Capture&) = delete;
+  Capture& operator=(const Capture&) = delete;
 
   std::vector<std::string> lines() const { return sink_->lines(); }
 
   // How many lines hold `text`.
   std::size_t count(std::string_view text) const {
     const auto all = lines();
-    return static_cast<std::size_t>(std::count_if(all.begin(), all.end(), [&](auto const& line) {
+    return static_cast<std::size_t>(std::count_if(all.begin(), all.end(), [&](const auto& line) {
       return line.find(text) != std::string::npos;
     }));
   }
@@ -50,7 +50,7 @@ class Capture {
     }
 
    private:
-    void sink_it_(spdlog::details::log_msg const& message) override {
+    void sink_it_(const spdlog::details::log_msg& message) override {
       lines_.emplace_back(message.payload.data(), message.payload.size());
       if (afterEach_) afterEach_();
     }

@@ -1,4 +1,5 @@
 #include <Kiv/Demangle.h>
+#include <VornSdkRpc/Conversions.h>
 #include <arpa/inet.h>
 #include <gmock/gmock.h>
 
@@ -14,8 +15,6 @@
 #include <utility>
 #include <vector>
 
-#include "VornSdkRpc/Conversions.h"
-
 namespace VornSdkRpc {
 
 namespace {
@@ -28,26 +27,26 @@ const std::string v4("\x0a\x00\x00\xff", 4);
 const std::string v6("\x20\x01\x0d\xb8\0\0\0\0\0\0\0\0\0\0\0\x01", 16);
 
 template <typename Value>
-std::string text(Value const& value) {
+std::string text(const Value& value) {
   std::ostringstream stream;
   stream << value;
   return stream.str();
 }
 
-pb::ip_address_msg address(std::string const& bytes) {
+pb::ip_address_msg address(const std::string& bytes) {
   pb::ip_address_msg message;
   message.set_addr(bytes);
   return message;
 }
 
-pb::ip_prefix_msg prefix(std::string const& bytes, std::uint32_t length) {
+pb::ip_prefix_msg prefix(const std::string& bytes, std::uint32_t length) {
   pb::ip_prefix_msg message;
   message.set_addr(bytes);
   message.set_mask_length(length);
   return message;
 }
 
-vorn::sbfd_echo_session_key_t key(std::string const& nexthop) {
+vorn::sbfd_echo_session_key_t key(const std::string& nexthop) {
   return {ipAddressToIpAddr(address(nexthop)), "Ethernet1"s, {100, 200, 300}, 0xfe, 7};
 }
 
@@ -80,7 +79,7 @@ TEST(Conversions, AddressesAndPrefixesByTheNumberOfBytes) {
       {std::string(17, 'x'), af_t::none, "none", "none", "none"},
       {std::string(260, 'x'), af_t::none, "none", "none", "none"},
   };
-  for (auto const& row : rows) {
+  for (const auto& row : rows) {
     SCOPED_TRACE(testing::PrintToString(row.bytes));
     const auto addr = ipAddressToIpAddr(address(row.bytes));
     EXPECT_EQ(addr.af(), row.family);
@@ -100,7 +99,7 @@ TEST(Conversions, AddressesOfOtherKinds) {
   auto message = address("left over");
   ipAddrToIpAddress(vorn::ip_addr_t(static_cast<af_t>(5), nullptr), &message);
   EXPECT_EQ(message.addr(), "");
-  for (auto const& bytes : {v4, v6, "of any length"s, ""s}) {
+  for (const auto& bytes : {v4, v6, "of any length"s, ""s}) {
     ipGenAddrToIpAddress(Zilnet::IpGenAddr(bytes), &message);
     EXPECT_EQ(message.addr(), bytes);
     EXPECT_EQ(ipGenAddrToIpAddress(Zilnet::IpGenAddr(bytes)).addr(), bytes);

@@ -11,10 +11,10 @@ namespace {
 
 // Throws `error` again through its base and answers whether a handler of type Handler catches it.
 template <typename Handler>
-bool caughtBy(vorn::error const& error) {
+bool caughtBy(const vorn::error& error) {
   try {
     error.raise();
-  } catch (Handler const& caught) {
+  } catch (const Handler& caught) {
     EXPECT_STREQ(caught.what(), error.what());
     EXPECT_EQ(typeid(caught), typeid(error));
     return true;
@@ -24,7 +24,7 @@ bool caughtBy(vorn::error const& error) {
 }
 
 // One letter for each handler that catches the error, in the order of the class list.
-std::string handlersOf(vorn::error const& error) {
+std::string handlersOf(const vorn::error& error) {
   std::string caught;
   if (caughtBy<vorn::invalid_argument_error>(error)) caught += 'a';
   if (caughtBy<vorn::invalid_range_error>(error)) caught += 'r';
@@ -46,11 +46,11 @@ TEST(Error, RaisesItselfAsWhatItIs) {
 }
 
 TEST(Error, CarriesItsFieldsAlong) {
-  const std::unique_ptr<vorn::error const> kept =
+  const std::unique_ptr<const vorn::error> kept =
       std::make_unique<vorn::invalid_range_error>("out of range", "mtu", ~std::uint64_t{0});
   try {
     kept->raise();
-  } catch (vorn::invalid_range_error const& error) {
+  } catch (const vorn::invalid_range_error& error) {
     EXPECT_STREQ(error.what(), "out of range");
     EXPECT_EQ(error.argument(), "mtu");
     EXPECT_EQ(error.value(), ~std::uint64_t{0});
@@ -68,7 +68,7 @@ TEST(Error, PassesOnTheFailureOfACopy) {
       [&] {
         try {
           error.raise();
-        } catch (vorn::error const&) {
+        } catch (const vorn::error&) {
         }
       },
       [] {});
@@ -79,9 +79,9 @@ TEST(Error, IsTheSameTypeInEverySharedObject) {
   EXPECT_EQ(thrower::rangeType(), &typeid(vorn::invalid_range_error));
   try {
     thrower::throwRange();
-  } catch (vorn::error const& error) {
+  } catch (const vorn::error& error) {
     EXPECT_STREQ(error.what(), "too high");
-    auto const* range = dynamic_cast<vorn::invalid_range_error const*>(&error);
+    const auto* range = dynamic_cast<const vorn::invalid_range_error*>(&error);
     ASSERT_NE(range, nullptr);
     EXPECT_EQ(range->value(), 1U << 20);
   }

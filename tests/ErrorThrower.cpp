@@ -9,11 +9,11 @@ void throwUnconfigured() { throw vorn::unconfigured_agent_error("no configuratio
 void callAndRaise(void (*function)()) {
   try {
     function();
-  } catch (vorn::error const& error) {
+  } catch (const vorn::error& error) {
     error.raise();
   }
 }
 
-std::type_info const* rangeType() { return &typeid(vorn::invalid_range_error); }
+const std::type_info* rangeType() { return &typeid(vorn::invalid_range_error); }
 
 }  // namespace thrower

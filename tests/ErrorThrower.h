@@ -14,6 +14,6 @@ namespace thrower {
 // Calls `function`, catches what it throws by the base, and raises it again.
 VORN_EXPORT void callAndRaise(void (*function)());
 
-VORN_EXPORT std::type_info const* rangeType();
+VORN_EXPORT const std::type_info* rangeType();
 
 }  // namespace thrower

@@ -8,10 +8,10 @@ void* operator new(std::size_t size) {
   throw std::bad_alloc();
 }
 // As the standard library's does; a sanitizer's would not come to the one above.
-void* operator new(std::size_t size, std::nothrow_t const&) noexcept {
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   try {
     return operator new(size);
-  } catch (std::bad_alloc const&) {
+  } catch (const std::bad_alloc&) {
     return nullptr;
   }
 }

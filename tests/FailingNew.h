@@ -18,7 +18,7 @@ int failEachAllocation(Action action, Check check) {
       action();
       allocationsLeft = -1;
       return failing;
-    } catch (std::bad_alloc const&) {
+    } catch (const std::bad_alloc&) {
       allocationsLeft = -1;
       check();
     }

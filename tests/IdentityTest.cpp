@@ -34,21 +34,21 @@ class Certificates {
     issue("server", "/CN=server", "IP:127.0.0.1");
   }
   ~Certificates() { std::filesystem::remove_all(directory_); }
-  Certificates(Certificates const&) = delete;
-  Certificates& operator=(Certificates const&) = delete;
+  Certificates(const Certificates&) = delete;
+  Certificates& operator=(const Certificates&) = delete;
 
-  std::string path(std::string const& name) const { return directory_ + "/" + name; }
+  std::string path(const std::string& name) const { return directory_ + "/" + name; }
 
   // NAME.pem and NAME.key, signed by the authority "ca".
-  void issue(std::string const& name, std::string const& subject,
-             std::string const& alternative = "") const {
+  void issue(const std::string& name, const std::string& subject,
+             const std::string& alternative = "") const {
     make(name, subject,
          " -CA " + path("ca.pem") + " -CAkey " + path("ca.key") +
              (alternative.empty() ? "" : " -addext subjectAltName=" + alternative));
   }
 
   // NAME.pem and NAME.key, signed by itself.
-  void make(std::string const& name, std::string const& subject, std::string const& more) const {
+  void make(const std::string& name, const std::string& subject, const std::string& more) const {
     const std::string command =
         "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 1 "
         "-keyout " +
@@ -58,7 +58,7 @@ class Certificates {
       throw std::runtime_error("openssl: " + read("openssl.log"));
   }
 
-  std::string read(std::string const& name) const {
+  std::string read(const std::string& name) const {
     std::ifstream file(path(name));
     return {std::istreambuf_iterator<char>(file), {}};
   }
@@ -68,7 +68,7 @@ class Certificates {
   }
 
   // The credentials of a client with the certificate of that name; without a name, of one without.
-  std::shared_ptr<grpc::ChannelCredentials> client(std::string const& name = "") const {
+  std::shared_ptr<grpc::ChannelCredentials> client(const std::string& name = "") const {
     grpc::SslCredentialsOptions tls;
     tls.pem_root_certs = read("ca.pem");
     if (!name.empty()) {
@@ -83,19 +83,19 @@ class Certificates {
 };
 
 // The code of a call whose metadata claims to come from `usernames`, and which asks for `status`.
-int callAs(test::Probe::Stub& stub, std::vector<std::string> const& usernames = {},
+int callAs(test::Probe::Stub& stub, const std::vector<std::string>& usernames = {},
            int status = 0) {
   std::multimap<std::string, std::string> metadata;
-  for (auto const& name : usernames)
+  for (const auto& name : usernames)
     metadata.emplace("username", name);
   return test::callEcho(stub, std::to_string(status), metadata);
 }
 
 // The records of the log, taken apart into user, session, peer and status.
-std::vector<std::array<std::string, 4>> recordsOf(test::Capture const& log) {
+std::vector<std::array<std::string, 4>> recordsOf(const test::Capture& log) {
   static const std::regex parts("VORN.*?user: (.*), session: (.*), peer: (.*), rpc: .*: (.*)");
   std::vector<std::array<std::string, 4>> records;
-  for (auto const& line : log.lines()) {
+  for (const auto& line : log.lines()) {
     std::smatch part;
     EXPECT_TRUE(std::regex_match(line, part, parts)) << line;
     records.push_back({part.str(1), part.str(2), part.str(3), part.str(4)});
@@ -103,9 +103,9 @@ std::vector<std::array<std::string, 4>> recordsOf(test::Capture const& log) {
   return records;
 }
 
-std::vector<std::string> usersOf(test::Capture const& log) {
+std::vector<std::string> usersOf(const test::Capture& log) {
   std::vector<std::string> users;
-  for (auto const& record : recordsOf(log))
+  for (const auto& record : recordsOf(log))
     users.push_back(record[0]);
   return users;
 }
@@ -118,7 +118,7 @@ TEST(Identity, EveryRecordOfAUserIsHisAndOfHisConnection) {
   certificates.issue("alice", "/CN=alice");
   certificates.issue("bob", "/CN=bob");
   EchoServer server(serverCredentials("127.0.0.1:0", certificates.options()));
-  const auto client = [&](std::string const& name, int status) {
+  const auto client = [&](const std::string& name, int status) {
     return std::jthread([&, name, status] {
       const auto stub = server.stub(certificates.client(name));
       for (int i = 0; i < kCalls; ++i)
@@ -133,8 +133,8 @@ TEST(Identity, EveryRecordOfAUserIsHisAndOfHisConnection) {
   EXPECT_EQ(records.size(), 3U * kCalls);
   std::set<std::string> sessions, peers;
   std::set<std::array<std::string, 4>> connections;
-  for (auto const& record : records) {
-    auto const& [user, session, peer, status] = record;
+  for (const auto& record : records) {
+    const auto& [user, session, peer, status] = record;
     EXPECT_EQ(user, status == "2" ? "bob" : "alice");
     sessions.insert(session);
     peers.insert(peer);
@@ -167,7 +167,7 @@ TEST(Identity, ACertificateDecidesWhoCallsAndAClaimMustAgree) {
       {"stranger", {}, grpc::UNAVAILABLE},
       {"", {"alice"}, grpc::UNAVAILABLE},
   };
-  for (auto const& [certificate, usernames, code] : cases) {
+  for (const auto& [certificate, usernames, code] : cases) {
     EXPECT_EQ(callAs(*server.stub(certificates.client(certificate)), usernames), code)
         << certificate;
   }
@@ -182,7 +182,7 @@ TEST(Identity, LocalCallersAreWhoTheirConnectionsFirstCallClaims) {
   options.loopback = true;
   const std::pair<std::string, grpc_local_connect_type> cases[] = {
       {"127.0.0.1:0", LOCAL_TCP}, {"unix:" + certificates.path("socket"), UDS}};
-  for (auto const& [address, type] : cases) {
+  for (const auto& [address, type] : cases) {
     const test::Capture log(Kiv::platformLogger());
     EchoServer server(serverCredentials(address, options), address);
     const auto alice = server.stub(grpc::experimental::LocalCredentials(type));
@@ -219,13 +219,13 @@ TEST(Identity, AFileThatCannotBeUsedIsNamedWithTheReason) {
       {&IdentityOptions::tlsKey, "/dev/null", "/dev/null holds no PEM"},
       {&IdentityOptions::clientCa, "", "all three"},
   };
-  for (auto const& [option, value, refusal] : cases) {
+  for (const auto& [option, value, refusal] : cases) {
     auto options = certificates.options();
     options.*option = value;
     std::string said = "accepted";
     try {
       serverCredentials("0.0.0.0:0", options);
-    } catch (std::exception const& error) {
+    } catch (const std::exception& error) {
       said = error.what();
     }
     EXPECT_THAT(said, HasSubstr(refusal));

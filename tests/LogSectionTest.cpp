@@ -20,14 +20,14 @@ namespace {
 // A library file: its sections, and the addresses that the loader would write.
 class Library {
  public:
-  explicit Library(char const* path) {
+  explicit Library(const char* path) {
     std::ifstream file(path, std::ios::binary);
     bytes_.assign(std::istreambuf_iterator<char>(file), {});
     const auto header = at<Elf64_Ehdr>(0);
     for (unsigned i = 0; i < header.e_shnum; ++i)
       sections_.push_back(at<Elf64_Shdr>(header.e_shoff + i * sizeof(Elf64_Shdr)));
     namesAt_ = sections_.at(header.e_shstrndx).sh_offset;
-    for (auto const& section : sections_) {
+    for (const auto& section : sections_) {
       for (std::uint64_t i = 0; section.sh_type == SHT_RELA && i < section.sh_size / 24; ++i) {
         const auto entry = at<Elf64_Rela>(section.sh_offset + i * 24);
         if (ELF64_R_TYPE(entry.r_info) == R_X86_64_RELATIVE)
@@ -36,8 +36,8 @@ class Library {
     }
   }
 
-  std::optional<Elf64_Shdr> section(std::string const& name) const {
-    for (auto const& section : sections_) {
+  std::optional<Elf64_Shdr> section(const std::string& name) const {
+    for (const auto& section : sections_) {
       if (bytes_.data() + namesAt_ + section.sh_name == name) return section;
     }
     return {};
@@ -48,7 +48,7 @@ class Library {
     const auto relocation = relocations_.find(address);
     if (relocation == relocations_.end()) return {};
     const auto target = relocation->second;
-    for (auto const& section : sections_) {
+    for (const auto& section : sections_) {
       if (section.sh_type == SHT_PROGBITS && (section.sh_flags & SHF_WRITE) == 0 &&
           target - section.sh_addr < section.sh_size)
         return bytes_.data() + section.sh_offset + (target - section.sh_addr);
@@ -70,7 +70,7 @@ class Library {
   std::map<std::uint64_t, std::uint64_t> relocations_;
 };
 
-class LogSection : public testing::TestWithParam<char const*> {};
+class LogSection : public testing::TestWithParam<const char*> {};
 
 TEST_P(LogSection, HoldsTheDescriptorAndNothingElse) {
   const Library library(GetParam());
@@ -90,8 +90,8 @@ TEST_P(LogSection, HoldsTheDescriptorAndNothingElse) {
   EXPECT_EQ(library.at<std::uint64_t>(section->sh_offset + 32), 6U);
 }
 
-std::vector<char const*> libraries() {
-  std::vector<char const*> result{LIBRARY, STRIPPED_LIBRARY};
+std::vector<const char*> libraries() {
+  std::vector<const char*> result{LIBRARY, STRIPPED_LIBRARY};
   if (auto* const installed = std::getenv("VORN_LIBRARY")) result.push_back(installed);
   return result;
 }

@@ -20,7 +20,7 @@ struct Counted {
   int* conversions;
 };
 
-Velm::String valueToString(Counted const& value) {
+Velm::String valueToString(const Counted& value) {
   ++*value.conversions;
   return Velm::String(std::string_view(value.text));
 }
@@ -33,16 +33,16 @@ using logged::Counted;
 
 constexpr auto kForever = std::chrono::hours(1);
 
-Kiv::LogDescriptor described(char const* format) {
+Kiv::LogDescriptor described(const char* format) {
   return {"TEST_MESSAGE", format, "Written by a test", "\x01", 6};
 }
 
 TEST(Log, FillsTheFormatAndKeepsEveryRecordOneLine) {
   struct {
-    char const* format;
+    const char* format;
     std::string first;
     std::string second;
-    char const* line;
+    const char* line;
   } const cases[] = {
       {"a: %s, b: %s", "1", "", "a: 1, b: "},
       {"%s%s", "%s", "%%", "%s%%"},  // a value is not a format
@@ -53,7 +53,7 @@ TEST(Log, FillsTheFormatAndKeepsEveryRecordOneLine) {
       {"user: %s%s", "eve\nTEST_MESSAGE: user: root\r", "",
        "user: eve\\x0aTEST_MESSAGE: user: root\\x0d"},
   };
-  for (auto const& c : cases) {
+  for (const auto& c : cases) {
     const test::Capture log(Kiv::platformLogger());
     const auto descriptor = described(c.format);
     const Kiv::LogHandle handle(&descriptor, Velm::Duration(0), 1.0, 0, 0);
@@ -78,7 +78,7 @@ TEST(Log, ASuppressedOccurrenceConvertsItsKeyAndNothingMore) {
       {2, 3, 3, 3},
       {9, 3, 3, 3},
   };
-  for (auto const& c : cases) {
+  for (const auto& c : cases) {
     const test::Capture log(Kiv::platformLogger());
     const auto descriptor = described("%s %s");
     const Kiv::LogHandle handle(&descriptor, kForever, 1.0, c.keyArgs, 0);

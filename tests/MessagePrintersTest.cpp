@@ -1,3 +1,4 @@
+#include <VornSdkRpc/MessagePrinters.h>
 #include <gmock/gmock.h>
 #include <google/protobuf/text_format.h>
 
@@ -17,7 +18,6 @@
 #include <utility>
 
 #include "FailingNew.h"
-#include "VornSdkRpc/MessagePrinters.h"
 
 namespace VornSdkRpc::pb {
 
@@ -26,7 +26,7 @@ namespace {
 using test::allocationsLeft;
 
 template <typename Message>
-Message parsed(std::string const& fields) {
+Message parsed(const std::string& fields) {
   Message message;
   EXPECT_TRUE(google::protobuf::TextFormat::ParseFromString(fields, &message)) << fields;
   return message;
@@ -36,7 +36,7 @@ Message parsed(std::string const& fields) {
 std::locale likeClassic() { return {std::locale::classic(), new std::numpunct<char>}; }
 
 template <typename Message>
-std::string written(Message const& message, std::locale const& locale = std::locale::classic(),
+std::string written(const Message& message, const std::locale& locale = std::locale::classic(),
                     std::ios_base::fmtflags flags = std::ios_base::dec) {
   std::ostringstream stream;
   stream.imbue(locale);
@@ -46,7 +46,7 @@ std::string written(Message const& message, std::locale const& locale = std::loc
 }
 
 template <typename Message>
-void expectText(std::string const& fields, std::string const& text) {
+void expectText(const std::string& fields, const std::string& text) {
   SCOPED_TRACE(fields);
   const auto message = parsed<Message>(fields);
   static_assert(noexcept(toString(message)) && noexcept(std::declval<std::ostream&>() << message));
@@ -112,7 +112,7 @@ rpc_server_state_status_msg | value { value: "a, b" } value {} | @rpc_server_sta
 )";
 
 std::string expanded(std::string text) {
-  constexpr std::pair<char const*, char const*> shorthands[] = {
+  constexpr std::pair<const char*, const char*> shorthands[] = {
       {"$nexthop",
        "@nexthop_msg{nexthopIp=none nexthopInterface= mplsOp=MPLS_NONE labels=[] replicateCount=0 "
        "sbfdSessionKey= $key}"},
@@ -120,7 +120,7 @@ std::string expanded(std::string text) {
        "@sbfd_echo_session_key_msg{outgoingInterface= nexthop=none labels=[] dscp=0 mplsExp=0}"},
       {"$item", "@watch_sbfd_echo_session_status_msg"},
       {"@", "VornSdkRpc::pb::"}};
-  for (auto const& [shorthand, meaning] : shorthands)
+  for (const auto& [shorthand, meaning] : shorthands)
     for (auto at = text.find(shorthand); at != std::string::npos; at = text.find(shorthand, at))
       text.replace(at, std::string_view(shorthand).size(), meaning);
   return text;
@@ -128,7 +128,7 @@ std::string expanded(std::string text) {
 
 template <typename... Messages>
 auto checksByName() {
-  return std::map<std::string, void (*)(std::string const&, std::string const&)>{
+  return std::map<std::string, void (*)(const std::string&, const std::string&)>{
       {Messages::descriptor()->name(), expectText<Messages>}...};
 }
 
@@ -194,11 +194,11 @@ TEST(MessagePrintersOnStreams, NumbersFollowTheStream) {
       {ios_base::dec | ios_base::showpos, {}, "66047"},
       {ios_base::dec, grouped, "66'047"},
   };
-  const auto text = [](std::string const& metric) {
+  const auto text = [](const std::string& metric) {
     return expanded(
         "@nexthop_group_tunnel_msg{prefix=10.0.0.0/16 nexthopGroup= igpMetric=" + metric + "}");
   };
-  for (auto const& [flags, locale, metric] : rows)
+  for (const auto& [flags, locale, metric] : rows)
     EXPECT_EQ(written(tunnel, locale, flags), text(metric));
   const std::locale before = std::locale::global(grouped);
   EXPECT_EQ(toString(tunnel), text("66'047"));
@@ -260,10 +260,10 @@ enum class Fault { shortWrite, throwingWrite, failingSync, throwingSync };
 class BrokenBuffer : public std::streambuf {
  public:
   BrokenBuffer(Fault fault, std::size_t room) : fault_(fault), room_(room) {}
-  std::string const& taken() const { return taken_; }
+  const std::string& taken() const { return taken_; }
 
  private:
-  std::streamsize xsputn(char const* text, std::streamsize size) override {
+  std::streamsize xsputn(const char* text, std::streamsize size) override {
     if (fault_ == Fault::failingSync || fault_ == Fault::throwingSync) return size;
     const std::size_t taken = std::min(room_ - taken_.size(), static_cast<std::size_t>(size));
     taken_.append(text, taken);
@@ -377,7 +377,7 @@ TEST(MessagePrintersOutOfMemory, IsABadStreamOrAnEmptyString) {
     }
     EXPECT_GT(allocations, 1);
   }
-  for (auto const& locale : {std::locale::classic(), likeClassic()}) {
+  for (const auto& locale : {std::locale::classic(), likeClassic()}) {
     const std::locale before = std::locale::global(locale);
     std::string got;
     for (int allocations = 0; got.empty(); ++allocations) {

@@ -28,7 +28,7 @@ TEST(PeerInfo, SplitsPeerTexts) {
       {"no colon", "", "", ""},
       {"", "", "", ""},
   };
-  for (auto const& [uri, scheme, addr, port] : cases) {
+  for (const auto& [uri, scheme, addr, port] : cases) {
     const auto info = VornSdkRpc::parsePeerURI(uri);
     EXPECT_EQ(info.scheme, scheme) << uri;
     EXPECT_EQ(info.addr, addr) << uri;
@@ -44,9 +44,9 @@ TEST(PeerInfo, TakesTheTextBeforeTheFirstColon) {
 }
 
 TEST(PeerInfo, KnowsLoopbackByTheWholeFirstComponent) {
-  for (auto const* addr : {"127", "127.0.0.1", "127.200.1.1", "127."})
+  for (const auto* addr : {"127", "127.0.0.1", "127.200.1.1", "127."})
     EXPECT_TRUE(checkIfLoopbackAddr(addr)) << addr;
-  for (auto const* addr :
+  for (const auto* addr :
        {"1270.0.0.1", "127abc.0", "12", "10.127.0.0", "", ".127", "::1", "[::1]"})
     EXPECT_FALSE(checkIfLoopbackAddr(addr)) << addr;
 }
@@ -76,7 +76,7 @@ TEST(PeerInfo, KnowsPeersOfThisHost) {
       {"no colon", "no colon", false},
       {"", "", false},
   };
-  for (auto const& [peer, localAddr, local] : cases)
+  for (const auto& [peer, localAddr, local] : cases)
     EXPECT_EQ(isLocalIpAddr(peer, localAddr), local) << peer << " against " << localAddr;
 }
 

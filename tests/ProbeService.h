@@ -34,14 +34,14 @@ class ProbeService : public VornSdkRpc::GrpcService {
   void serverStarted() override;
   void stoppingChanged() override { ++stopNotices; }
 
-  template <class Handler>
+  template <typename Handler>
   void open() {
     registerHandler(std::make_shared<Handler>(*this, nextOpaqueId()));
   }
 };
 
 // What the four handlers share.
-template <class Derived>
+template <typename Derived>
 class ProbeHandler : public VornSdkRpc::RequestHandler {
  public:
   ProbeHandler(ProbeService& service, VornSdkRpc::OpaqueId tag) : service_(service) {
@@ -254,7 +254,7 @@ class RunningServer {
   }
   static std::vector<std::shared_ptr<VornSdkRpc::GrpcService>> with(
       std::vector<std::shared_ptr<VornSdkRpc::GrpcService>> services,
-      std::shared_ptr<Started> const& last) {
+      const std::shared_ptr<Started>& last) {
     services.push_back(last);
     return services;
   }

@@ -55,7 +55,7 @@ TEST(MutexDeathTest, TakesAMissedDeadlineForADeadlock) {
 // ScopedNamespace
 
 // The namespace of one thread, by its inode.
-ino_t namespaceOf(std::string const& thread = "thread-self") {
+ino_t namespaceOf(const std::string& thread = "thread-self") {
   struct stat status{};
   stat(("/proc/" + thread + "/ns/net").c_str(), &status);
   return status.st_ino;
@@ -63,7 +63,7 @@ ino_t namespaceOf(std::string const& thread = "thread-self") {
 
 std::set<ino_t> namespacesOfAllThreads() {
   std::set<ino_t> all;
-  for (auto const& task : std::filesystem::directory_iterator("/proc/self/task")) {
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
     all.insert(namespaceOf("self/task/" + task.path().filename().string()));
   }
   return all;
@@ -78,7 +78,7 @@ std::size_t openDescriptors() {
 class NamespaceTest : public testing::Test {
  protected:
   void SetUp() override {
-    for (auto const& name : {first_, second_}) {
+    for (const auto& name : {first_, second_}) {
       if (std::system(("ip netns add " + name + " 2>/dev/null && ip -n " + name + " link set lo up")
                           .c_str())) {
         GTEST_SKIP() << "this user may not make network namespaces";
@@ -86,7 +86,7 @@ class NamespaceTest : public testing::Test {
     }
   }
   void TearDown() override {
-    for (auto const& name : {first_, second_}) {
+    for (const auto& name : {first_, second_}) {
       if (std::system(("ip netns delete " + name + " 2>/dev/null").c_str())) continue;
     }
   }
@@ -134,7 +134,7 @@ TEST_F(NamespaceTest, AServerListensInItAndLeavesTheProcessOutside) {
   EXPECT_THAT(namespacesOfAllThreads(), testing::ElementsAre(home))
       << "no thread, gRPC's own included, is left inside";
   // The address is free elsewhere, and taken inside.
-  for (auto const& [name, taken] : {std::pair{second_, false}, {first_, true}}) {
+  for (const auto& [name, taken] : {std::pair{second_, false}, {first_, true}}) {
     grpc::ServerBuilder again;
     again.AddListeningPort(address, grpc::InsecureServerCredentials());
     again.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);

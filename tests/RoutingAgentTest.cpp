@@ -36,7 +36,7 @@ sbfd_echo_session_msg sessionOf(const std::string& interface) {
 // ------------------------------------------------------------------------------------------------
 // What is refused, and which field is named
 
-template <class Message>
+template <typename Message>
 void expectRefusals(const std::map<std::string, std::string>& fieldsByMessage) {
   for (const auto& [text, field] : fieldsByMessage) {
     Message message;
@@ -94,7 +94,7 @@ struct Agent {
                  std::size_t backlogLimit = 64 << 20)
       : host_(host), backlog(stepTime, backlogLimit) {}
 
-  template <class Service>
+  template <typename Service>
   std::unique_ptr<typename Service::Stub> stub() const {
     return Service::NewStub(running.connection());
   }
@@ -116,7 +116,7 @@ struct Agent {
   const StopBacklog stopBacklog{backlog};
 };
 
-template <class Stub, class Request>
+template <typename Stub, typename Request>
 grpc::StatusCode call(Stub& stub,
                       grpc::Status (Stub::*method)(grpc::ClientContext*, const Request&,
                                                    rpc_status_msg*),

@@ -32,8 +32,8 @@ struct Listener : Velm::Subscriber {
     publisher.subscriberAdd(*this, false);
   }
 
-  static void call(Velm::Publisher*, Subscriber* subscriber, Velm::FieldId, void const*,
-                   void const*) {
+  static void call(Velm::Publisher*, Subscriber* subscriber, Velm::FieldId, const void*,
+                   const void*) {
     static_cast<Listener*>(subscriber)->function();
   }
 
@@ -216,11 +216,11 @@ TEST_F(SchedulerTest, SubscribersMayChangeDuringANotification) {
        },
        {"0", "1", "2", "3"}},
   };
-  for (auto const& [act, told] : cases) {
+  for (const auto& [act, told] : cases) {
     publisher = std::make_unique<Velm::Publisher>();
     listeners.clear();
     runs_.clear();
-    for (auto const* name : {"0", "1", "2", "3"}) {
+    for (const auto* name : {"0", "1", "2", "3"}) {
       listeners.push_back(std::make_unique<Listener>(*publisher, [&, name] {
         runs_.push_back(name);
         if (runs_.size() == 2) act();

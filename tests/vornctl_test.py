@@ -33,6 +33,7 @@ pb = stubs.load()
 
 def listing(kind, field, table):
     """A method that answers a table in parts of two."""
+
     def answer(self, request, context):
         items = list(getattr(self, table).values())
         for begin in range(0, len(items) + 1, 2):
@@ -43,6 +44,7 @@ def listing(kind, field, table):
 
 def setting(table, key):
     """A method that keeps what it is told in a table."""
+
     def answer(self, request, context):
         self.users.append(dict(context.invocation_metadata()).get("username"))
         place = str(getattr(request, key))
@@ -176,26 +178,56 @@ class VornctlTest(unittest.TestCase):
             "set group g nexthop fe80::1 interface eth0 push 100,200 replicate 2 session eth0 192.0.2.1"
             " labels 7,8 dscp 46 exp 5 nexthop none interface eth2 backup 192.0.2.9 pop-to-ipv6",
             "set redirect core to gold --ipv4-dscp 46,48 --ipv6-dscp 8",
-            "set session eth0 2001:db8::1 dscp 46 labels 1 --rtt --min-tx 100 --multiplier 3"
-            " --track-interface",
+            "set session eth0 2001:db8::1 dscp 46 labels 1 --rtt --min-tx 100 --multiplier 3" " --track-interface",
         ):
             self.assertEqual(self.succeed(line), "")
         v6 = socket.inet_pton(socket.AF_INET6, "2001:db8::1")
-        self.assertEqual(list(self.agent.routes.values()), [pb.sdk.ip_route_msg(
-            prefix={"addr": b"\x0a\0\0\0", "mask_length": 8}, nexthop_group="core", tag=7)])
-        self.assertEqual(self.agent.groups["g"], pb.sdk.nexthop_group_msg(name="g", nexthop=[
-            {"nexthop_ip": {"addr": b"\xfe\x80" + b"\0" * 13 + b"\1"}, "nexthop_interface": "eth0",
-             "mpls_op": "MPLS_PUSH", "labels": [100, 200], "replicate_count": 2,
-             "sbfd_session_key": {"outgoing_interface": "eth0", "nexthop": {"addr": b"\xc0\0\2\1"},
-                                  "labels": [7, 8], "dscp": 46, "mpls_exp": 5}},
-            {"nexthop_ip": {"addr": b""}, "nexthop_interface": "eth2"},
-        ], backup_nexthop=[{"nexthop_ip": {"addr": b"\xc0\0\2\x09"}, "mpls_op": "MPLS_POP_TO_IPV6"}]))
-        self.assertEqual(self.agent.redirects["core"], pb.sdk.cbf_nexthop_group_redirect_msg(
-            match_nexthop_group="core", redirect_nexthop_group="gold", match_ipv4_dscp=[46, 48],
-            match_ipv6_dscp=[8]))
-        self.assertEqual(list(self.agent.sessions.values()), [pb.sdk.sbfd_echo_session_msg(
-            session_key={"outgoing_interface": "eth0", "nexthop": {"addr": v6}, "dscp": 46, "labels": [1]},
-            rtt_enabled=True, min_tx=100, detection_multiplier=3, track_interface_state=True)])
+        self.assertEqual(
+            list(self.agent.routes.values()),
+            [pb.sdk.ip_route_msg(prefix={"addr": b"\x0a\0\0\0", "mask_length": 8}, nexthop_group="core", tag=7)],
+        )
+        self.assertEqual(
+            self.agent.groups["g"],
+            pb.sdk.nexthop_group_msg(
+                name="g",
+                nexthop=[
+                    {
+                        "nexthop_ip": {"addr": b"\xfe\x80" + b"\0" * 13 + b"\1"},
+                        "nexthop_interface": "eth0",
+                        "mpls_op": "MPLS_PUSH",
+                        "labels": [100, 200],
+                        "replicate_count": 2,
+                        "sbfd_session_key": {
+                            "outgoing_interface": "eth0",
+                            "nexthop": {"addr": b"\xc0\0\2\1"},
+                            "labels": [7, 8],
+                            "dscp": 46,
+                            "mpls_exp": 5,
+                        },
+                    },
+                    {"nexthop_ip": {"addr": b""}, "nexthop_interface": "eth2"},
+                ],
+                backup_nexthop=[{"nexthop_ip": {"addr": b"\xc0\0\2\x09"}, "mpls_op": "MPLS_POP_TO_IPV6"}],
+            ),
+        )
+        self.assertEqual(
+            self.agent.redirects["core"],
+            pb.sdk.cbf_nexthop_group_redirect_msg(
+                match_nexthop_group="core", redirect_nexthop_group="gold", match_ipv4_dscp=[46, 48], match_ipv6_dscp=[8]
+            ),
+        )
+        self.assertEqual(
+            list(self.agent.sessions.values()),
+            [
+                pb.sdk.sbfd_echo_session_msg(
+                    session_key={"outgoing_interface": "eth0", "nexthop": {"addr": v6}, "dscp": 46, "labels": [1]},
+                    rtt_enabled=True,
+                    min_tx=100,
+                    detection_multiplier=3,
+                    track_interface_state=True,
+                )
+            ],
+        )
 
     def test_what_is_listed_can_be_set_again(self):
         hop = "none interface eth0 swap 200 replicate 3 session eth0 192.0.2.1 labels 7 dscp 1 exp 2"
@@ -208,8 +240,9 @@ class VornctlTest(unittest.TestCase):
         self.assertEqual(self.succeed(f"set routes --file {saved}"), "3 routes set\n")
         first = dict(self.agent.routes)
         out = self.succeed("list routes")
-        self.assertEqual(out, "PREFIX        GROUP  TAG\n10.0.0.0/8    core   7\n::/0          -      0\n"
-                              "192.0.2.1/32  core   0\n")
+        self.assertEqual(
+            out, "PREFIX        GROUP  TAG\n10.0.0.0/8    core   7\n::/0          -      0\n" "192.0.2.1/32  core   0\n"
+        )
         self.agent.routes.clear()
         again = self.start("set", "routes", "--file", "-", stdin=subprocess.PIPE)
         self.assertEqual((again.communicate(out), again.returncode), (("3 routes set\n", ""), 0))
@@ -219,7 +252,8 @@ class VornctlTest(unittest.TestCase):
         names = ["a#b", "#a", "a b", '"', "-", "tab\t", "\u202ebidi", "no\u00a0break", "back\\slash", "gr\u00fcn"]
         for number, name in enumerate(names):
             self.agent.routes[number] = pb.sdk.ip_route_msg(
-                prefix={"addr": bytes([10, number, 0, 0]), "mask_length": 16}, nexthop_group=name, tag=number)
+                prefix={"addr": bytes([10, number, 0, 0]), "mask_length": 16}, nexthop_group=name, tag=number
+            )
         saved = self.file("saved", self.succeed("list routes"))
         before = list(self.agent.routes.values())
         self.agent.routes.clear()
@@ -231,26 +265,48 @@ class VornctlTest(unittest.TestCase):
 
     def test_lists(self):
         self.agent.waiting = 5
-        for line in ("group te nexthop 192.0.2.1 interface eth0 backup 192.0.2.9 push 16", "group empty",
-                     "redirect core to gold --ipv4-dscp 46,48", "session eth0 192.0.2.1 labels 7"):
+        for line in (
+            "group te nexthop 192.0.2.1 interface eth0 backup 192.0.2.9 push 16",
+            "group empty",
+            "redirect core to gold --ipv4-dscp 46,48",
+            "session eth0 192.0.2.1 labels 7",
+        ):
             self.succeed(f"set {line}")
         code, out, err = self.call("list", "groups")
         self.assertEqual((code, err), (0, "vornctl: 5 changes are still waiting to be programmed\n"))
-        self.assertEqual(out, "GROUP  ROLE     NEXT HOP\n"
-                              "te     nexthop  192.0.2.1 interface eth0\n"
-                              "te     backup   192.0.2.9 push 16\n"
-                              "empty  -        -\n")
+        self.assertEqual(
+            out,
+            "GROUP  ROLE     NEXT HOP\n"
+            "te     nexthop  192.0.2.1 interface eth0\n"
+            "te     backup   192.0.2.9 push 16\n"
+            "empty  -        -\n",
+        )
         groups = json.loads(self.succeed("--json list groups"))["groups"]
-        self.assertEqual(groups[0]["backups"], [
-            {"address": "192.0.2.9", "interface": "", "operation": "push", "labels": [16], "replicate": 0,
-             "session": None}])
+        self.assertEqual(
+            groups[0]["backups"],
+            [
+                {
+                    "address": "192.0.2.9",
+                    "interface": "",
+                    "operation": "push",
+                    "labels": [16],
+                    "replicate": 0,
+                    "session": None,
+                }
+            ],
+        )
         key = {"interface": "eth0", "address": "192.0.2.1", "labels": [7], "dscp": 0, "exp": 0}
         for what, table, document in (
-            ("redirects", "GROUP  IPV4 DSCP  IPV6 DSCP  TO\ncore   46,48      -          gold\n",
-             {"redirects": [{"group": "core", "to": "gold", "ipv4_dscp": [46, 48], "ipv6_dscp": []}],
-              "waiting": 5}),
-            ("sessions", "SESSION                  STATUS\neth0 192.0.2.1 labels 7  UP\n",
-             {"sessions": [{"session": key, "status": "UP"}]}),
+            (
+                "redirects",
+                "GROUP  IPV4 DSCP  IPV6 DSCP  TO\ncore   46,48      -          gold\n",
+                {"redirects": [{"group": "core", "to": "gold", "ipv4_dscp": [46, 48], "ipv6_dscp": []}], "waiting": 5},
+            ),
+            (
+                "sessions",
+                "SESSION                  STATUS\neth0 192.0.2.1 labels 7  UP\n",
+                {"sessions": [{"session": key, "status": "UP"}]},
+            ),
             ("routes", "PREFIX  GROUP  TAG\n", {"routes": [], "waiting": 5}),
         ):
             self.assertEqual(self.call("list", what)[1], table)
@@ -263,8 +319,13 @@ class VornctlTest(unittest.TestCase):
         self.assertEqual(json.loads(self.succeed("state get owner b --json")), {"owner": "lab=3", "b": ""})
 
     def test_delete(self):
-        for thing, more in (("route ::/0", "group g"), ("group g", ""), ("mpls 3", "vrf red"),
-                            ("redirect g", "to h"), ("session eth0 192.0.2.1 labels 7", "")):
+        for thing, more in (
+            ("route ::/0", "group g"),
+            ("group g", ""),
+            ("mpls 3", "vrf red"),
+            ("redirect g", "to h"),
+            ("session eth0 192.0.2.1 labels 7", ""),
+        ):
             self.succeed(f"set {thing} {more}")
             self.assertEqual(self.succeed(f"delete {thing} --json"), '{"result": "SUCCESS"}\n')
             self.refuse(1, "NOT_FOUND: no", "delete", *thing.split())
@@ -316,8 +377,14 @@ class VornctlTest(unittest.TestCase):
     def test_refused_and_failed(self):
         self.agent.answer = pb.sdk.rpc_status_msg(rpc_status_value="NO_RESOURCES")
         self.refuse(1, "NO_RESOURCES", "set", "group", "g")
-        self.refuse(1, "INVALID_ARGUMENT: route 1: nexthop_group", "set", "routes", "--file",
-                  self.file("routes", "10.0.0.0/8 core\n10.1.0.0/16 bad\n10.2.0.0/16 core\n"))
+        self.refuse(
+            1,
+            "INVALID_ARGUMENT: route 1: nexthop_group",
+            "set",
+            "routes",
+            "--file",
+            self.file("routes", "10.0.0.0/8 core\n10.1.0.0/16 bad\n10.2.0.0/16 core\n"),
+        )
         self.assertEqual(len(self.agent.routes), 1)
         self.refuse(1, "DEADLINE_EXCEEDED", "set", "group", "late")
 
@@ -399,16 +466,36 @@ class VornctlTest(unittest.TestCase):
     def test_tls(self):
         for name in ("agent", "me"):
             subprocess.run(
-                ["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", f"/CN={name}",
-                 "-addext", f"subjectAltName=DNS:{name}", "-keyout", f"{name}.key", "-out", f"{name}.pem"],
-                cwd=self.folder, check=True, capture_output=True)
+                [
+                    "openssl",
+                    "req",
+                    "-x509",
+                    "-newkey",
+                    "rsa:2048",
+                    "-nodes",
+                    "-subj",
+                    f"/CN={name}",
+                    "-addext",
+                    f"subjectAltName=DNS:{name}",
+                    "-keyout",
+                    f"{name}.key",
+                    "-out",
+                    f"{name}.pem",
+                ],
+                cwd=self.folder,
+                check=True,
+                capture_output=True,
+            )
         key, cert, ca = ((self.folder / name).read_bytes() for name in ("agent.key", "agent.pem", "me.pem"))
         self.serve(credentials=grpc.ssl_server_credentials([(key, cert)], ca, require_client_auth=True))
         theirs, mine = f"--tls-ca {self.folder}/agent.pem", f"--tls-cert {self.folder}/me.pem"
         mine += f" --tls-key {self.folder}/me.key --tls-name agent"
         self.succeed(f"list routes {theirs} {mine}")
-        for line in (f"{theirs} {mine} --tls-name x", f"{theirs} --tls-name agent",
-                     f"--tls-ca {self.folder}/me.pem {mine}"):
+        for line in (
+            f"{theirs} {mine} --tls-name x",
+            f"{theirs} --tls-name agent",
+            f"--tls-ca {self.folder}/me.pem {mine}",
+        ):
             self.refuse(3, "UNAVAILABLE", "list", "routes", *line.split())
 
     # -- the first use

@@ -14,12 +14,12 @@ namespace vorn {
 
 class VORN_EXPORT error : public std::exception {
  public:
-  error(error const& other);
-  error& operator=(error const& other);
+  error(const error& other);
+  error& operator=(const error& other);
   ~error() override;
 
   // The message, valid as long as this object.
-  char const* what() const noexcept override;
+  const char* what() const noexcept override;
 
   // Throws a copy of this object, of its own dynamic type; when the copy throws, that instead.
   [[noreturn]] virtual void raise() const = 0;
@@ -35,12 +35,12 @@ class VORN_EXPORT error : public std::exception {
 class VORN_EXPORT invalid_argument_error : public error {
  public:
   invalid_argument_error(std::string message, std::string argument);
-  invalid_argument_error(invalid_argument_error const& other);
-  invalid_argument_error& operator=(invalid_argument_error const& other);
+  invalid_argument_error(const invalid_argument_error& other);
+  invalid_argument_error& operator=(const invalid_argument_error& other);
   ~invalid_argument_error() override;
   [[noreturn]] void raise() const override;
 
-  std::string const& argument() const noexcept { return argument_; }
+  const std::string& argument() const noexcept { return argument_; }
 
  private:
   std::string argument_;
@@ -50,8 +50,8 @@ class VORN_EXPORT invalid_argument_error : public error {
 class VORN_EXPORT invalid_range_error : public invalid_argument_error {
  public:
   invalid_range_error(std::string message, std::string argument, std::uint64_t value);
-  invalid_range_error(invalid_range_error const& other);
-  invalid_range_error& operator=(invalid_range_error const& other);
+  invalid_range_error(const invalid_range_error& other);
+  invalid_range_error& operator=(const invalid_range_error& other);
   ~invalid_range_error() override;
   [[noreturn]] void raise() const override;
 
@@ -65,8 +65,8 @@ class VORN_EXPORT invalid_range_error : public invalid_argument_error {
 class VORN_EXPORT configuration_error : public error {
  public:
   explicit configuration_error(std::string message);
-  configuration_error(configuration_error const& other);
-  configuration_error& operator=(configuration_error const& other);
+  configuration_error(const configuration_error& other);
+  configuration_error& operator=(const configuration_error& other);
   ~configuration_error() override;
   [[noreturn]] void raise() const override;
 };
@@ -75,12 +75,12 @@ class VORN_EXPORT configuration_error : public error {
 class VORN_EXPORT unconfigured_agent_error : public configuration_error {
  public:
   unconfigured_agent_error(std::string message, std::string agent_name);
-  unconfigured_agent_error(unconfigured_agent_error const& other);
-  unconfigured_agent_error& operator=(unconfigured_agent_error const& other);
+  unconfigured_agent_error(const unconfigured_agent_error& other);
+  unconfigured_agent_error& operator=(const unconfigured_agent_error& other);
   ~unconfigured_agent_error() override;
   [[noreturn]] void raise() const override;
 
-  std::string const& agent_name() const noexcept { return agent_name_; }
+  const std::string& agent_name() const noexcept { return agent_name_; }
 
  private:
   std::string agent_name_;
@@ -90,12 +90,12 @@ class VORN_EXPORT unconfigured_agent_error : public configuration_error {
 class VORN_EXPORT unsupported_error : public error {
  public:
   unsupported_error(std::string message, std::string feature);
-  unsupported_error(unsupported_error const& other);
-  unsupported_error& operator=(unsupported_error const& other);
+  unsupported_error(const unsupported_error& other);
+  unsupported_error& operator=(const unsupported_error& other);
   ~unsupported_error() override;
   [[noreturn]] void raise() const override;
 
-  std::string const& feature() const noexcept { return feature_; }
+  const std::string& feature() const noexcept { return feature_; }
 
  private:
   std::string feature_;
@@ -105,8 +105,8 @@ class VORN_EXPORT unsupported_error : public error {
 class VORN_EXPORT no_scoped_lock_obtained_error : public error {
  public:
   explicit no_scoped_lock_obtained_error(std::string message);
-  no_scoped_lock_obtained_error(no_scoped_lock_obtained_error const& other);
-  no_scoped_lock_obtained_error& operator=(no_scoped_lock_obtained_error const& other);
+  no_scoped_lock_obtained_error(const no_scoped_lock_obtained_error& other);
+  no_scoped_lock_obtained_error& operator=(const no_scoped_lock_obtained_error& other);
   ~no_scoped_lock_obtained_error() override;
   [[noreturn]] void raise() const override;
 };

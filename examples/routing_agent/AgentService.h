@@ -42,14 +42,14 @@ inline grpc::Status tooMuchWaits() {
 }
 
 // What the agent's services have in common.
-template <class Generated>
+template <typename Generated>
 class AgentService : public rpc::Service<Generated> {
  protected:
   AgentService(std::string name, Backlog& backlog, const std::vector<std::string>& listen)
       : rpc::Service<Generated>(std::move(name)), backlog_(backlog), listen_(listen) {}
 
   // One line for each message that arrives, at level 8.
-  template <class Message>
+  template <typename Message>
   void traceArrival(const Message& message) const {
     if (this->tracer_.enabled(8)) this->tracer_.trace8("received %s", toString(message).c_str());
   }
@@ -57,7 +57,7 @@ class AgentService : public rpc::Service<Generated> {
   // A message that asks for a change: checked, and put on the backlog after the bookkeeping of what
   // is wanted. Setting the key is possible while the backlog has room, deleting it when also the
   // caller may and it is there. Throws vorn::invalid_argument_error when the message can't be used.
-  template <class Message, class Key>
+  template <typename Message, typename Key>
   grpc::Status change(grpc::ServerContext& context, const Message& message, std::set<Key>& wanted,
                       const Key& key, bool deletes, const char* what, Backlog::Change program) {
     traceArrival(message);

@@ -33,7 +33,7 @@ void checkAddress(const std::string& field, const std::string& addr) {
   refuse(field, "holds " + std::to_string(addr.size()) + " bytes; an address has 4 or 16");
 }
 
-template <class Numbers>
+template <typename Numbers>
 void checkEach(const std::string& field, const Numbers& values, std::uint32_t max) {
   for (int i = 0; i < values.size(); ++i) {
     checkRange(field + "[" + std::to_string(i) + "]", values[i], max);
@@ -71,7 +71,7 @@ void checkNexthop(const std::string& field, const nexthop_msg& nexthop) {
   }
 }
 
-template <class Nexthops>
+template <typename Nexthops>
 void checkNexthops(const std::string& field, const Nexthops& nexthops) {
   for (int i = 0; i < nexthops.size(); ++i) {
     checkNexthop(field + "[" + std::to_string(i) + "]", nexthops[i]);

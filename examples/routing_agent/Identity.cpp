@@ -21,7 +21,7 @@ constexpr char kSession[] = "session-id";
 constexpr char kClaim[] = "username";
 constexpr char kLocal[] = "local";
 
-std::string readPem(std::string const& path) {
+std::string readPem(const std::string& path) {
   const auto refuse = [&path](int error) {
     throw std::system_error(error, std::generic_category(), "cannot read " + path);
   };
@@ -39,7 +39,7 @@ std::string readPem(std::string const& path) {
   return text;
 }
 
-std::shared_ptr<grpc::ServerCredentials> tlsCredentials(IdentityOptions const& options) {
+std::shared_ptr<grpc::ServerCredentials> tlsCredentials(const IdentityOptions& options) {
   if (options.tlsCert.empty() || options.tlsKey.empty() || options.clientCa.empty()) {
     throw std::invalid_argument(
         "TLS takes all three of the certificate, its key and the client authority");
@@ -59,8 +59,8 @@ bool isLoopback(std::string_view address) {
 }
 
 // The first value of a property that isn't empty.
-std::optional<std::string> propertyOf(grpc::AuthContext const& connection, char const* name) {
-  for (grpc::string_ref const& value : connection.FindPropertyValues(name)) {
+std::optional<std::string> propertyOf(const grpc::AuthContext& connection, const char* name) {
+  for (const grpc::string_ref& value : connection.FindPropertyValues(name)) {
     if (!value.empty()) return std::string(value.data(), value.size());
   }
   return {};
@@ -72,14 +72,14 @@ std::string claimed(grpc::string_ref username, bool local) {
   return local ? std::string(kLocal) + ":" + name : name;
 }
 
-bool isLocal(grpc::AuthContext const& connection) {
+bool isLocal(const grpc::AuthContext& connection) {
   return propertyOf(connection, "transport_security_type") == kLocal;
 }
 
 // What a connection's first call and its certificate tell about its user; nothing when nothing
 // does.
-std::optional<std::string> userOf(grpc::AuthContext const& connection,
-                                  grpc::AuthMetadataProcessor::InputMetadata const& metadata) {
+std::optional<std::string> userOf(const grpc::AuthContext& connection,
+                                  const grpc::AuthMetadataProcessor::InputMetadata& metadata) {
   if (isLocal(connection)) {
     const auto claim = metadata.find(kClaim);
     return claim == metadata.end() ? kLocal : claimed(claim->second, true);
@@ -98,8 +98,8 @@ std::string runName() {
 
 }  // namespace
 
-std::shared_ptr<grpc::ServerCredentials> serverCredentials(std::string const& address,
-                                                           IdentityOptions const& options) {
+std::shared_ptr<grpc::ServerCredentials> serverCredentials(const std::string& address,
+                                                           const IdentityOptions& options) {
   const bool tls = !options.tlsCert.empty() || !options.tlsKey.empty() || !options.clientCa.empty();
   std::shared_ptr<grpc::ServerCredentials> credentials;
   if (address.starts_with("unix:") || address.starts_with("unix-abstract:")) {
@@ -117,7 +117,7 @@ std::shared_ptr<grpc::ServerCredentials> serverCredentials(std::string const& ad
 
 ConnectionIdentity::ConnectionIdentity() : run_(runName()) {}
 
-grpc::Status ConnectionIdentity::Process(InputMetadata const& metadata,
+grpc::Status ConnectionIdentity::Process(const InputMetadata& metadata,
                                          grpc::AuthContext* connection, OutputMetadata*,
                                          OutputMetadata*) {
   const std::lock_guard lock(mutex_);
@@ -126,7 +126,7 @@ grpc::Status ConnectionIdentity::Process(InputMetadata const& metadata,
   if (first) user = userOf(*connection, metadata);
   if (!user) return {grpc::StatusCode::UNAUTHENTICATED, "the client certificate names nobody"};
   const auto [begin, end] = metadata.equal_range(kClaim);
-  const bool agreed = std::all_of(begin, end, [&, local = isLocal(*connection)](auto const& claim) {
+  const bool agreed = std::all_of(begin, end, [&, local = isLocal(*connection)](const auto& claim) {
     return claimed(claim.second, local) == *user;
   });
   if (!agreed)

@@ -32,8 +32,8 @@ struct IdentityOptions {
 //
 // Throws std::invalid_argument when some but not all of the TLS files are given or one holds no
 // PEM, and std::system_error, which names the file and the reason, when one can't be read.
-std::shared_ptr<grpc::ServerCredentials> serverCredentials(std::string const& address,
-                                                           IdentityOptions const& options);
+std::shared_ptr<grpc::ServerCredentials> serverCredentials(const std::string& address,
+                                                           const IdentityOptions& options);
 
 // Gives each connection, once, the properties that accounting reads: "peer-authenticated", its
 // user, and "session-id", a name for the connection that no other connection of any agent has.
@@ -53,14 +53,14 @@ class ConnectionIdentity : public grpc::AuthMetadataProcessor {
   ConnectionIdentity();
 
   bool IsBlocking() const override { return false; }
-  grpc::Status Process(InputMetadata const& metadata, grpc::AuthContext* connection,
+  grpc::Status Process(const InputMetadata& metadata, grpc::AuthContext* connection,
                        OutputMetadata* consumed, OutputMetadata* response) override;
 
  private:
   std::string nextSession();
 
   std::mutex mutex_;  // guards the connections' properties while they are looked up and added
-  std::string const run_;
+  const std::string run_;
   std::uint64_t sessions_ = 0;
 };
 

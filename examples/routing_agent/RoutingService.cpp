@@ -15,7 +15,7 @@ constexpr std::size_t kMaxSetRoutes = 1024;
 // Sends a table in parts, each taken when the one before is out: a client that reads slowly costs
 // one part of memory, whatever the table's size. `add` answers the place of a further item in a
 // part.
-template <class Part, class Key, class Value, class Add>
+template <typename Part, typename Key, typename Value, typename Add>
 rpc::Task<> sendTable(rpc::Writer<Part>& writer, const Table<Key, Value>& table,
                       const Backlog& backlog, Add add) {
   std::optional<Key> last;

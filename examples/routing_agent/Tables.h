@@ -28,7 +28,7 @@ struct PrefixKey {
 };
 
 // One table of what is programmed. Any thread may call any operation.
-template <class Key, class Value>
+template <typename Key, typename Value>
 class Table {
  public:
   using Item = std::pair<Key, Value>;

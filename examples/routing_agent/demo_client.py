@@ -188,10 +188,7 @@ def standard(channel):
     check(len(named) == 3, "gRPC reflection names the services " + ", ".join(named))
 
 
-STEPS = {
-    step.__name__: step
-    for step in (routes, load, hold, closed, account, swap, kernel, sbfd, standard)
-}
+STEPS = {step.__name__: step for step in (routes, load, hold, closed, account, swap, kernel, sbfd, standard)}
 
 
 def connect(address, files):

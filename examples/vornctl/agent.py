@@ -76,9 +76,7 @@ def _channel(args: argparse.Namespace) -> grpc.Channel:
         raise UsageError("--tls-cert and --tls-key go together")
     if args.tls_name:
         options.append(("grpc.ssl_target_name_override", args.tls_name))
-    credentials = grpc.ssl_channel_credentials(
-        *(_content(path) for path in (args.tls_ca, args.tls_key, args.tls_cert))
-    )
+    credentials = grpc.ssl_channel_credentials(*(_content(path) for path in (args.tls_ca, args.tls_key, args.tls_cert)))
     return grpc.secure_channel(args.server, credentials, options)
 
 

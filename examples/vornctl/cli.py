@@ -68,9 +68,7 @@ class Parser(argparse.ArgumentParser):
     """A parser whose errors are one line, and which takes no abbreviations."""
 
     def __init__(self, **options: Any) -> None:
-        super().__init__(
-            formatter_class=argparse.RawDescriptionHelpFormatter, allow_abbrev=False, **options
-        )
+        super().__init__(formatter_class=argparse.RawDescriptionHelpFormatter, allow_abbrev=False, **options)
 
     def error(self, message: str) -> NoReturn:
         self.exit(USAGE, f"{self.prog}: {printable(message)} (see {self.prog} --help)\n")
@@ -101,27 +99,48 @@ def user_name(text: str) -> str:
 
 
 COMMON: dict[str, dict[str, Any]] = {
-    "--server": {"metavar": "ADDRESS", "type": server_address,
-                 "help": "the agent: HOST:PORT or unix:PATH (default: 127.0.0.1:50051)"},
-    "--timeout": {"metavar": "SECONDS", "type": seconds,
-                  "help": "give a call up after this time (default: 10 for a single change or read of"
-                          " the state, no limit for set routes and list); how long a watch lasts"},
-    "--json": {"action": "store_true",
-               "help": "print one JSON document, or with watch one line of JSON per update"},
-    "--user": {"metavar": "NAME", "type": user_name,
-               "help": "who calls, for an agent that takes a local caller's word for it"},
-    "--local": {"action": "store_true",
-                "help": "gRPC's local credentials: for an agent on this host that asks for them, at a"
-                        " Unix socket or a loopback address"},
+    "--server": {
+        "metavar": "ADDRESS",
+        "type": server_address,
+        "help": "the agent: HOST:PORT or unix:PATH (default: 127.0.0.1:50051)",
+    },
+    "--timeout": {
+        "metavar": "SECONDS",
+        "type": seconds,
+        "help": "give a call up after this time (default: 10 for a single change or read of"
+        " the state, no limit for set routes and list); how long a watch lasts",
+    },
+    "--json": {"action": "store_true", "help": "print one JSON document, or with watch one line of JSON per update"},
+    "--user": {
+        "metavar": "NAME",
+        "type": user_name,
+        "help": "who calls, for an agent that takes a local caller's word for it",
+    },
+    "--local": {
+        "action": "store_true",
+        "help": "gRPC's local credentials: for an agent on this host that asks for them, at a"
+        " Unix socket or a loopback address",
+    },
     "--tls-ca": {"metavar": "FILE", "help": "TLS; the authorities that may vouch for the agent (PEM)"},
     "--tls-cert": {"metavar": "FILE", "help": "TLS; this client's certificate (PEM)"},
     "--tls-key": {"metavar": "FILE", "help": "TLS; the private key of --tls-cert (PEM)"},
-    "--tls-name": {"metavar": "NAME",
-                   "help": "TLS; the name in the agent's certificate, where it is not that of --server"},
+    "--tls-name": {
+        "metavar": "NAME",
+        "help": "TLS; the name in the agent's certificate, where it is not that of --server",
+    },
 }
 
-DEFAULTS = {"server": "127.0.0.1:50051", "timeout": None, "json": False, "user": None, "local": False,
-            "tls_ca": None, "tls_cert": None, "tls_key": None, "tls_name": None}
+DEFAULTS = {
+    "server": "127.0.0.1:50051",
+    "timeout": None,
+    "json": False,
+    "user": None,
+    "local": False,
+    "tls_ca": None,
+    "tls_cert": None,
+    "tls_key": None,
+    "tls_name": None,
+}
 
 
 def add_common_options(parser: Parser, shown: bool) -> None:
@@ -165,80 +184,141 @@ def make_parser() -> Parser:
     add_list(top)
     watch = top.add("watch", "show changes as they come", lines("watch sessions --rtt"))
     sessions = Level(watch, "what to watch", "what").add(
-        "sessions", "show the sessions' status, and then every change of it, until Ctrl-C",
-        lines("watch sessions", "watch sessions --rtt --timeout 60",
-              "watch sessions --json | jq --unbuffered 'select(.status == \"DOWN\")'"),
-        commands.watch_sessions)
+        "sessions",
+        "show the sessions' status, and then every change of it, until Ctrl-C",
+        lines(
+            "watch sessions",
+            "watch sessions --rtt --timeout 60",
+            "watch sessions --json | jq --unbuffered 'select(.status == \"DOWN\")'",
+        ),
+        commands.watch_sessions,
+    )
     sessions.add_argument("--rtt", action="store_true", help="show round-trip times too, in microseconds")
     add_state(top)
     return parser
 
 
 def add_set(top: Level) -> None:
-    parser = top.add("set", "set something, in place of what has the same name",
-                     lines("set route 10.0.0.0/8 group core --tag 7", "set mpls 100 group core pop",
-                           "set session eth0 192.0.2.1 --rtt --min-tx 100000 --multiplier 3"))
+    parser = top.add(
+        "set",
+        "set something, in place of what has the same name",
+        lines(
+            "set route 10.0.0.0/8 group core --tag 7",
+            "set mpls 100 group core pop",
+            "set session eth0 192.0.2.1 --rtt --min-tx 100000 --multiplier 3",
+        ),
+    )
     level = Level(parser, "what to set", "what")
 
-    leaf = level.add("route", "set an IP route", lines("set route 10.0.0.0/8 group core",
-                     "set route 2001:db8::/32 group core --tag 7"), commands.set_route)
+    leaf = level.add(
+        "route",
+        "set an IP route",
+        lines("set route 10.0.0.0/8 group core", "set route 2001:db8::/32 group core --tag 7"),
+        commands.set_route,
+    )
     leaf.add_argument("prefix", metavar="PREFIX", type=values.prefix, help="such as 10.0.0.0/8")
     leaf.add_argument("word", metavar="group", choices=["group"], help="the word group")
     leaf.add_argument("group", metavar="GROUP", help="the next-hop group to forward to")
     leaf.add_argument("--tag", metavar="N", type=values.number, default=0, help="the route's tag")
 
-    leaf = level.add("routes", "set the IP routes of a file, through one stream",
-                     lines("set routes --file routes.txt", "list routes | vornctl set routes --file -"),
-                     commands.set_routes, more="""\
+    leaf = level.add(
+        "routes",
+        "set the IP routes of a file, through one stream",
+        lines("set routes --file routes.txt", "list routes | vornctl set routes --file -"),
+        commands.set_routes,
+        more="""\
 Each line is PREFIX GROUP [TAG], as list routes prints it; a word that begins with # begins a comment, and a
 group in double quotes is a JSON string. The file is read to its end before the first route is sent. When the
-agent refuses a route, those before it are set.""")
+agent refuses a route, those before it are set.""",
+    )
     leaf.add_argument("--file", metavar="FILE", required=True, help="the file; - is standard input")
 
-    leaf = level.add("group", "set a next-hop group",
-                     lines("set group core nexthop 192.0.2.1 interface eth0",
-                           "set group te nexthop 192.0.2.1 interface eth0 push 100,200 replicate 2 \\\n"
-                           "    backup 192.0.2.9 interface eth1"),
-                     commands.set_group, more=NEXTHOP_HELP)
+    leaf = level.add(
+        "group",
+        "set a next-hop group",
+        lines(
+            "set group core nexthop 192.0.2.1 interface eth0",
+            "set group te nexthop 192.0.2.1 interface eth0 push 100,200 replicate 2 \\\n"
+            "    backup 192.0.2.9 interface eth1",
+        ),
+        commands.set_group,
+        more=NEXTHOP_HELP,
+    )
     leaf.usage = "%(prog)s [-h] NAME [nexthop ADDRESS ... | backup ADDRESS ...]..."
     leaf.add_argument("name", metavar="NAME", help="the group's name")
-    leaf.add_argument("nexthops", metavar="nexthop|backup ADDRESS ...", nargs="*",
-                      help="the next hops in order, and those that take over from them")
+    leaf.add_argument(
+        "nexthops",
+        metavar="nexthop|backup ADDRESS ...",
+        nargs="*",
+        help="the next hops in order, and those that take over from them",
+    )
 
-    leaf = level.add("mpls", "set an MPLS route",
-                     lines("set mpls 100 nexthop 192.0.2.1 interface eth0 swap 200",
-                           "set mpls 101 group core pop", "set mpls 102 vrf red"),
-                     commands.set_mpls, more="""\
+    leaf = level.add(
+        "mpls",
+        "set an MPLS route",
+        lines(
+            "set mpls 100 nexthop 192.0.2.1 interface eth0 swap 200",
+            "set mpls 101 group core pop",
+            "set mpls 102 vrf red",
+        ),
+        commands.set_mpls,
+        more="""\
 Forwarding is one of:
   nexthop ADDRESS ...      to one next hop
   group NAME [pop|swap]    to a next-hop group; pop is the default
   vrf NAME                 the label is removed, the packet forwarded in the VRF
 
-""" + NEXTHOP_HELP)
+"""
+        + NEXTHOP_HELP,
+    )
     leaf.usage = "%(prog)s [-h] LABEL {nexthop ADDRESS ... | group NAME [pop|swap] | vrf NAME}"
     leaf.add_argument("label", metavar="LABEL", type=values.number, help="the incoming label")
     leaf.add_argument("forwarding", metavar="nexthop|group|vrf ...", nargs="+", help="where to")
 
-    leaf = level.add("redirect", "set a class-based-forwarding redirect",
-                     lines("set redirect core to gold --ipv4-dscp 46,48 --ipv6-dscp 46"),
-                     commands.set_redirect)
+    leaf = level.add(
+        "redirect",
+        "set a class-based-forwarding redirect",
+        lines("set redirect core to gold --ipv4-dscp 46,48 --ipv6-dscp 46"),
+        commands.set_redirect,
+    )
     leaf.add_argument("group", metavar="GROUP", help="the group whose traffic is matched")
     leaf.add_argument("word", metavar="to", choices=["to"], help="the word to")
     leaf.add_argument("target", metavar="TARGET", help="the group that the matched traffic goes to")
     for family in ("IPv4", "IPv6"):
-        leaf.add_argument(f"--{family.lower()}-dscp", metavar="N,N...", type=values.numbers, default=[],
-                          help=f"the DSCP values matched on {family} traffic")
+        leaf.add_argument(
+            f"--{family.lower()}-dscp",
+            metavar="N,N...",
+            type=values.numbers,
+            default=[],
+            help=f"the DSCP values matched on {family} traffic",
+        )
 
-    leaf = level.add("session", "set an SBFD echo session",
-                     lines("set session eth0 192.0.2.1 --rtt --min-tx 100000 --multiplier 3",
-                           "set session eth0 192.0.2.1 labels 100,200 dscp 46 --track-interface"),
-                     commands.set_session, more=SESSION_HELP)
+    leaf = level.add(
+        "session",
+        "set an SBFD echo session",
+        lines(
+            "set session eth0 192.0.2.1 --rtt --min-tx 100000 --multiplier 3",
+            "set session eth0 192.0.2.1 labels 100,200 dscp 46 --track-interface",
+        ),
+        commands.set_session,
+        more=SESSION_HELP,
+    )
     add_session_key(leaf, " [--rtt] [--min-tx USEC] [--multiplier N] [--track-interface]")
     leaf.add_argument("--rtt", action="store_true", help="measure round-trip times")
-    leaf.add_argument("--min-tx", metavar="USEC", type=values.number, default=0,
-                      help="least interval between two echo packets, in microseconds")
-    leaf.add_argument("--multiplier", metavar="N", type=values.number, default=0,
-                      help="how many missed echoes in a row make the session DOWN")
+    leaf.add_argument(
+        "--min-tx",
+        metavar="USEC",
+        type=values.number,
+        default=0,
+        help="least interval between two echo packets, in microseconds",
+    )
+    leaf.add_argument(
+        "--multiplier",
+        metavar="N",
+        type=values.number,
+        default=0,
+        help="how many missed echoes in a row make the session DOWN",
+    )
     leaf.add_argument("--track-interface", action="store_true", help="go down with the interface")
 
 
@@ -248,8 +328,11 @@ def add_session_key(leaf: Parser, options: str = "") -> None:
 
 
 def add_delete(top: Level) -> None:
-    parser = top.add("delete", "delete something; what is not there is an error (NOT_FOUND)",
-                     lines("delete route 10.0.0.0/8", "delete session eth0 192.0.2.1"))
+    parser = top.add(
+        "delete",
+        "delete something; what is not there is an error (NOT_FOUND)",
+        lines("delete route 10.0.0.0/8", "delete session eth0 192.0.2.1"),
+    )
     level = Level(parser, "what to delete", "what")
 
     leaf = level.add("route", "delete an IP route", lines("delete route 10.0.0.0/8"), commands.delete_route)
@@ -260,9 +343,13 @@ def add_delete(top: Level) -> None:
     leaf.add_argument("label", metavar="LABEL", type=values.number, help="the incoming label")
     leaf = level.add("redirect", "delete a redirect", lines("delete redirect core"), commands.delete_redirect)
     leaf.add_argument("group", metavar="GROUP", help="the group whose traffic is matched")
-    leaf = level.add("session", "delete an SBFD echo session", lines("delete session eth0 192.0.2.1",
-                     "delete session eth0 192.0.2.1 labels 100,200 dscp 46"),
-                     commands.delete_session, more=SESSION_HELP)
+    leaf = level.add(
+        "session",
+        "delete an SBFD echo session",
+        lines("delete session eth0 192.0.2.1", "delete session eth0 192.0.2.1 labels 100,200 dscp 46"),
+        commands.delete_session,
+        more=SESSION_HELP,
+    )
     add_session_key(leaf)
 
 
@@ -280,19 +367,29 @@ def add_list(top: Level) -> None:
 
 
 def add_state(top: Level) -> None:
-    parser = top.add("state", "set, read and delete the entries that clients leave for each other",
-                     lines("state set owner=lab-3 window=02:00", "state get",
-                           "state delete owner"))
+    parser = top.add(
+        "state",
+        "set, read and delete the entries that clients leave for each other",
+        lines("state set owner=lab-3 window=02:00", "state get", "state delete owner"),
+    )
     level = Level(parser, "what to do", "action")
-    leaf = level.add("set", "set entries", lines("state set owner=lab-3 'note=back at noon'"),
-                     commands.state_set)
+    leaf = level.add("set", "set entries", lines("state set owner=lab-3 'note=back at noon'"), commands.state_set)
     leaf.add_argument("entries", metavar="KEY=VALUE", nargs="+", help="an entry")
-    leaf = level.add("get", "read the values of keys, or every entry",
-                     lines("state get", "state get owner", "state get owner --json | jq -r .owner"),
-                     commands.state_get, more="A key that is not there has the empty value.")
+    leaf = level.add(
+        "get",
+        "read the values of keys, or every entry",
+        lines("state get", "state get owner", "state get owner --json | jq -r .owner"),
+        commands.state_get,
+        more="A key that is not there has the empty value.",
+    )
     leaf.add_argument("keys", metavar="KEY", nargs="*", help="what to read (default: everything)")
-    leaf = level.add("delete", "delete entries", lines("state delete owner window"), commands.state_delete,
-                     more="Deleting a key that is not there changes nothing.")
+    leaf = level.add(
+        "delete",
+        "delete entries",
+        lines("state delete owner window"),
+        commands.state_delete,
+        more="Deleting a key that is not there changes nothing.",
+    )
     leaf.add_argument("keys", metavar="KEY", nargs="+", help="what to delete")
 
 

@@ -155,9 +155,7 @@ def delete_mpls(agent: Agent, args: argparse.Namespace) -> None:
 
 
 def delete_redirect(agent: Agent, args: argparse.Namespace) -> None:
-    redirect = agent.sdk.cbf_nexthop_group_redirect_msg(
-        match_nexthop_group=args.group, request_delete=True
-    )
+    redirect = agent.sdk.cbf_nexthop_group_redirect_msg(match_nexthop_group=args.group, request_delete=True)
     changed(agent, args, agent.routing.SetRedirect, redirect)
 
 

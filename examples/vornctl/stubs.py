@@ -66,7 +66,11 @@ def _generate(folder: Path) -> None:
         made.mkdir()
         outcome = subprocess.run(
             [*_protoc(), f"-I{ROOT}", f"--python_out={made}", f"--grpc_python_out={made}", *PROTOS],
-            cwd=ROOT, stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False,
+            cwd=ROOT,
+            stdin=subprocess.DEVNULL,
+            capture_output=True,
+            text=True,
+            check=False,
         )
         if outcome.returncode != 0:
             reason = " ".join((outcome.stderr or outcome.stdout).split())
@@ -87,10 +91,7 @@ def _protoc() -> list[str]:
         return [protoc, f"--plugin=protoc-gen-grpc_python={plugin}"]
     if importlib.util.find_spec("grpc_tools"):
         return [sys.executable, "-m", "grpc_tools.protoc"]
-    missing = " and ".join(
-        name for name, found in (("protoc", protoc), ("grpc_python_plugin", plugin)) if not found
-    )
+    missing = " and ".join(name for name, found in (("protoc", protoc), ("grpc_python_plugin", plugin)) if not found)
     raise StubError(
-        f"{missing} not found, which the first use needs:"
-        " apt-get install protobuf-compiler protobuf-compiler-grpc"
+        f"{missing} not found, which the first use needs:" " apt-get install protobuf-compiler protobuf-compiler-grpc"
     )

@@ -143,11 +143,13 @@ def fill_session_key(key: Any, words: Words) -> None:
     """INTERFACE ADDRESS [labels N,N...] [dscp N] [exp N]"""
     key.outgoing_interface = words.take("the session's interface")
     key.nexthop.addr = address(words.take("the session's address"))
-    words.clauses({
-        "labels": lambda: key.labels.extend(numbers(words.take("the labels"))),
-        "dscp": lambda: setattr(key, "dscp", number(words.take("the DSCP"))),
-        "exp": lambda: setattr(key, "mpls_exp", number(words.take("the EXP bits"))),
-    })
+    words.clauses(
+        {
+            "labels": lambda: key.labels.extend(numbers(words.take("the labels"))),
+            "dscp": lambda: setattr(key, "dscp", number(words.take("the DSCP"))),
+            "exp": lambda: setattr(key, "mpls_exp", number(words.take("the EXP bits"))),
+        }
+    )
 
 
 def fill_nexthop(hop: Any, words: Words) -> None:
@@ -162,12 +164,14 @@ def fill_nexthop(hop: Any, words: Words) -> None:
             hop.labels.extend(numbers(words.take("the labels")))
 
     hop.nexthop_ip.addr = address(words.take("the next hop's address"))
-    words.clauses({
-        "interface": lambda: setattr(hop, "nexthop_interface", words.take("the interface")),
-        "replicate": lambda: setattr(hop, "replicate_count", number(words.take("the count"))),
-        "session": lambda: fill_session_key(hop.sbfd_session_key, words),
-        **{word: lambda word=word: read_operation(word) for word in known},
-    })
+    words.clauses(
+        {
+            "interface": lambda: setattr(hop, "nexthop_interface", words.take("the interface")),
+            "replicate": lambda: setattr(hop, "replicate_count", number(words.take("the count"))),
+            "session": lambda: fill_session_key(hop.sbfd_session_key, words),
+            **{word: lambda word=word: read_operation(word) for word in known},
+        }
+    )
 
 
 def list_text(values: Iterable[int]) -> str:

@@ -5,7 +5,7 @@
 namespace Kiv {
 
 void AllocTrackTypeInfo::_trackAllocationNoOverhead(AllocTrackTypeInfo** tracker,
-                                                    std::type_info const& /*type*/,
+                                                    const std::type_info& /*type*/,
                                                     unsigned long /*size*/) {
   const std::atomic_ref slot(*tracker);
   auto* record = slot.load(std::memory_order_acquire);

@@ -15,7 +15,7 @@ class VORN_EXPORT AllocTrackTypeInfo {
  public:
   // Counts one allocation in *tracker; makes the record first when there is none. The type and the
   // size of its objects are carried for the platform; this layer has no use for them.
-  static void _trackAllocationNoOverhead(AllocTrackTypeInfo** tracker, std::type_info const& type,
+  static void _trackAllocationNoOverhead(AllocTrackTypeInfo** tracker, const std::type_info& type,
                                          unsigned long size);
 
   // Takes back what one _trackAllocationNoOverhead counted.

@@ -1,4 +1,5 @@
 #include <Kiv/Demangle.h>
+
 #include <cxxabi.h>
 
 #include <cstdlib>
@@ -13,7 +14,7 @@ namespace Kiv {
 
 namespace {
 
-Velm::String askRuntime(std::type_info const& type) {
+Velm::String askRuntime(const std::type_info& type) {
   constexpr int noMemory = -1;
   int status = 0;
   const std::unique_ptr<char, decltype(&std::free)> name(
@@ -35,7 +36,7 @@ Names& names() {
 
 }  // namespace
 
-Velm::String demangle(std::type_info const& type) {
+Velm::String demangle(const std::type_info& type) {
   auto& [mutex, byType] = names();
   {
     const std::shared_lock lock(mutex);

@@ -11,6 +11,6 @@ namespace Kiv {
 // "VornSdkRpc::pb::ip_route_msg". The C++ runtime is asked once for each type, later calls answer
 // from memory. A name that the runtime can't make sense of is answered as it is. Any thread may
 // call it. Throws std::bad_alloc only.
-VORN_EXPORT Velm::String demangle(std::type_info const& type);
+VORN_EXPORT Velm::String demangle(const std::type_info& type);
 
 }  // namespace Kiv

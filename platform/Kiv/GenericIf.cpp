@@ -2,9 +2,9 @@
 
 namespace Kiv::GenericIfImpl {
 
-constinit PtrInterfaceMethods const GenericIfPtrInterfaceMethods<Velm::Node>::vtable_ = {
-    .refAdd = [](void const* node) { static_cast<Velm::Node const*>(node)->incUse(); },
-    .refDel = [](void const* node) { static_cast<Velm::Node const*>(node)->decUseImpl(); },
+constinit const PtrInterfaceMethods GenericIfPtrInterfaceMethods<Velm::Node>::vtable_ = {
+    .refAdd = [](const void* node) { static_cast<const Velm::Node*>(node)->incUse(); },
+    .refDel = [](const void* node) { static_cast<const Velm::Node*>(node)->decUseImpl(); },
 };
 
 }  // namespace Kiv::GenericIfImpl

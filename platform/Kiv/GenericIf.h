@@ -8,8 +8,8 @@ namespace Kiv::GenericIfImpl {
 
 // Takes and drops one reference through an untyped pointer.
 struct PtrInterfaceMethods {
-  void (*refAdd)(void const* node);
-  void (*refDel)(void const* node);
+  void (*refAdd)(const void* node);
+  void (*refDel)(const void* node);
 };
 
 template <typename T>
@@ -18,7 +18,7 @@ struct GenericIfPtrInterfaceMethods;
 // The methods of every node type.
 template <>
 struct VORN_EXPORT GenericIfPtrInterfaceMethods<Velm::Node> {
-  static PtrInterfaceMethods const vtable_;
+  static const PtrInterfaceMethods vtable_;
 };
 
 }  // namespace Kiv::GenericIfImpl

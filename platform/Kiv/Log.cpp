@@ -1,5 +1,6 @@
-#include <Kiv/Line.h>
 #include <Kiv/Log.h>
+
+#include <Kiv/Line.h>
 #include <Kiv/Trace.h>
 #include <fmt/format.h>
 #include <spdlog/sinks/stdout_sinks.h>
@@ -24,7 +25,7 @@ using Clock = std::chrono::steady_clock;
 // Tells that the log's sinks fail, without making a flood of it when they fail for every line.
 class SinkFailures {
  public:
-  void handle(std::vector<spdlog::sink_ptr> const& sinks, std::string const& why) {
+  void handle(const std::vector<spdlog::sink_ptr>& sinks, const std::string& why) {
     const std::lock_guard lock(mutex_);
     const auto now = Clock::now();
     const bool known = isToldOf(sinks);
@@ -42,9 +43,9 @@ class SinkFailures {
 
  private:
   // Whether these are the sinks whose failure was told last.
-  bool isToldOf(std::vector<spdlog::sink_ptr> const& sinks) const {
+  bool isToldOf(const std::vector<spdlog::sink_ptr>& sinks) const {
     return std::equal(sinks.begin(), sinks.end(), toldOf_.begin(), toldOf_.end(),
-                      [](auto const& now, auto const& then) { return now == then.lock(); });
+                      [](const auto& now, const auto& then) { return now == then.lock(); });
   }
 
   std::mutex mutex_;
@@ -72,7 +73,7 @@ spdlog::level::level_enum levelOf(std::uint64_t severity) {
 // The message id, and the format with the texts in place of its conversions; one without an
 // argument stays as it is.
 std::string substituted(std::string_view messageId, std::string_view format,
-                        LogString const& record) {
+                        const LogString& record) {
   std::size_t size = messageId.size() + 2 + format.size();
   for (LogStringIndex index = 0; index < record.argCount(); ++index)
     size += record.str(index).size();
@@ -110,10 +111,10 @@ spdlog::logger& platformLogger() {
     auto* made = new spdlog::logger("log", defaultSink());
     made->set_level(spdlog::level::trace);
     auto failures = std::make_shared<SinkFailures>();
-    made->set_error_handler([made, failures](std::string const& why) {
+    made->set_error_handler([made, failures](const std::string& why) {
       try {
         failures->handle(made->sinks(), why);
-      } catch (std::exception const&) {
+      } catch (const std::exception&) {
         // Without the memory to tell it, the failure stays untold.
       }
     });
@@ -122,7 +123,7 @@ spdlog::logger& platformLogger() {
   return *logger;
 }
 
-void LogString::strIs(LogStringIndex index, Velm::String const& text) {
+void LogString::strIs(LogStringIndex index, const Velm::String& text) {
   if (index >= texts_.size()) texts_.resize(std::size_t{index} + 1);
   texts_[index] = text;
 }
@@ -156,13 +157,13 @@ class LogHandle::Suppressor {
     written_.pop_front();
   }
 
-  Velm::Duration const interval_;
+  const Velm::Duration interval_;
   std::mutex mutex_;
   std::deque<std::pair<Clock::time_point, std::uint32_t>> written_;
   std::unordered_set<std::uint32_t> keys_;
 };
 
-LogHandle::LogHandle(LogDescriptor const* descriptor, Velm::Duration interval, double /*factor*/,
+LogHandle::LogHandle(const LogDescriptor* descriptor, Velm::Duration interval, double /*factor*/,
                      unsigned keyArgs, unsigned /*extra*/)
     : descriptor_(descriptor),
       keyArgs_(keyArgs),
@@ -176,7 +177,7 @@ bool LogHandle::okToLog(std::uint32_t key) const {
   return suppressor_ == nullptr || suppressor_->admit(key);
 }
 
-void LogHandle::log(LogString const& record) const {
+void LogHandle::log(const LogString& record) const {
   const std::string line =
       oneLine(substituted(descriptor_->messageId, descriptor_->format, record));
   try {
@@ -187,11 +188,11 @@ void LogHandle::log(LogString const& record) const {
   }
 }
 
-Velm::String valueToString(int const& value) {
+Velm::String valueToString(const int& value) {
   return Velm::String(std::string_view(std::to_string(value)));
 }
 
-std::uint32_t Impl::logArgsHash(LogString const& record, unsigned count) {
+std::uint32_t Impl::logArgsHash(const LogString& record, unsigned count) {
   std::uint32_t hash = kHashStart;
   for (LogStringIndex index = 0; index < std::min(count, record.argCount()); ++index) {
     // The length goes in so that a byte that moves from one argument to the next is another key.

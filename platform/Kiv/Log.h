@@ -35,10 +35,10 @@ VORN_EXPORT spdlog::logger& platformLogger();
 // What is known about a message before it is written. The section .tolmar_logmsg holds a library's
 // descriptors and nothing else; there tools read its messages without running it.
 struct LogDescriptor {
-  char const* messageId;
-  char const* format;       // every %s takes the next argument's text, %% is a percent sign
-  char const* explanation;  // what the message tells an operator
-  char const* marker;       // carried for the platform; this layer has no use for it
+  const char* messageId;
+  const char* format;       // every %s takes the next argument's text, %% is a percent sign
+  const char* explanation;  // what the message tells an operator
+  const char* marker;       // carried for the platform; this layer has no use for it
   std::uint64_t severity;   // syslog's: 0 emergency to 7 debug
 };
 static_assert(sizeof(LogDescriptor) == 40, "tools rely on five 8-byte fields");
@@ -56,7 +56,7 @@ class VORN_EXPORT LogString {
   unsigned argCount() const { return static_cast<unsigned>(texts_.size()); }
 
   // Stores the text of an argument; an index past the last one adds arguments.
-  void strIs(LogStringIndex index, Velm::String const& text);
+  void strIs(LogStringIndex index, const Velm::String& text);
 
   // The text of an argument; empty when it has none.
   std::string_view str(LogStringIndex index) const;
@@ -76,11 +76,11 @@ class VORN_EXPORT LogHandle {
   // occurrence is suppressed when one with the same key was written less than the interval ago. The
   // key is the first `keyArgs` arguments: with 0 the message as a whole has one key. `factor` and
   // `extra` are carried for the platform; this layer has no use for them.
-  LogHandle(LogDescriptor const* descriptor, Velm::Duration interval, double factor,
+  LogHandle(const LogDescriptor* descriptor, Velm::Duration interval, double factor,
             unsigned keyArgs, unsigned extra);
   ~LogHandle();
-  LogHandle(LogHandle const&) = delete;
-  LogHandle& operator=(LogHandle const&) = delete;
+  LogHandle(const LogHandle&) = delete;
+  LogHandle& operator=(const LogHandle&) = delete;
 
   // The number of leading arguments that are an occurrence's suppression key.
   std::uint32_t rateLimitArgsMask() const { return keyArgs_; }
@@ -96,12 +96,12 @@ class VORN_EXPORT LogHandle {
 
   // Writes the message with the record's texts in place of the format's conversions, at the
   // severity of the descriptor. Throws std::bad_alloc, and only before anything is written.
-  void log(LogString const& record) const;
+  void log(const LogString& record) const;
 
  private:
   class Suppressor;
 
-  LogDescriptor const* descriptor_;
+  const LogDescriptor* descriptor_;
   std::uint32_t keyArgs_;
   std::uint32_t idHash_;
   std::unique_ptr<Suppressor> suppressor_;  // null: every occurrence is written
@@ -109,20 +109,20 @@ class VORN_EXPORT LogHandle {
 
 // The text of an integer, in decimal. A type of an agent's own is logged by declaring a
 // valueToString for it in the type's namespace.
-VORN_EXPORT Velm::String valueToString(int const& value);
+VORN_EXPORT Velm::String valueToString(const int& value);
 
 // Another type must not be turned into an int on the way.
 template <typename Other>
-Velm::String valueToString(Other const&) = delete;
+Velm::String valueToString(const Other&) = delete;
 
 namespace Impl {
 
 // A hash of the texts of the first `count` arguments, each with its length.
-VORN_EXPORT std::uint32_t logArgsHash(LogString const& record, unsigned count);
+VORN_EXPORT std::uint32_t logArgsHash(const LogString& record, unsigned count);
 
 template <typename Value>
-Velm::String argText(Value const& value) {
-  if constexpr (std::is_convertible_v<Value const&, std::string_view>) {
+Velm::String argText(const Value& value) {
+  if constexpr (std::is_convertible_v<const Value&, std::string_view>) {
     return Velm::String(std::string_view(value));
   } else {
     return valueToString(value);
@@ -131,9 +131,9 @@ Velm::String argText(Value const& value) {
 
 // Converts and stores the values from position `first` up to, not including, `last`.
 template <typename... Values>
-void storeArgs(LogString& record, unsigned first, unsigned last, Values const&... values) {
+void storeArgs(LogString& record, unsigned first, unsigned last, const Values&... values) {
   unsigned index = 0;
-  const auto store = [&](auto const& value) {
+  const auto store = [&](const auto& value) {
     if (index >= first && index < last) record.strIs(index, argText(value));
     ++index;
   };
@@ -147,7 +147,7 @@ void storeArgs(LogString& record, unsigned first, unsigned last, Values const&..
 // decision, so a suppressed occurrence costs little. Throws std::bad_alloc, and only before
 // anything is written.
 template <typename... Values>
-void log(LogHandle const& handle, Values const&... values) {
+void log(const LogHandle& handle, const Values&... values) {
   const std::uint32_t keyArgs = handle.rateLimitArgsMask();
   LogString record;
   record.argCountIs(sizeof...(values));

@@ -1,5 +1,6 @@
-#include <Kiv/Line.h>
 #include <Kiv/Trace.h>
+
+#include <Kiv/Line.h>
 #include <spdlog/sinks/stdout_sinks.h>
 
 #include <charconv>
@@ -22,7 +23,7 @@ struct TraceRule {
   std::uint32_t mask;
 };
 
-[[noreturn]] void refuse(std::string_view item, char const* why) {
+[[noreturn]] void refuse(std::string_view item, const char* why) {
   throw std::invalid_argument("trace setting \"" + oneLine(item) + "\": " + why);
 }
 
@@ -99,7 +100,7 @@ class TraceRegistry {
  private:
   void apply(TraceHandle& handle) const {
     std::uint32_t mask = 1;
-    for (auto const& rule : rules_) {
+    for (const auto& rule : rules_) {
       if (rule.name == "*" || rule.name == handle.name_) mask |= rule.mask;
     }
     handle.mask_.store(mask, std::memory_order_relaxed);
@@ -123,7 +124,7 @@ void traceSettingIs(std::string_view setting) {
   TraceRegistry::instance().rulesAre(parseSetting(setting));
 }
 
-TraceHandle::TraceHandle(char const* name, bool /*flag*/) : name_(name) {
+TraceHandle::TraceHandle(const char* name, bool /*flag*/) : name_(name) {
   TraceRegistry::instance().add(*this);
 }
 
@@ -133,7 +134,7 @@ void TraceHandle::write(unsigned level, std::string_view text) const {
   write(level, spdlog::source_loc{}, text);
 }
 
-void TraceHandle::write(unsigned level, spdlog::source_loc const& where,
+void TraceHandle::write(unsigned level, const spdlog::source_loc& where,
                         std::string_view text) const {
   try {
     traceLogger().log(where, level == 0 ? spdlog::level::info : spdlog::level::debug, "{}/{}: {}",

@@ -18,12 +18,12 @@ namespace Kiv {
 class VORN_EXPORT TraceHandle {
  public:
   // `flag` is carried for the platform; this layer has no use for it.
-  TraceHandle(char const* name, bool flag);
+  TraceHandle(const char* name, bool flag);
   ~TraceHandle();
-  TraceHandle(TraceHandle const&) = delete;
-  TraceHandle& operator=(TraceHandle const&) = delete;
+  TraceHandle(const TraceHandle&) = delete;
+  TraceHandle& operator=(const TraceHandle&) = delete;
 
-  std::string const& name() const { return name_; }
+  const std::string& name() const { return name_; }
 
   // Whether a trace point at `level` is to be evaluated: one load and one bit test.
   bool enabled(unsigned level) const noexcept {
@@ -32,12 +32,12 @@ class VORN_EXPORT TraceHandle {
 
   // Writes "NAME/LEVEL: text" as one line, whether or not the level is enabled. Reports nothing.
   void write(unsigned level, std::string_view text) const;
-  void write(unsigned level, spdlog::source_loc const& where, std::string_view text) const;
+  void write(unsigned level, const spdlog::source_loc& where, std::string_view text) const;
 
  private:
   friend class TraceRegistry;
 
-  std::string const name_;
+  const std::string name_;
   std::atomic<std::uint32_t> mask_{1};
 };
 

@@ -1,4 +1,5 @@
 #include <Tarsk/Task.h>
+
 #include <ZilSlab/ZilSlab.h>
 
 #include <stdexcept>
@@ -21,15 +22,15 @@ namespace {
 
 constinit Kiv::AllocTrackTypeInfo* Task::memAllocationTracker_ = nullptr;
 
-Task::Task(Velm::Ptr<TaskScheduler> const& taskScheduler, TaskPriority taskPriority,
-           Velm::String const& taskName)
+Task::Task(const Velm::Ptr<TaskScheduler>& taskScheduler, TaskPriority taskPriority,
+           const Velm::String& taskName)
     : priority_(taskPriority), taskScheduler_(taskScheduler), taskName_(taskName) {
   if (!taskScheduler_) throw std::invalid_argument("a task needs a scheduler");
 }
 
 Task::~Task() { runnableIs(false); }
 
-std::pair<Velm::ModuleInspectData const*, unsigned> Task::typeData() const {
+std::pair<const Velm::ModuleInspectData*, unsigned> Task::typeData() const {
   return {&_Task_ebad0b43f10158b_kivModule, 0};
 }
 

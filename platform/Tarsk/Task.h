@@ -30,8 +30,8 @@ class VORN_EXPORT Task : public Velm::Node {
   static constexpr Velm::FieldId runField = 132;
 
   // A task that is not runnable. Throws std::invalid_argument when there is no scheduler.
-  Task(Velm::Ptr<TaskScheduler> const& taskScheduler, TaskPriority taskPriority,
-       Velm::String const& taskName);
+  Task(const Velm::Ptr<TaskScheduler>& taskScheduler, TaskPriority taskPriority,
+       const Velm::String& taskName);
   ~Task() override;
 
   // Asks for one run, or withdraws the request; asking again before the run changes nothing. A run
@@ -56,7 +56,7 @@ class VORN_EXPORT Task : public Velm::Node {
   void taskPriorityIs(TaskPriority priority) { taskScheduler_->taskPriorityIs(*this, priority); }
 
   Velm::Publisher* publisher() const override { return &publisher_; }
-  std::pair<Velm::ModuleInspectData const*, unsigned> typeData() const override;
+  std::pair<const Velm::ModuleInspectData*, unsigned> typeData() const override;
 
   // Tasks come from the slab allocator and are counted.
   static void* operator new(std::size_t size);
@@ -75,8 +75,8 @@ class VORN_EXPORT Task : public Velm::Node {
   TaskPriority priority_;
 
   mutable Velm::Publisher publisher_;
-  Velm::Ptr<TaskScheduler> const taskScheduler_;
-  Velm::String const taskName_;
+  const Velm::Ptr<TaskScheduler> taskScheduler_;
+  const Velm::String taskName_;
 };
 
 }  // namespace Tarsk

@@ -1,5 +1,6 @@
-#include <Tarsk/Task.h>
 #include <Tarsk/TaskScheduler.h>
+
+#include <Tarsk/Task.h>
 
 #include <bit>
 #include <thread>
@@ -29,7 +30,7 @@ TaskScheduler::TaskScheduler(Velm::String name) : name_(std::move(name)) {}
 
 TaskScheduler::~TaskScheduler() = default;
 
-std::pair<Velm::ModuleInspectData const*, unsigned> TaskScheduler::typeData() const {
+std::pair<const Velm::ModuleInspectData*, unsigned> TaskScheduler::typeData() const {
   return {&_TaskScheduler_731e0cc2f103bfdb_kivModule, 0};
 }
 

@@ -30,7 +30,7 @@ class VORN_EXPORT TaskScheduler : public Velm::Node {
   explicit TaskScheduler(Velm::String name);
   ~TaskScheduler() override;
 
-  Velm::String const& name() const { return name_; }
+  const Velm::String& name() const { return name_; }
 
   // Runs the next runnable task and answers true; answers false when none is runnable. An exception
   // from the task's subscribers passes on; the run counts as done. May be called from a task.
@@ -44,7 +44,7 @@ class VORN_EXPORT TaskScheduler : public Velm::Node {
   // going on. What is runnable stays so. Any thread.
   void stop();
 
-  std::pair<Velm::ModuleInspectData const*, unsigned> typeData() const override;
+  std::pair<const Velm::ModuleInspectData*, unsigned> typeData() const override;
 
  private:
   friend class Task;
@@ -65,7 +65,7 @@ class VORN_EXPORT TaskScheduler : public Velm::Node {
 
   static void runTask(Task& task);
 
-  Velm::String const name_;
+  const Velm::String name_;
   std::mutex mutex_;  // guards what follows, and the place of every task in it
   std::condition_variable wake_;
   bool sleeping_ = false;  // run() waits, and nobody has woken it yet

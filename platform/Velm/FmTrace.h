@@ -15,15 +15,15 @@ namespace Impl {
 
 // Formats and writes one trace line. Defined only for the handles listed below.
 template <typename Handle>
-void vfmtrace(Handle const& handle, unsigned short level, char const* className,
-              char const* sourcePath, char const* function, int line, fmt::string_view format,
+void vfmtrace(const Handle& handle, unsigned short level, const char* className,
+              const char* sourcePath, const char* function, int line, fmt::string_view format,
               fmt::format_args args);
 
 // Writes "NAME/LEVEL: Class::function: text", and hands spdlog the place in the sources.
 template <>
-VORN_EXPORT void vfmtrace<Kiv::TraceHandle>(Kiv::TraceHandle const& handle, unsigned short level,
-                                            char const* className, char const* sourcePath,
-                                            char const* function, int line, fmt::string_view format,
+VORN_EXPORT void vfmtrace<Kiv::TraceHandle>(const Kiv::TraceHandle& handle, unsigned short level,
+                                            const char* className, const char* sourcePath,
+                                            const char* function, int line, fmt::string_view format,
                                             fmt::format_args args);
 
 }  // namespace Impl
@@ -31,9 +31,9 @@ VORN_EXPORT void vfmtrace<Kiv::TraceHandle>(Kiv::TraceHandle const& handle, unsi
 // Writes a trace point, whether or not its level is enabled: the caller tests that first, so that a
 // disabled one costs nothing more and evaluates no argument. Throws std::bad_alloc. Any thread.
 template <typename Handle, typename... Args>
-void fmtrace(Handle const& handle, unsigned short level, char const* sourcePath,
-             char const* function, int line, char const* className,
-             fmt::format_string<Args const&...> format, Args const&... args) {
+void fmtrace(const Handle& handle, unsigned short level, const char* sourcePath,
+             const char* function, int line, const char* className,
+             fmt::format_string<const Args&...> format, const Args&... args) {
   Impl::vfmtrace(handle, level, className, sourcePath, function, line, fmt::string_view(format),
                  fmt::make_format_args(args...));
 }

@@ -10,7 +10,7 @@ namespace {
 
 struct Modules {
   std::mutex mutex;
-  std::vector<ModuleInspectData const*> records;
+  std::vector<const ModuleInspectData*> records;
 };
 
 // Made by the first module that is announced, and never destroyed.
@@ -21,8 +21,8 @@ Modules& modules() {
 
 }  // namespace
 
-int Inspect::opResEncRelNode(Node const* node, void* result) {
-  *static_cast<Node const**>(result) = node;
+int Inspect::opResEncRelNode(const Node* node, void* result) {
+  *static_cast<const Node**>(result) = node;
   return done;
 }
 
@@ -32,11 +32,11 @@ void ModuleInspectData::loaded() const {
   known.records.push_back(this);
 }
 
-ModuleInspectData const* ModuleInspectData::find(std::string_view name) {
+const ModuleInspectData* ModuleInspectData::find(std::string_view name) {
   auto& known = modules();
   const std::lock_guard lock(known.mutex);
   const auto found =
-      std::ranges::find(known.records, name, [](auto const* record) { return record->name(); });
+      std::ranges::find(known.records, name, [](const auto* record) { return record->name(); });
   return found == known.records.end() ? nullptr : *found;
 }
 

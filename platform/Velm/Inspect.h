@@ -33,12 +33,12 @@ struct AttributeDescriptor {
   AttributeKind kind = AttributeKind::value;
   std::uint16_t operations = 0;  // bit N is set when operation code N is offered
   std::string_view name = {};
-  std::span<ParameterDescriptor const> setParameters = {};  // when a set takes more than a value
+  std::span<const ParameterDescriptor> setParameters = {};  // when a set takes more than a value
 };
 
 // Picks one attribute out of a type's table.
 struct FieldDescriptor {
-  AttributeDescriptor const* table;
+  const AttributeDescriptor* table;
   std::size_t index;
 };
 
@@ -57,7 +57,7 @@ inline constexpr int notHandled = 2;  // the type does not have this attribute
 
 // Puts a node, or null, into the result area as a `Velm::Node const*`, together with the one
 // reference that the caller hands over. Answers `done`.
-VORN_EXPORT int opResEncRelNode(Node const* node, void* result);
+VORN_EXPORT int opResEncRelNode(const Node* node, void* result);
 
 }  // namespace Inspect
 
@@ -77,7 +77,7 @@ struct HideMe {
 
 // What one type can do for the introspection.
 struct TypeInterface {
-  Kiv::GenericIfImpl::PtrInterfaceMethods const* pointer = nullptr;
+  const Kiv::GenericIfImpl::PtrInterfaceMethods* pointer = nullptr;
   InspectOperation inspectOperation = nullptr;  // null when not offered
 };
 
@@ -86,11 +86,11 @@ struct TypeInterface {
 struct VORN_EXPORT ModuleInspectData {
   std::string_view moduleName;
   std::string_view typeName;
-  std::span<std::string_view const> referredTypes = {};
-  std::span<std::string_view const> attributeNames = {};  // parameters of attributes included
-  std::span<ParameterDescriptor const> constructorParameters = {};
-  std::span<AttributeDescriptor const> attributes = {};
-  std::span<ModuleInspectData const* const> dependencies = {};
+  std::span<const std::string_view> referredTypes = {};
+  std::span<const std::string_view> attributeNames = {};  // parameters of attributes included
+  std::span<const ParameterDescriptor> constructorParameters = {};
+  std::span<const AttributeDescriptor> attributes = {};
+  std::span<const ModuleInspectData* const> dependencies = {};
   TypeInterface interface = {};
 
   std::string_view name() const { return moduleName; }
@@ -99,7 +99,7 @@ struct VORN_EXPORT ModuleInspectData {
   void loaded() const;
 
   // The announced record of that module name, or null. Any thread.
-  static ModuleInspectData const* find(std::string_view name);
+  static const ModuleInspectData* find(std::string_view name);
 };
 
 }  // namespace Velm

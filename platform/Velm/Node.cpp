@@ -16,7 +16,7 @@ void Node::lastUserGone() { delete this; }
 
 Publisher* Node::publisher() const { return nullptr; }
 
-std::pair<ModuleInspectData const*, unsigned> Node::typeData() const { return {nullptr, 0}; }
+std::pair<const ModuleInspectData*, unsigned> Node::typeData() const { return {nullptr, 0}; }
 
 void Node::kivDoZombieReactors(bool /*zombie*/) {}
 

@@ -34,8 +34,8 @@ class VORN_EXPORT Node {
   // Starts with a use count of 1, which is the creator's, and all flags clear.
   Node() = default;
   virtual ~Node();
-  Node(Node const&) = delete;
-  Node& operator=(Node const&) = delete;
+  Node(const Node&) = delete;
+  Node& operator=(const Node&) = delete;
 
   // What happens to a node whose last reference is dropped: it is deleted.
   virtual void lastUserGone();
@@ -45,7 +45,7 @@ class VORN_EXPORT Node {
 
   // The module record that describes the node's type, and the type's position in it; null for a
   // type that has none.
-  virtual std::pair<ModuleInspectData const*, unsigned> typeData() const;
+  virtual std::pair<const ModuleInspectData*, unsigned> typeData() const;
 
   // Makes the node's reactors ignore notifications, or heed them again. A type that has reactors
   // overrides this.

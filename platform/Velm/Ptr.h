@@ -20,7 +20,7 @@ class Ptr {
   // Ptr<T>(new T(...)).
   explicit Ptr(T* node) : node_(node) {}
 
-  Ptr(Ptr const& other) : Ptr(newRef(other.node_)) {}
+  Ptr(const Ptr& other) : Ptr(newRef(other.node_)) {}
   Ptr(Ptr&& other) noexcept : node_(other.release()) {}
 
   // A reference to a node of a derived type is one to its base.
@@ -49,7 +49,7 @@ class Ptr {
   explicit operator bool() const { return node_ != nullptr; }
 
   // Whether both refer to the same node, or to none.
-  bool operator==(Ptr const&) const = default;
+  bool operator==(const Ptr&) const = default;
 
   // Hands the reference over to the caller, and refers to none from then on.
   [[nodiscard]] T* release() { return std::exchange(node_, nullptr); }

@@ -15,8 +15,8 @@ struct Publisher::Round {
   ~Round() {
     if (publisher != nullptr) publisher->rounds_ = outer;
   }
-  Round(Round const&) = delete;
-  Round& operator=(Round const&) = delete;
+  Round(const Round&) = delete;
+  Round& operator=(const Round&) = delete;
 
   // The next subscriber to call; null at the end. Those added since the round began stand behind.
   Subscriber* take() {
@@ -63,7 +63,7 @@ void Publisher::subscriberRemove(Subscriber& subscriber) {
   subscriber.publisher_ = nullptr;
 }
 
-void Publisher::notify(FieldId field, void const* first, void const* second) {
+void Publisher::notify(FieldId field, const void* first, const void* second) {
   Round round(*this);
   while (auto* subscriber = round.take())
     subscriber->callback(this, subscriber, field, first, second);

@@ -16,13 +16,13 @@ using FieldId = std::uint16_t;
 class VORN_EXPORT Subscriber {
  public:
   // The last two arguments are those of Publisher::notify.
-  using Callback = void (*)(Publisher*, Subscriber*, FieldId, void const*, void const*);
+  using Callback = void (*)(Publisher*, Subscriber*, FieldId, const void*, const void*);
 
   Subscriber() = default;
   explicit Subscriber(Callback function) : callback(function) {}
   ~Subscriber();
-  Subscriber(Subscriber const&) = delete;
-  Subscriber& operator=(Subscriber const&) = delete;
+  Subscriber(const Subscriber&) = delete;
+  Subscriber& operator=(const Subscriber&) = delete;
 
   // What is called for each notification. Not null while subscribed.
   Callback callback = nullptr;
@@ -44,8 +44,8 @@ class VORN_EXPORT Publisher {
   Publisher() = default;
   // Lets every subscriber go.
   ~Publisher();
-  Publisher(Publisher const&) = delete;
-  Publisher& operator=(Publisher const&) = delete;
+  Publisher(const Publisher&) = delete;
+  Publisher& operator=(const Publisher&) = delete;
 
   // Adds a subscriber; a notification that is going on does not reach it. Asserts that it has a
   // callback and is subscribed nowhere. `flag` is carried for the platform; this layer has no use
@@ -58,7 +58,7 @@ class VORN_EXPORT Publisher {
 
   // Calls callback(this, &subscriber, field, first, second) for every subscriber. An exception from
   // a callback ends the round and passes on.
-  void notify(FieldId field, void const* first = nullptr, void const* second = nullptr);
+  void notify(FieldId field, const void* first = nullptr, const void* second = nullptr);
 
  private:
   struct Round;

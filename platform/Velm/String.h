@@ -12,7 +12,7 @@ namespace Impl {
 // What a String is made of: the bytes and their equality.
 class StrB {
  public:
-  bool operator==(StrB const&) const = default;
+  bool operator==(const StrB&) const = default;
 
  protected:
   StrB() = default;
@@ -27,19 +27,19 @@ class StrB {
 class String : public Impl::StrB {
  public:
   String() = default;
-  String(char const* text) : StrB(text) {}
+  String(const char* text) : StrB(text) {}
   String(std::string_view text) : StrB(text) {}
 
-  char const* data() const noexcept { return text_.data(); }
-  char const* c_str() const noexcept { return text_.c_str(); }
+  const char* data() const noexcept { return text_.data(); }
+  const char* c_str() const noexcept { return text_.c_str(); }
   std::size_t size() const noexcept { return text_.size(); }
   operator std::string_view() const noexcept { return text_; }
 
-  friend bool operator==(String const& text, char const* other) { return text.text_ == other; }
+  friend bool operator==(const String& text, const char* other) { return text.text_ == other; }
 };
 
 // Writes the text as a stream writes a std::string.
-inline std::ostream& operator<<(std::ostream& stream, String const& text) {
+inline std::ostream& operator<<(std::ostream& stream, const String& text) {
   return stream << std::string_view(text);
 }
 

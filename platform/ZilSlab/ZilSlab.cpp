@@ -6,9 +6,9 @@ namespace ZilSlab {
 
 void* slabAlloc(unsigned long size) { return ::operator new(size); }
 
-void slabFree(void* memory, std::type_info const& /*type*/) noexcept { ::operator delete(memory); }
+void slabFree(void* memory, const std::type_info& /*type*/) noexcept { ::operator delete(memory); }
 
-void* trackedAlloc(Kiv::AllocTrackTypeInfo** tracker, std::type_info const& type,
+void* trackedAlloc(Kiv::AllocTrackTypeInfo** tracker, const std::type_info& type,
                    unsigned long size) {
   Kiv::AllocTrackTypeInfo::_trackAllocationNoOverhead(tracker, type, size);
   try {
@@ -19,7 +19,7 @@ void* trackedAlloc(Kiv::AllocTrackTypeInfo** tracker, std::type_info const& type
   }
 }
 
-void trackedFree(Kiv::AllocTrackTypeInfo* tracker, std::type_info const& type,
+void trackedFree(Kiv::AllocTrackTypeInfo* tracker, const std::type_info& type,
                  void* memory) noexcept {
   Kiv::AllocTrackTypeInfo::trackDeallocation(tracker);
   slabFree(memory, type);

@@ -12,13 +12,13 @@ namespace ZilSlab {
 VORN_EXPORT void* slabAlloc(unsigned long size);
 
 // Gives back what slabAlloc gave for an object of that type.
-VORN_EXPORT void slabFree(void* memory, std::type_info const& type) noexcept;
+VORN_EXPORT void slabFree(void* memory, const std::type_info& type) noexcept;
 
 // The same with the type's record kept, for the operator new and the operator delete of a tracked
 // type: a failed allocation, and a constructor that throws, leave the count as it was.
-VORN_EXPORT void* trackedAlloc(Kiv::AllocTrackTypeInfo** tracker, std::type_info const& type,
+VORN_EXPORT void* trackedAlloc(Kiv::AllocTrackTypeInfo** tracker, const std::type_info& type,
                                unsigned long size);
-VORN_EXPORT void trackedFree(Kiv::AllocTrackTypeInfo* tracker, std::type_info const& type,
+VORN_EXPORT void trackedFree(Kiv::AllocTrackTypeInfo* tracker, const std::type_info& type,
                              void* memory) noexcept;
 
 }  // namespace ZilSlab

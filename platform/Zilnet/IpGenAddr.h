@@ -17,7 +17,7 @@ class IpGenAddr {
 
   Velm::String bytes() const { return bytes_; }
 
-  bool operator==(IpGenAddr const&) const = default;
+  bool operator==(const IpGenAddr&) const = default;
 
  private:
   friend std::hash<IpGenAddr>;
@@ -29,7 +29,7 @@ class IpGenAddr {
 
 template <>
 struct std::hash<Zilnet::IpGenAddr> {
-  std::size_t operator()(Zilnet::IpGenAddr const& address) const noexcept {
+  std::size_t operator()(const Zilnet::IpGenAddr& address) const noexcept {
     return std::hash<std::string_view>()(address.bytes_);
   }
 };

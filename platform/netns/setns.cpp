@@ -1,12 +1,13 @@
-#include <fcntl.h>
 #include <netns/setns.h>
+
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <string>
 #include <string_view>
 
-int setnsByName(char const* name, int nstype) {
+int setnsByName(const char* name, int nstype) {
   const std::string_view given(name);
   if (given.empty() || given == "." || given == ".." || given.find('/') != std::string_view::npos) {
     errno = EINVAL;

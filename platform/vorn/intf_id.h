@@ -10,11 +10,11 @@ namespace vorn {
 // one is no interface.
 class intf_id_t {
  public:
-  intf_id_t(std::string const& name) : name_(name) {}
+  intf_id_t(const std::string& name) : name_(name) {}
 
   std::string to_string() const { return name_; }
 
-  bool operator==(intf_id_t const&) const noexcept = default;
+  bool operator==(const intf_id_t&) const noexcept = default;
 
  private:
   friend std::hash<intf_id_t>;
@@ -26,7 +26,7 @@ class intf_id_t {
 
 template <>
 struct std::hash<vorn::intf_id_t> {
-  std::size_t operator()(vorn::intf_id_t const& intf) const noexcept {
+  std::size_t operator()(const vorn::intf_id_t& intf) const noexcept {
     return std::hash<std::string>()(intf.name_);
   }
 };

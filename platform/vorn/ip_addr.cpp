@@ -1,5 +1,6 @@
-#include <arpa/inet.h>
 #include <vorn/ip_addr.h>
+
+#include <arpa/inet.h>
 
 #include <algorithm>
 #include <charconv>
@@ -11,7 +12,7 @@ namespace vorn {
 namespace {
 
 // inet_ntop goes through snprintf, which four small numbers don't need.
-char* dotted(char* to, unsigned char const* bytes) noexcept {
+char* dotted(char* to, const unsigned char* bytes) noexcept {
   for (int i = 0; i < 4; ++i) {
     if (i > 0) *to++ = '.';
     to = std::to_chars(to, to + 3, unsigned{bytes[i]}).ptr;
@@ -21,7 +22,7 @@ char* dotted(char* to, unsigned char const* bytes) noexcept {
 
 }  // namespace
 
-char* to_chars(char* to, ip_addr_t const& address) noexcept {
+char* to_chars(char* to, const ip_addr_t& address) noexcept {
   static_assert(ip_addr_t::text_size == INET6_ADDRSTRLEN);
   switch (address.af()) {
     case af_t::ipv4:
@@ -34,7 +35,7 @@ char* to_chars(char* to, ip_addr_t const& address) noexcept {
   }
 }
 
-std::ostream& operator<<(std::ostream& stream, ip_addr_t const& address) {
+std::ostream& operator<<(std::ostream& stream, const ip_addr_t& address) {
   char text[ip_addr_t::text_size];
   return stream << std::string_view(text, to_chars(text, address));
 }

@@ -25,7 +25,7 @@ class ip_addr_t {
 
   // The address whose bytes stand at `bytes` in network byte order: 4 of them for ipv4, 16 for
   // ipv6. Of any other family nothing is read.
-  constexpr ip_addr_t(af_t af, unsigned char const* bytes) noexcept : af_(af) {
+  constexpr ip_addr_t(af_t af, const unsigned char* bytes) noexcept : af_(af) {
     for (std::size_t i = 0; i < size(); ++i)
       bytes_[i] = bytes[i];
   }
@@ -34,14 +34,14 @@ class ip_addr_t {
 
   // The address's bytes in network byte order, 4 or 16 of them as the family says; valid as long as
   // this object.
-  constexpr unsigned char const* addr() const noexcept { return bytes_.data(); }
+  constexpr const unsigned char* addr() const noexcept { return bytes_.data(); }
 
   // How many bytes addr() points to: 4, 16, or 0 when the family is neither.
   constexpr std::size_t size() const noexcept {
     return af_ == af_t::ipv4 ? 4 : af_ == af_t::ipv6 ? 16 : 0;
   }
 
-  constexpr bool operator==(ip_addr_t const&) const noexcept = default;
+  constexpr bool operator==(const ip_addr_t&) const noexcept = default;
 
  private:
   std::array<unsigned char, 16> bytes_{};
@@ -51,18 +51,18 @@ class ip_addr_t {
 // Writes the text of the address at `to`, which has room for text_size bytes, and answers the end
 // of the text: what inet_ntop gives, or "none" for an address without a family. No terminator is
 // promised. Allocates nothing; any thread may call it.
-VORN_EXPORT char* to_chars(char* to, ip_addr_t const& address) noexcept;
+VORN_EXPORT char* to_chars(char* to, const ip_addr_t& address) noexcept;
 
 // Writes the same text as one string: the stream's width, fill and adjustment pad it as they pad
 // any string, no other setting of the stream changes it.
-VORN_EXPORT std::ostream& operator<<(std::ostream& stream, ip_addr_t const& address);
+VORN_EXPORT std::ostream& operator<<(std::ostream& stream, const ip_addr_t& address);
 
 }  // namespace vorn
 
 template <>
 struct std::hash<vorn::ip_addr_t> {
-  std::size_t operator()(vorn::ip_addr_t const& address) const noexcept {
-    const std::string_view bytes(reinterpret_cast<char const*>(address.addr()), address.size());
+  std::size_t operator()(const vorn::ip_addr_t& address) const noexcept {
+    const std::string_view bytes(reinterpret_cast<const char*>(address.addr()), address.size());
     return vorn::hash_mix(std::hash<std::string_view>()(bytes), address.af());
   }
 };

@@ -20,13 +20,13 @@ class ip_prefix_t {
   constexpr ip_prefix_t() noexcept = default;
 
   // The prefix of an address and a length in bits. The null address gives the empty prefix.
-  constexpr ip_prefix_t(ip_addr_t const& address, unsigned char length) noexcept
+  constexpr ip_prefix_t(const ip_addr_t& address, unsigned char length) noexcept
       : address_(address), length_(address.af() == af_t::none ? 0 : length) {}
 
-  constexpr ip_addr_t const& address() const noexcept { return address_; }
+  constexpr const ip_addr_t& address() const noexcept { return address_; }
   constexpr unsigned char length() const noexcept { return length_; }
 
-  constexpr bool operator==(ip_prefix_t const&) const noexcept = default;
+  constexpr bool operator==(const ip_prefix_t&) const noexcept = default;
 
  private:
   ip_addr_t address_;
@@ -36,17 +36,17 @@ class ip_prefix_t {
 // Writes the text of the prefix at `to`, which has room for text_size bytes, and answers the end of
 // the text: address/length, or "none" for the empty prefix. No terminator is promised. Allocates
 // nothing; any thread may call it.
-VORN_EXPORT char* to_chars(char* to, ip_prefix_t const& prefix) noexcept;
+VORN_EXPORT char* to_chars(char* to, const ip_prefix_t& prefix) noexcept;
 
 // Writes the same text as one string: the stream's width, fill and adjustment pad it as they pad
 // any string, no other setting of the stream changes it.
-VORN_EXPORT std::ostream& operator<<(std::ostream& stream, ip_prefix_t const& prefix);
+VORN_EXPORT std::ostream& operator<<(std::ostream& stream, const ip_prefix_t& prefix);
 
 }  // namespace vorn
 
 template <>
 struct std::hash<vorn::ip_prefix_t> {
-  std::size_t operator()(vorn::ip_prefix_t const& prefix) const noexcept {
+  std::size_t operator()(const vorn::ip_prefix_t& prefix) const noexcept {
     return vorn::hash_mix(std::hash<vorn::ip_addr_t>()(prefix.address()), prefix.length());
   }
 };

@@ -16,7 +16,7 @@ class mpls_label_t {
 
   constexpr unsigned int label() const noexcept { return label_; }
 
-  constexpr bool operator==(mpls_label_t const&) const noexcept = default;
+  constexpr bool operator==(const mpls_label_t&) const noexcept = default;
 
  private:
   unsigned int label_;
@@ -26,7 +26,7 @@ class mpls_label_t {
 
 template <>
 struct std::hash<vorn::mpls_label_t> {
-  std::size_t operator()(vorn::mpls_label_t const& label) const noexcept {
+  std::size_t operator()(const vorn::mpls_label_t& label) const noexcept {
     return std::hash<unsigned int>()(label.label());
   }
 };

@@ -18,7 +18,7 @@ class sbfd_echo_session_key_t {
  public:
   // `labels` has the top of the stack first; `ip_dscp` and `mpls_exp` are not checked.
   sbfd_echo_session_key_t(ip_addr_t nexthop, intf_id_t nexthop_intf,
-                          std::forward_list<mpls_label_t> const& labels, unsigned char ip_dscp,
+                          const std::forward_list<mpls_label_t>& labels, unsigned char ip_dscp,
                           unsigned char mpls_exp)
       : nexthop_(nexthop),
         ip_dscp_(ip_dscp),
@@ -26,13 +26,13 @@ class sbfd_echo_session_key_t {
         nexthop_intf_(std::move(nexthop_intf)),
         labels_(labels) {}
 
-  ip_addr_t const& nexthop() const noexcept { return nexthop_; }
-  intf_id_t const& nexthop_intf() const noexcept { return nexthop_intf_; }
-  std::forward_list<mpls_label_t> const& labels() const noexcept { return labels_; }
+  const ip_addr_t& nexthop() const noexcept { return nexthop_; }
+  const intf_id_t& nexthop_intf() const noexcept { return nexthop_intf_; }
+  const std::forward_list<mpls_label_t>& labels() const noexcept { return labels_; }
   std::uint8_t ip_dscp() const noexcept { return ip_dscp_; }
   std::uint8_t mpls_exp() const noexcept { return mpls_exp_; }
 
-  bool operator==(sbfd_echo_session_key_t const&) const = default;
+  bool operator==(const sbfd_echo_session_key_t&) const = default;
 
  private:
   ip_addr_t nexthop_;
@@ -46,10 +46,10 @@ class sbfd_echo_session_key_t {
 
 template <>
 struct std::hash<vorn::sbfd_echo_session_key_t> {
-  std::size_t operator()(vorn::sbfd_echo_session_key_t const& key) const noexcept {
+  std::size_t operator()(const vorn::sbfd_echo_session_key_t& key) const noexcept {
     std::size_t seed = std::hash<vorn::ip_addr_t>()(key.nexthop());
     seed = vorn::hash_mix(seed, key.nexthop_intf());
-    for (auto const& label : key.labels())
+    for (const auto& label : key.labels())
       seed = vorn::hash_mix(seed, label);
     seed = vorn::hash_mix(seed, key.ip_dscp());
     return vorn::hash_mix(seed, key.mpls_exp());

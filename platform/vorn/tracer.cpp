@@ -9,7 +9,7 @@ namespace vorn {
 namespace {
 
 // vsnprintf into a string as long as the text needs.
-[[gnu::format(printf, 1, 0)]] std::string formatted(char const* format, va_list args) {
+[[gnu::format(printf, 1, 0)]] std::string formatted(const char* format, va_list args) {
   va_list measured;
   va_copy(measured, args);
   const int length = std::vsnprintf(nullptr, 0, format, measured);
@@ -22,7 +22,7 @@ namespace {
 
 }  // namespace
 
-void tracer::trace0(char const* format, ...) const {
+void tracer::trace0(const char* format, ...) const {
   if (!handle_.enabled(0)) return;
   va_list args;
   va_start(args, format);
@@ -30,7 +30,7 @@ void tracer::trace0(char const* format, ...) const {
   va_end(args);
 }
 
-void tracer::trace8(char const* format, ...) const {
+void tracer::trace8(const char* format, ...) const {
   if (!handle_.enabled(8)) return;
   va_list args;
   va_start(args, format);

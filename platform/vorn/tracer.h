@@ -10,16 +10,16 @@ namespace vorn {
 // and Kiv::traceSettingIs decides which are written. Any thread may trace.
 class VORN_EXPORT tracer {
  public:
-  explicit tracer(char const* name) : handle_(name, false) {}
+  explicit tracer(const char* name) : handle_(name, false) {}
 
   // Whether a level is written: for a trace point whose arguments cost something to make.
   bool enabled(unsigned level) const noexcept { return handle_.enabled(level); }
 
   // Writes one line when level 0 is enabled. A text of any length is written whole.
-  [[gnu::format(printf, 2, 3)]] void trace0(char const* format, ...) const;
+  [[gnu::format(printf, 2, 3)]] void trace0(const char* format, ...) const;
 
   // The same at level 8.
-  [[gnu::format(printf, 2, 3)]] void trace8(char const* format, ...) const;
+  [[gnu::format(printf, 2, 3)]] void trace8(const char* format, ...) const;
 
  private:
   Kiv::TraceHandle handle_;
