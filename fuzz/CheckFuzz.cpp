@@ -1,4 +1,4 @@
-// Whatever bytes the example agent is sent as a request: it takes them, and then they can be used,
+// Whatever bytes the routing agent is sent as a request: it takes them, and then they can be used,
 // or it names the field at fault in a text of its own.
 
 #include <VornSdkRpc/Conversions.h>
@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "examples/routing_agent/Check.h"
+#include "agents/routing/Check.h"
 #include "fuzz/Require.h"
 
 namespace {

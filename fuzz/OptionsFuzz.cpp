@@ -1,5 +1,5 @@
 // Whatever words a command line holds: picking an option out of it leaves the others as they were,
-// and the example agent reads it or says why not.
+// and the routing agent reads it or says why not.
 
 #include <VornSdkRpc/Argv.h>
 
@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "examples/routing_agent/Options.h"
+#include "agents/routing/Options.h"
 #include "fuzz/Require.h"
 
 namespace {

@@ -106,8 +106,8 @@ import grpc  # noqa: E402
 
 sys.path.insert(0, STUBS)
 from VornSdkRpcProtos import VornSdkRpc_pb2 as sdk  # noqa: E402
-from examples.routing_agent import RoutingAgent_pb2 as agent_pb  # noqa: E402
-from examples.routing_agent import RoutingAgent_pb2_grpc as agent_grpc  # noqa: E402
+from agents.routing import RoutingAgent_pb2 as agent_pb  # noqa: E402
+from agents.routing import RoutingAgent_pb2_grpc as agent_grpc  # noqa: E402
 
 Code = grpc.StatusCode
 

@@ -13,7 +13,7 @@
 #include <latch>
 #include <string_view>
 
-#include "examples/routing_agent/SbfdService.h"
+#include "agents/routing/SbfdService.h"
 #include "tests/Capture.h"
 #include "tests/ProbeService.h"
 

@@ -14,7 +14,7 @@
 
 #include "Accounted.h"
 #include "Capture.h"
-#include "examples/routing_agent/Identity.h"
+#include "agents/routing/Identity.h"
 
 using routing_agent::IdentityOptions;
 using routing_agent::serverCredentials;

@@ -12,7 +12,7 @@
 #include <tuple>
 #include <vector>
 
-#include "examples/routing_agent/KernelRoutes.h"
+#include "agents/routing/KernelRoutes.h"
 
 namespace test {
 namespace {

@@ -6,10 +6,10 @@
 #include <latch>
 #include <map>
 
-#include "examples/routing_agent/Options.h"
-#include "examples/routing_agent/RoutingService.h"
-#include "examples/routing_agent/SbfdService.h"
-#include "examples/routing_agent/StateService.h"
+#include "agents/routing/Options.h"
+#include "agents/routing/RoutingService.h"
+#include "agents/routing/SbfdService.h"
+#include "agents/routing/StateService.h"
 #include "tests/ProbeService.h"
 
 namespace routing_agent {

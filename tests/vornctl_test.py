@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Tests of examples/vornctl against an agent that stands in for the real one, in this process."""
+"""Tests of vornctl against an agent that stands in for the real one, in this process."""
 
 import contextlib
 import io
@@ -19,7 +19,7 @@ from pathlib import Path
 os.environ["GRPC_VERBOSITY"] = "NONE"
 SCRATCH = tempfile.TemporaryDirectory()
 os.environ["XDG_CACHE_HOME"] = SCRATCH.name
-VORNCTL = Path(__file__).resolve().parents[1] / "examples/vornctl"
+VORNCTL = Path(__file__).resolve().parents[1] / "vornctl"
 sys.path.insert(0, str(VORNCTL))
 sys.dont_write_bytecode = True
 

@@ -1,4 +1,4 @@
-#include "examples/routing_agent/KernelRoutes.h"
+#include "agents/routing/KernelRoutes.h"
 
 #include <VornSdkRpc/ScopedNamespace.h>
 #include <linux/if.h>

@@ -8,8 +8,8 @@
 #include <utility>
 #include <vector>
 
-#include "examples/routing_agent/KernelRoutes.h"
-#include "examples/routing_agent/Tables.h"
+#include "agents/routing/KernelRoutes.h"
+#include "agents/routing/Tables.h"
 
 namespace routing_agent {
 

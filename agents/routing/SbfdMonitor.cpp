@@ -1,4 +1,4 @@
-#include "examples/routing_agent/SbfdMonitor.h"
+#include "agents/routing/SbfdMonitor.h"
 
 #include <net/if.h>
 #include <sys/socket.h>

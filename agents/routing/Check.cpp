@@ -1,4 +1,4 @@
-#include "examples/routing_agent/Check.h"
+#include "agents/routing/Check.h"
 
 #include <vorn/error.h>
 

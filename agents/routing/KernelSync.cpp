@@ -1,4 +1,4 @@
-#include "examples/routing_agent/KernelSync.h"
+#include "agents/routing/KernelSync.h"
 
 #include <exception>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "examples/routing_agent/AgentService.h"
+#include "agents/routing/AgentService.h"
 
 namespace routing_agent {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "examples/routing_agent/Identity.h"
+#include "agents/routing/Identity.h"
 
 namespace routing_agent {
 

@@ -10,10 +10,10 @@
 #include <utility>
 #include <vector>
 
-#include "examples/routing_agent/Backlog.h"
-#include "examples/routing_agent/Check.h"
-#include "examples/routing_agent/RoutingAgent.grpc.pb.h"
-#include "examples/routing_agent/Tables.h"
+#include "agents/routing/Backlog.h"
+#include "agents/routing/Check.h"
+#include "agents/routing/RoutingAgent.grpc.pb.h"
+#include "agents/routing/Tables.h"
 
 namespace routing_agent {
 

@@ -14,8 +14,8 @@ import grpc
 
 sys.path.insert(0, sys.argv[1])
 from VornSdkRpcProtos import VornSdkRpc_pb2 as sdk  # noqa: E402
-from examples.routing_agent import RoutingAgent_pb2 as agent  # noqa: E402
-from examples.routing_agent import RoutingAgent_pb2_grpc as agent_grpc  # noqa: E402
+from agents.routing import RoutingAgent_pb2 as agent  # noqa: E402
+from agents.routing import RoutingAgent_pb2_grpc as agent_grpc  # noqa: E402
 
 
 def check(holds, what):

@@ -1,4 +1,4 @@
-#include "examples/routing_agent/Listening.h"
+#include "agents/routing/Listening.h"
 
 #include <netns/setns.h>
 #include <sys/socket.h>
@@ -9,7 +9,7 @@
 #include <cstring>
 #include <thread>
 
-#include "examples/routing_agent/Options.h"
+#include "agents/routing/Options.h"
 
 namespace routing_agent {
 

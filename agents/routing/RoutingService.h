@@ -4,8 +4,8 @@
 #include <set>
 #include <string>
 
-#include "examples/routing_agent/AgentService.h"
-#include "examples/routing_agent/KernelSync.h"
+#include "agents/routing/AgentService.h"
+#include "agents/routing/KernelSync.h"
 
 namespace routing_agent {
 

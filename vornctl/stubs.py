@@ -18,8 +18,8 @@ from types import SimpleNamespace
 import google.protobuf
 import grpc
 
-ROOT = Path(__file__).resolve().parents[2]
-PROTOS = ("VornSdkRpcProtos/VornSdkRpc.proto", "examples/routing_agent/RoutingAgent.proto")
+ROOT = Path(__file__).resolve().parents[1]
+PROTOS = ("VornSdkRpcProtos/VornSdkRpc.proto", "agents/routing/RoutingAgent.proto")
 
 
 class StubError(Exception):
@@ -35,8 +35,8 @@ def load() -> SimpleNamespace:
         sys.path.insert(0, str(folder))
         return SimpleNamespace(
             sdk=importlib.import_module("VornSdkRpcProtos.VornSdkRpc_pb2"),
-            agent=importlib.import_module("examples.routing_agent.RoutingAgent_pb2"),
-            rpc=importlib.import_module("examples.routing_agent.RoutingAgent_pb2_grpc"),
+            agent=importlib.import_module("agents.routing.RoutingAgent_pb2"),
+            rpc=importlib.import_module("agents.routing.RoutingAgent_pb2_grpc"),
         )
     except OSError as error:
         raise StubError(f"the stubs can't be made: {error.strerror}: {error.filename}") from error
@@ -75,8 +75,8 @@ def _generate(folder: Path) -> None:
         if outcome.returncode != 0:
             reason = " ".join((outcome.stderr or outcome.stdout).split())
             raise StubError(f"protoc failed with exit code {outcome.returncode}: {reason}")
-        # Real packages, so that no other package named "examples" is found instead of this one.
-        for package in (made / "VornSdkRpcProtos", made / "examples", made / "examples/routing_agent"):
+        # Real packages, so that no other package named "agents" is found instead of this one.
+        for package in (made / "VornSdkRpcProtos", made / "agents", made / "agents/routing"):
             (package / "__init__.py").touch()
         try:
             made.rename(folder)

@@ -1,4 +1,4 @@
-#include "examples/routing_agent/Backlog.h"
+#include "agents/routing/Backlog.h"
 
 #include <algorithm>
 #include <exception>

@@ -1,4 +1,4 @@
-#include "examples/routing_agent/StateService.h"
+#include "agents/routing/StateService.h"
 
 #include <optional>
 #include <utility>

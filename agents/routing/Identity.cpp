@@ -1,4 +1,4 @@
-#include "examples/routing_agent/Identity.h"
+#include "agents/routing/Identity.h"
 
 #include <grpcpp/security/auth_context.h>
 

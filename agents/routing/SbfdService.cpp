@@ -1,4 +1,4 @@
-#include "examples/routing_agent/SbfdService.h"
+#include "agents/routing/SbfdService.h"
 
 namespace routing_agent {
 

@@ -1,4 +1,4 @@
-#include "examples/routing_agent/GrpcLog.h"
+#include "agents/routing/GrpcLog.h"
 
 #include <Kiv/Trace.h>
 #include <grpc/support/log.h>

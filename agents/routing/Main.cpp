@@ -14,14 +14,14 @@
 #include <exception>
 #include <thread>
 
-#include "examples/routing_agent/Backlog.h"
-#include "examples/routing_agent/GrpcLog.h"
-#include "examples/routing_agent/Listening.h"
-#include "examples/routing_agent/Options.h"
-#include "examples/routing_agent/RoutingService.h"
-#include "examples/routing_agent/SbfdService.h"
-#include "examples/routing_agent/StateService.h"
-#include "examples/routing_agent/Tables.h"
+#include "agents/routing/Backlog.h"
+#include "agents/routing/GrpcLog.h"
+#include "agents/routing/Listening.h"
+#include "agents/routing/Options.h"
+#include "agents/routing/RoutingService.h"
+#include "agents/routing/SbfdService.h"
+#include "agents/routing/StateService.h"
+#include "agents/routing/Tables.h"
 
 namespace routing_agent {
 

@@ -1,4 +1,4 @@
-#include "examples/routing_agent/RoutingService.h"
+#include "agents/routing/RoutingService.h"
 
 #include <memory>
 #include <optional>

@@ -3,8 +3,8 @@
 #include <set>
 #include <string>
 
-#include "examples/routing_agent/AgentService.h"
-#include "examples/routing_agent/SbfdMonitor.h"
+#include "agents/routing/AgentService.h"
+#include "agents/routing/SbfdMonitor.h"
 
 namespace routing_agent {
 

@@ -1,4 +1,4 @@
-#include "examples/routing_agent/Options.h"
+#include "agents/routing/Options.h"
 
 #include <VornSdkRpc/Argv.h>
 
