@@ -108,8 +108,10 @@ void GrpcServer::setup() {
 }
 
 bool GrpcServer::dequeue() {
-  // A span instead of a point in time: gRPC then reads the clock once and converts nothing.
-  constexpr gpr_timespec deadline{0, 200'000'000, GPR_TIMESPAN};
+  // A point in time: gRPC starts a span anew after each completion that is not the agent's, and a
+  // client that makes such calls would keep the poll from ending. On the clock that nobody sets.
+  constexpr gpr_timespec poll{0, 200'000'000, GPR_TIMESPAN};
+  const gpr_timespec deadline = gpr_time_add(gpr_now(GPR_CLOCK_MONOTONIC), poll);
   OpaqueId tag = nullptr;
   bool ok = false;
   const NextStatus nextStatus = cq_->AsyncNext(&tag, &ok, deadline);
