@@ -51,7 +51,7 @@ void use(const sbfd_echo_session_msg& message) {
 }
 
 template <typename Message>
-void checkAs(std::const uint8_t* data, std::size_t size) {
+void checkAs(const std::uint8_t* data, std::size_t size) {
   Message message;
   if (!message.ParseFromArray(data, static_cast<int>(size)) || !isTaken(message)) return;
   require(!toString(message).empty());
@@ -62,7 +62,7 @@ void checkAs(std::const uint8_t* data, std::size_t size) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(std::const uint8_t* data, std::size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   checkAs<ip_prefix_msg>(data, size);
   checkAs<ip_route_msg>(data, size);
   checkAs<nexthop_group_msg>(data, size);

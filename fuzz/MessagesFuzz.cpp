@@ -52,7 +52,7 @@ void convert(const sbfd_echo_session_key_msg& message) {
 }
 
 template <typename Message>
-void check(std::const uint8_t* data, std::size_t size) {
+void check(const std::uint8_t* data, std::size_t size) {
   Message message;
   // What was read before an error is a message too.
   static_cast<void>(message.ParseFromArray(data, static_cast<int>(size)));
@@ -66,13 +66,13 @@ void check(std::const uint8_t* data, std::size_t size) {
 }
 
 template <typename... Messages>
-void checkAs(std::const uint8_t* data, std::size_t size) {
+void checkAs(const std::uint8_t* data, std::size_t size) {
   (check<Messages>(data, size), ...);
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(std::const uint8_t* data, std::size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   checkAs<ip_address_msg, ip_prefix_msg, ip_route_msg, nexthop_group_tunnel_msg, nexthop_msg,
           sbfd_echo_session_key_msg, nexthop_group_msg, mpls_route_msg,
           mpls_route_msg_forward_nexthop_group_msg, cbf_nexthop_group_redirect_msg,

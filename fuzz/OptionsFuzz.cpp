@@ -79,7 +79,7 @@ void checkOptions(Words words) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(std::const uint8_t* data, std::size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const Words words = wordsOf(std::string(reinterpret_cast<const char*>(data), size));
   checkArgv(words);
   checkOptions(words);

@@ -12,7 +12,7 @@
 using namespace VornSdkRpc;
 
 // A peer, and behind the first line end an address of this host.
-extern "C" int LLVMFuzzerTestOneInput(std::const uint8_t* data, std::size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
   const auto end = text.find('\n');
   const std::string peer = text.substr(0, end);
