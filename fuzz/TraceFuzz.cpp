@@ -53,7 +53,7 @@ void checkSetting(const std::string& setting) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(std::const uint8_t* data, std::size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
   checkLine(text);
   checkSetting(text);
