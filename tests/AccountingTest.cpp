@@ -1,7 +1,6 @@
 #include <Kiv/Log.h>
 #include <Kiv/Trace.h>
 #include <gmock/gmock.h>
-#include <grpcpp/generic/generic_stub.h>
 #include <gtest/gtest.h>
 
 #include <array>
@@ -79,23 +78,6 @@ grpc::StatusCode abandonChat(test::Probe::Stub& stub, bool late) {
   return stream->Finish().error_code();
 }
 
-// A call of a method that nobody implements. (With gRPC's callbacks instead of a queue, the thread
-// sanitizer takes what gRPC hands to a thread of its own for a race.)
-grpc::StatusCode callUnknownMethod(const std::shared_ptr<grpc::Channel>& channel) {
-  grpc::TemplatedGenericStub<test::Text, test::Text> stub(channel);
-  grpc::ClientContext context;
-  grpc::CompletionQueue queue;
-  test::Text reply;
-  grpc::Status status;
-  const auto call = stub.PrepareUnaryCall(&context, "/no.such.Service/Method", {}, &queue);
-  call->StartCall();
-  call->Finish(&reply, &status, nullptr);
-  void* tag = nullptr;
-  bool ok = false;
-  queue.Next(&tag, &ok);
-  return status.error_code();
-}
-
 TEST(Accounting, EveryKindOfCallIsOneRecordHoweverItEnds) {
   const test::Capture log(Kiv::platformLogger());
   const auto service = std::make_shared<test::ProbeService>();
@@ -113,7 +95,7 @@ TEST(Accounting, EveryKindOfCallIsOneRecordHoweverItEnds) {
   const int late = service->made - before - 1;
   while (service->alive > 4)  // the handlers that wait for a call
     std::this_thread::yield();
-  EXPECT_EQ(callUnknownMethod(server->connection()), grpc::UNIMPLEMENTED);
+  EXPECT_EQ(test::callUnknownMethod(server->connection()), grpc::UNIMPLEMENTED);
   server.reset();
   std::vector<std::string> expected;
   for (const auto& [rpc, status] : {std::pair(kEcho, 0),

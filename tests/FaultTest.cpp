@@ -281,5 +281,24 @@ TEST(Stop, FromEightThreadsAtOnceUnderLoad) {
   EXPECT_EQ(probe->alive, 0);
 }
 
+// gRPC answers such calls itself, inside of the server's poll.
+TEST(Stop, WhileClientsCallWhatNobodyServesWithoutAPause) {
+  RunningServer running({std::make_shared<ProbeService>()});
+  std::atomic<bool> stopped = false;
+  std::latch busy(4);
+  std::vector<std::jthread> callers;
+  for (int i = 0; i < 4; ++i) {
+    callers.emplace_back([&, connection = running.connection()] {
+      EXPECT_EQ(callUnknownMethod(connection), grpc::StatusCode::UNIMPLEMENTED);
+      busy.count_down();
+      while (!stopped)
+        callUnknownMethod(connection);
+    });
+  }
+  busy.wait();
+  running.stop();
+  stopped = true;
+}
+
 }  // namespace
 }  // namespace test
