@@ -64,7 +64,7 @@ GrpcServer::~GrpcServer() {
     tracer_.trace0("A service failed to stop.");
   }
   server_->Shutdown(std::chrono::system_clock::now());
-  cq_->Shutdown();
+  shutQueue();
   OpaqueId tag = nullptr;
   bool ok = false;
   while (cq_->Next(&tag, &ok)) {
@@ -105,6 +105,10 @@ void GrpcServer::setup() {
   }
   for (const auto& service : services_)
     service->started(*this, *cq_, *properties_);
+}
+
+void GrpcServer::shutQueue() {
+  if (!std::exchange(queueShut_, true)) cq_->Shutdown();
 }
 
 bool GrpcServer::dequeue() {
@@ -150,9 +154,12 @@ void GrpcServer::teardown() {
   // without an end.
   if (!stopRequested_) stop();
   server_->Shutdown(std::chrono::system_clock::now());
-  while (dequeue()) {
+  // Until a poll is quiet, but not for as long as somebody has something to complete.
+  constexpr auto kLongEnough = std::chrono::seconds(1);
+  const auto end = std::chrono::steady_clock::now() + kLongEnough;
+  while (dequeue() && std::chrono::steady_clock::now() < end) {
   }
-  cq_->Shutdown();
+  shutQueue();
   OpaqueId tag = nullptr;
   bool ok = false;
   while (cq_->AsyncNext(&tag, &ok, gpr_inf_future(GPR_CLOCK_REALTIME)) == NextStatus::GOT_EVENT) {

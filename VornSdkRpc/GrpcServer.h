@@ -103,6 +103,8 @@ class VORN_EXPORT GrpcServer {
   bool completionOk() const { return completionOk_; }
 
  private:
+  void shutQueue();
+
   grpc::ServerBuilder* builder_;
   std::unique_ptr<grpc::ServerCompletionQueue> cq_;
   std::unique_ptr<grpc::Server> server_;
@@ -113,7 +115,8 @@ class VORN_EXPORT GrpcServer {
   ServerProperties* properties_;
   bool accountingEnabled_;
   bool completionOk_ = true;
-  bool drained_ = false;  // the queue has been shut down and has nothing left
+  bool queueShut_ = false;  // nothing new may go through the queue
+  bool drained_ = false;    // and it has nothing left
 };
 
 }  // namespace VornSdkRpc

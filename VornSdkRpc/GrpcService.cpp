@@ -7,6 +7,24 @@
 
 namespace VornSdkRpc {
 
+namespace {
+
+// Makes a tag of the service and has `store` give it a handler. When that throws, the tag goes
+// again.
+template <typename Store>
+OpaqueId makeTag(TagManager& tags, std::size_t serviceId, Store store) {
+  const OpaqueId tag = tags.newTag(serviceId);
+  try {
+    store(tag);
+  } catch (...) {
+    tags.removeHandler(serviceId, tag);
+    throw;
+  }
+  return tag;
+}
+
+}  // namespace
+
 GrpcService::GrpcService(std::string name)
     : name_(std::move(name) + "-service"), tracer_(name_.c_str()) {}
 
@@ -49,9 +67,8 @@ void GrpcService::registerHandlerAs(OpaqueId tag, RequestHandlerPtr handler) {
 }
 
 OpaqueId GrpcService::assignExtraTag(const RequestHandlerPtr& handler) {
-  const OpaqueId tag = nextOpaqueId();
-  registerHandlerAs(tag, handler);
-  return tag;
+  return makeTag(server_->tagManager(), serviceId_,
+                 [&](OpaqueId tag) { registerHandlerAs(tag, handler); });
 }
 
 RequestHandler* GrpcService::findHandler(OpaqueId tag) const {
@@ -73,7 +90,8 @@ void GrpcService::process(OpaqueId tag, RequestHandler* handler) {
     case RequestHandler::AWAITING_CALL:
       // The successor comes first, so that the method's next call can arrive while this one is
       // served.
-      registerHandler(handler->spawn(nextOpaqueId()));
+      makeTag(server_->tagManager(), serviceId_,
+              [&](OpaqueId next) { registerHandler(handler->spawn(next)); });
       tracer_.trace8("process handler %p", tag);
       handler->proceed(tag);
       if (handler->state_ == RequestHandler::AWAITING_CALL)

@@ -6,6 +6,12 @@
 
 namespace VornSdkRpc {
 
+TagManager::~TagManager() {
+  // The lock goes before the tags, as members do; the handlers must not outlive it.
+  const auto handlers = std::move(tags_);
+  tags_.clear();
+}
+
 OpaqueId TagManager::newTag(std::size_t serviceId) {
   const std::lock_guard lock(mutex_);
   auto tag = std::make_unique<Tag>(Tag{serviceId, nullptr});

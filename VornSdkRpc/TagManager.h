@@ -19,6 +19,12 @@ namespace VornSdkRpc {
 // not call back here.
 class VORN_EXPORT TagManager {
  public:
+  TagManager() = default;
+
+  // Releases the handlers, with a registry that knows no tag any more: their destructors may still
+  // call it.
+  ~TagManager();
+
   // Makes a tag of the service, without a handler. Its value is unique among the live tags; it may
   // come back once the tag is removed.
   OpaqueId newTag(std::size_t serviceId);

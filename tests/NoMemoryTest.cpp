@@ -1,7 +1,8 @@
 // What is left as it was when an allocation fails. A program of its own: with an allocator of the
 // program's, the thread sanitizer can't tell any more which allocations are gRPC's.
 #include <Kiv/Log.h>
-#include <VornSdkRpc/TagManager.h>
+#include <Kiv/Trace.h>
+#include <VornSdkRpc/GrpcServer.h>
 #include <gmock/gmock.h>
 
 #include "tests/Accounted.h"
@@ -35,6 +36,38 @@ TEST(NoMemory, LeavesTheTagRegistryAsItWas) {
     EXPECT_TRUE(known && found == id);
   }
   EXPECT_EQ(tags.size(), 0U);
+}
+
+TEST(NoMemory, LeavesNoTagWithoutItsHandler) {
+  struct Bare : VornSdkRpc::GrpcService {
+    Bare() : GrpcService("Bare") {}
+    void registerWith(grpc::ServerBuilder&) override {}
+    void serverStarted() override {}
+  };
+  struct Handler : VornSdkRpc::RequestHandler {
+    explicit Handler(VornSdkRpc::OpaqueId tag) { opaqueId_ = tag; }
+    void proceed(VornSdkRpc::OpaqueId) override {}
+    VornSdkRpc::RequestHandlerPtr spawn(VornSdkRpc::OpaqueId tag) override {
+      return std::make_shared<Handler>(tag);
+    }
+  };
+  grpc::ServerBuilder builder;
+  VornSdkRpc::ServerProperties properties;
+  const auto service = std::make_shared<Bare>();
+  VornSdkRpc::GrpcServer server(builder, {service}, properties);
+  server.setup();
+  const Capture trace(Kiv::traceLogger());
+  Kiv::traceSettingIs("Bare-service/8");  // so that storing a handler needs memory as well
+  const auto& tags = server.tagManager();
+  const auto handler = std::make_shared<Handler>(service->nextOpaqueId());
+  service->registerHandler(handler);
+  const auto unchanged = [&] { EXPECT_EQ(tags.size(), 1U); };
+  VornSdkRpc::OpaqueId extra = nullptr;
+  EXPECT_GE(failEachAllocation([&] { extra = service->assignExtraTag(handler); }, unchanged), 3);
+  service->removeHandler(extra);
+  const auto arrive = [&] { service->process(handler->opaqueId_, handler.get()); };
+  EXPECT_GE(failEachAllocation(arrive, unchanged), 4) << "the last of which makes the successor";
+  Kiv::traceSettingIs("");
 }
 
 TEST(NoMemory, LeavesTheAccountingQueueAsItWas) {

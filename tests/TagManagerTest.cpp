@@ -57,6 +57,27 @@ TEST(TagManager, AHandlerWithTwoTagsSurvivesTheRemovalOfOne) {
   EXPECT_EQ(tags.size(), 0U);
 }
 
+TEST(TagManager, CanStillBeCalledByTheLastHandlersThatItReleases) {
+  struct Calling : Handler {
+    Calling(std::atomic<int>& alive, TagManager& tags) : Handler(alive), tags_(tags) {}
+    ~Calling() override {
+      tags_.removeHandler(0, opaqueId_);
+      alive_ += static_cast<int>(tags_.size());
+    }
+    TagManager& tags_;
+  };
+  std::atomic<int> alive = 0;
+  {
+    TagManager tags;
+    for (int i = 0; i < 2; ++i) {
+      const auto handler = std::make_shared<Calling>(alive, tags);
+      handler->opaqueId_ = tags.newTag(0);
+      tags.storeHandler(0, handler->opaqueId_, handler);
+    }
+  }
+  EXPECT_EQ(alive, 0);
+}
+
 // Threads that make, resolve and remove tags beside each other: none may see another's tag, and
 // nothing may be left over.
 TEST(TagManager, ServesManyThreadsAtOnce) {
