@@ -2,7 +2,9 @@
 
 #include <VornSdkRpc/ScopedNamespace.h>
 #include <grpc/grpc.h>
+#include <grpcpp/health_check_service_interface.h>
 
+#include <algorithm>
 #include <cassert>
 #include <chrono>
 #include <exception>
@@ -34,7 +36,32 @@ void keepGrpcUp() {
   static_cast<void>(up);
 }
 
+// Calls `tell` for every service, whatever the others throw. Answers the first exception, or null.
+template <typename Tell>
+std::exception_ptr tellAll(const std::vector<std::shared_ptr<GrpcService>>& services, Tell tell) {
+  std::exception_ptr failure;
+  for (const auto& service : services) {
+    try {
+      tell(*service);
+    } catch (...) {
+      if (!failure) failure = std::current_exception();
+    }
+  }
+  return failure;
+}
+
 }  // namespace
+
+// What gRPC puts on the queue when a server that is being drained has no call and no connection
+// left.
+class GrpcServer::Emptied : public grpc::internal::CompletionQueueTag {
+ public:
+  bool FinalizeResult(void** tag, bool*) override {
+    *tag = this;
+    return true;
+  }
+  bool come = false;
+};
 
 const char* ServerFailedError::what() const noexcept { return ""; }
 
@@ -80,15 +107,28 @@ void GrpcServer::run() {
 }
 
 void GrpcServer::stop() {
-  std::exception_ptr failure;
-  for (const auto& service : services_) {
-    try {
-      service->stoppingIs(true);
-    } catch (...) {
-      if (!failure) failure = std::current_exception();
-    }
-  }
+  const auto failure = tellAll(services_, [](auto& service) { service.stoppingIs(true); });
   stopRequested_ = true;
+  if (failure) std::rethrow_exception(failure);
+}
+
+void GrpcServer::stop(std::chrono::milliseconds grace) {
+  if (grace <= grace.zero()) return stop();
+  constexpr std::chrono::milliseconds kLongest = std::chrono::hours(24 * 365);
+  const auto end = Clock::now() + std::min(grace, kLongest);
+  auto before = drainEnd_.load();
+  while (end < before && !drainEnd_.compare_exchange_weak(before, end)) {
+  }
+}
+
+void GrpcServer::beginDrain() {
+  tracer_.trace0("Server is being drained.");
+  emptied_ = std::make_unique<Emptied>();
+  if (auto* health = server_->GetHealthCheckService()) health->SetServingStatus(false);
+  // Closes the listening sockets, tells the clients, and gives the services' requests for calls
+  // back. (grpc::Server::Shutdown() would wait here until the last call has ended.)
+  grpc_server_shutdown_and_notify(server_->c_server(), cq_->cq(), emptied_.get());
+  const auto failure = tellAll(services_, [](auto& service) { service.drainingIs(true); });
   if (failure) std::rethrow_exception(failure);
 }
 
@@ -112,20 +152,37 @@ void GrpcServer::shutQueue() {
 }
 
 bool GrpcServer::dequeue() {
+  const auto now = Clock::now();
+  const auto drainEnd = stopRequested_ ? Clock::time_point::max() : drainEnd_.load();
+  if (drainEnd != Clock::time_point::max() && !emptied_) beginDrain();
+  if (now >= drainEnd) {
+    stop();
+    return false;
+  }
+  const bool lastPoll = !stopRequested_ && emptied_ && emptied_->come;
   // A point in time: gRPC starts a span anew after each completion that is not the agent's, and a
   // client that makes such calls would keep the poll from ending. On the clock that nobody sets.
-  constexpr gpr_timespec poll{0, 200'000'000, GPR_TIMESPAN};
-  const gpr_timespec deadline = gpr_time_add(gpr_now(GPR_CLOCK_MONOTONIC), poll);
+  constexpr Clock::duration kPoll = std::chrono::milliseconds(200);
+  const auto wait = lastPoll ? Clock::duration::zero() : std::min(kPoll, drainEnd - now);
+  const gpr_timespec deadline =
+      gpr_time_add(gpr_now(GPR_CLOCK_MONOTONIC), gpr_time_from_nanos(wait.count(), GPR_TIMESPAN));
   OpaqueId tag = nullptr;
   bool ok = false;
   const NextStatus nextStatus = cq_->AsyncNext(&tag, &ok, deadline);
   assert(nextStatus != NextStatus::SHUTDOWN);
-  if (nextStatus != NextStatus::GOT_EVENT) return false;
-  handleTag(tag, ok);
-  return true;
+  if (nextStatus == NextStatus::GOT_EVENT) {
+    handleTag(tag, ok);
+    return true;
+  }
+  if (lastPoll) stop();
+  return false;
 }
 
 void GrpcServer::handleTag(OpaqueId tag, bool ok) try {
+  if (emptied_ && tag == emptied_.get()) {
+    emptied_->come = true;
+    return;
+  }
   std::size_t serviceId = 0;
   RequestHandlerPtr handler;  // keeps the handler alive while its tag is removed
   if (!tagManager_.find(tag, serviceId, handler)) {

@@ -10,6 +10,7 @@
 #include <vorn/tracer.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <exception>
 #include <memory>
@@ -68,6 +69,17 @@ class VORN_EXPORT GrpcServer {
   // Throws the first exception of a service's stoppingChanged(), when all have been asked.
   void stop();
 
+  // Drains the server, and then stops it. gRPC's health service, if the agent has turned it on,
+  // says NOT_SERVING, new calls and connections are refused, and the services are told
+  // (GrpcService::drainingChanged). Calls in progress go on. The stop follows when the last of them
+  // has ended, or when `grace` is over, counted from here. Returns at once; the drain begins with
+  // the next poll. Of several graces the one that ends first holds, and stop() ends them all; one
+  // that is not positive is a stop(). May be called before run(). Any thread.
+  void stop(std::chrono::milliseconds grace);
+
+  // Whether a stop has been asked for, or a drain is over: an agent's own loop ends then.
+  bool stopRequested() const { return stopRequested_; }
+
   // The steps of run(), public so that an agent with an event loop of its own can drive them, on
   // one thread.
 
@@ -78,6 +90,7 @@ class VORN_EXPORT GrpcServer {
   void setup();
 
   // One poll of the completion queue, for at most 200 ms. Answers whether a completion was handled.
+  // Begins a drain that has been asked for, and calls stop() when one is over.
   bool dequeue();
 
   // Hands a completed operation to the service and handler of its tag. A tag that is unknown or has
@@ -103,7 +116,11 @@ class VORN_EXPORT GrpcServer {
   bool completionOk() const { return completionOk_; }
 
  private:
-  void shutQueue();
+  using Clock = std::chrono::steady_clock;
+  class VORN_NO_EXPORT Emptied;
+
+  VORN_NO_EXPORT void beginDrain();
+  VORN_NO_EXPORT void shutQueue();
 
   grpc::ServerBuilder* builder_;
   std::unique_ptr<grpc::ServerCompletionQueue> cq_;
@@ -117,6 +134,9 @@ class VORN_EXPORT GrpcServer {
   bool completionOk_ = true;
   bool queueShut_ = false;  // nothing new may go through the queue
   bool drained_ = false;    // and it has nothing left
+  std::atomic<Clock::time_point> drainEnd_ =
+      Clock::time_point::max();       // when no drain is asked for
+  std::unique_ptr<Emptied> emptied_;  // null until a drain begins
 };
 
 }  // namespace VornSdkRpc

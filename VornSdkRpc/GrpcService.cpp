@@ -32,6 +32,7 @@ GrpcService::~GrpcService() = default;
 
 void GrpcService::selfRegister(std::size_t serviceId, grpc::ServerBuilder& builder) {
   stopping_ = false;
+  draining_ = false;
   serviceId_ = serviceId;
   registerWith(builder);
 }
@@ -49,6 +50,12 @@ void GrpcService::stoppingIs(bool stopping) {
 }
 
 void GrpcService::stoppingChanged() {}
+
+void GrpcService::drainingIs(bool draining) {
+  if (draining_.exchange(draining) != draining) drainingChanged();
+}
+
+void GrpcService::drainingChanged() {}
 
 grpc::Server* GrpcService::server() { return server_->server(); }
 
@@ -88,6 +95,12 @@ void GrpcService::process(OpaqueId tag, RequestHandler* handler) {
   if (stopping_) return;
   switch (handler->state_) {
     case RequestHandler::AWAITING_CALL:
+      if (draining_ && !completionOk()) {
+        // A successor would be given back at once, and so on without an end.
+        handler->withdrawn(tag);
+        removeHandler(tag);
+        break;
+      }
       // The successor comes first, so that the method's next call can arrive while this one is
       // served.
       makeTag(server_->tagManager(), serviceId_,

@@ -40,7 +40,8 @@ class VORN_EXPORT GrpcService {
   GrpcService& operator=(const GrpcService&) = delete;
 
   // Gives the service its position in the server's list of services, and registers it with the
-  // builder through registerWith(). Clears the stopping flag without a notification.
+  // builder through registerWith(). Clears the flags for stopping and draining without a
+  // notification.
   void selfRegister(std::size_t serviceId, grpc::ServerBuilder& builder);
 
   // Hands over the running server, its queue and the agent's settings, all of which outlive the
@@ -53,6 +54,14 @@ class VORN_EXPORT GrpcService {
 
   // Whether the service is stopping. Any thread.
   bool stopping() const { return stopping_; }
+
+  // Sets the draining flag, and calls drainingChanged() on this thread when that changes it. Done
+  // by the server, on the serving thread, when GrpcServer::stop(grace) takes effect. A draining
+  // service is given the completions of its calls in progress, and no new calls.
+  void drainingIs(bool draining);
+
+  // Whether the server is being drained: what can end by itself should. Any thread.
+  bool draining() const { return draining_; }
 
   // The gRPC server that hosts the service. Valid from started() on.
   grpc::Server* server();
@@ -86,7 +95,8 @@ class VORN_EXPORT GrpcService {
 
   // Advances the handler of a completed tag, by its state: a handler that waited for a call gets
   // its successor and then proceeds, one in progress proceeds, for a finished one the tag is
-  // forgotten. Does nothing while the service is stopping. Serving thread.
+  // forgotten. A handler whose call will not come, because the server is being drained, is
+  // withdrawn instead. Does nothing while the service is stopping. Serving thread.
   void process(OpaqueId tag, RequestHandler* handler);
 
   const std::string& name() const { return name_; }
@@ -105,6 +115,10 @@ class VORN_EXPORT GrpcService {
   // pending one holds up the stop.
   virtual void stoppingChanged();
 
+  // The draining flag has changed: calls that could go on for long should end now. The base version
+  // does nothing. Serving thread, between two dispatches.
+  virtual void drainingChanged();
+
   std::string name_;
   std::size_t serviceId_ = 0;
   GrpcServer* server_ = nullptr;
@@ -116,6 +130,9 @@ class VORN_EXPORT GrpcService {
 
  protected:
   ServerProperties* properties_ = nullptr;
+
+ private:
+  std::atomic<bool> draining_ = false;
 };
 
 }  // namespace VornSdkRpc

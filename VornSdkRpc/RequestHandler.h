@@ -45,6 +45,11 @@ class VORN_EXPORT RequestHandler {
   // without a handler.
   virtual RequestHandlerPtr spawn(OpaqueId tag) = 0;
 
+  // Called in place of proceed() on a handler that waits for a call, when the server is being
+  // drained and gRPC has given back the request for one: no call will come. The registry forgets
+  // `tag` afterwards, and no successor is spawned. For what the handler has to give up besides.
+  virtual void withdrawn(OpaqueId /*tag*/) {}
+
   State state_ = AWAITING_CALL;
 
   // The primary tag: from GrpcService::nextOpaqueId() for a method's first handler, from spawn()

@@ -249,6 +249,12 @@ class RunningServer {
     thread_.join();
   }
 
+  // Drains, and returns when run() has: when the calls in progress have ended, or the grace has.
+  void drain(std::chrono::milliseconds grace) {
+    server_.stop(grace);
+    thread_.join();
+  }
+
   VornSdkRpc::GrpcServer& server() { return server_; }
   std::string address() const { return host_ + ":" + std::to_string(port_); }
 

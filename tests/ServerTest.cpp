@@ -309,6 +309,101 @@ TEST(Server, StopsWithCallsInEveryStateAndDestroysTheirHandlers) {
   EXPECT_EQ(probe->alive, 0);
 }
 
+// What gRPC's health service says, as far as a Count can be read for its response: the field of
+// the status has the same number.
+class HealthWatch {
+ public:
+  explicit HealthWatch(const std::shared_ptr<grpc::Channel>& channel) : stub_(channel) {
+    stream_ = stub_.PrepareCall(&context_, "/grpc.health.v1.Health/Watch", &queue_);
+    stream_->StartCall(this);
+    wait();
+    stream_->WriteLast(Text(), {}, this);
+    wait();
+  }
+  ~HealthWatch() {
+    context_.TryCancel();
+    grpc::Status status;
+    stream_->Finish(&status, this);
+    wait();
+  }
+  unsigned next() {
+    Count status;
+    stream_->Read(&status, this);
+    wait();
+    return status.count();
+  }
+
+ private:
+  void wait() {
+    void* tag = nullptr;
+    bool ok = false;
+    queue_.Next(&tag, &ok);
+  }
+
+  grpc::TemplatedGenericStub<Text, Count> stub_;
+  grpc::ClientContext context_;
+  grpc::CompletionQueue queue_;
+  std::unique_ptr<grpc::ClientAsyncReaderWriter<Text, Count>> stream_;
+};
+
+TEST(Server, ADrainLetsTheCallsInProgressEndAndTakesNoOthers) {
+  const Capture trace(Kiv::traceLogger());
+  const auto probe = std::make_shared<ProbeService>();
+  grpc::EnableDefaultHealthCheckService(true);
+  RunningServer running({probe});
+  grpc::EnableDefaultHealthCheckService(false);
+  const auto stub = running.stub();
+  grpc::ClientContext collecting;
+  Count count;
+  const auto collect = stub->Collect(&collecting, &count);
+  ASSERT_TRUE(collect->Write(Text()));
+  while (probe->made < 5)
+    std::this_thread::yield();
+  {
+    HealthWatch health(running.connection());
+    EXPECT_EQ(health.next(), 1U) << "serving";
+    std::thread([&] { running.server().stop(std::chrono::hours(1)); }).join();
+    EXPECT_EQ(health.next(), 2U) << "not serving";
+  }
+  EXPECT_NE(callEcho(*stub, "on the old connection"), grpc::StatusCode::OK);
+  const auto stranger = grpc::CreateChannel(running.address(), grpc::InsecureChannelCredentials());
+  EXPECT_EQ(callEcho(*Probe::NewStub(stranger), "on a new one"), grpc::StatusCode::UNAVAILABLE);
+
+  EXPECT_TRUE(collect->Write(Text()));
+  collect->WritesDone();
+  EXPECT_TRUE(collect->Finish().ok());
+  EXPECT_EQ(count.count(), 2U);
+  running.drain(std::chrono::hours(2));  // the first grace still holds
+  EXPECT_EQ(probe->made, 5) << "nobody asks a draining server for calls again";
+  EXPECT_EQ(running.server().tagManager().size(), 0U);
+  EXPECT_THAT(trace.lines(), testing::ElementsAre("GrpcServer/0: Server is being drained.",
+                                                  "GrpcServer/0: Server is being shut down."));
+}
+
+TEST(Server, ADrainEndsWithItsGraceOrAStop) {
+  for (const bool stops : {false, true}) {
+    const auto probe = std::make_shared<ProbeService>();
+    {
+      RunningServer running({probe});
+      const auto stub = running.stub();
+      grpc::ClientContext ticking;
+      Text reply;
+      const auto ticks = stub->Tick(&ticking, Count());
+      ASSERT_TRUE(ticks->Read(&reply));
+      running.server().stop(std::chrono::milliseconds(stops ? 3'600'000 : 1));
+      if (stops) {
+        running.stop();
+      } else {
+        running.drain(std::chrono::hours(1));
+      }
+      EXPECT_FALSE(ticks->Read(&reply));
+      EXPECT_FALSE(ticks->Finish().ok());
+      EXPECT_EQ(probe->stopNotices, 1);
+    }
+    EXPECT_EQ(probe->alive, 0);
+  }
+}
+
 TEST(Server, AStopBeforeTheRunIsKept) {
   const Capture trace(Kiv::traceLogger());
   const auto probe = std::make_shared<ProbeService>();
