@@ -3,6 +3,7 @@
 #include <VornSdkRpc/ScopedNamespace.h>
 #include <grpc/grpc.h>
 #include <grpcpp/health_check_service_interface.h>
+#include <grpcpp/impl/server_builder_option.h>
 
 #include <algorithm>
 #include <cassert>
@@ -35,6 +36,20 @@ void keepGrpcUp() {
   static const bool up = (grpc_init(), true);
   static_cast<void>(up);
 }
+
+// An option of a builder that has no effect but on a second server: the builder keeps a pointer to
+// the queue of its first one, and gRPC would go on with that, freed or not.
+class BuildsOnce : public grpc::ServerBuilderOption {
+ public:
+  void UpdateArguments(grpc::ChannelArguments*) override {
+    if (std::exchange(built_, true))
+      throw std::logic_error("the grpc::ServerBuilder has built a server already: it builds one");
+  }
+  void UpdatePlugins(std::vector<std::unique_ptr<grpc::ServerBuilderPlugin>>*) override {}
+
+ private:
+  bool built_ = false;
+};
 
 // Calls `tell` for every service, whatever the others throw. Answers the first exception, or null.
 template <typename Tell>
@@ -74,10 +89,21 @@ GrpcServer::GrpcServer(grpc::ServerBuilder& builder,
       properties_(&properties),
       accountingEnabled_(accountingEnabled) {
   keepGrpcUp();
+  builder.SetOption(std::make_unique<BuildsOnce>());
   for (std::size_t id = 0; id < services_.size(); ++id) {
-    if (!services_[id])
-      throw std::invalid_argument("service " + std::to_string(id) + " of the server is null");
+    claim(id);
     services_[id]->selfRegister(id, builder);
+  }
+}
+
+// gRPC ends the process when a service is registered a second time.
+void GrpcServer::claim(std::size_t serviceId) {
+  const std::string which = "service " + std::to_string(serviceId) + " of the server";
+  const auto& service = services_[serviceId];
+  if (!service) throw std::invalid_argument(which + " is null");
+  if (std::exchange(service->claimed_, true)) {
+    throw std::invalid_argument(which + ", " + service->name() +
+                                ", is one of a server already: a service serves once");
   }
 }
 
@@ -133,8 +159,6 @@ void GrpcServer::beginDrain() {
 }
 
 void GrpcServer::setup() {
-  // The builder keeps a pointer to its queue, and a service can be registered with one server only:
-  // a second BuildAndStart() would end the process.
   if (cq_) throw ServerFailedError();
   cq_ = builder_->AddCompletionQueue(true);
   const IdleServer threadsOutside(grpc_server_create(nullptr, nullptr));

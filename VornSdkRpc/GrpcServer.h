@@ -48,7 +48,8 @@ class VORN_EXPORT GrpcServer {
   // GrpcService::selfRegister. Owns neither the builder nor the properties: the first must live
   // until setup() has returned, the second as long as this object. `accountingEnabled` only lets
   // teardown() say that accounting has finished; accounting itself is on when the builder holds a
-  // LoggingInterceptorFactory. Throws std::invalid_argument for a null service.
+  // LoggingInterceptorFactory. Throws std::invalid_argument for a service that is null, stands
+  // twice in the list, or has been given to another GrpcServer before.
   GrpcServer(grpc::ServerBuilder& builder, std::vector<std::shared_ptr<GrpcService>> services,
              ServerProperties& properties, bool accountingEnabled = false);
 
@@ -85,8 +86,9 @@ class VORN_EXPORT GrpcServer {
 
   // Builds and starts the server inside the namespace of the properties, then starts the services
   // outside of it. Throws ServerFailedError when gRPC builds no server, with no service started and
-  // the thread back in its own namespace, and on every call but the first: a builder builds one
-  // server.
+  // the thread back in its own namespace, and on every call but the first: one object serves once.
+  // Throws std::logic_error when the builder has built the server of another GrpcServer: it builds
+  // one only.
   void setup();
 
   // One poll of the completion queue, for at most 200 ms. Answers whether a completion was handled.
@@ -118,6 +120,8 @@ class VORN_EXPORT GrpcServer {
  private:
   using Clock = std::chrono::steady_clock;
   class VORN_NO_EXPORT Emptied;
+
+  VORN_NO_EXPORT void claim(std::size_t serviceId);
 
   VORN_NO_EXPORT void beginDrain();
   VORN_NO_EXPORT void shutQueue();

@@ -132,7 +132,10 @@ class VORN_EXPORT GrpcService {
   ServerProperties* properties_ = nullptr;
 
  private:
+  friend class GrpcServer;
+
   std::atomic<bool> draining_ = false;
+  bool claimed_ = false;  // by a server
 };
 
 }  // namespace VornSdkRpc

@@ -479,10 +479,48 @@ TEST(Server, ATakenPortIsAnErrorAndStartsNoService) {
   EXPECT_THROW(second.server.setup(), VornSdkRpc::ServerFailedError);
 }
 
-TEST(Server, RefusesANullService) {
-  grpc::ServerBuilder builder;
+// What `action` throws, as text.
+template <typename Error, typename Action>
+std::string thrown(Action action) {
+  try {
+    action();
+  } catch (const Error& error) {
+    return error.what();
+  }
+  return "nothing";
+}
+
+TEST(Server, RefusesAServiceThatIsNullOrAnothers) {
+  grpc::ServerBuilder builder, another;
   VornSdkRpc::ServerProperties properties;
-  EXPECT_THROW(GrpcServer(builder, {nullptr}, properties), std::invalid_argument);
+  const auto service = std::make_shared<ScriptedService>();
+  const auto refusal = [&](std::vector<std::shared_ptr<GrpcService>> services) {
+    return thrown<std::invalid_argument>([&] { GrpcServer(another, services, properties); });
+  };
+  EXPECT_EQ(refusal({nullptr}), "service 0 of the server is null");
+  {
+    GrpcServer first(builder, {service}, properties);
+    first.setup();
+    const auto other = std::make_shared<ScriptedService>();
+    EXPECT_EQ(refusal({other, service}),
+              "service 1 of the server, Scripted-service, is one of a server already: a service "
+              "serves once");
+    EXPECT_EQ(service->serviceId(), 0U) << "the first server's";
+  }
+  EXPECT_THAT(refusal({service}), testing::HasSubstr("already"));
+  const auto twice = std::make_shared<ScriptedService>();
+  EXPECT_THAT(refusal({twice, twice}), testing::HasSubstr("service 1 of the server"));
+}
+
+TEST(Server, RefusesABuilderThatHasBuiltOne) {
+  ScriptedServer scripted;
+  const auto service = std::make_shared<ScriptedService>();
+  GrpcServer second(scripted.builder, {service}, scripted.properties);
+  scripted.server.setup();
+  EXPECT_THAT(thrown<std::logic_error>([&] { second.run(); }),
+              testing::HasSubstr("has built a server already"));
+  EXPECT_EQ(service->startedCalls, 0);
+  EXPECT_EQ(second.server(), nullptr);
 }
 
 }  // namespace
