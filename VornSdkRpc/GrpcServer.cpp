@@ -1,5 +1,6 @@
 #include <VornSdkRpc/GrpcServer.h>
 
+#include <Kiv/Trace.h>
 #include <VornSdkRpc/ScopedNamespace.h>
 #include <grpc/grpc.h>
 #include <grpcpp/health_check_service_interface.h>
@@ -8,9 +9,14 @@
 #include <algorithm>
 #include <cassert>
 #include <chrono>
+#include <condition_variable>
+#include <cstdlib>
 #include <exception>
+#include <mutex>
 #include <stdexcept>
+#include <stop_token>
 #include <string>
+#include <thread>
 #include <utility>
 
 namespace VornSdkRpc {
@@ -49,6 +55,39 @@ class BuildsOnce : public grpc::ServerBuilderOption {
 
  private:
   bool built_ = false;
+};
+
+constexpr std::chrono::milliseconds kLongest = std::chrono::hours(24 * 365);
+
+// Aborts the process when it has not been destroyed in time. Its thread is one that gRPC cannot
+// hold up.
+class EndsInTime {
+ public:
+  EndsInTime(const vorn::tracer& tracer, std::chrono::milliseconds timeout) {
+    if (timeout <= timeout.zero()) return;
+    try {
+      thread_ = std::jthread(
+          [&tracer, timeout](const std::stop_token& ended) { watch(tracer, timeout, ended); });
+    } catch (const std::exception& error) {
+      tracer.trace0("The stop has no timeout, for want of a thread: %s", error.what());
+    }
+  }
+
+ private:
+  static void watch(const vorn::tracer& tracer, std::chrono::milliseconds timeout,
+                    const std::stop_token& ended) {
+    std::mutex mutex;
+    std::unique_lock lock(mutex);
+    std::condition_variable_any never;
+    never.wait_for(lock, ended, std::min(timeout, kLongest), [] { return false; });
+    if (ended.stop_requested()) return;
+    tracer.trace0("The server has not ended %lld ms after everything was cancelled: aborted.",
+                  static_cast<long long>(timeout.count()));
+    Kiv::traceLogger().flush();
+    std::abort();
+  }
+
+  std::jthread thread_;
 };
 
 // Calls `tell` for every service, whatever the others throw. Answers the first exception, or null.
@@ -116,6 +155,7 @@ GrpcServer::~GrpcServer() {
   } catch (...) {
     tracer_.trace0("A service failed to stop.");
   }
+  const EndsInTime timeout(tracer_, stopTimeout_);
   server_->Shutdown(std::chrono::system_clock::now());
   shutQueue();
   OpaqueId tag = nullptr;
@@ -140,7 +180,6 @@ void GrpcServer::stop() {
 
 void GrpcServer::stop(std::chrono::milliseconds grace) {
   if (grace <= grace.zero()) return stop();
-  constexpr std::chrono::milliseconds kLongest = std::chrono::hours(24 * 365);
   const auto end = Clock::now() + std::min(grace, kLongest);
   auto before = drainEnd_.load();
   while (end < before && !drainEnd_.compare_exchange_weak(before, end)) {
@@ -234,6 +273,7 @@ void GrpcServer::teardown() {
   // A service that is not stopping would ask for a new call in place of every one that fails,
   // without an end.
   if (!stopRequested_) stop();
+  const EndsInTime timeout(tracer_, stopTimeout_);
   server_->Shutdown(std::chrono::system_clock::now());
   // Until a poll is quiet, but not for as long as somebody has something to complete.
   constexpr auto kLongEnough = std::chrono::seconds(1);

@@ -55,7 +55,7 @@ class VORN_EXPORT GrpcServer {
 
   // Shuts down whatever run() has left running (when an exception has left it, or the steps were
   // driven by hand), then destroys the handlers, the services' references and the server. run()
-  // must have returned.
+  // must have returned. Aborts the process as teardown() does.
   ~GrpcServer();
 
   GrpcServer(const GrpcServer&) = delete;
@@ -81,6 +81,12 @@ class VORN_EXPORT GrpcServer {
   // Whether a stop has been asked for, or a drain is over: an agent's own loop ends then.
   bool stopRequested() const { return stopRequested_; }
 
+  // How long the server may take to end once everything has been cancelled; 30 s unless it is set,
+  // and no limit when it is not positive. What has not ended by then never will, as when gRPC has
+  // run out of memory in the middle of a call: a trace line at level 0 says so, and the process is
+  // aborted, so that its supervisor can act. To be set before run().
+  void stopTimeoutIs(std::chrono::milliseconds timeout) { stopTimeout_ = timeout; }
+
   // The steps of run(), public so that an agent with an event loop of its own can drive them, on
   // one thread.
 
@@ -104,7 +110,8 @@ class VORN_EXPORT GrpcServer {
   // After a successful setup(), once: stops the services if stop() has not been called, cancels
   // every call, shuts the server and the queue down, and handles what is left in the queue. A
   // pending grpc::Alarm holds it up, and so does a peer that has stopped reading, until keepalive
-  // or TCP gives it up. Throws what stop() throws.
+  // or TCP gives it up; what takes longer than the stop's timeout aborts the process. Throws what
+  // stop() throws.
   void teardown();
 
   TagManager& tagManager() { return tagManager_; }
@@ -136,6 +143,7 @@ class VORN_EXPORT GrpcServer {
   ServerProperties* properties_;
   bool accountingEnabled_;
   bool completionOk_ = true;
+  std::chrono::milliseconds stopTimeout_ = std::chrono::seconds(30);
   bool queueShut_ = false;  // nothing new may go through the queue
   bool drained_ = false;    // and it has nothing left
   std::atomic<Clock::time_point> drainEnd_ =

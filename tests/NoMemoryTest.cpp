@@ -4,10 +4,15 @@
 #include <Kiv/Trace.h>
 #include <VornSdkRpc/GrpcServer.h>
 #include <gmock/gmock.h>
+#include <sys/wait.h>
+
+#include <csignal>
+#include <cstdlib>
 
 #include "tests/Accounted.h"
 #include "tests/Capture.h"
 #include "tests/FailingNew.h"
+#include "tests/ProbeService.h"
 
 namespace test {
 namespace {
@@ -89,6 +94,48 @@ TEST(NoMemory, LeavesTheAccountingQueueAsItWas) {
     for (const auto& text : {record.user, record.session, record.peer, record.rpc})
       EXPECT_EQ(text, std::string(40, static_cast<char>('a' + i % 26)));
   }
+}
+
+// A server with one call in progress, whose next allocation but `left` fails on the serving thread.
+[[noreturn]] void serveWithoutMemory(int left) {
+  grpc::ServerBuilder builder;
+  int port = 0;
+  builder.AddListeningPort("127.0.0.1:0", grpc::InsecureServerCredentials(), &port);
+  VornSdkRpc::ServerProperties properties;
+  const auto probe = std::make_shared<ProbeService>();
+  std::jthread caller;
+  try {
+    VornSdkRpc::GrpcServer server(builder, {probe}, properties);
+    server.stopTimeoutIs(std::chrono::seconds(1));
+    server.setup();
+    caller = std::jthread([&] {
+      const auto stub = Probe::NewStub(connected("127.0.0.1:" + std::to_string(port)));
+      callEcho(*stub, "one that goes well");
+      callEcho(*stub, "one that meets the failure");
+      server.stop();
+    });
+    while (probe->made < 5)
+      server.dequeue();
+    allocationsLeft = left;
+    while (!server.stopRequested())
+      server.dequeue();
+    allocationsLeft = -1;
+    server.teardown();
+  } catch (const std::bad_alloc&) {
+    allocationsLeft = -1;
+  }
+  std::_Exit(0);
+}
+
+// gRPC may survive it, or end the process, or be left with a call that never completes; what it may
+// not do is keep a process that serves nobody.
+TEST(NoMemoryDeathTest, InsideOfGrpcHangsNoServer) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto ended = [](int status) {
+    return WIFEXITED(status) || (WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT);
+  };
+  for (int left = 0; left < 12; ++left)
+    EXPECT_EXIT(serveWithoutMemory(left), ended, "");
 }
 
 TEST(NoMemory, ForAMomentLosesNoAccountingRecord) {

@@ -455,6 +455,23 @@ TEST(Server, CanBeDestroyedAfterAHandlersExceptionHasLeftTheRun) {
   EXPECT_EQ(probe->stopNotices, 1) << "told after the one that failed";
 }
 
+TEST(ServerDeathTest, AStopThatCannotEndEndsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto probe = std::make_shared<ProbeService>();
+  const auto hangs = [&](bool destroyed) {
+    grpc::ServerBuilder builder;
+    VornSdkRpc::ServerProperties properties;
+    grpc::Alarm alarm;
+    GrpcServer server(builder, {probe}, properties);
+    server.stopTimeoutIs(std::chrono::milliseconds(1));
+    server.setup();
+    alarm.Set(probe->queue(), gpr_inf_future(GPR_CLOCK_REALTIME), nullptr);
+    if (!destroyed) server.teardown();
+  };
+  for (const bool destroyed : {false, true})
+    EXPECT_DEATH(hangs(destroyed), "GrpcServer/0: The server has not ended 1 ms after");
+}
+
 TEST(Server, SetsUpOnlyOnce) {
   ScriptedServer scripted;
   scripted.server.setup();
