@@ -1,3 +1,4 @@
+#include <Kiv/Line.h>
 #include <Kiv/Log.h>
 #include <Kiv/Trace.h>
 #include <gmock/gmock.h>
@@ -64,6 +65,61 @@ TEST(Log, FillsTheFormatAndKeepsEveryRecordOneLine) {
   const auto descriptor = described("%s %s");
   Kiv::log(Kiv::LogHandle(&descriptor, Velm::Duration(0), 1.0, 0, 0), -7, 0);
   EXPECT_THAT(log.lines(), ElementsAre("TEST_MESSAGE: -7 0"));
+}
+
+TEST(Line, WritesWhatReadersActOnAsEscapes) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"Ångström 東京 \U0001F600 CORP\\alice C:\\x \\xg0 \\", ""},  // stays as it is
+      {"\u009b31mred\u0085root", "\\xc2\\x9b31mred\\xc2\\x85root"},
+      {"a\u2028b\u2029c", "a\\xe2\\x80\\xa8b\\xe2\\x80\\xa9c"},
+      {"\u202e\u2066\u2069", "\\xe2\\x80\\xae\\xe2\\x81\\xa6\\xe2\\x81\\xa9"},
+      {"\u200e\u200f\u061c", "\\xe2\\x80\\x8e\\xe2\\x80\\x8f\\xd8\\x9c"},
+      {"\u00a0\u200d\u202f\u2065\u206a", ""},  // their neighbours
+      {"\\x0a \\xAF \\\\x00", "\\x5cx0a \\x5cxAF \\\\x5cx00"},
+      {"\\x0", ""},
+      {"\x80 \xc3", "\\x80 \\xc3"},                           // half a character
+      {"\xc0\x8a\xe0\x80\x8a", "\\xc0\\x8a\\xe0\\x80\\x8a"},  // a line feed in too long a form
+      {"\xed\xa0\x80", "\\xed\\xa0\\x80"},                    // a surrogate
+      {"\xf4\x90\x80\x80\xff", "\\xf4\\x90\\x80\\x80\\xff"},
+  };
+  for (const auto& [text, line] : cases)
+    EXPECT_EQ(Kiv::oneLine(text), line.empty() ? text : line);
+}
+
+TEST(Line, IsCutBetweenCharactersAndSaysSo) {
+  EXPECT_EQ(Kiv::cutTo("abcd", 4), "abcd");
+  EXPECT_EQ(Kiv::cutTo("abcde", 4), "abcd...[cut]");
+  EXPECT_EQ(Kiv::cutTo("abcdé", 5), "abcd...[cut]");
+  EXPECT_EQ(Kiv::cutTo("ab\U0001F600", 5), "ab...[cut]");
+  EXPECT_EQ(Kiv::cutTo(std::string(9, '\x80'), 5), std::string(5, '\x80') + "...[cut]");
+  EXPECT_EQ(Kiv::oneLine("0123456789ab", 12), "0123456789ab");
+  EXPECT_EQ(Kiv::oneLine("0123456789abc", 12), "0\\x2e..[cut]");
+  EXPECT_EQ(Kiv::oneLine("\r\r\r\r", 16), "\\x0d\\x0d\\x0d\\x0d");
+  EXPECT_EQ(Kiv::oneLine("\r\r\r\r", 15), "\\x0d\\x2e..[cut]");
+}
+
+TEST(Line, ThatIsTooLongKeepsItsWordsAndItsShortArguments) {
+  const test::Capture log(Kiv::platformLogger());
+  const auto write = [](const char* format, const std::string& first) {
+    const auto descriptor = described(format);
+    Kiv::log(Kiv::LogHandle(&descriptor, Velm::Duration(0), 1.0, 0, 0), first, "bob");
+  };
+  write("a: %s, b: %s, end", std::string(1024, '\0'));
+  write("a: %s, b: %s, end", std::string(100000, '\r'));
+  const std::string words(9000, 'w');
+  write(words.c_str(), "");
+  const auto lines = log.lines();
+  ASSERT_EQ(lines.size(), 3U);
+  EXPECT_EQ(lines[0].size(), 4 * 1024 + "TEST_MESSAGE: a: , b: bob, end"s.size());
+  for (const auto& line : lines)
+    EXPECT_LE(line.size(), Kiv::kLineMax);
+  EXPECT_THAT(lines[1], testing::EndsWith("\\x0d\\x2e..[cut], b: bob, end"));
+  EXPECT_THAT(lines[2], testing::EndsWith("w\\x2e..[cut]"));
+
+  const test::Capture trace(Kiv::traceLogger());
+  Kiv::TraceHandle("a\u0085", false).write(0, "\u2028" + words);
+  ASSERT_THAT(trace.lines(), ElementsAre(testing::StartsWith("a\\xc2\\x85/0: \\xe2\\x80\\xa8ww")));
+  EXPECT_LE(trace.lines()[0].size(), Kiv::kLineMax);
 }
 
 TEST(Log, ASuppressedOccurrenceConvertsItsKeyAndNothingMore) {

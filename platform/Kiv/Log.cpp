@@ -94,6 +94,23 @@ std::string substituted(std::string_view messageId, std::string_view format,
   return text += format;
 }
 
+// The record as a line. One that would be too long is cut in its arguments, each to its share, so
+// that the message's own words and its short arguments stay.
+std::string lineOf(const LogDescriptor& message, const LogString& record) {
+  const std::string text = substituted(message.messageId, message.format, record);
+  std::string line = oneLine(text);
+  if (line.size() <= kLineMax) return line;
+  const std::string id = oneLine(message.messageId), format = oneLine(message.format);
+  const std::size_t words = id.size() + 2 + format.size();
+  const std::size_t share =
+      words < kLineMax ? (kLineMax - words) / std::max(record.argCount(), 1U) : 0;
+  if (record.argCount() == 0 || share < kLineCutMark.size()) return oneLine(text, kLineMax);
+  LogString shortened;
+  for (LogStringIndex index = 0; index < record.argCount(); ++index)
+    shortened.strIs(index, std::string_view(oneLine(record.str(index), share)));
+  return substituted(id, format, shortened);
+}
+
 // FNV-1a.
 constexpr std::uint32_t kHashStart = 2166136261U;
 
@@ -178,8 +195,7 @@ bool LogHandle::okToLog(std::uint32_t key) const {
 }
 
 void LogHandle::log(const LogString& record) const {
-  const std::string line =
-      oneLine(substituted(descriptor_->messageId, descriptor_->format, record));
+  const std::string line = lineOf(*descriptor_, record);
   try {
     platformLogger().log(levelOf(descriptor_->severity), spdlog::string_view_t(line));
   } catch (...) {

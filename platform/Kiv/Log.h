@@ -14,8 +14,9 @@
 
 // The platform log: messages that are declared once, as a descriptor, and written through a handle
 // that may suppress repeated occurrences. A line is the message id, a colon, a blank and the
-// formatted text, and it is one line whatever bytes its arguments hold: control bytes are written
-// as \xNN.
+// formatted text, and it is one line of at most kLineMax bytes whatever its arguments hold
+// (Kiv/Line.h): what could end it or drive a terminal is written as \xNN, and the arguments of a
+// line that would be longer are cut.
 //
 //   [[gnu::section(".tolmar_logmsg"), gnu::used, gnu::retain]] Kiv::LogDescriptor restarted = {
 //       "AGENT_RESTARTED", "agent %s restarted, reason %s", "An agent was restarted", "\x01", 6};

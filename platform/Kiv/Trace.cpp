@@ -1,6 +1,7 @@
 #include <Kiv/Trace.h>
 
 #include <Kiv/Line.h>
+#include <fmt/format.h>
 #include <spdlog/sinks/stdout_sinks.h>
 
 #include <charconv>
@@ -137,8 +138,9 @@ void TraceHandle::write(unsigned level, std::string_view text) const {
 void TraceHandle::write(unsigned level, const spdlog::source_loc& where,
                         std::string_view text) const {
   try {
-    traceLogger().log(where, level == 0 ? spdlog::level::info : spdlog::level::debug, "{}/{}: {}",
-                      oneLine(name_), level, oneLine(text));
+    const std::string line = oneLine(fmt::format("{}/{}: {}", name_, level, text), kLineMax);
+    traceLogger().log(where, level == 0 ? spdlog::level::info : spdlog::level::debug,
+                      spdlog::string_view_t(line));
   } catch (...) {
     // spdlog keeps a sink's std::exception to itself; what else a sink may throw ends here.
   }

@@ -30,7 +30,8 @@ class VORN_EXPORT TraceHandle {
     return ((mask_.load(std::memory_order_relaxed) >> (level & 31U)) & 1U) != 0;
   }
 
-  // Writes "NAME/LEVEL: text" as one line, whether or not the level is enabled. Reports nothing.
+  // Writes "NAME/LEVEL: text" as one line, whether or not the level is enabled: escaped, and cut
+  // when it is longer than kLineMax (Kiv/Line.h). Reports nothing.
   void write(unsigned level, std::string_view text) const;
   void write(unsigned level, const spdlog::source_loc& where, std::string_view text) const;
 

@@ -15,7 +15,7 @@ class VORN_EXPORT tracer {
   // Whether a level is written: for a trace point whose arguments cost something to make.
   bool enabled(unsigned level) const noexcept { return handle_.enabled(level); }
 
-  // Writes one line when level 0 is enabled. A text of any length is written whole.
+  // Writes one line when level 0 is enabled, as Kiv::TraceHandle::write does.
   [[gnu::format(printf, 2, 3)]] void trace0(const char* format, ...) const;
 
   // The same at level 8.
