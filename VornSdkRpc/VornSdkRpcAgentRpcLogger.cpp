@@ -1,5 +1,6 @@
 #include <VornSdkRpc/VornSdkRpcAgentRpcLogger.h>
 
+#include <Kiv/Line.h>
 #include <Kiv/Log.h>
 #include <Kiv/Trace.h>
 #include <Velm/FmTrace.h>
@@ -38,6 +39,11 @@ static_assert(std::has_virtual_destructor_v<grpc::experimental::ServerIntercepto
 // while the consumer rests, a busy server's records gather without one. A record that comes to a
 // consumer with nothing to do is written at once, and a close waits for one rest at most.
 constexpr auto kRest = std::chrono::milliseconds(2);
+
+// What a client chooses, it also chooses the length of. A field has at most so many bytes as sent.
+constexpr std::size_t kFieldMax = 1024;
+
+std::string field(std::string sent) { return Kiv::cutTo(std::move(sent), kFieldMax); }
 
 // The first value of a property, up to its first NUL byte.
 std::string propertyOr(const grpc::AuthContext& context, const char* name, const char* missing) {
@@ -97,8 +103,8 @@ void LoggingInterceptor::account(grpc::experimental::InterceptorBatchMethods& me
     user = propertyOr(*context, "peer-authenticated", "unknown");
     session = propertyOr(*context, "session-id", "unknown");
   }
-  const LogMessageData record{std::move(user), std::move(session), std::move(peer), info_->method(),
-                              status};
+  const LogMessageData record{field(std::move(user)), field(std::move(session)),
+                              field(std::move(peer)), field(info_->method()), status};
   if (_defaultTraceHandle().enabled(9)) {
     Velm::fmtrace(_defaultTraceHandle(), 9, __FILE__, "Intercept", __LINE__, "LoggingInterceptor",
                   "Enqueueing message");

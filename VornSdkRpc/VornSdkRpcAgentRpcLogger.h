@@ -19,7 +19,9 @@
 //   builder.experimental().SetInterceptorCreators(std::move(creators));
 namespace VornSdkRpc {
 
-// One accounting record.
+// One accounting record. A text of a call's that has more than 1,024 bytes is cut there, between
+// characters, and "...[cut]" stands behind it; such a field is longer than 1,024 bytes, and one
+// that was sent like that is not.
 struct LogMessageData {
   std::string user;     // the call's authentication property "peer-authenticated", or "unknown"
   std::string session;  // its property "session-id", or "unknown"

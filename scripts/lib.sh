@@ -18,7 +18,7 @@ need() {
 # What building the library, its tests, benchmarks and examples takes, and what running them takes.
 need_build() {
   need g++ cmake ninja-build pkg-config libgrpc++-dev libgrpc-dev protobuf-compiler protobuf-compiler-grpc \
-    libprotobuf-dev libfmt-dev libspdlog-dev libgtest-dev libgmock-dev libbenchmark-dev libasio-dev \
+    libprotobuf-dev libfmt-dev libspdlog-dev libgtest-dev libgmock-dev libssl-dev libbenchmark-dev libasio-dev \
     libnl-route-3-dev
 }
 

@@ -138,6 +138,10 @@ TEST(Accounting, TheCallerIsTheFirstValueOfEachProperty) {
       {{{"peer-authenticated", "alice"}, {"peer-authenticated", "bob"}}, "alice", "unknown"},
       {{{"peer-authenticated", ""}, {"session-id", "\0x"s}}, "", ""},
       {{{"peer-authenticated", "al\0ice"s}, {"session-id", "s1\0"s}}, "al", "s1"},
+      {{{"peer-authenticated", std::string(1023, 'a') + "é"},
+        {"session-id", std::string(1024, 's')}},
+       std::string(1023, 'a') + "...[cut]",
+       std::string(1024, 's')},
       {{{"peer-authenticated", "eve, status: 0\nVORNSDKRPC_ACCOUNTING_RPC: user: root"}},
        "eve, status: 0\\x0aVORNSDKRPC_ACCOUNTING_RPC: user: root",
        "unknown"},
@@ -150,6 +154,27 @@ TEST(Accounting, TheCallerIsTheFirstValueOfEachProperty) {
     callEcho(*server.stub(grpc::experimental::LocalCredentials(LOCAL_TCP)), "0");
     server.stop();
     EXPECT_THAT(linesOf(log), ElementsAre(lineOf(c.user, c.session, kEcho, 0)));
+  }
+}
+
+// A method that nobody has may be of any text and length.
+TEST(Accounting, AMethodOfAClientsOwnIsOneLineOfBoundedLength) {
+  std::string cut = "/z/";
+  for (int i = 0; i < 1021; ++i)
+    cut += "\\xff";
+  const std::pair<std::string, std::string> cases[] = {
+      {"/x/\u009b31mred\u0085VORNSDKRPC_ACCOUNTING_RPC: user: root",
+       "/x/\\xc2\\x9b31mred\\xc2\\x85VORNSDKRPC_ACCOUNTING_RPC: user: root"},
+      {"/y/\\x0a", "/y/\\x5cx0a"},
+      {"/z/" + std::string(6000, '\xff'), cut + "...[cut]"},
+  };
+  for (const auto& [method, written] : cases) {
+    const test::Capture log(Kiv::platformLogger());
+    {
+      const test::RunningServer server({}, true);
+      EXPECT_EQ(test::callUnknownMethod(server.connection(), method), grpc::UNIMPLEMENTED);
+    }
+    EXPECT_THAT(linesOf(log), ElementsAre(lineOf("unknown", "unknown", written, 12)));
   }
 }
 

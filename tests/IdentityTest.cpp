@@ -1,6 +1,8 @@
 #include <Kiv/Log.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <openssl/pem.h>
+#include <openssl/x509.h>
 #include <unistd.h>
 
 #include <array>
@@ -56,6 +58,25 @@ class Certificates {
         " 2>" + path("openssl.log");
     if (std::system(command.c_str()) != 0)
       throw std::runtime_error("openssl: " + read("openssl.log"));
+  }
+
+  // Gives the certificate NAME.pem another common name, with any bytes, and signs it again.
+  void rename(const std::string& name, const std::string& commonName) const {
+    const auto open = [this](const std::string& file, const char* mode) {
+      return std::unique_ptr<std::FILE, int (*)(std::FILE*)>(std::fopen(path(file).c_str(), mode),
+                                                             &std::fclose);
+    };
+    const std::unique_ptr<X509, decltype(&X509_free)> certificate(
+        PEM_read_X509(open(name + ".pem", "r").get(), nullptr, nullptr, nullptr), &X509_free);
+    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> authority(
+        PEM_read_PrivateKey(open("ca.key", "r").get(), nullptr, nullptr, nullptr), &EVP_PKEY_free);
+    auto* const subject = X509_get_subject_name(certificate.get());
+    X509_NAME_ENTRY_free(X509_NAME_delete_entry(subject, 0));
+    X509_NAME_add_entry_by_NID(subject, NID_commonName, MBSTRING_UTF8,
+                               reinterpret_cast<const unsigned char*>(commonName.data()),
+                               static_cast<int>(commonName.size()), -1, 0);
+    X509_sign(certificate.get(), authority.get(), EVP_sha256());
+    PEM_write_X509(open(name + ".pem", "w").get(), certificate.get());
   }
 
   std::string read(const std::string& name) const {
@@ -153,6 +174,8 @@ TEST(Identity, ACertificateDecidesWhoCallsAndAClaimMustAgree) {
   certificates.issue("mail", "/O=nobody", "email:carol@example.com");
   certificates.issue("nobody", "/O=nobody");
   certificates.issue("forger", "/CN=eve\nVORNSDKRPC_ACCOUNTING_RPC: user: root");
+  certificates.issue("two_names", "/CN=alice");
+  certificates.rename("two_names", {"alice\0.evil", 11});
   certificates.make("stranger", "/CN=alice", "");
   EchoServer server(serverCredentials("127.0.0.1:0", certificates.options()));
   const std::tuple<std::string, std::vector<std::string>, int> cases[] = {
@@ -163,6 +186,7 @@ TEST(Identity, ACertificateDecidesWhoCallsAndAClaimMustAgree) {
       {"alice", {""}, grpc::UNAUTHENTICATED},
       {"mail", {}, grpc::OK},
       {"nobody", {}, grpc::UNAUTHENTICATED},
+      {"two_names", {}, grpc::UNAUTHENTICATED},
       {"forger", {}, grpc::OK},
       {"stranger", {}, grpc::UNAVAILABLE},
       {"", {"alice"}, grpc::UNAVAILABLE},

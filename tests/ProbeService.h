@@ -193,13 +193,14 @@ inline std::shared_ptr<grpc::Channel> connected(
 
 // A call of a method that nobody implements. (With gRPC's callbacks instead of a queue, the thread
 // sanitizer takes what gRPC hands to a thread of its own for a race.)
-inline grpc::StatusCode callUnknownMethod(const std::shared_ptr<grpc::Channel>& channel) {
+inline grpc::StatusCode callUnknownMethod(const std::shared_ptr<grpc::Channel>& channel,
+                                          const std::string& method = "/no.such.Service/Method") {
   grpc::TemplatedGenericStub<Text, Text> stub(channel);
   grpc::ClientContext context;
   grpc::CompletionQueue queue;
   Text reply;
   grpc::Status status;
-  const auto call = stub.PrepareUnaryCall(&context, "/no.such.Service/Method", {}, &queue);
+  const auto call = stub.PrepareUnaryCall(&context, method, {}, &queue);
   call->StartCall();
   call->Finish(&reply, &status, nullptr);
   void* tag = nullptr;

@@ -125,6 +125,9 @@ grpc::Status ConnectionIdentity::Process(const InputMetadata& metadata,
   const bool first = !user;
   if (first) user = userOf(*connection, metadata);
   if (!user) return {grpc::StatusCode::UNAUTHENTICATED, "the client certificate names nobody"};
+  // Who reads a name up to its first NUL would take its holder for somebody else.
+  if (user->find('\0') != std::string::npos)
+    return {grpc::StatusCode::UNAUTHENTICATED, "the client certificate's name holds a NUL"};
   const auto [begin, end] = metadata.equal_range(kClaim);
   const bool agreed = std::all_of(begin, end, [&, local = isLocal(*connection)](const auto& claim) {
     return claimed(claim.second, local) == *user;

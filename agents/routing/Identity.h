@@ -40,10 +40,11 @@ std::shared_ptr<grpc::ServerCredentials> serverCredentials(const std::string& ad
 //
 // With TLS, the user is what the authority has put into the client's certificate: the common name,
 // or the first subject alternative name when there is no common name. A certificate without either
-// is refused. With local credentials all that is proven is that the caller is on this host (and
-// may open the Unix socket, whose directory's permissions say who may): the user is "local:"
-// followed by what the first call of the connection puts into its metadata as "username", or
-// "local" when it puts nothing there. The prefix keeps a claim from passing for a proven name.
+// is refused, and so is a name with a NUL in it. With local credentials all that is proven is that
+// the caller is on this host (and may open the Unix socket, whose directory's permissions say who
+// may): the user is "local:" followed by what the first call of the connection puts into its
+// metadata as "username", or "local" when it puts nothing there. The prefix keeps a claim from
+// passing for a proven name.
 //
 // The identity belongs to the connection, so a call whose "username" is another one is refused with
 // UNAUTHENTICATED; a call that claims nothing is let through under the connection's user. So is a
