@@ -9,7 +9,7 @@ install(TARGETS VornSdkRpcLib VornSdkRpcProtos VornPlatform EXPORT VornSdkRpcLib
 foreach(folder VornSdkRpc vorn)
   install(DIRECTORY ${folder} TYPE INCLUDE COMPONENT dev FILES_MATCHING PATTERN "*.h")
 endforeach()
-install(DIRECTORY platform/ TYPE INCLUDE COMPONENT dev FILES_MATCHING PATTERN "*.h")
+install(DIRECTORY platform/ TYPE INCLUDE COMPONENT dev FILES_MATCHING PATTERN "*.h" PATTERN SinkFailures.h EXCLUDE)
 install(FILES ${VORN_GENERATED_DIR}/vorn/export.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vorn COMPONENT dev)
 install(FILES VornSdkRpcProtos/VornSdkRpc.proto ${VORN_GENERATED_DIR}/VornSdkRpcProtos/VornSdkRpc.pb.h

@@ -1,12 +1,12 @@
 // An agent that keeps routing tables and serves them over gRPC: how an agent is put together from
 // the library's parts.
+#include <Kiv/FileSink.h>
 #include <Kiv/Log.h>
+#include <Kiv/StderrSink.h>
 #include <Kiv/Trace.h>
 #include <VornSdkRpc/GrpcServer.h>
 #include <VornSdkRpc/VornSdkRpcAgentRpcLogger.h>
 #include <grpcpp/ext/proto_server_reflection_plugin.h>
-#include <spdlog/sinks/basic_file_sink.h>
-#include <spdlog/sinks/stdout_sinks.h>
 #include <sys/stat.h>
 
 #include <csignal>
@@ -120,11 +120,9 @@ void configureBuilder(grpc::ServerBuilder& builder, const Options& options) {
 void applySettings(const Options& options) try {
   Kiv::traceSettingIs(options.trace);
   if (options.log == "-") {
-    Kiv::platformLogger().sinks() = {std::make_shared<spdlog::sinks::stderr_sink_mt>()};
+    Kiv::platformLogger().sinks() = {std::make_shared<Kiv::StderrSink>()};
   } else if (!options.log.empty()) {
-    Kiv::platformLogger().sinks() = {
-        std::make_shared<spdlog::sinks::basic_file_sink_mt>(options.log)};
-    Kiv::platformLogger().flush_on(spdlog::level::trace);
+    Kiv::platformLogger().sinks() = {std::make_shared<Kiv::FileSink>(options.log)};
   }
 } catch (const std::exception& error) {
   throw UsageError(error.what());

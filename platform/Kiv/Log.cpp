@@ -1,10 +1,11 @@
 #include <Kiv/Log.h>
 
 #include <Kiv/Line.h>
-#include <Kiv/Trace.h>
-#include <fmt/format.h>
-#include <spdlog/sinks/stdout_sinks.h>
-#include <spdlog/sinks/syslog_sink.h>
+#include <Kiv/SinkFailures.h>
+#include <Kiv/StderrSink.h>
+#include <Kiv/TraceHandle.h>
+#include <spdlog/sinks/base_sink.h>
+#include <syslog.h>
 
 #include <algorithm>
 #include <chrono>
@@ -22,44 +23,36 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Tells that the log's sinks fail, without making a flood of it when they fail for every line.
-class SinkFailures {
- public:
-  void handle(const std::vector<spdlog::sink_ptr>& sinks, const std::string& why) {
-    const std::lock_guard lock(mutex_);
-    const auto now = Clock::now();
-    const bool known = isToldOf(sinks);
-    count_ = known ? count_ + 1 : 1;
-    if (known && now - toldAt_ < std::chrono::hours(1)) return;
-    toldOf_.assign(sinks.begin(), sinks.end());
-    toldAt_ = now;
-    // Never destroyed, like the logger that it is about.
-    static auto* trace = new TraceHandle("PlatformLog", false);
-    trace->write(0,
-                 fmt::format("A sink of the log fails: {} (failures so far: {}; the next is told "
-                             "in an hour at the earliest)",
-                             why, count_));
+int priorityOf(spdlog::level::level_enum level) {
+  switch (level) {
+    case spdlog::level::critical:
+      return LOG_CRIT;
+    case spdlog::level::err:
+      return LOG_ERR;
+    case spdlog::level::warn:
+      return LOG_WARNING;
+    case spdlog::level::info:
+      return LOG_INFO;
+    default:
+      return LOG_DEBUG;
   }
+}
 
+// Calls syslog(3) and nothing beside it: openlog(3) would take the identity of the process's other
+// messages away, and closelog(3) its connection.
+class SyslogSink : public spdlog::sinks::base_sink<spdlog::details::null_mutex> {
  private:
-  // Whether these are the sinks whose failure was told last.
-  bool isToldOf(const std::vector<spdlog::sink_ptr>& sinks) const {
-    return std::equal(sinks.begin(), sinks.end(), toldOf_.begin(), toldOf_.end(),
-                      [](const auto& now, const auto& then) { return now == then.lock(); });
+  void sink_it_(const spdlog::details::log_msg& message) override {
+    syslog(LOG_DAEMON | priorityOf(message.level), "%.*s", static_cast<int>(message.payload.size()),
+           message.payload.data());
   }
-
-  std::mutex mutex_;
-  std::vector<std::weak_ptr<spdlog::sinks::sink>> toldOf_;
-  Clock::time_point toldAt_;
-  std::uint64_t count_ = 0;
+  void flush_() override {}
 };
 
 spdlog::sink_ptr defaultSink() {
   std::error_code ignored;
-  if (std::filesystem::exists("/dev/log", ignored)) {
-    return std::make_shared<spdlog::sinks::syslog_sink_mt>("", LOG_PID, LOG_DAEMON, false);
-  }
-  return std::make_shared<spdlog::sinks::stderr_sink_mt>();
+  if (std::filesystem::exists("/dev/log", ignored)) return std::make_shared<SyslogSink>();
+  return std::make_shared<StderrSink>();
 }
 
 spdlog::level::level_enum levelOf(std::uint64_t severity) {
@@ -127,14 +120,8 @@ spdlog::logger& platformLogger() {
   static auto* logger = [] {
     auto* made = new spdlog::logger("log", defaultSink());
     made->set_level(spdlog::level::trace);
-    auto failures = std::make_shared<SinkFailures>();
-    made->set_error_handler([made, failures](const std::string& why) {
-      try {
-        failures->handle(made->sinks(), why);
-      } catch (const std::exception&) {
-        // Without the memory to tell it, the failure stays untold.
-      }
-    });
+    static auto* const trace = new TraceHandle("PlatformLog", false);  // never destroyed either
+    SinkFailures::tellOf(*made, "log", [](std::string_view text) { trace->write(0, text); });
     return made;
   }();
   return *logger;

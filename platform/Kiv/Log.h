@@ -25,8 +25,9 @@
 namespace Kiv {
 
 // The logger that every log line is written through; it passes every level. Its one sink is syslog
-// where /dev/log exists and standard error otherwise, until the agent replaces sinks(), which is to
-// be done before other threads log. Never destroyed, so that static destructors can still log.
+// where /dev/log exists, under the identity that the process gave itself with openlog(3), and
+// standard error otherwise (Kiv/StderrSink.h), until the agent replaces sinks(), which is to be
+// done before other threads log. Never destroyed, so that static destructors can still log.
 //
 // A sink that throws costs its line and nothing else. The first failure of the sinks is told as a
 // level-0 trace line of the handle "PlatformLog"; from then on, as long as the same sinks are

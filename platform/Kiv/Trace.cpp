@@ -1,10 +1,15 @@
 #include <Kiv/Trace.h>
 
 #include <Kiv/Line.h>
+#include <Kiv/QueuedSink.h>
+#include <Kiv/SinkFailures.h>
+#include <Kiv/StderrSink.h>
 #include <fmt/format.h>
-#include <spdlog/sinks/stdout_sinks.h>
 
+#include <atomic>
 #include <charconv>
+#include <chrono>
+#include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -112,10 +117,31 @@ class TraceRegistry {
   std::unordered_set<TraceHandle*> handles_;
 };
 
+namespace {
+
+// Since the process began to exit, every line is flushed: there is no later.
+std::atomic<bool> isExiting = false;
+
+void flushAtExit() {
+  isExiting = true;
+  traceLogger().flush();
+}
+
+// Tells a failure of the trace's sinks, where the trace can't.
+void tellOnStderr(std::string_view text) {
+  static auto* const sink = new StderrSink(std::chrono::milliseconds(0));
+  sink->log({"trace", spdlog::level::err, text});
+}
+
+}  // namespace
+
 spdlog::logger& traceLogger() {
   static auto* logger = [] {
-    auto* made = new spdlog::logger("trace", std::make_shared<spdlog::sinks::stderr_sink_mt>());
+    auto* made = new spdlog::logger(
+        "trace", std::make_shared<QueuedSink>(std::make_shared<StderrSink>(StderrSink::kForever)));
     made->set_level(spdlog::level::trace);
+    SinkFailures::tellOf(*made, "trace", &tellOnStderr);
+    std::atexit(&flushAtExit);
     return made;
   }();
   return *logger;
@@ -141,6 +167,7 @@ void TraceHandle::write(unsigned level, const spdlog::source_loc& where,
     const std::string line = oneLine(fmt::format("{}/{}: {}", name_, level, text), kLineMax);
     traceLogger().log(where, level == 0 ? spdlog::level::info : spdlog::level::debug,
                       spdlog::string_view_t(line));
+    if (isExiting) traceLogger().flush();
   } catch (...) {
     // spdlog keeps a sink's std::exception to itself; what else a sink may throw ends here.
   }

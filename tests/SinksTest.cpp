@@ -1,0 +1,125 @@
+// The platform's own sinks, when a disk is full and when nobody reads standard error.
+#include <Kiv/FileSink.h>
+#include <Kiv/QueuedSink.h>
+#include <Kiv/StderrSink.h>
+#include <gmock/gmock.h>
+#include <spdlog/logger.h>
+#include <sys/resource.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "tests/FullStderr.h"
+
+namespace test {
+namespace {
+
+using testing::ElementsAre;
+
+std::string contentOf(const std::string& path) {
+  std::ostringstream content;
+  content << std::ifstream(path).rdbuf();
+  return content.str();
+}
+
+// A logger of bare lines to one sink, whose failures are nobody's.
+spdlog::logger loggerOf(const spdlog::sink_ptr& sink) {
+  sink->set_pattern("%v");
+  spdlog::logger logger("test", sink);
+  logger.set_error_handler([](const std::string&) {});
+  return logger;
+}
+
+// The disk is full at a size, for as long as this lives.
+class FullAt {
+ public:
+  explicit FullAt(rlim_t size) {
+    getrlimit(RLIMIT_FSIZE, &before_);
+    const rlimit limit{size, before_.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~FullAt() { setrlimit(RLIMIT_FSIZE, &before_); }
+  FullAt(const FullAt&) = delete;
+  FullAt& operator=(const FullAt&) = delete;
+
+ private:
+  rlimit before_;
+};
+
+TEST(FileSink, GluesNoLineToTheRestOfAnother) {
+  std::signal(SIGXFSZ, SIG_IGN);
+  const std::string path = testing::TempDir() + "sinks" + std::to_string(getpid());
+  std::ofstream(path) << "of an earlier run";
+  const auto sink = std::make_shared<Kiv::FileSink>(path);
+  auto logger = loggerOf(sink);
+  logger.info("first");
+  {
+    const FullAt limit(std::filesystem::file_size(path) + 3);
+    logger.info("second");
+    logger.info("third");
+  }
+  logger.info("fourth");
+  logger.info("fifth");
+  EXPECT_EQ(contentOf(path),
+            "of an earlier run\nfirst\nsec\nLINES_LOST: 2 lines were not written here\n"
+            "fourth\nfifth\n");
+  EXPECT_EQ(sink->lost(), 2U);
+  std::filesystem::remove(path);
+}
+
+TEST(FileSink, IsTheOwnersAloneAndNamesWhatItCannotOpen) {
+  const std::string path = testing::TempDir() + "sinks-mode" + std::to_string(getpid());
+  Kiv::FileSink{path};
+  EXPECT_EQ(std::filesystem::status(path).permissions(),
+            std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+  std::filesystem::remove(path);
+  try {
+    Kiv::FileSink("/no/such/folder/log");
+    FAIL();
+  } catch (const spdlog::spdlog_ex& error) {
+    EXPECT_STREQ(error.what(), "cannot open /no/such/folder/log: No such file or directory");
+  }
+}
+
+TEST(StderrSink, LosesWhatNobodyReadsAndTellsIt) {
+  FullStderr full;
+  const auto sink = std::make_shared<Kiv::StderrSink>(std::chrono::milliseconds(1));
+  auto logger = loggerOf(sink);
+  for (int i = 0; i < 3; ++i)
+    logger.info("lost");
+  full.drain();
+  logger.info("found");
+  EXPECT_THAT(full.readLines(2), ElementsAre("LINES_LOST: 3 lines were not written here", "found"));
+  EXPECT_EQ(sink->lost(), 3U);
+}
+
+// Waits for nobody, keeps the order, and accounts for every line.
+TEST(QueuedSink, DropsWhatIsTooMuchAndTellsIt) {
+  constexpr int kLines = 5000;
+  FullStderr full;
+  auto logger = loggerOf(std::make_shared<Kiv::QueuedSink>(
+      std::make_shared<Kiv::StderrSink>(Kiv::StderrSink::kForever)));
+  for (int i = 0; i < kLines; ++i)
+    logger.info("{}", i);
+  full.drain();
+  int next = 0;
+  while (next < kLines) {
+    const std::string line = full.readLines(1).at(0);
+    int missing = 0;
+    if (std::sscanf(line.c_str(), "Queue/0: %d lines are missing here", &missing) == 1) {
+      ASSERT_GT(missing, 0);
+      next += missing;
+    } else {
+      ASSERT_EQ(line, std::to_string(next++));
+    }
+  }
+  EXPECT_EQ(next, kLines);
+  logger.info("again");
+  EXPECT_THAT(full.readLines(1), ElementsAre("again"));
+}
+
+}  // namespace
+}  // namespace test
