@@ -4,6 +4,7 @@
 #include <Kiv/Log.h>
 #include <Kiv/Trace.h>
 #include <Velm/FmTrace.h>
+#include <fmt/format.h>
 #include <grpcpp/server_context.h>
 
 #include <chrono>
@@ -64,24 +65,60 @@ void traceBatch(unsigned long size) noexcept {
   }
 }
 
-// Memory that has run out for a moment costs neither the process nor the record: nothing of it has
-// been written when the log call throws, and it is tried again for a second.
-void writeRecord(const LogMessageData& record) noexcept {
-  for (int attempt = 0; attempt < 100; ++attempt) {
+// Writes records. Memory that has run out for a moment costs neither the process nor a record:
+// nothing of it has been written when the log call throws, and it is tried again. An outage has one
+// budget of rests, whatever the number of records; once the queue is closed somebody waits for it,
+// and a record is tried once more at once.
+class RecordWriter {
+ public:
+  explicit RecordWriter(SynchronizedQueue<LogMessageData>& queue) : queue_(queue) {}
+  ~RecordWriter() { tellLoss(); }
+  RecordWriter(const RecordWriter&) = delete;
+  RecordWriter& operator=(const RecordWriter&) = delete;
+
+  void write(const LogMessageData& record) noexcept {
+    for (bool last = false; !isWritten(record);) {
+      if (last || rests_ == kRestsMax) {
+        ++lost_;
+        return;
+      }
+      last = queue_.isClosed();
+      if (last) continue;
+      ++rests_;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    rests_ = 0;
+    tellLoss();
+  }
+
+ private:
+  static constexpr int kRestsMax = 100;  // a second
+
+  static bool isWritten(const LogMessageData& record) {
     try {
       Kiv::log(accountingLogHandle, record.user, record.session, record.peer, record.rpc,
                record.status);
-      return;
+      return true;
     } catch (const std::exception&) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      return false;
     }
   }
-  try {
-    _defaultTraceHandle().write(0, "A record could not be written and is lost");
-  } catch (const std::exception&) {
-    // Nor is there memory to tell it.
+
+  void tellLoss() noexcept {
+    if (lost_ == 0) return;
+    try {
+      _defaultTraceHandle().write(
+          0, fmt::format("{} records could not be written and are lost", lost_));
+      lost_ = 0;
+    } catch (const std::exception&) {
+      // It is told behind the next record, when there is memory.
+    }
   }
-}
+
+  SynchronizedQueue<LogMessageData>& queue_;
+  int rests_ = 0;  // of this outage
+  std::uint64_t lost_ = 0;
+};
 
 }  // namespace
 
@@ -129,11 +166,12 @@ grpc::experimental::Interceptor* LoggingInterceptorFactory::CreateServerIntercep
 }
 
 void LoggingInterceptorFactory::consumer() {
+  RecordWriter writer(queue_);
   std::deque<LogMessageData> batch;
   while (queue_.swap(batch)) {
     traceBatch(batch.size());
     for (const auto& record : batch)
-      writeRecord(record);
+      writer.write(record);
     batch.clear();
     std::this_thread::sleep_for(kRest);
   }

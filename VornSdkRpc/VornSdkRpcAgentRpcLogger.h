@@ -57,7 +57,8 @@ class VORN_EXPORT LoggingInterceptor : public grpc::experimental::Interceptor {
 //
 // The thread rests for two milliseconds after every batch, so that a busy server's records gather
 // without a wake-up for each; a record that finds the thread idle is written at once. While memory
-// has run out, a record is tried again for a second, and then given up with a trace line.
+// has run out, records are tried again for a second in all, and without a wait once the server is
+// gone; then they are lost, and a trace line tells how many as soon as there is memory for it.
 class VORN_EXPORT LoggingInterceptorFactory
     : public grpc::experimental::ServerInterceptorFactoryInterface {
  public:

@@ -42,6 +42,12 @@ class SynchronizedQueue {
     return !(q.empty() && closed_);
   }
 
+  // Whether close() has been called. Any thread.
+  bool isClosed() {
+    const std::lock_guard lock(mutex_);
+    return closed_;
+  }
+
   // Lets the consumer take what is queued and then end. Calling it again changes nothing. Any
   // thread.
   void close() {

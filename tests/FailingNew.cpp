@@ -4,6 +4,11 @@
 
 void* operator new(std::size_t size) {
   if (test::allocationsLeft >= 0 && test::allocationsLeft-- == 0) throw std::bad_alloc();
+  if (test::allocationsFailing > 0) {
+    --test::allocationsFailing;
+    ++test::allocationsFailed;
+    throw std::bad_alloc();
+  }
   if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
   throw std::bad_alloc();
 }

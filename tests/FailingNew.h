@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <new>
 
 // The program's allocator fails on demand, when FailingNew.cpp is among its sources.
@@ -7,6 +8,10 @@ namespace test {
 
 // How many more allocations of this thread succeed before one fails; negative: all of them.
 inline thread_local int allocationsLeft = -1;
+
+// How many allocations of this thread fail from now on, and how many of all threads have failed.
+inline thread_local int allocationsFailing = 0;
+inline std::atomic<int> allocationsFailed = 0;
 
 // Calls `action` again and again, with its first allocation failing, then its second and so on, and
 // `check` after each that threw, until it succeeds. Answers how many failed.

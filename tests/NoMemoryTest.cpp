@@ -3,6 +3,7 @@
 #include <Kiv/Log.h>
 #include <Kiv/Trace.h>
 #include <VornSdkRpc/GrpcServer.h>
+#include <VornSdkRpc/TagManager.h>
 #include <gmock/gmock.h>
 #include <sys/wait.h>
 
@@ -153,6 +154,36 @@ TEST(NoMemory, ForAMomentLosesNoAccountingRecord) {
   EXPECT_THAT(log.lines(),
               ElementsAre(HasSubstr("status: 0"), HasSubstr("status: 1"), HasSubstr("status: 2")));
   EXPECT_THAT(left, ElementsAre(-1, -1, -1));
+}
+
+// A record is tried again a hundred times; the others of the same outage, once.
+TEST(NoMemory, GivesAnOutageOneBudgetAndTellsWhatItCost) {
+  constexpr int kLost = 50, kCalls = 60;
+  const Capture trace(Kiv::traceLogger());
+  const Capture log(Kiv::platformLogger(), [first = true]() mutable {
+    if (std::exchange(first, false)) allocationsFailing = 100 + kLost;
+  });
+  EchoServer server;
+  const auto stub = server.stub();
+  for (int i = 0; i <= kCalls; ++i)
+    EXPECT_EQ(callEcho(*stub, "0"), grpc::OK);
+  while (log.lines().size() < 1 + kCalls - kLost)
+    std::this_thread::yield();
+  server.stop();
+  EXPECT_EQ(log.lines().size(), std::size_t{1 + kCalls - kLost});
+  EXPECT_EQ(trace.count("50 records could not be written and are lost"), 1U);
+}
+
+TEST(NoMemory, DoesNotHoldUpAStop) {
+  const int before = allocationsFailed;
+  const Capture log(Kiv::platformLogger(), [] { allocationsFailing = 1'000'000; });
+  EchoServer server;
+  const auto stub = server.stub();
+  for (int i = 0; i <= 20; ++i)
+    EXPECT_EQ(callEcho(*stub, "0"), grpc::OK);
+  server.stop();
+  EXPECT_EQ(log.lines().size(), 1U);
+  EXPECT_LT(allocationsFailed - before, 200) << "a record of a closed queue is tried twice";
 }
 
 }  // namespace
