@@ -1,6 +1,7 @@
 #include <VornSdkRpc/GrpcServer.h>
 
 #include <Kiv/Trace.h>
+#include <VornSdkRpc/ProtobufLog.h>
 #include <VornSdkRpc/ScopedNamespace.h>
 #include <grpc/grpc.h>
 #include <grpcpp/health_check_service_interface.h>
@@ -129,6 +130,8 @@ GrpcServer::GrpcServer(grpc::ServerBuilder& builder,
       accountingEnabled_(accountingEnabled) {
   keepGrpcUp();
   builder.SetOption(std::make_unique<BuildsOnce>());
+  protobufLogToTrace();
+  Kiv::traceLogger();  // whose thread is to begin outside of the agent's namespace
   for (std::size_t id = 0; id < services_.size(); ++id) {
     claim(id);
     services_[id]->selfRegister(id, builder);

@@ -1,7 +1,10 @@
-// The platform's own sinks, when a disk is full and when nobody reads standard error.
+// The platform's own sinks, and a server behind them, when a disk is full and when nobody reads
+// standard error.
 #include <Kiv/FileSink.h>
+#include <Kiv/Log.h>
 #include <Kiv/QueuedSink.h>
 #include <Kiv/StderrSink.h>
+#include <Kiv/Trace.h>
 #include <gmock/gmock.h>
 #include <spdlog/logger.h>
 #include <sys/resource.h>
@@ -12,7 +15,9 @@
 #include <sstream>
 #include <string>
 
+#include "tests/Capture.h"
 #include "tests/FullStderr.h"
+#include "tests/ProbeService.h"
 
 namespace test {
 namespace {
@@ -119,6 +124,34 @@ TEST(QueuedSink, DropsWhatIsTooMuchAndTellsIt) {
   EXPECT_EQ(next, kLines);
   logger.info("again");
   EXPECT_THAT(full.readLines(1), ElementsAre("again"));
+}
+
+// What a thread that serves has to say about its clients, it says to nobody here: protobuf's
+// complaints, every trace there is and the log. In a process of its own, which must end.
+TEST(FullStderrDeathTest, HoldsUpNeitherCallsNorAStopNorTheExit) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto serve = [] {
+    const FullStderr full;
+    Kiv::traceSettingIs("*/0-31");
+    Kiv::platformLogger().sinks() = {std::make_shared<Kiv::StderrSink>()};
+    RunningServer running({std::make_shared<ProbeService>()}, true);
+    const auto stub = running.stub();
+    int answered = 0;
+    for (int i = 0; i < 100; ++i)
+      answered += callEcho(*stub, "\xff") == grpc::INTERNAL ? 1 : 0;
+    running.stop();
+    std::exit(answered);
+  };
+  EXPECT_EXIT(serve(), testing::ExitedWithCode(100), "");
+}
+
+TEST(ProtobufLog, GoesToTheTraceAtALimitedRate) {
+  const Capture trace(Kiv::traceLogger());
+  RunningServer running({std::make_shared<ProbeService>()});
+  const auto stub = running.stub();
+  for (int i = 0; i < 20; ++i)
+    callEcho(*stub, "\xff");
+  EXPECT_EQ(trace.count("protobuf/0: String field 'test.Text.text' contains invalid UTF-8"), 1U);
 }
 
 }  // namespace
