@@ -11,6 +11,23 @@ namespace {
 
 constexpr Tarsk::TaskPriority kTaskPriority{3};
 
+// Sets a node's flag, and puts back at the end of the scope what it was.
+class FlagScope {
+ public:
+  FlagScope(const Velm::Node& node, Velm::Node::NodeFlag flag)
+      : node_(node), flag_(flag), before_(node.nodeFlag(flag)) {
+    node_.nodeFlagSet(flag_, true);
+  }
+  ~FlagScope() { node_.nodeFlagSet(flag_, before_); }
+  FlagScope(const FlagScope&) = delete;
+  FlagScope& operator=(const FlagScope&) = delete;
+
+ private:
+  const Velm::Node& node_;
+  const Velm::Node::NodeFlag flag_;
+  const bool before_;
+};
+
 }  // namespace
 
 constinit Kiv::AllocTrackTypeInfo* GenericBacklogSm::memAllocationTracker_ = nullptr;
@@ -38,6 +55,8 @@ BacklogImplBase::BacklogImplBase(Velm::String name,
 BacklogImplBase::~BacklogImplBase() {
   if (backlogSm_) backlogSm_->backlogImpl_ = Gone::instance();
 }
+
+void BacklogImplBase::wake() { backlogSm_->wake(); }
 
 GenericBacklogSm::GenericBacklogSm(const Velm::String& name,
                                    const Velm::Ptr<Tarsk::TaskScheduler>& taskScheduler,
@@ -73,7 +92,7 @@ Velm::Ptr<Tarsk::Task> GenericBacklogSm::backlogTaskIs(
     unsubscribe();
   }
   task = Velm::Ptr<Tarsk::Task>(new Tarsk::Task(taskScheduler, taskPriority, taskName));
-  backlogTask_ = task;
+  exchangeTask(task);
   subscribe();
   handleBacklogTask();  // may be the end of this object
   return task;
@@ -81,7 +100,20 @@ Velm::Ptr<Tarsk::Task> GenericBacklogSm::backlogTaskIs(
 
 Velm::Ptr<Tarsk::Task> GenericBacklogSm::backlogTaskDel() {
   unsubscribe();
-  return std::exchange(backlogTask_, nullptr);
+  return exchangeTask(nullptr);
+}
+
+// The old task, whose last reference may go with the answer, is not let go under the lock.
+Velm::Ptr<Tarsk::Task> GenericBacklogSm::exchangeTask(Velm::Ptr<Tarsk::Task> task) {
+  const std::lock_guard lock(taskMutex_);
+  return std::exchange(backlogTask_, std::move(task));
+}
+
+// The lock is held while the task is asked, so that no reference has to be taken, the last one of
+// which would end the task on this thread.
+void GenericBacklogSm::wake() {
+  const std::lock_guard lock(taskMutex_);
+  if (backlogTask_) backlogTask_->runnableIs(true);
 }
 
 void GenericBacklogSm::handleBacklogTask() {
@@ -95,10 +127,13 @@ void GenericBacklogSm::checkBacklogImpl() const { assert(backlogImpl_); }
 void GenericBacklogSm::hasNotificationActiveIs(bool active) {
   if (nodeFlag(notificationActive) == active) return;
   nodeFlagSet(notificationActive, active);
-  const bool zombie = nodeFlag(zombieReactors);
-  nodeFlagSet(zombieReactors, true);
-  active ? subscribe() : unsubscribe();
-  nodeFlagSet(zombieReactors, zombie);
+  const FlagScope zombie(*this, zombieReactors);
+  try {
+    active ? subscribe() : unsubscribe();
+  } catch (...) {
+    nodeFlagSet(notificationActive, !active);
+    throw;
+  }
 }
 
 void GenericBacklogSm::kivDoZombieReactors(bool zombie) {
@@ -124,8 +159,13 @@ void GenericBacklogSm::operator delete(void* memory) noexcept {
 
 void GenericBacklogSm::subscribe() {
   if (!backlogTask_ || taskSubscriber_.callback != nullptr) return;
-  taskSubscriber_.callback = &backlogTaskDispatch;
-  backlogTask_->publisher()->subscriberAdd(taskSubscriber_, false);
+  taskSubscriber_.callback = &backlogTaskDispatch;  // which a publisher asks for
+  try {
+    backlogTask_->publisher()->subscriberAdd(taskSubscriber_, false);
+  } catch (...) {
+    taskSubscriber_.callback = nullptr;
+    throw;
+  }
 }
 
 void GenericBacklogSm::unsubscribe() {

@@ -11,28 +11,28 @@
 #include <vorn/export.h>
 
 #include <cstddef>
+#include <mutex>
 #include <utility>
 
 // Drains an agent's backlog in steps on a cooperative scheduler instead of all at once: derive from
-// BacklogImplBase, and ask the task of the state machine that it makes for a run when there is
-// work.
+// BacklogImplBase, and wake it when there is work.
 //
 //   class RouteBacklog : public VornSdkRpc::BacklogImplBase {
 //    public:
 //     explicit RouteBacklog(const Velm::Ptr<Tarsk::TaskScheduler>& scheduler)
-//         : BacklogImplBase("RouteBacklog", scheduler), task_(backlogSm_->backlogTask()) {}
+//         : BacklogImplBase("RouteBacklog", scheduler) {}
 //
 //     void add(Route route) {  // on any thread
 //       {
 //         const std::lock_guard lock(mutex_);
 //         routes_.push_back(std::move(route));
 //       }
-//       task_->runnableIs(true);
+//       wake();
 //     }
 //
 //    private:
 //     void handleBacklog() override {  // on the scheduler's thread
-//       if (programSome()) task_->runnableIs(true);  // more is left
+//       if (programSome()) wake();  // more is left
 //     }
 //     ...
 //   };
@@ -64,16 +64,16 @@ class VORN_EXPORT GenericBacklogSm : public Velm::Node {
       const Velm::String& name, const Velm::Ptr<Tarsk::TaskScheduler>& taskScheduler,
       BacklogImplBase* backlogImpl);
 
-  // The current task; empty after backlogTaskDel().
+  // The current task; empty after backlogTaskDel(). It is not the task for ever: whoever asks for
+  // runs calls BacklogImplBase::wake().
   Velm::Ptr<Tarsk::Task> backlogTask() const { return backlogTask_; }
 
   // Makes sure that the task has this scheduler, priority and name, and answers it. The current
   // task is kept, and its priority changed, when scheduler and name are the same. Otherwise a new
-  // task takes its place, and the implementation is called once at once: a run that was asked of
-  // the old task does not reach it any more, so it asks the new one. The new task is listened to
-  // even while notification is off. Throws what the task's constructor throws, and then the old
-  // task stays but is no longer listened to; passes on what handleBacklog() throws, with the new
-  // task in place.
+  // task takes its place, and the implementation is called once at once, which stands for every run
+  // that was asked of the old task. The new task is listened to even while notification is off.
+  // Throws what the task's constructor throws, and then the old task stays but is no longer
+  // listened to; passes on what handleBacklog() throws, with the new task in place.
   Velm::Ptr<Tarsk::Task> backlogTaskIs(const Velm::Ptr<Tarsk::TaskScheduler>& taskScheduler,
                                        Tarsk::TaskPriority taskPriority,
                                        const Velm::String& taskName);
@@ -93,7 +93,7 @@ class VORN_EXPORT GenericBacklogSm : public Velm::Node {
   void checkBacklogImpl() const;
 
   // Listens to the task's runs or stops listening. A run while it does not listen is lost, so an
-  // implementation asks again afterwards.
+  // implementation asks again afterwards. Nothing is changed when the subscription throws.
   void hasNotificationActiveIs(bool active);
 
   // Makes the state machine ignore the task's runs while `zombie`.
@@ -124,6 +124,12 @@ class VORN_EXPORT GenericBacklogSm : public Velm::Node {
     GenericBacklogSm* const sm;
   };
 
+  // What BacklogImplBase::wake() does. Any thread.
+  void wake();
+
+  // Puts a task, or none, in the current one's place, and answers that.
+  Velm::Ptr<Tarsk::Task> exchangeTask(Velm::Ptr<Tarsk::Task> task);
+
   void subscribe();
   void unsubscribe();
 
@@ -131,6 +137,7 @@ class VORN_EXPORT GenericBacklogSm : public Velm::Node {
   Velm::Ptr<Tarsk::Task> backlogTask_;
   TaskSubscriber taskSubscriber_{*this};
   bool initialized_ = false;
+  std::mutex taskMutex_;  // held by whoever changes backlogTask_, and by wake(), which reads it
 };
 
 // What an agent's backlog derives from. Construct and destroy it where the operations of its state
@@ -148,10 +155,20 @@ class VORN_EXPORT BacklogImplBase {
   BacklogImplBase(const BacklogImplBase&) = delete;
   BacklogImplBase& operator=(const BacklogImplBase&) = delete;
 
-  // Drains the backlog, or a step of it, and asks the task for another run when something is left.
-  // Called once for each run of the task, on the scheduler's thread, and once when the task is
-  // replaced. An exception passes on to whoever runs the scheduler.
+  // Drains the backlog, or a step of it, and calls wake() when something is left. Called once for
+  // each run of the task, on the scheduler's thread, and once when the task is replaced. An
+  // exception passes on to whoever runs the scheduler.
   virtual void handleBacklog() = 0;
+
+  // Asks the current task for one run. Asking again before the run changes nothing; what is asked
+  // during a run is another run. The run sees everything that the caller did before it asked.
+  //
+  // May be called on any thread, at any time between construction and destruction. It reaches the
+  // task that is current also while another takes its place, be it by backlogTaskIs() or by the
+  // platform's inspection: what is asked just before is made good by the call that handleBacklog()
+  // gets then, and so is what is asked while there is no task. Does nothing more than ask, and
+  // waits for no run.
+  void wake();
 
  protected:
   Velm::Ptr<GenericBacklogSm> backlogSm_;

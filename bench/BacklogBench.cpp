@@ -1,4 +1,4 @@
-// What one run of a backlog's task costs, from runnableIs() to handleBacklog(), beside the same
+// What one run of a backlog's task costs, from wake() to handleBacklog(), beside the same
 // work posted to an asio io_context in the same run of the program. The ratio of two rows is the
 // result; the times alone say more about the machine.
 #include <VornSdkRpc/StreamingToolkit.h>
@@ -46,13 +46,13 @@ class Work {
 // `count` backlogs on one scheduler, each with a task of its own.
 class Backlogs {
  public:
-  Backlogs(std::size_t count, std::function<void(Tarsk::Task&)> action)
+  Backlogs(std::size_t count, std::function<void(VornSdkRpc::BacklogImplBase&)> action)
       : action_(std::move(action)) {
     for (std::size_t i = 0; i < count; ++i)
       backlogs_.push_back(std::make_unique<Backlog>(scheduler_, *this));
   }
 
-  void ask(std::size_t index) { backlogs_[index]->task->runnableIs(true); }
+  void ask(std::size_t index) { backlogs_[index]->wake(); }
   void runOne() { scheduler_->runOne(); }
   void run() { scheduler_->run(); }
   void stop() { scheduler_->stop(); }
@@ -60,14 +60,13 @@ class Backlogs {
  private:
   struct Backlog : VornSdkRpc::BacklogImplBase {
     Backlog(const Velm::Ptr<Tarsk::TaskScheduler>& scheduler, Backlogs& all)
-        : BacklogImplBase("backlog", scheduler), owner(all), task(backlogSm_->backlogTask()) {}
-    void handleBacklog() override { owner.action_(*task); }
+        : BacklogImplBase("backlog", scheduler), owner(all) {}
+    void handleBacklog() override { owner.action_(*this); }
 
     Backlogs& owner;
-    const Velm::Ptr<Tarsk::Task> task;
   };
 
-  const std::function<void(Tarsk::Task&)> action_;
+  const std::function<void(VornSdkRpc::BacklogImplBase&)> action_;
   const Velm::Ptr<Tarsk::TaskScheduler> scheduler_{new Tarsk::TaskScheduler("bench")};
   std::vector<std::unique_ptr<Backlog>> backlogs_;
 };
@@ -171,7 +170,7 @@ BENCHMARK(BM_AcrossThreads_Asio)->Arg(1)->Arg(1'000)->UseRealTime();
 
 void BM_AmongRunnable_Backlog(benchmark::State& state) {
   Backlogs backlogs(static_cast<std::size_t>(state.range(0)),
-                    [](Tarsk::Task& task) { task.runnableIs(true); });
+                    [](auto& backlog) { backlog.wake(); });
   amongRunnable(state, backlogs);
 }
 BENCHMARK(BM_AmongRunnable_Backlog)->Arg(10)->Arg(1'000)->Arg(100'000);

@@ -1,7 +1,9 @@
 #include <VornSdkRpc/StreamingToolkit.h>
+#include <dlfcn.h>
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <atomic>
 #include <functional>
 #include <map>
 #include <memory>
@@ -15,6 +17,20 @@
 #include "FailingNew.h"
 
 extern "C" VORN_EXPORT const Velm::ModuleInspectData _StreamingToolkitSm_87e7dd33269edc9_kivModule;
+
+namespace {
+
+bool subscribingThrows = false;
+
+}  // namespace
+
+// Stands in the platform's place for a publisher that may fail to take a subscriber.
+void Velm::Publisher::subscriberAdd(Subscriber& subscriber, bool flag) {
+  if (subscribingThrows) throw std::runtime_error("subscriberAdd");
+  static auto* const next = reinterpret_cast<void (*)(Publisher*, Subscriber&, bool)>(
+      dlsym(RTLD_NEXT, "_ZN4Velm9Publisher13subscriberAddERNS_10SubscriberEb"));
+  next(this, subscriber, flag);
+}
 
 namespace {
 
@@ -334,11 +350,25 @@ TEST_F(BacklogTest, IsDrivenByInspection) {
   EXPECT_FALSE(inspectNode(sm, opDel));
 }
 
+TEST_F(BacklogTest, ChangesNothingWhenSubscribingThrows) {
+  Backlog backlog(scheduler_);
+  auto& sm = *backlog.sm();
+  sm.hasNotificationActiveIs(false);
+  subscribingThrows = true;
+  EXPECT_THROW(sm.hasNotificationActiveIs(true), std::runtime_error);
+  EXPECT_THROW(sm.backlogTaskIs(scheduler_, TaskPriority(3), "new"), std::runtime_error);
+  EXPECT_THROW(Backlog another(scheduler_), std::runtime_error);
+  subscribingThrows = false;
+  EXPECT_EQ(liveObjects(), 2U);
+  EXPECT_EQ(run(backlog, backlog.task()), 0);
+  sm.hasNotificationActiveIs(true);
+  EXPECT_EQ(run(backlog, backlog.task()), 1) << "it listens, and its reactors are awake";
+}
+
 // Filled on one thread, and drained in steps on another.
 TEST_F(BacklogTest, LosesNothingBetweenThreads) {
   constexpr int kTotal = 1'000'000;
   Backlog backlog(scheduler_);
-  const auto task = backlog.task();
   std::mutex mutex;
   int added = 0, taken = 0;
   backlog.action = [&] {
@@ -346,7 +376,7 @@ TEST_F(BacklogTest, LosesNothingBetweenThreads) {
     taken = std::min(taken + 100, added);
     const bool more = taken < added;
     lock.unlock();
-    if (more) task->runnableIs(true);
+    if (more) backlog.wake();
     if (taken == kTotal) scheduler_->stop();
   };
   std::thread thread([this] { scheduler_->run(); });
@@ -355,9 +385,49 @@ TEST_F(BacklogTest, LosesNothingBetweenThreads) {
       const std::lock_guard lock(mutex);
       added += 64;
     }
-    task->runnableIs(true);
+    backlog.wake();
   }
   thread.join();
+}
+
+// Filled on two threads while the task is replaced, in every way there is, on the scheduler's.
+TEST_F(BacklogTest, LosesNothingWhileTheTaskIsReplaced) {
+  constexpr int kEach = 20'000;
+  Backlog backlog(scheduler_);
+  auto& sm = *backlog.sm();
+  std::atomic<int> waiting = 0, running = 2;
+  backlog.action = [&] {
+    if (waiting > 0 && --waiting > 0) backlog.wake();
+  };
+  const auto produce = [&] {
+    for (int i = 0; i < kEach; ++i) {
+      ++waiting;
+      backlog.wake();
+    }
+    --running;
+  };
+  std::thread producers[] = {std::thread(produce), std::thread(produce)};
+
+  TaskPriority priority{3};
+  Velm::String names[] = {"one", "other"};
+  for (unsigned round = 0; running > 0; ++round) {
+    auto& name = names[round % 2];
+    if (round % 3 == 0) {
+      sm.backlogTaskIs(scheduler_, priority, name);
+    } else if (round % 3 == 1) {
+      void* arguments[] = {scheduler_.get(), &priority, &name};
+      inspectNode(sm, opSet, arguments);
+    } else {
+      sm.backlogTaskDel();
+      sm.backlogTaskIs(scheduler_, priority, name);
+    }
+    scheduler_->runOne();
+  }
+  for (auto& producer : producers)
+    producer.join();
+  while (scheduler_->runOne()) {
+  }
+  EXPECT_EQ(waiting, 0);
 }
 
 }  // namespace

@@ -17,9 +17,7 @@ constexpr std::size_t kBytesPerChange = 64;
 }  // namespace
 
 Backlog::Drain::Drain(Backlog& backlog, const Velm::Ptr<Tarsk::TaskScheduler>& scheduler)
-    : BacklogImplBase("RoutingBacklog", scheduler),
-      backlog_(backlog),
-      task_(backlogSm_->backlogTask()) {}
+    : BacklogImplBase("RoutingBacklog", scheduler), backlog_(backlog) {}
 
 void Backlog::Drain::handleBacklog() {
   std::vector<Waiting> changes;

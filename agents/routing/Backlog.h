@@ -63,11 +63,9 @@ class Backlog {
    public:
     Drain(Backlog& backlog, const Velm::Ptr<Tarsk::TaskScheduler>& scheduler);
     void handleBacklog() override;
-    void wake() { task_->runnableIs(true); }
 
    private:
     Backlog& backlog_;
-    Velm::Ptr<Tarsk::Task> task_;
   };
 
   struct Waiting {

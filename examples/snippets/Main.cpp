@@ -121,16 +121,14 @@ void stopOnSignal(const sigset_t& signals, VornSdkRpc::GrpcServer& server) {
 class RouteBacklog : public VornSdkRpc::BacklogImplBase {
  public:
   RouteBacklog(const Velm::Ptr<Tarsk::TaskScheduler>& scheduler, RouteTable& table)
-      : BacklogImplBase("RouteBacklog", scheduler),
-        table_(table),
-        task_(backlogSm_->backlogTask()) {}
+      : BacklogImplBase("RouteBacklog", scheduler), table_(table) {}
 
   void add(const ip_route_msg& route) {  // any thread
     {
       const std::lock_guard lock(mutex_);
       waiting_.push_back(route);
     }
-    task_->runnableIs(true);
+    wake();
   }
 
  private:
@@ -141,11 +139,10 @@ class RouteBacklog : public VornSdkRpc::BacklogImplBase {
       table_.add(waiting_.front());
       waiting_.pop_front();
     }
-    task_->runnableIs(true);  // there may be more: other tasks go first
+    wake();  // there may be more: other tasks go first
   }
 
   RouteTable& table_;
-  const Velm::Ptr<Tarsk::Task> task_;
   std::mutex mutex_;
   std::deque<ip_route_msg> waiting_;
 };
