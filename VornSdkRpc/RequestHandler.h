@@ -31,7 +31,7 @@ class VORN_EXPORT RequestHandler {
     FINISHED = 2,
   };
 
-  virtual ~RequestHandler() = default;
+  virtual ~RequestHandler();
 
   // Advances the call by the completion of `tag`: the handler's primary tag or one of its extra
   // tags. Whether the operation succeeded is answered by GrpcService::completionOk(). A handler

@@ -24,20 +24,28 @@ if(PROJECT_VERSION_MAJOR EQUAL 0)
   string(APPEND VORN_ABI_VERSION .${PROJECT_VERSION_MINOR})
 endif()
 
-# A shared library that agents link: symbols hidden unless exported, assertions on in every build type.
-# Its exported names are listed in tests/exports.
+# vorn_shared_library(NAME [EXPORTS map] sources...): a shared library that agents link. It exports what cmake/exports.map,
+# or another map there, lets through and its sources mark; tests/exports lists it. Assertions are on in every build type. It
+# is never unloaded: what it tells protobuf and the platform's introspection about itself can't be taken back.
 function(vorn_shared_library target)
-  add_library(${target} SHARED ${ARGN})
+  cmake_parse_arguments(arg "" "EXPORTS" "" ${ARGN})
+  set(map ${PROJECT_SOURCE_DIR}/cmake/exports.map)
+  if(arg_EXPORTS)
+    set(map ${PROJECT_SOURCE_DIR}/cmake/${arg_EXPORTS})
+  endif()
+  add_library(${target} SHARED ${arg_UNPARSED_ARGUMENTS})
   add_library(VornSdkRpc::${target} ALIAS ${target})
   set_target_properties(${target} PROPERTIES
     CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
     VERSION ${PROJECT_VERSION} SOVERSION ${VORN_ABI_VERSION}
-    LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/exports.map)
+    LINK_DEPENDS ${map}
+    # Side by side, as they are installed, so that they find one another here and there in the same way.
+    LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/VornSdkRpc BUILD_WITH_INSTALL_RPATH ON)
   target_compile_features(${target} PUBLIC cxx_std_20)
   target_compile_options(${target} PRIVATE -UNDEBUG -fno-semantic-interposition)
   target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:vorn_build_flags>)
+  target_link_options(${target} PRIVATE -Wl,-z,nodelete)
   if(NOT VORNSDKRPC_SANITIZE)
-    target_link_options(${target} PRIVATE -Wl,-z,defs
-      -Wl,--version-script=${PROJECT_SOURCE_DIR}/cmake/exports.map)
+    target_link_options(${target} PRIVATE -Wl,-z,defs -Wl,--version-script=${map})
   endif()
 endfunction()
