@@ -4,6 +4,7 @@
 
 void* operator new(std::size_t size) {
   if (test::allocationsLeft >= 0 && test::allocationsLeft-- == 0) throw std::bad_alloc();
+  if (size >= test::allocationTooLarge) throw std::bad_alloc();
   if (test::allocationsFailing > 0) {
     --test::allocationsFailing;
     ++test::allocationsFailed;

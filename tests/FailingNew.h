@@ -1,6 +1,8 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
+#include <limits>
 #include <new>
 
 // The program's allocator fails on demand, when FailingNew.cpp is among its sources.
@@ -8,6 +10,9 @@ namespace test {
 
 // How many more allocations of this thread succeed before one fails; negative: all of them.
 inline thread_local int allocationsLeft = -1;
+
+// The size from which on every allocation of this thread fails.
+inline thread_local std::size_t allocationTooLarge = std::numeric_limits<std::size_t>::max();
 
 // How many allocations of this thread fail from now on, and how many of all threads have failed.
 inline thread_local int allocationsFailing = 0;
