@@ -81,10 +81,7 @@ class KitService : public rpc::Service<Probe> {
   std::atomic<int> elsewhere = 0;  // steps that ran on another thread than the serving one
 
  private:
-  void serverStarted() override {
-    servingThread = std::this_thread::get_id();
-    Service::serverStarted();
-  }
+  void opened() override { servingThread = std::this_thread::get_id(); }
 
   // Listens for its lifetime.
   class Listener {
