@@ -7,7 +7,7 @@ install(TARGETS VornSdkRpcLib VornSdkRpcProtos VornPlatform EXPORT VornSdkRpcLib
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 foreach(folder VornSdkRpc vorn)
-  install(DIRECTORY ${folder} TYPE INCLUDE COMPONENT dev FILES_MATCHING PATTERN "*.h")
+  install(DIRECTORY ${folder} TYPE INCLUDE COMPONENT dev FILES_MATCHING PATTERN "*.h" PATTERN FileWatch.h EXCLUDE)
 endforeach()
 install(DIRECTORY platform/ TYPE INCLUDE COMPONENT dev FILES_MATCHING PATTERN "*.h" PATTERN SinkFailures.h EXCLUDE)
 install(FILES ${VORN_GENERATED_DIR}/vorn/export.h

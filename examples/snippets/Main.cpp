@@ -5,6 +5,8 @@
 #include <Kiv/Log.h>
 #include <Kiv/Trace.h>
 #include <VornSdkRpc/GrpcServer.h>
+#include <VornSdkRpc/InsecureCredentials.h>
+#include <VornSdkRpc/PolicyGuard.h>
 #include <VornSdkRpc/StreamingToolkit.h>
 #include <VornSdkRpc/Utils.h>
 #include <VornSdkRpc/VornSdkRpcAgentRpcLogger.h>
@@ -17,6 +19,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
+#include <fstream>
 #include <iostream>
 #include <stdexcept>
 #include <thread>
@@ -70,6 +73,15 @@ void configure(grpc::ServerBuilder& builder, const std::string& address) {
   builder.SetMaxReceiveMessageSize(1 << 20);
 }
 // [builder]
+
+// [policy]
+void listenGuarded(grpc::ServerBuilder& builder, const std::string& address,
+                   const VornSdkRpc::PolicyFile& policy) {
+  const auto identity = std::make_shared<UserOfConnection>();
+  builder.AddListeningPort(
+      address, VornSdkRpc::insecureServerCredentials(policyProcessor(policy.guard(), identity)));
+}
+// [policy]
 
 void accountingIs(grpc::ServerBuilder& builder) {
   // [accounting]
@@ -226,6 +238,17 @@ void callsEverything(grpc::ChannelInterface& channel) {
           "a caller need not wait for the end of one");
 }
 
+void isGuarded(const std::string& address) {
+  const auto channel = grpc::CreateChannel(address, grpc::InsecureChannelCredentials());
+  grpc::ClientContext setting, napping;
+  rpc_status_msg reply;
+  nap_msg nap;
+  require(Routes::NewStub(channel)->Set(&setting, route("1234", 32), &reply).ok(),
+          "a policy allows what a rule of it matches");
+  require(Naps::NewStub(channel)->Nap(&napping, nap, &nap).error_code() == grpc::PERMISSION_DENIED,
+          "and nothing else");
+}
+
 void drains(RouteTable& table) {
   const Velm::Ptr<Tarsk::TaskScheduler> scheduler(new Tarsk::TaskScheduler("scheduler"));
   RouteBacklog backlog(scheduler, table);
@@ -255,6 +278,10 @@ void run(int argc, char** argv) {
   grpc::ServerBuilder builder;
   configure(builder, address);
   accountingIs(builder);
+  std::ofstream("policy.json") << R"({"name": "routes only", "allow_rules": [
+    {"name": "routes", "request": {"paths": ["/snippets.Routes/*"]}}]})";
+  const VornSdkRpc::PolicyFile policy("policy.json");
+  listenGuarded(builder, address + ".guarded", policy);
   {
     // [serve]
     VornSdkRpc::ServerProperties properties{std::string(netns)};
@@ -270,6 +297,7 @@ void run(int argc, char** argv) {
     std::thread client([&] {
       const auto channel = grpc::CreateChannel(address, grpc::experimental::LocalCredentials(UDS));
       callsEverything(*channel);
+      isGuarded(address + ".guarded");
       // A nap that the stop ends.
       grpc::ClientContext context;
       nap_msg nap;
