@@ -1,5 +1,5 @@
 // Whatever words a command line holds: picking an option out of it leaves the others as they were,
-// and the routing agent reads it or says why not.
+// and the routing agent reads it or says why not. Nor does a configuration file matter.
 
 #include <VornSdkRpc/Argv.h>
 
@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "agents/routing/Options.h"
@@ -65,6 +66,7 @@ void checkArgv(Words words) {
 }
 
 void checkOptions(Words words) {
+  std::erase(words, "--config");  // the file is checkConfig's
   auto pointers = pointersTo(words);
   try {
     const auto options =
@@ -77,11 +79,23 @@ void checkOptions(Words words) {
   }
 }
 
+void checkConfig(const std::string& text) {
+  routing_agent::Options options;
+  try {
+    routing_agent::parseConfig(text, "config", options);
+    require(!options.listen.empty() && options.keepaliveMs >= 100);
+  } catch (const routing_agent::UsageError& error) {
+    require(std::string_view(error.what()).starts_with("config:"));
+  }
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const Words words = wordsOf(std::string(reinterpret_cast<const char*>(data), size));
+  const std::string text(reinterpret_cast<const char*>(data), size);
+  const Words words = wordsOf(text);
   checkArgv(words);
   checkOptions(words);
+  checkConfig(text);
   return 0;
 }

@@ -352,5 +352,39 @@ TEST(Options, AreReadOrRefusedInOneLine) {
   }
 }
 
+TEST(Options, OfAFileNameTheirLinesWhenTheyAreWrong) {
+  const auto parsed = [](std::string_view text) {
+    Options options;
+    parseConfig(text, "agent.conf", options);
+    return options;
+  };
+  const Options options = parsed(
+      "listen = ['a:1', \"unix:/b\"]\n# and\nstep-ms = 7\n"
+      "no-accounting = true\nprogram-kernel = false\n");
+  EXPECT_THAT(options.listen, testing::ElementsAre("a:1", "unix:/b"));
+  EXPECT_EQ(options.stepTime.count(), 7);
+  EXPECT_FALSE(options.accounting);
+  EXPECT_FALSE(options.programKernel);
+  for (const auto& [text, message] : std::initializer_list<std::pair<const char*, const char*>>{
+           {"\nbogus = 1", "agent.conf:2: unknown key bogus"},
+           {"help = true", "agent.conf:1: unknown key help"},
+           {"netns = ['a']", "agent.conf:1: netns takes a text in double quotes, or a number"},
+           {"log = ''", "agent.conf:1: log needs a value"},
+           {"listen = []", "agent.conf:1: listen needs a value"},
+           {"log = \"a\\u0000b\"", "agent.conf:1: log has a NUL in it"},
+           {"no-accounting = 1", "agent.conf:1: no-accounting takes true or false"},
+           {"step-ms = 1001", "agent.conf:1: step-ms takes a number from 0 to 1000"},
+       }) {
+    try {
+      parsed(text);
+      ADD_FAILURE() << "taken instead of: " << message;
+    } catch (const UsageError& error) {
+      EXPECT_STREQ(error.what(), message);
+    }
+  }
+  EXPECT_THROW(parsed("log = 'a'\nlog = 'b'"), UsageError);
+  EXPECT_THROW(parsed("log"), UsageError);
+}
+
 }  // namespace
 }  // namespace routing_agent

@@ -116,9 +116,13 @@ void configureBuilder(grpc::ServerBuilder& builder, const Options& options) {
   }
 }
 
-// The settings that throw when they are wrong, in the user's terms.
-void applySettings(const Options& options) try {
+void applyTrace(const Options& options) try {
   Kiv::traceSettingIs(options.trace);
+} catch (const std::exception& error) {
+  throw UsageError(error.what());
+}
+
+void openLog(const Options& options) try {
   if (options.log == "-") {
     Kiv::platformLogger().sinks() = {std::make_shared<Kiv::StderrSink>()};
   } else if (!options.log.empty()) {
@@ -135,8 +139,17 @@ std::shared_ptr<grpc::ServerCredentials> credentials(const std::string& address,
   throw UsageError(error.what());
 }
 
+// Whether the agent could start like this, as far as it can be told without a trace of it left.
+void check(const Options& options) {
+  applyTrace(options);
+  checkNamespace(options.netns);
+  for (const auto& address : options.listen)
+    credentials(address, options.identity);
+}
+
 void serve(const Options& options) {
-  applySettings(options);
+  applyTrace(options);
+  openLog(options);
   checkNamespace(options.netns);
 
   // gRPC's standard services, for tools that ask any server for its health and its methods.
@@ -184,11 +197,15 @@ int main(int argc, char** argv) {
   grpcLogToTrace();
   try {
     const Options options = parseOptions(argc, argv);
-    if (options.help) {
-      std::fputs(kHelp, stdout);
+    if (options.help || options.version) {
+      std::fputs((options.help ? help() : version()).c_str(), stdout);
       return 0;
     }
-    serve(options);
+    if (options.checkConfig) {
+      check(options);
+    } else {
+      serve(options);
+    }
     return 0;
   } catch (const UsageError& error) {
     std::fprintf(stderr, "routing_agent: %s\n", error.what());

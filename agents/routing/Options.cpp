@@ -1,48 +1,112 @@
 #include "agents/routing/Options.h"
 
 #include <VornSdkRpc/Argv.h>
+#include <toml++/toml.h>
 
+#include <algorithm>
 #include <charconv>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string_view>
 
 namespace routing_agent {
 
-const char* const kHelp = R"(Keeps routing tables and serves them over gRPC.
-
-usage: routing_agent [OPTION...]
-
-  --listen ADDRESS     where to listen: HOST:PORT or unix:PATH; may be given again
-                       (default: 127.0.0.1:50051)
-  --netns NAME         listen in this network namespace, as `ip netns` knows it
-  --program-kernel     program IP routes into the kernel of that namespace as well,
-                       and remove them at a clean stop
-  --step-ms NUMBER     programming a step of 64 changes takes this long, as on slow
-                       hardware (default: 0)
-  --backlog-mib NUMBER
-                       mebibytes of changes that may wait to be programmed; then
-                       streams are held up and single changes refused (default: 64)
-  --tls-cert FILE      the agent's certificate, its private key, and the authorities
-  --tls-key FILE       whose client certificates are accepted, all PEM: TCP callers
-  --client-ca FILE     then need TLS with a client certificate
-  --local-credentials  callers on a loopback address are told apart by gRPC's local
-                       credentials, as those on a Unix socket always are
-  --keepalive-ms NUMBER
-                       a peer that has been silent for so long is pinged, and given up
-                       when it does not answer within a second (default: 10000)
-  --no-accounting      do not write a log record for every call
-  --log FILE           write the log to this file, - for standard error (default:
-                       syslog where there is one, standard error otherwise)
-  --trace SETTING      trace levels by name, on standard error, such as
-                       "GrpcServer/8,Routing-service/8"
-  --help               this text
-
-SIGINT and SIGTERM stop the agent. It exits with 0 after a clean stop, with 2 when an
-option is wrong or it can't listen, and with 1 when something else fails.
-)";
-
 namespace {
 
-// The value of an option that is given at most once more; empty when it isn't.
+using Values = std::vector<std::string>;  // never empty; one, unless the option may be repeated
+
+// One option, on the command line and in the configuration file.
+struct Option {
+  std::string_view name;      // with dashes; a key of the file has none
+  std::string_view argument;  // what the help calls its value; empty for a switch
+  std::string_view help;      // its lines
+  // Throws UsageError, without the option's name.
+  void (*set)(Options& options, const Values& values);
+  bool repeats = false;
+  bool inFile = true;
+};
+
+int number(const std::string& text, int min, int max) {
+  int result = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), result);
+  if (error != std::errc() || end != text.data() + text.size() || result < min || result > max) {
+    throw UsageError("takes a number from " + std::to_string(min) + " to " + std::to_string(max));
+  }
+  return result;
+}
+
+// In the order of the help.
+const Option kOptions[] = {
+    {"--listen", "ADDRESS",
+     "where to listen: HOST:PORT or unix:PATH; may be given again\n"
+     "(default: 127.0.0.1:50051)",
+     [](Options& options, const Values& values) { options.listen = values; }, true},
+    {"--netns", "NAME", "listen in this network namespace, as `ip netns` knows it",
+     [](Options& options, const Values& values) { options.netns = values[0]; }},
+    {"--program-kernel", "",
+     "program IP routes into the kernel of that namespace as well,\n"
+     "and remove them at a clean stop",
+     [](Options& options, const Values&) { options.programKernel = true; }},
+    {"--step-ms", "NUMBER",
+     "programming a step of 64 changes takes this long, as on slow\n"
+     "hardware (default: 0)",
+     [](Options& options, const Values& values) {
+       options.stepTime = std::chrono::milliseconds(number(values[0], 0, 1000));
+     }},
+    {"--backlog-mib", "NUMBER",
+     "mebibytes of changes that may wait to be programmed; then\n"
+     "streams are held up and single changes refused (default: 64)",
+     [](Options& options, const Values& values) {
+       options.backlogMib = static_cast<std::size_t>(number(values[0], 1, 1 << 20));
+     }},
+    {"--tls-cert", "FILE", "the agent's certificate, its private key, and the authorities",
+     [](Options& options, const Values& values) { options.identity.tlsCert = values[0]; }},
+    {"--tls-key", "FILE", "whose client certificates are accepted, all PEM: TCP callers",
+     [](Options& options, const Values& values) { options.identity.tlsKey = values[0]; }},
+    {"--client-ca", "FILE", "then need TLS with a client certificate",
+     [](Options& options, const Values& values) { options.identity.clientCa = values[0]; }},
+    {"--local-credentials", "",
+     "callers on a loopback address are told apart by gRPC's local\n"
+     "credentials, as those on a Unix socket always are",
+     [](Options& options, const Values&) { options.identity.loopback = true; }},
+    {"--keepalive-ms", "NUMBER",
+     "a peer that has been silent for so long is pinged, and given up\n"
+     "when it does not answer within a second (default: 10000)",
+     [](Options& options, const Values& values) {
+       options.keepaliveMs = number(values[0], 100, 3600000);
+     }},
+    {"--no-accounting", "", "do not write a log record for every call",
+     [](Options& options, const Values&) { options.accounting = false; }},
+    {"--log", "FILE",
+     "write the log to this file, - for standard error (default:\n"
+     "syslog where there is one, standard error otherwise)",
+     [](Options& options, const Values& values) { options.log = values[0]; }},
+    {"--trace", "SETTING",
+     "trace levels by name, on standard error, such as\n"
+     "\"GrpcServer/8,Routing-service/8\"",
+     [](Options& options, const Values& values) { options.trace = values[0]; }},
+    {"--check-config", "",
+     "say whether the agent could start with these options and\n"
+     "files, and exit",
+     [](Options& options, const Values&) { options.checkConfig = true; }, false, false},
+    {"--version", "", "print the version and exit",
+     [](Options& options, const Values&) { options.version = true; }, false, false},
+    {"--help", "", "this text; so does -h",
+     [](Options& options, const Values&) { options.help = true; }, false, false},
+};
+
+void apply(const Option& option, const Values& values, const std::string& name,
+           Options& options) try {
+  option.set(options, values);
+} catch (const UsageError& error) {
+  throw UsageError(name + " " + error.what());
+}
+
+// ------------------------------------------------------------------------------------------------
+// The command line
+
+// The value of an option, which is removed; empty when it isn't there.
 std::string value(std::vector<char*>& arguments, std::string_view option) {
   const auto before = arguments.size();
   const std::string_view found = VornSdkRpc::argv::getOptionValue(arguments, option, {});
@@ -53,45 +117,130 @@ std::string value(std::vector<char*>& arguments, std::string_view option) {
   return std::string(found);
 }
 
-// The same for a number; `missing` when it isn't given.
-int number(std::vector<char*>& arguments, std::string_view option, int missing, int min, int max) {
-  const std::string text = value(arguments, option);
-  if (text.empty()) return missing;
-  int result = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), result);
-  if (error != std::errc() || end != text.data() + text.size() || result < min || result > max) {
-    throw UsageError(std::string(option) + " takes a number from " + std::to_string(min) + " to " +
-                     std::to_string(max));
+Values valuesOf(const Option& option, std::vector<char*>& arguments) {
+  Values values;
+  if (option.argument.empty()) {
+    if (VornSdkRpc::argv::isOptionPresent(arguments, option.name)) values.emplace_back();
+    return values;
   }
-  return result;
+  do {
+    std::string given = value(arguments, option.name);
+    if (given.empty()) break;
+    values.push_back(std::move(given));
+  } while (option.repeats);
+  return values;
+}
+
+// ------------------------------------------------------------------------------------------------
+// The configuration file
+
+[[noreturn]] void refuse(const std::string& source, const toml::source_region& place,
+                         const std::string& why) {
+  throw UsageError(source + ":" + std::to_string(place.begin.line) + ": " + why);
+}
+
+std::string scalarOf(const toml::node& node) {
+  if (const auto text = node.value_exact<std::string>()) {
+    if (text->empty()) throw UsageError("needs a value");
+    if (text->find('\0') != std::string::npos) throw UsageError("has a NUL in it");
+    return *text;
+  }
+  if (const auto integer = node.value_exact<std::int64_t>()) return std::to_string(*integer);
+  throw UsageError("takes a text in double quotes, or a number");
+}
+
+// Empty for a switch that is off.
+Values valuesOf(const Option& option, const toml::node& node) {
+  if (option.argument.empty()) {
+    const auto on = node.value_exact<bool>();
+    if (!on) throw UsageError("takes true or false");
+    return *on ? Values{""} : Values{};
+  }
+  const auto* list = node.as_array();
+  if (!list || !option.repeats) return {scalarOf(node)};
+  Values values;
+  for (const auto& element : *list)
+    values.push_back(scalarOf(element));
+  if (values.empty()) throw UsageError("needs a value");
+  return values;
+}
+
+std::string contentsOf(const std::string& file) {
+  std::error_code error;
+  if (!std::filesystem::is_regular_file(file, error)) {
+    throw UsageError("cannot read " + file + ": " +
+                     (error ? error.message() : "it is no regular file"));
+  }
+  std::ifstream in(file, std::ios::binary);
+  std::string text(std::istreambuf_iterator<char>(in), {});
+  if (!in) throw UsageError("cannot read " + file + ": " + std::generic_category().message(errno));
+  return text;
 }
 
 }  // namespace
 
+void parseConfig(std::string_view text, const std::string& source, Options& options) {
+  toml::table table;
+  try {
+    table = toml::parse(text);
+  } catch (const toml::parse_error& error) {
+    refuse(source, error.source(), std::string(error.description()));
+  }
+  for (const auto& [key, node] : table) {
+    const std::string name(key.str());
+    const auto option = std::ranges::find_if(
+        kOptions, [&](const Option& one) { return one.inFile && one.name.substr(2) == name; });
+    if (option == std::end(kOptions)) refuse(source, key.source(), "unknown key " + name);
+    try {
+      const Values values = valuesOf(*option, node);
+      if (!values.empty()) option->set(options, values);
+    } catch (const UsageError& error) {
+      refuse(source, key.source(), name + " " + error.what());
+    }
+  }
+}
+
 Options parseOptions(int argc, char** argv) {
-  using VornSdkRpc::argv::isOptionPresent;
   auto arguments = VornSdkRpc::argv::vectorize(argc, argv);
   Options options;
-  options.help = isOptionPresent(arguments, "--help");
-  for (auto address = value(arguments, "--listen"); !address.empty();
-       address = value(arguments, "--listen")) {
-    options.listen.push_back(address);
+  if (const std::string file = value(arguments, "--config"); !file.empty()) {
+    parseConfig(contentsOf(file), file, options);
   }
-  if (options.listen.empty()) options.listen = {"127.0.0.1:50051"};
-  options.netns = value(arguments, "--netns");
-  options.programKernel = isOptionPresent(arguments, "--program-kernel");
-  options.stepTime = std::chrono::milliseconds(number(arguments, "--step-ms", 0, 0, 1000));
-  options.backlogMib = static_cast<std::size_t>(number(arguments, "--backlog-mib", 64, 1, 1 << 20));
-  options.keepaliveMs = number(arguments, "--keepalive-ms", options.keepaliveMs, 100, 3600000);
-  options.identity.tlsCert = value(arguments, "--tls-cert");
-  options.identity.tlsKey = value(arguments, "--tls-key");
-  options.identity.clientCa = value(arguments, "--client-ca");
-  options.identity.loopback = isOptionPresent(arguments, "--local-credentials");
-  options.accounting = !isOptionPresent(arguments, "--no-accounting");
-  options.log = value(arguments, "--log");
-  options.trace = value(arguments, "--trace");
+  options.help = VornSdkRpc::argv::isOptionPresent(arguments, "-h");
+  for (const Option& option : kOptions) {
+    const Values values = valuesOf(option, arguments);
+    if (!values.empty()) apply(option, values, std::string(option.name), options);
+  }
   if (arguments.size() > 1) throw UsageError(std::string("unknown option ") + arguments[1]);
   return options;
+}
+
+std::string version() { return "routing_agent " ROUTING_AGENT_VERSION "\n"; }
+
+std::string help() {
+  constexpr std::size_t kColumn = 23;
+  std::string text =
+      "Keeps routing tables and serves them over gRPC.\n\n"
+      "usage: routing_agent [OPTION...]\n\n"
+      "  --config FILE        read options from this file, in TOML: a key is an option\n"
+      "                       without its dashes, a switch is true or false; the command\n"
+      "                       line replaces what it says\n";
+  for (const Option& option : kOptions) {
+    std::string line = "  " + std::string(option.name);
+    if (!option.argument.empty()) line.append(" ").append(option.argument);
+    if (line.size() >= kColumn - 1) line += "\n";
+    const auto begin = line.rfind('\n') + 1;
+    line.append(kColumn - (line.size() - begin), ' ');
+    for (const char c : option.help) {
+      line += c;
+      if (c == '\n') line.append(kColumn, ' ');
+    }
+    text += line + "\n";
+  }
+  return text + R"(
+SIGINT and SIGTERM stop the agent. It exits with 0 after a clean stop, with 2 when an
+option is wrong or it can't listen, and with 1 when something else fails.
+)";
 }
 
 }  // namespace routing_agent

@@ -1,18 +1,20 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "agents/routing/Identity.h"
 
+// What the agent is told at its start: by its command line, and by a configuration file whose keys
+// are the command line's options without the dashes.
 namespace routing_agent {
 
-// What the command line says.
 struct Options {
-  std::vector<std::string> listen;  // addresses, as gRPC writes them
-  std::string netns;                // network namespace to listen in; empty: the agent's own
+  std::vector<std::string> listen{"127.0.0.1:50051"};  // addresses, as gRPC writes them
+  std::string netns;  // network namespace to listen in; empty: the agent's own
   IdentityOptions identity;
   bool accounting = true;
   bool programKernel = false;
@@ -21,19 +23,27 @@ struct Options {
   int keepaliveMs = 10000;                // silence after which a peer is asked whether it lives
   // File of the platform log, "-" for standard error; empty: the platform's default.
   std::string log;
-  std::string trace;  // trace setting
-  bool help = false;
+  std::string trace;         // trace setting
+  bool help = false;         // print help() and exit
+  bool version = false;      // print version() and exit
+  bool checkConfig = false;  // say whether the agent could start like this, and exit
 };
 
-// A command line that can't be followed. what() is one line for the user.
+// A command line or a configuration file that can't be followed. what() is one line for the user.
 struct UsageError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// The text of --help.
-extern const char* const kHelp;
+// The text of --help, and that of --version.
+std::string help();
+std::string version();
 
-// Reads the command line. Throws UsageError.
+// Reads the command line and, where it names one with --config, the configuration file. What the
+// command line says replaces what the file says. Throws UsageError.
 Options parseOptions(int argc, char** argv);
+
+// Reads the text of a configuration file into `options`. `source` is what errors call it; they name
+// its line as well. Throws UsageError.
+void parseConfig(std::string_view text, const std::string& source, Options& options);
 
 }  // namespace routing_agent
