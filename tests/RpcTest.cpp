@@ -1,12 +1,12 @@
 #include <Kiv/Trace.h>
 #include <VornSdkRpc/Rpc.h>
+#include <VornSdkRpc/RpcEvents.h>
 #include <gmock/gmock.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <map>
-#include <set>
 #include <thread>
 
 #include "tests/Capture.h"
@@ -65,16 +65,7 @@ class KitService : public rpc::Service<Probe> {
     });
   }
 
-  // Wakes every call that listens.
-  void wake() {
-    const std::lock_guard lock(mutex_);
-    for (auto* event : listening_)
-      event->set();
-  }
-  std::size_t listening() const {
-    const std::lock_guard lock(mutex_);
-    return listening_.size();
-  }
+  rpc::Events wake;  // of every call that listens
   std::thread::id servingThread;
   std::atomic<int> alive = 0;
   std::atomic<int> cancelled = 0;
@@ -82,25 +73,6 @@ class KitService : public rpc::Service<Probe> {
 
  private:
   void opened() override { servingThread = std::this_thread::get_id(); }
-
-  // Listens for its lifetime.
-  class Listener {
-   public:
-    Listener(KitService& service, rpc::Event& event) : service_(service), event_(event) {
-      const std::lock_guard lock(service_.mutex_);
-      service_.listening_.insert(&event_);
-    }
-    Listener(const Listener&) = delete;
-    Listener& operator=(const Listener&) = delete;
-    ~Listener() {
-      const std::lock_guard lock(service_.mutex_);
-      service_.listening_.erase(&event_);
-    }
-
-   private:
-    KitService& service_;
-    rpc::Event& event_;
-  };
 
   rpc::Task<> echo(rpc::Call& call, const Text& text, Text& reply) {
     // Before the first await, in the plain part of the function.
@@ -132,7 +104,7 @@ class KitService : public rpc::Service<Probe> {
       ended(call);
     } else if (text.text() == "listen") {
       rpc::Event event;
-      const Listener listener(*this, event);
+      const rpc::Events::Subscription listening(wake, event);
       co_await call.wait(event);
       ended(call);
     } else if (text.text() == "no task later") {
@@ -166,9 +138,6 @@ class KitService : public rpc::Service<Probe> {
     if (std::this_thread::get_id() != servingThread) ++elsewhere;
     if (call.cancelled()) ++cancelled;
   }
-
-  mutable std::mutex mutex_;
-  std::set<rpc::Event*> listening_;
 };
 
 // An Echo of a plain function.
@@ -359,7 +328,7 @@ TEST(Rpc, ACancelledCallRunsToItsEndOnTheServingThread) {
   EXPECT_EQ(kit->alive, 0);
   EXPECT_EQ(kit->cancelled, 5) << "each is told from the end of a stream at once";
   EXPECT_EQ(kit->elsewhere, 0);
-  EXPECT_EQ(kit->listening(), 0U);
+  EXPECT_EQ(kit->wake.subscriptions(), 0U);
 }
 
 // Another thread sets the event of every call exactly once, as soon as it exists: a wake-up that
@@ -372,9 +341,9 @@ TEST(Rpc, AnEventThatIsSetOnceWakesTheCallOnTheServingThread) {
   std::atomic<int> answered = 0;
   std::thread waker([&] {
     for (int round = 0; round < kRounds; ++round) {
-      while (answered != round || kit->listening() != 1)
+      while (answered != round || kit->wake.subscriptions() != 1)
         std::this_thread::yield();
-      kit->wake();
+      kit->wake.set();
     }
   });
   for (; answered < kRounds; ++answered)
@@ -400,11 +369,11 @@ TEST(Rpc, RefusesWhatIsOverTheLimitAndGivesEverySlotBack) {
     for (int i = 0; i < 2; ++i) {
       held.emplace_back([&] { released += echo(*stub, "listen").ok(); });
     }
-    while (kit->listening() != 2)
+    while (kit->wake.subscriptions() != 2)
       std::this_thread::yield();
     EXPECT_EQ(echo(*stub, "hello").error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
     while (released != 2) {
-      kit->wake();
+      kit->wake.set();
       std::this_thread::yield();
     }
     for (auto& thread : held)
@@ -457,7 +426,7 @@ TEST(Rpc, AStopDestroysEveryCallWhereverItWaits) {
     }
   }
   EXPECT_EQ(kit->alive, 0);
-  EXPECT_EQ(kit->listening(), 0U);
+  EXPECT_EQ(kit->wake.subscriptions(), 0U);
 }
 
 }  // namespace

@@ -74,17 +74,6 @@ std::size_t Backlog::waiting() const {
   return waiting_;
 }
 
-Backlog::RoomNotice::RoomNotice(Backlog& backlog, VornSdkRpc::rpc::Event& room)
-    : backlog_(backlog), room_(room) {
-  const std::lock_guard lock(backlog_.mutex_);
-  backlog_.wantRoom_.insert(&room_);
-}
-
-Backlog::RoomNotice::~RoomNotice() {
-  const std::lock_guard lock(backlog_.mutex_);
-  backlog_.wantRoom_.erase(&room_);
-}
-
 std::vector<Backlog::Waiting> Backlog::next() {
   const std::lock_guard lock(mutex_);
   const auto end =
@@ -100,10 +89,7 @@ bool Backlog::done(const std::vector<Waiting>& changes) {
   const bool wasFull = bytes_ >= limit_;
   for (const auto& done : changes)
     bytes_ -= done.bytes;
-  if (wasFull && bytes_ < limit_) {
-    for (auto* room : wantRoom_)
-      room->set();
-  }
+  if (wasFull && bytes_ < limit_) room.set();
   return waiting_ != 0;
 }
 

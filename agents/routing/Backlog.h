@@ -1,6 +1,6 @@
 #pragma once
 
-#include <VornSdkRpc/Rpc.h>
+#include <VornSdkRpc/RpcEvents.h>
 #include <VornSdkRpc/StreamingToolkit.h>
 #include <vorn/tracer.h>
 
@@ -9,7 +9,6 @@
 #include <deque>
 #include <functional>
 #include <mutex>
-#include <set>
 #include <thread>
 #include <vector>
 
@@ -41,18 +40,8 @@ class Backlog {
   // Whether no more should be added until some is programmed. Any thread.
   bool full() const;
 
-  // Has an event set whenever a full backlog has room again, for its own lifetime.
-  class RoomNotice {
-   public:
-    RoomNotice(Backlog& backlog, VornSdkRpc::rpc::Event& room);
-    ~RoomNotice();
-    RoomNotice(const RoomNotice&) = delete;
-    RoomNotice& operator=(const RoomNotice&) = delete;
-
-   private:
-    Backlog& backlog_;
-    VornSdkRpc::rpc::Event& room_;
-  };
+  // Set whenever a full backlog has room again.
+  VornSdkRpc::rpc::Events room;
 
   // How many changes are not programmed yet. Any thread.
   std::size_t waiting() const;
@@ -85,7 +74,6 @@ class Backlog {
   std::deque<Waiting> changes_;
   std::size_t waiting_ = 0;
   std::size_t bytes_ = 0;
-  std::set<VornSdkRpc::rpc::Event*> wantRoom_;
   Velm::Ptr<Tarsk::TaskScheduler> scheduler_;
   Drain drain_;
   std::thread thread_;

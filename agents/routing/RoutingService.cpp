@@ -89,7 +89,7 @@ grpc::Status RoutingService::remove(grpc::ServerContext& context, const ip_prefi
 
 rpc::Task<> RoutingService::setAll(rpc::Reader<ip_route_msg>& routes, set_routes_reply_msg& reply) {
   rpc::Event room;
-  const Backlog::RoomNotice notice(backlog_, room);
+  const rpc::Events::Subscription subscription(backlog_.room, room);
   ip_route_msg route;
   while (co_await routes.read(route)) {
     // A client that sends faster than can be programmed is held up by what gRPC holds for it.

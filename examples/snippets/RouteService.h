@@ -4,9 +4,9 @@
 #include <VornSdkRpc/MessagePrinters.h>
 #include <VornSdkRpc/PeerInfo.h>
 #include <VornSdkRpc/Rpc.h>
+#include <VornSdkRpc/RpcEvents.h>
 
 #include <mutex>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -21,42 +21,26 @@ namespace rpc = VornSdkRpc::rpc;
 // Routes in the order in which they were set. Any thread.
 class RouteTable {
  public:
+  // [telling]
   void add(const ip_route_msg& route) {
-    const std::lock_guard lock(mutex_);
-    routes_.push_back(route);
-    for (auto* event : watchers_)
-      event->set();
+    {
+      const std::lock_guard lock(mutex_);
+      routes_.push_back(route);
+    }
+    changed.set();
   }
+
+  rpc::Events changed;
+  // [telling]
+
   std::vector<ip_route_msg> after(std::size_t seen) const {
     const std::lock_guard lock(mutex_);
     return {routes_.begin() + static_cast<std::ptrdiff_t>(seen), routes_.end()};
   }
 
-  // [subscription]
-  // Has the event set whenever the table changes, for its own lifetime.
-  class Subscription {
-   public:
-    Subscription(RouteTable& table, rpc::Event& event) : table_(table), event_(event) {
-      const std::lock_guard lock(table_.mutex_);
-      table_.watchers_.insert(&event_);
-    }
-    ~Subscription() {
-      const std::lock_guard lock(table_.mutex_);
-      table_.watchers_.erase(&event_);
-    }
-    // [subscription]
-    Subscription(const Subscription&) = delete;
-    Subscription& operator=(const Subscription&) = delete;
-
-   private:
-    RouteTable& table_;
-    rpc::Event& event_;
-  };
-
  private:
   mutable std::mutex mutex_;
   std::vector<ip_route_msg> routes_;
-  std::set<rpc::Event*> watchers_;
 };
 
 // [kit]
@@ -126,7 +110,7 @@ class RouteService : public rpc::Service<Routes> {
   // [writing]
   rpc::Task<> watch(rpc::Writer<ip_route_msg>& watcher) {
     rpc::Event news;
-    const RouteTable::Subscription subscription(table_, news);  // goes before the event does
+    const rpc::Events::Subscription subscription(table_.changed, news);
     std::size_t seen = 0;
     do {
       for (const auto& route : table_.after(seen)) {
