@@ -11,12 +11,8 @@
 
 // RPC accounting: every call that the server answers is one line in the platform log, which says
 // who called which method from where and with which result. A call never waits for the log: records
-// are queued, and a thread of the factory's own writes them. An agent turns accounting on by giving
-// the factory to its builder:
-//
-//   std::vector<std::unique_ptr<grpc::experimental::ServerInterceptorFactoryInterface>> creators;
-//   creators.push_back(std::make_unique<VornSdkRpc::LoggingInterceptorFactory>());
-//   builder.experimental().SetInterceptorCreators(std::move(creators));
+// are queued, and a thread of the factory's own writes them. An agent turns accounting on with
+// installAccounting(builder) (InstallAccounting.h), which gives the builder a factory.
 namespace VornSdkRpc {
 
 // One accounting record. A text of a call's that has more than 1,024 bytes is cut there, between

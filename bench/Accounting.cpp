@@ -1,5 +1,5 @@
 #include <Kiv/Log.h>
-#include <VornSdkRpc/VornSdkRpcAgentRpcLogger.h>
+#include <VornSdkRpc/InstallAccounting.h>
 #include <grpcpp/support/server_interceptor.h>
 #include <spdlog/async.h>
 #include <spdlog/sinks/basic_file_sink.h>
@@ -44,23 +44,17 @@ class LineInterceptorFactory : public grpc::experimental::ServerInterceptorFacto
   std::shared_ptr<spdlog::logger> logger_;
 };
 
-void accountThrough(
-    grpc::ServerBuilder& builder,
-    std::unique_ptr<grpc::experimental::ServerInterceptorFactoryInterface> factory) {
-  std::vector<std::unique_ptr<grpc::experimental::ServerInterceptorFactoryInterface>> creators;
-  creators.push_back(std::move(factory));
-  builder.experimental().SetInterceptorCreators(std::move(creators));
-}
-
 }  // namespace
 
 void accountThroughLibrary(grpc::ServerBuilder& builder, const std::string& file) {
   Kiv::platformLogger().sinks() = {std::make_shared<spdlog::sinks::basic_file_sink_mt>(file, true)};
-  accountThrough(builder, std::make_unique<VornSdkRpc::LoggingInterceptorFactory>());
+  VornSdkRpc::installAccounting(builder);
 }
 
 void accountThroughSpdlog(grpc::ServerBuilder& builder, const std::string& file) {
-  accountThrough(builder, std::make_unique<LineInterceptorFactory>(file));
+  std::vector<std::unique_ptr<grpc::experimental::ServerInterceptorFactoryInterface>> creators;
+  creators.push_back(std::make_unique<LineInterceptorFactory>(file));
+  builder.experimental().SetInterceptorCreators(std::move(creators));
 }
 
 }  // namespace bench

@@ -7,6 +7,7 @@
 // loopback address that it listens on, then answers every line of its standard input with one line
 // of JSON: "report" with what the process has used so far, "stop" (or the end of the input) with
 // how long stopping took, after which it ends.
+#include <VornSdkRpc/ServerArguments.h>
 #include <fmt/core.h>
 #include <malloc.h>
 #include <sys/resource.h>
@@ -109,8 +110,7 @@ void serve(const Options& options) {
     bench::accountThroughLibrary(builder, options.accountingFile);
   if (!options.spdlogFile.empty()) bench::accountThroughSpdlog(builder, options.spdlogFile);
   if (options.keepalive) {
-    builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIME_MS, 10'000);
-    builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, 1'000);
+    VornSdkRpc::installArguments(builder, {.maxConcurrentStreams = 0});
   }
 
   bench::Counts counts;

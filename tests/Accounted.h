@@ -1,25 +1,16 @@
 #pragma once
 
-#include <VornSdkRpc/VornSdkRpcAgentRpcLogger.h>
+#include <VornSdkRpc/InstallAccounting.h>
 #include <grpcpp/grpcpp.h>
 
 #include <atomic>
 #include <map>
 #include <memory>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "tests/Test.grpc.pb.h"
 
 namespace test {
-
-// Accounting for the server that the builder builds.
-inline void accountingIs(grpc::ServerBuilder& builder) {
-  std::vector<std::unique_ptr<grpc::experimental::ServerInterceptorFactoryInterface>> creators;
-  creators.push_back(std::make_unique<VornSdkRpc::LoggingInterceptorFactory>());
-  builder.experimental().SetInterceptorCreators(std::move(creators));
-}
 
 // A server of gRPC's own threads with accounting, whose Echo answers with the status code that its
 // text spells.
@@ -33,7 +24,7 @@ class EchoServer {
     grpc::ServerBuilder builder;
     builder.AddListeningPort(address, credentials, &port);
     builder.RegisterService(&service_);
-    accountingIs(builder);
+    VornSdkRpc::installAccounting(builder);
     server_ = builder.BuildAndStart();
     if (address_.ends_with(":0")) address_.replace(address_.size() - 1, 1, std::to_string(port));
   }

@@ -1,5 +1,6 @@
 #include <Kiv/Log.h>
 #include <Kiv/Trace.h>
+#include <VornSdkRpc/VornSdkRpcAgentRpcLogger.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -5,6 +5,7 @@
 #include <array>
 #include <regex>
 #include <set>
+#include <thread>
 #include <tuple>
 
 #include "Accounted.h"

@@ -4,6 +4,7 @@
 #include <Kiv/Trace.h>
 #include <VornSdkRpc/GrpcServer.h>
 #include <VornSdkRpc/TagManager.h>
+#include <VornSdkRpc/VornSdkRpcAgentRpcLogger.h>
 #include <gmock/gmock.h>
 #include <unistd.h>
 

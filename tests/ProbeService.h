@@ -274,7 +274,7 @@ class RunningServer {
 
   static grpc::ServerBuilder& listening(grpc::ServerBuilder& builder, const std::string& host,
                                         int& port, bool accounting) {
-    if (accounting) accountingIs(builder);
+    if (accounting) VornSdkRpc::installAccounting(builder);
     return builder.AddListeningPort(host + ":0", grpc::InsecureServerCredentials(), &port);
   }
   static std::vector<std::shared_ptr<VornSdkRpc::GrpcService>> with(

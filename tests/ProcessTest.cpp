@@ -1,9 +1,12 @@
 #include <VornSdkRpc/GrpcServer.h>
+#include <VornSdkRpc/NamespaceCheck.h>
+#include <VornSdkRpc/ServerArguments.h>
 #include <VornSdkRpc/Utils.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vorn/error.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -137,7 +140,7 @@ TEST_F(NamespaceTest, AServerListensInItAndLeavesTheProcessOutside) {
   for (const auto& [name, taken] : {std::pair{second_, false}, {first_, true}}) {
     grpc::ServerBuilder again;
     again.AddListeningPort(address, grpc::InsecureServerCredentials());
-    again.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);
+    VornSdkRpc::installArguments(again);
     VornSdkRpc::ServerProperties where{name};
     VornSdkRpc::GrpcServer second(again, {std::make_shared<ProbeService>()}, where);
     if (taken) {
@@ -146,6 +149,25 @@ TEST_F(NamespaceTest, AServerListensInItAndLeavesTheProcessOutside) {
       EXPECT_NO_THROW(second.setup());
     }
     EXPECT_EQ(namespaceOf(), home) << "also after a failure";
+  }
+}
+
+TEST_F(NamespaceTest, IsCheckedWithoutMovingTheThread) {
+  const ino_t home = namespaceOf();
+  EXPECT_NO_THROW(VornSdkRpc::checkNamespace(first_));
+  EXPECT_EQ(namespaceOf(), home);
+}
+
+TEST(NamespaceCheck, NamesTheNamespaceThatCantBeEntered) {
+  EXPECT_NO_THROW(VornSdkRpc::checkNamespace(""));
+  for (const auto& [name, why] : {std::pair{"no-such-namespace", "No such file or directory"},
+                                  {"../netns/escape", "Invalid argument"}}) {
+    try {
+      VornSdkRpc::checkNamespace(name);
+      FAIL() << name << " can be entered";
+    } catch (const vorn::configuration_error& error) {
+      EXPECT_EQ(error.what(), std::string("cannot enter network namespace ") + name + ": " + why);
+    }
   }
 }
 

@@ -1,5 +1,6 @@
 #include <Kiv/Trace.h>
 #include <VornSdkRpc/GrpcServer.h>
+#include <VornSdkRpc/ServerArguments.h>
 #include <gmock/gmock.h>
 #include <grpcpp/alarm.h>
 #include <unistd.h>
@@ -487,7 +488,7 @@ TEST(Server, ATakenPortIsAnErrorAndStartsNoService) {
   RunningServer first({std::make_shared<ProbeService>()});
   ScriptedServer second;
   second.builder.AddListeningPort(first.address(), grpc::InsecureServerCredentials());
-  second.builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);
+  VornSdkRpc::installArguments(second.builder);
   try {
     second.server.run();
     FAIL() << "the server runs on a taken port";

@@ -1,26 +1,15 @@
 #include "agents/routing/Listening.h"
 
-#include <netns/setns.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <thread>
 
 #include "agents/routing/Options.h"
 
 namespace routing_agent {
-
-void checkNamespace(const std::string& name) {
-  if (name.empty()) return;
-  int error = 0;
-  // On a thread that is thrown away: it stays inside.
-  std::thread([&] { error = setnsByName(name.c_str(), CLONE_NEWNET) == 0 ? 0 : errno; }).join();
-  if (error)
-    throw UsageError("cannot enter network namespace " + name + ": " + std::strerror(error));
-}
 
 void checkSocketFile(const std::string& address) {
   if (!address.starts_with("unix:")) return;

@@ -2,13 +2,10 @@
 
 #include <string>
 
-// What can be told about a place to listen before gRPC tries it. Both throw UsageError.
 namespace routing_agent {
 
-// A namespace that can't be entered would end the process in the middle of GrpcServer::setup().
-void checkNamespace(const std::string& name);
-
-// gRPC takes over the socket file of a server that still runs.
+// Throws UsageError for a Unix socket that a server which still runs listens on: gRPC takes over
+// its file.
 void checkSocketFile(const std::string& address);
 
 }  // namespace routing_agent

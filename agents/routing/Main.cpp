@@ -5,14 +5,17 @@
 #include <Kiv/StderrSink.h>
 #include <Kiv/Trace.h>
 #include <VornSdkRpc/GrpcServer.h>
-#include <VornSdkRpc/VornSdkRpcAgentRpcLogger.h>
+#include <VornSdkRpc/InstallAccounting.h>
+#include <VornSdkRpc/NamespaceCheck.h>
+#include <VornSdkRpc/ServerArguments.h>
+#include <VornSdkRpc/StopOnSignal.h>
 #include <grpcpp/ext/proto_server_reflection_plugin.h>
 #include <sys/stat.h>
+#include <vorn/error.h>
 
 #include <csignal>
 #include <cstdio>
 #include <exception>
-#include <thread>
 
 #include "agents/routing/Backlog.h"
 #include "agents/routing/GrpcLog.h"
@@ -26,43 +29,6 @@
 namespace routing_agent {
 
 namespace {
-
-// Waits for SIGINT or SIGTERM on a thread of its own, and then stops the server. The signals must
-// have been blocked before any thread was started, so that no other thread takes them.
-class StopOnSignal {
- public:
-  explicit StopOnSignal(VornSdkRpc::GrpcServer& server)
-      : thread_([&server] {
-          int signal = 0;
-          sigwait(&signals(), &signal);
-          server.stop();
-        }) {}
-
-  ~StopOnSignal() {
-    // NOLINTNEXTLINE(bugprone-bad-signal-to-kill-thread): sigwait takes it, and the thread goes on
-    pthread_kill(thread_.native_handle(), SIGTERM);  // when it was not a signal that ended the run
-    thread_.join();
-  }
-
-  static void blockSignals() {
-    pthread_sigmask(SIG_BLOCK, &signals(), nullptr);
-    std::signal(SIGPIPE, SIG_IGN);
-  }
-
- private:
-  static const sigset_t& signals() {
-    static const sigset_t set = [] {
-      sigset_t made;
-      sigemptyset(&made);
-      sigaddset(&made, SIGINT);
-      sigaddset(&made, SIGTERM);
-      return made;
-    }();
-    return set;
-  }
-
-  std::thread thread_;
-};
 
 // Says where the agent listens, once it does: a service without methods, the last one to be
 // started.
@@ -95,27 +61,6 @@ std::string joined(const std::vector<std::string>& words) {
 
 std::string because(const std::string& reason) { return reason.empty() ? "" : ": " + reason; }
 
-void configureBuilder(grpc::ServerBuilder& builder, const Options& options) {
-  // Two agents on one port would share its calls; a taken port is an error instead.
-  builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);
-  // A stop waits for every connection to close, and one whose peer has stopped reading closes when
-  // keepalive gives it up: within a second of the next ping, instead of TCP's quarter of a minute.
-  builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIME_MS, options.keepaliveMs);
-  builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, 1000);
-  // Also for a connection without calls: one whose peer has vanished would stay for good.
-  builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_PERMIT_WITHOUT_CALLS, 1);
-  // A peer that connects and says nothing is given up as well.
-  builder.AddChannelArgument(GRPC_ARG_SERVER_HANDSHAKE_TIMEOUT_MS, options.keepaliveMs);
-  // What one client may make the agent hold.
-  builder.SetMaxReceiveMessageSize(1 << 20);
-  builder.AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS, 16384);
-  if (options.accounting) {
-    std::vector<std::unique_ptr<grpc::experimental::ServerInterceptorFactoryInterface>> creators;
-    creators.push_back(std::make_unique<VornSdkRpc::LoggingInterceptorFactory>());
-    builder.experimental().SetInterceptorCreators(std::move(creators));
-  }
-}
-
 void applyTrace(const Options& options) try {
   Kiv::traceSettingIs(options.trace);
 } catch (const std::exception& error) {
@@ -132,6 +77,12 @@ void openLog(const Options& options) try {
   throw UsageError(error.what());
 }
 
+void checkNetns(const std::string& name) try {
+  VornSdkRpc::checkNamespace(name);
+} catch (const vorn::configuration_error& error) {
+  throw UsageError(error.what());
+}
+
 std::shared_ptr<grpc::ServerCredentials> credentials(const std::string& address,
                                                      const IdentityOptions& options) try {
   return serverCredentials(address, options);
@@ -142,7 +93,7 @@ std::shared_ptr<grpc::ServerCredentials> credentials(const std::string& address,
 // Whether the agent could start like this, as far as it can be told without a trace of it left.
 void check(const Options& options) {
   applyTrace(options);
-  checkNamespace(options.netns);
+  checkNetns(options.netns);
   for (const auto& address : options.listen)
     credentials(address, options.identity);
 }
@@ -150,14 +101,17 @@ void check(const Options& options) {
 void serve(const Options& options) {
   applyTrace(options);
   openLog(options);
-  checkNamespace(options.netns);
+  checkNetns(options.netns);
 
   // gRPC's standard services, for tools that ask any server for its health and its methods.
   grpc::EnableDefaultHealthCheckService(true);
   grpc::reflection::InitProtoReflectionServerBuilderPlugin();
 
   grpc::ServerBuilder builder;
-  configureBuilder(builder, options);
+  VornSdkRpc::installArguments(builder, {.keepaliveTime = options.keepalive,
+                                         .handshakeTimeout = options.keepalive,
+                                         .maxConcurrentStreams = 16384});
+  if (options.accounting) VornSdkRpc::installAccounting(builder);
   std::vector<int> ports(options.listen.size(), -1);
   for (std::size_t i = 0; i < ports.size(); ++i) {
     checkSocketFile(options.listen[i]);
@@ -178,7 +132,7 @@ void serve(const Options& options) {
        std::make_shared<Announcement>(options.listen, ports)},
       properties, options.accounting);
   const StopBacklog stopBacklog(backlog);  // before the services go that its changes refer to
-  const StopOnSignal stopOnSignal(server);
+  const VornSdkRpc::StopOnSignal stopOnSignal(server);
   try {
     server.run();
   } catch (const VornSdkRpc::ServerFailedError&) {
@@ -192,7 +146,8 @@ void serve(const Options& options) {
 
 int main(int argc, char** argv) {
   using namespace routing_agent;
-  StopOnSignal::blockSignals();
+  VornSdkRpc::StopOnSignal::holdSignals();
+  std::signal(SIGPIPE, SIG_IGN);
   umask(0177);  // socket and log files are the agent's own, mode 0600
   grpcLogToTrace();
   try {

@@ -74,7 +74,7 @@ const Option kOptions[] = {
      "a peer that has been silent for so long is pinged, and given up\n"
      "when it does not answer within a second (default: 10000)",
      [](Options& options, const Values& values) {
-       options.keepaliveMs = number(values[0], 100, 3600000);
+       options.keepalive = std::chrono::milliseconds(number(values[0], 100, 3600000));
      }},
     {"--no-accounting", "", "do not write a log record for every call",
      [](Options& options, const Values&) { options.accounting = false; }},

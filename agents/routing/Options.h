@@ -20,7 +20,8 @@ struct Options {
   bool programKernel = false;
   std::chrono::milliseconds stepTime{0};  // what programming a step takes
   std::size_t backlogMib = 64;            // mebibytes of changes that may wait to be programmed
-  int keepaliveMs = 10000;                // silence after which a peer is asked whether it lives
+  // Silence after which a peer is asked whether it lives.
+  std::chrono::milliseconds keepalive{10000};
   // File of the platform log, "-" for standard error; empty: the platform's default.
   std::string log;
   std::string trace;         // trace setting

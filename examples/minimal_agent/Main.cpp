@@ -1,5 +1,5 @@
-#include <VornSdkRpc/GrpcServer.h>
 #include <VornSdkRpc/Rpc.h>
+#include <VornSdkRpc/Serve.h>
 
 #include "examples/minimal_agent/Minimal.grpc.pb.h"
 
@@ -19,6 +19,5 @@ class EchoService : public rpc::Service<Minimal> {
 int main() {
   grpc::ServerBuilder builder;
   builder.AddListeningPort("127.0.0.1:50052", grpc::InsecureServerCredentials());
-  VornSdkRpc::ServerProperties properties;
-  VornSdkRpc::GrpcServer(builder, {std::make_shared<EchoService>()}, properties).run();
+  VornSdkRpc::serve(builder, {std::make_shared<EchoService>()});
 }

@@ -7,17 +7,17 @@
 #include <VornSdkRpc/GrpcServer.h>
 #include <VornSdkRpc/InsecureCredentials.h>
 #include <VornSdkRpc/PolicyGuard.h>
+#include <VornSdkRpc/InstallAccounting.h>
+#include <VornSdkRpc/NamespaceCheck.h>
+#include <VornSdkRpc/ServerArguments.h>
+#include <VornSdkRpc/StopOnSignal.h>
 #include <VornSdkRpc/StreamingToolkit.h>
 #include <VornSdkRpc/Utils.h>
-#include <VornSdkRpc/VornSdkRpcAgentRpcLogger.h>
 #include <grpcpp/security/auth_metadata_processor.h>
-#include <netns/setns.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdlib>
-#include <cstring>
 #include <deque>
 #include <fstream>
 #include <iostream>
@@ -29,6 +29,8 @@
 
 namespace snippets {
 namespace {
+
+using namespace std::chrono_literals;
 
 // [identity]
 class UserOfConnection : public grpc::AuthMetadataProcessor {
@@ -64,13 +66,7 @@ void configure(grpc::ServerBuilder& builder, const std::string& address) {
   const auto credentials = grpc::experimental::LocalServerCredentials(UDS);
   credentials->SetAuthMetadataProcessor(std::make_shared<UserOfConnection>());
   builder.AddListeningPort(address, credentials);
-  builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, 0);
-  builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIME_MS, 10000);
-  builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, 1000);
-  builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_PERMIT_WITHOUT_CALLS, 1);
-  builder.AddChannelArgument(GRPC_ARG_SERVER_HANDSHAKE_TIMEOUT_MS, 10000);
-  builder.AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS, 1000);
-  builder.SetMaxReceiveMessageSize(1 << 20);
+  VornSdkRpc::installArguments(builder, {.maxConcurrentStreams = 500});
 }
 // [builder]
 
@@ -83,51 +79,12 @@ void listenGuarded(grpc::ServerBuilder& builder, const std::string& address,
 }
 // [policy]
 
-void accountingIs(grpc::ServerBuilder& builder) {
-  // [accounting]
-  std::vector<std::unique_ptr<grpc::experimental::ServerInterceptorFactoryInterface>> creators;
-  creators.push_back(std::make_unique<VornSdkRpc::LoggingInterceptorFactory>());
-  builder.experimental().SetInterceptorCreators(std::move(creators));
-  // [accounting]
-}
-
 void logToFile() {
   // [log]
   Kiv::platformLogger().sinks() = {
       std::make_shared<spdlog::sinks::rotating_file_sink_mt>("agent.log", 1 << 20, 5)};
   // [log]
 }
-
-// [namespace]
-void checkNamespace(const std::string& name) {
-  int error = 0;
-  std::thread([&] {  // it stays inside, and ends there
-    if (setnsByName(name.c_str(), CLONE_NEWNET) != 0) error = errno;
-  })
-      .join();
-  if (error != 0)
-    throw vorn::configuration_error("network namespace " + name + ": " + std::strerror(error));
-}
-// [namespace]
-
-// [signals]
-// Before the first thread is started, so that every thread inherits the mask:
-sigset_t blockStopSignals() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  return signals;
-}
-
-// On a thread of its own:
-void stopOnSignal(const sigset_t& signals, VornSdkRpc::GrpcServer& server) {
-  int signal = 0;
-  sigwait(&signals, &signal);
-  server.stop();
-}
-// [signals]
 
 // [backlog]
 class RouteBacklog : public VornSdkRpc::BacklogImplBase {
@@ -262,7 +219,6 @@ void drains(RouteTable& table) {
 }
 
 void run(int argc, char** argv) {
-  const sigset_t signals = blockStopSignals();
   // [options]
   auto arguments = VornSdkRpc::argv::vectorize(argc, argv);
   const auto netns = VornSdkRpc::argv::getOptionValue(arguments, "--netns", "");
@@ -270,27 +226,32 @@ void run(int argc, char** argv) {
   if (arguments.size() != 2) throw vorn::invalid_argument_error("one socket file, please", "argv");
   Kiv::traceSettingIs(trace);
   // [options]
-  if (!netns.empty()) checkNamespace(std::string(netns));
+  // [namespace]
+  VornSdkRpc::checkNamespace(std::string(netns));
+  // [namespace]
   const std::string address = std::string("unix:") + arguments[1];
   logToFile();
 
   RouteTable table;
   grpc::ServerBuilder builder;
   configure(builder, address);
-  accountingIs(builder);
   std::ofstream("policy.json") << R"({"name": "routes only", "allow_rules": [
     {"name": "routes", "request": {"paths": ["/snippets.Routes/*"]}}]})";
   const VornSdkRpc::PolicyFile policy("policy.json");
   listenGuarded(builder, address + ".guarded", policy);
+  // [accounting]
+  VornSdkRpc::installAccounting(builder);
+  // [accounting]
   {
     // [serve]
     VornSdkRpc::ServerProperties properties{std::string(netns)};
     VornSdkRpc::GrpcServer server(
         builder, {std::make_shared<RouteService>(table), std::make_shared<NapService>()},
         properties, true);
-    std::thread stopper([&] { stopOnSignal(signals, server); });
     // [serve]
-    std::atomic<bool> wantsToStop = false;
+    // [signals]
+    const VornSdkRpc::StopOnSignal stopOnSignal(server, 2s);
+    // [signals]
     // [steps]
     server.setup();
     // [steps]
@@ -306,13 +267,12 @@ void run(int argc, char** argv) {
       std::thread sleeper([&] {
         require(pending->Nap(&context, nap, &nap).error_code() != grpc::OK, "a stop ends a nap");
       });
-      kill(getpid(), SIGTERM);
-      stopper.join();
-      wantsToStop = true;
+      kill(getpid(), SIGTERM);  // drains
+      kill(getpid(), SIGINT);   // and stops
       sleeper.join();
     });
     // [steps]
-    while (!wantsToStop)
+    while (!server.stopRequested())
       server.dequeue();
     server.teardown();
     // [steps]

@@ -1,0 +1,32 @@
+#include <VornSdkRpc/ServerArguments.h>
+
+#include <grpc/grpc.h>
+
+#include <algorithm>
+#include <climits>
+
+namespace VornSdkRpc {
+
+namespace {
+
+// As gRPC takes times and numbers; INT_MAX is its "never" and its "any number".
+int bounded(long long value) {
+  return value <= 0 ? INT_MAX : static_cast<int>(std::min<long long>(value, INT_MAX));
+}
+
+}  // namespace
+
+void installArguments(grpc::ServerBuilder& builder, const ServerArguments& arguments) {
+  const auto set = [&](const char* name, long long value) {
+    builder.AddChannelArgument(name, bounded(value));
+  };
+  set(GRPC_ARG_KEEPALIVE_TIME_MS, arguments.keepaliveTime.count());
+  set(GRPC_ARG_KEEPALIVE_TIMEOUT_MS, arguments.keepaliveTimeout.count());
+  set(GRPC_ARG_SERVER_HANDSHAKE_TIMEOUT_MS, arguments.handshakeTimeout.count());
+  set(GRPC_ARG_MAX_CONCURRENT_STREAMS, arguments.maxConcurrentStreams);
+  builder.AddChannelArgument(GRPC_ARG_KEEPALIVE_PERMIT_WITHOUT_CALLS, 1);
+  builder.AddChannelArgument(GRPC_ARG_ALLOW_REUSEPORT, arguments.sharedPort ? 1 : 0);
+  builder.SetMaxReceiveMessageSize(bounded(arguments.maxReceiveMessageBytes));
+}
+
+}  // namespace VornSdkRpc
