@@ -6,9 +6,9 @@
 #include <Kiv/Trace.h>
 #include <VornSdkRpc/GrpcServer.h>
 #include <VornSdkRpc/InsecureCredentials.h>
-#include <VornSdkRpc/PolicyGuard.h>
 #include <VornSdkRpc/InstallAccounting.h>
 #include <VornSdkRpc/NamespaceCheck.h>
+#include <VornSdkRpc/PolicyGuard.h>
 #include <VornSdkRpc/ServerArguments.h>
 #include <VornSdkRpc/StopOnSignal.h>
 #include <VornSdkRpc/StreamingToolkit.h>
