@@ -1,6 +1,7 @@
 #include <VornSdkRpc/GrpcServer.h>
 
 #include <Kiv/Trace.h>
+#include <VornSdkRpc/Completion.h>
 #include <VornSdkRpc/ProtobufLog.h>
 #include <VornSdkRpc/ScopedNamespace.h>
 #include <grpc/grpc.h>
@@ -234,7 +235,7 @@ bool GrpcServer::dequeue() {
       gpr_time_add(gpr_now(GPR_CLOCK_MONOTONIC), gpr_time_from_nanos(wait.count(), GPR_TIMESPAN));
   OpaqueId tag = nullptr;
   bool ok = false;
-  const NextStatus nextStatus = cq_->AsyncNext(&tag, &ok, deadline);
+  const NextStatus nextStatus = completion::next(*cq_, &tag, &ok, deadline, stopRequested_);
   assert(nextStatus != NextStatus::SHUTDOWN);
   if (nextStatus == NextStatus::GOT_EVENT) {
     handleTag(tag, ok);
@@ -286,7 +287,8 @@ void GrpcServer::teardown() {
   shutQueue();
   OpaqueId tag = nullptr;
   bool ok = false;
-  while (cq_->AsyncNext(&tag, &ok, gpr_inf_future(GPR_CLOCK_REALTIME)) == NextStatus::GOT_EVENT) {
+  const gpr_timespec never = gpr_inf_future(GPR_CLOCK_REALTIME);
+  while (completion::next(*cq_, &tag, &ok, never, true) == NextStatus::GOT_EVENT) {
     handleTag(tag, ok);
   }
   drained_ = true;

@@ -4,7 +4,9 @@
 #include <Kiv/Log.h>
 #include <Kiv/Trace.h>
 #include <Velm/FmTrace.h>
+#include <VornSdkRpc/Completion.h>
 #include <fmt/format.h>
+#include <grpc/grpc.h>
 #include <grpcpp/server_context.h>
 
 #include <chrono>
@@ -52,6 +54,15 @@ std::string propertyOr(const grpc::AuthContext& context, const char* name, const
   if (values.empty()) return missing;
   const grpc::string_ref& first = values.front();
   return std::string(first.data(), strnlen(first.data(), first.size()));
+}
+
+// Whether gRPC has refused a message that it was asked to read. (To a handler it looks like the end
+// of the client's stream, where a read succeeds without a message.)
+bool isRefusedMessage(grpc::experimental::InterceptorBatchMethods& methods,
+                      grpc::experimental::ServerRpcInfo& info) {
+  return completion::current() == completion::Current::failed &&
+         methods.GetRecvMessage() == nullptr &&
+         grpc_call_failed_before_recv_message(info.server_context()->c_call()) == 0;
 }
 
 void traceBatch(unsigned long size) noexcept {
@@ -123,17 +134,22 @@ class RecordWriter {
 }  // namespace
 
 void LoggingInterceptor::Intercept(grpc::experimental::InterceptorBatchMethods* methods) {
-  if (methods->QueryInterceptionHookPoint(
-          grpc::experimental::InterceptionHookPoints::PRE_SEND_STATUS)) {
-    account(*methods);
+  using Point = grpc::experimental::InterceptionHookPoints;
+  if (methods->QueryInterceptionHookPoint(Point::POST_RECV_INITIAL_METADATA))
+    peer_ = info_->server_context()->peer();
+  if (methods->QueryInterceptionHookPoint(Point::POST_RECV_MESSAGE) &&
+      isRefusedMessage(*methods, *info_)) {
+    messageRefused_ = true;
   }
+  if (methods->QueryInterceptionHookPoint(Point::PRE_SEND_STATUS)) account(*methods);
   methods->Proceed();
 }
 
-void LoggingInterceptor::account(grpc::experimental::InterceptorBatchMethods& methods) const {
+void LoggingInterceptor::account(grpc::experimental::InterceptorBatchMethods& methods) {
   const auto* call = info_->server_context();
-  std::string peer = call->peer();
-  const std::int32_t status = methods.GetSendStatus().error_code();
+  std::string peer = peer_.empty() ? call->peer() : std::move(peer_);
+  const std::int32_t status =
+      messageRefused_ ? grpc::RESOURCE_EXHAUSTED : methods.GetSendStatus().error_code();
   std::string user = "unknown";
   std::string session = "unknown";
   if (const auto context = call->auth_context()) {

@@ -21,14 +21,19 @@ namespace VornSdkRpc {
 struct LogMessageData {
   std::string user;     // the call's authentication property "peer-authenticated", or "unknown"
   std::string session;  // its property "session-id", or "unknown"
-  std::string peer;     // the peer as gRPC names it, such as "ipv4:127.0.0.1:40022"
+  std::string peer;     // the peer as gRPC names it when the call arrives, such as
+                        // "ipv4:127.0.0.1:40022"
   std::string rpc;      // the method's full name, such as "/package.Service/Method"
-  std::int32_t status;  // the grpc::StatusCode that the server sends
+  std::int32_t status;  // the grpc::StatusCode that the client is told, as far as that is known
 };
 
 // Takes the record of one call at the moment the server sends the call's status: once for every
 // call that gets one, whatever the status and also when the client has gone by then; never for a
 // call that is left without an answer. Changes nothing about the call. gRPC owns it.
+//
+// When gRPC has refused a message of the client's stream, which is over the server's limit, it has
+// told the client RESOURCE_EXHAUSTED, whatever the handler sends after that. So says the record,
+// where the call is served by a GrpcServer; in a server of another kind nobody can know.
 class VORN_EXPORT LoggingInterceptor : public grpc::experimental::Interceptor {
  public:
   // Both must outlive the interceptor; neither is touched.
@@ -42,10 +47,12 @@ class VORN_EXPORT LoggingInterceptor : public grpc::experimental::Interceptor {
   void Intercept(grpc::experimental::InterceptorBatchMethods* methods) override;
 
  private:
-  void account(grpc::experimental::InterceptorBatchMethods& methods) const;
+  void account(grpc::experimental::InterceptorBatchMethods& methods);
 
   grpc::experimental::ServerRpcInfo* info_;
   SynchronizedQueue<LogMessageData>* queue_;
+  std::string peer_;             // gRPC forgets it when a client gives its call up
+  bool messageRefused_ = false;  // by gRPC, which has ended the call for it
 };
 
 // Makes the interceptor of every call, and owns the queue and the thread that writes the records.

@@ -110,6 +110,40 @@ TEST(Accounting, EveryKindOfCallIsOneRecordHoweverItEnds) {
   EXPECT_THAT(linesOf(log), UnorderedElementsAreArray(expected));
 }
 
+// gRPC refuses it and ends the call with 8; the handler sees the end of a stream, and answers 0.
+TEST(Accounting, AnUploadWithAMessageOverTheLimitIsRecordedAsItsClientIsTold) {
+  const test::Capture log(Kiv::platformLogger());
+  {
+    const test::RunningServer server({std::make_shared<test::ProbeService>()}, true);
+    const auto stub = server.stub();
+    test::Text small, large;
+    large.set_text(std::string(5 << 20, 'x'));
+    for (const bool refused : {true, false}) {
+      const auto told = refused ? grpc::RESOURCE_EXHAUSTED : grpc::OK;
+      grpc::ClientContext collecting, chatting;
+      test::Count count;
+      const auto upload = stub->Collect(&collecting, &count);
+      upload->Write(small);
+      upload->Write(refused ? large : small);
+      upload->WritesDone();
+      EXPECT_EQ(upload->Finish().error_code(), told);
+      const auto chat = stub->Chat(&chatting);
+      chat->Write(small);
+      chat->Read(&small);
+      if (refused) chat->Write(large);
+      chat->WritesDone();
+      EXPECT_EQ(chat->Finish().error_code(), told);
+    }
+  }
+  std::vector<std::string> expected;
+  for (const auto& [rpc, status] : {std::pair("/test.Probe/Collect", 8),
+                                    {"/test.Probe/Chat", 8},
+                                    {"/test.Probe/Collect", 0},
+                                    {"/test.Probe/Chat", 0}})
+    expected.push_back(lineOf("unknown", "unknown", rpc, status));
+  EXPECT_THAT(linesOf(log), ElementsAreArray(expected));
+}
+
 using Properties = std::vector<std::pair<std::string, std::string>>;
 
 // Gives a connection the properties of a case, as an agent's own processor would.
