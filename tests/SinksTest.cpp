@@ -9,11 +9,13 @@
 #include <spdlog/logger.h>
 #include <sys/resource.h>
 
+#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
 
 #include "tests/Capture.h"
 #include "tests/FullStderr.h"
@@ -73,6 +75,35 @@ TEST(FileSink, GluesNoLineToTheRestOfAnother) {
             "fourth\nfifth\n");
   EXPECT_EQ(sink->lost(), 2U);
   std::filesystem::remove(path);
+}
+
+// Renamed and opened again while it is written to: what was renamed is complete, and nothing is
+// lost.
+TEST(FileSink, SurvivesRotationByRename) {
+  constexpr int kLines = 20000;
+  const std::string path = testing::TempDir() + "sinks-rotated" + std::to_string(getpid());
+  const auto sink = std::make_shared<Kiv::FileSink>(path);
+  auto logger = loggerOf(sink);
+  std::atomic<bool> written = false;
+  std::jthread writer([&] {
+    for (int i = 0; i < kLines; ++i)
+      logger.info("{}", i);
+    written = true;
+  });
+  std::string all;
+  while (!written) {
+    std::filesystem::rename(path, path + ".1");
+    sink->reopen();
+    all += contentOf(path + ".1");
+  }
+  writer.join();
+  all += contentOf(path);
+  std::string expected;
+  for (int i = 0; i < kLines; ++i)
+    expected += std::to_string(i) + "\n";
+  EXPECT_TRUE(all == expected);
+  std::filesystem::remove(path);
+  std::filesystem::remove(path + ".1");
 }
 
 TEST(FileSink, IsTheOwnersAloneAndNamesWhatItCannotOpen) {

@@ -1,48 +1,20 @@
 #include <Kiv/FileSink.h>
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-
 namespace Kiv {
 
-namespace {
+FileSink::FileSink(const std::string& path) : FileSink(std::make_unique<AppendFile>(path)) {}
 
-int openedFile(const std::string& path) {
-  const int fd = open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0600);
-  if (fd < 0) spdlog::throw_spdlog_ex("cannot open " + path, errno);
-  return fd;
+FileSink::FileSink(std::unique_ptr<AppendFile> file)
+    : LineSink(file->openedWithinLine()), file_(std::move(file)) {}
+
+FileSink::~FileSink() = default;
+
+void FileSink::reopen() {
+  const std::lock_guard lock(mutex_);
+  file_->reopen();
+  tornIs(file_->openedWithinLine());
 }
 
-// Whether a file ends within a line. One that can't be read is taken for one that does not.
-bool endsWithinLine(const std::string& path) {
-  struct stat status{};
-  if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode) || status.st_size == 0)
-    return false;
-  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  char last = '\n';
-  const bool read = pread(fd, &last, 1, status.st_size - 1) == 1;
-  close(fd);
-  return read && last != '\n';
-}
-
-}  // namespace
-
-FileSink::FileSink(const std::string& path)
-    : LineSink(endsWithinLine(path)), fd_(openedFile(path)) {}
-
-FileSink::~FileSink() { close(fd_); }
-
-// Once only, also when a part was written: another process may have appended by now.
-std::size_t FileSink::put(std::string_view bytes) {
-  ssize_t written;
-  do
-    written = write(fd_, bytes.data(), bytes.size());
-  while (written < 0 && errno == EINTR);
-  return written < 0 ? 0 : static_cast<std::size_t>(written);
-}
+std::size_t FileSink::put(std::string_view bytes) { return file_->append(bytes); }
 
 }  // namespace Kiv

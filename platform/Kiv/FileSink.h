@@ -1,7 +1,9 @@
 #pragma once
 
+#include <Kiv/AppendFile.h>
 #include <Kiv/LineSink.h>
 
+#include <memory>
 #include <string>
 
 namespace Kiv {
@@ -10,7 +12,8 @@ namespace Kiv {
 // file, for every process to see, when the logger returns. A full disk costs lines, which are
 // counted and told (LineSink.h), but no line is ever glued to the rest of another one: neither
 // within a run of the process, nor behind what an earlier run left unfinished. Several processes
-// may append to one file, and another program may cut it to nothing (logrotate's copytruncate).
+// may append to one file. To rotate it, rename it and call reopen(); cutting it to nothing behind a
+// copy (logrotate's copytruncate) works, and loses what is written between the two.
 //
 //   Kiv::platformLogger().sinks() = {std::make_shared<Kiv::FileSink>("agent.log")};
 class VORN_EXPORT FileSink : public LineSink {
@@ -20,10 +23,16 @@ class VORN_EXPORT FileSink : public LineSink {
   explicit FileSink(const std::string& path);
   ~FileSink() override;
 
+  // Goes on in the file that has the path by now: when it returns, no line goes to the one before
+  // any more, and none was lost. Throws spdlog::spdlog_ex when there can be no such file; lines go
+  // to the one before, then. Any thread.
+  void reopen();
+
  private:
+  VORN_NO_EXPORT explicit FileSink(std::unique_ptr<AppendFile> file);
   std::size_t put(std::string_view bytes) override;
 
-  const int fd_;
+  const std::unique_ptr<AppendFile> file_;
 };
 
 }  // namespace Kiv

@@ -110,6 +110,15 @@ std::string oneLine(std::string_view text, std::size_t max) {
   return line;
 }
 
+void appendOneLine(std::string& line, std::string_view text) {
+  if (isPlainText(text)) {
+    line += text;
+    return;
+  }
+  while (!text.empty())
+    appendFirst(line, text);
+}
+
 std::string cutTo(std::string text, std::size_t max) {
   if (text.size() <= max) return text;
   std::size_t end = max;

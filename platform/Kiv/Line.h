@@ -33,6 +33,9 @@ VORN_EXPORT std::string oneLine(std::string_view text);
 // never within an escape or a character, and kLineCutMark stands behind it.
 VORN_EXPORT std::string oneLine(std::string_view text, std::size_t max);
 
+// Appends oneLine(text) to `line`.
+VORN_EXPORT void appendOneLine(std::string& line, std::string_view text);
+
 // The text when it has at most `max` bytes; otherwise its first `max` bytes, without a part of a
 // UTF-8 character at their end, and kCutMark behind them. What is cut is then longer than `max`,
 // the mark included, and what is not is not. `max` must be 4 or more. Any thread may call it.

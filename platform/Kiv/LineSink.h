@@ -27,6 +27,9 @@ class VORN_EXPORT LineSink : public spdlog::sinks::base_sink<std::mutex> {
   // `torn`: what is there already ends within a line.
   explicit LineSink(bool torn) : torn_(torn) {}
 
+  // What there is from now on ends within a line, or does not. Under the sink's lock.
+  void tornIs(bool torn) { torn_ = torn; }
+
   // Writes the bytes and answers how many of them were written. Sets errno when that is none.
   virtual std::size_t put(std::string_view bytes) = 0;
 
