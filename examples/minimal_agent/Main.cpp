@@ -1,7 +1,7 @@
 #include <VornSdkRpc/Rpc.h>
 #include <VornSdkRpc/Serve.h>
 
-#include "examples/minimal_agent/Minimal.grpc.pb.h"
+#include "Minimal.grpc.pb.h"
 
 using namespace minimal_agent;
 namespace rpc = VornSdkRpc::rpc;

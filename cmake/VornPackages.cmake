@@ -1,0 +1,26 @@
+# The pair of Debian packages that `cpack -G DEB` makes of the components `runtime` and `dev`.
+set(runtime_package libvornsdkrpc${VORN_ABI_VERSION})
+set(dev_package libvornsdkrpc-dev)
+
+install(FILES README.md CHANGELOG.md TYPE DOC COMPONENT dev)
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_COMPONENTS_ALL runtime dev)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "RPC runtime for agents on network devices")
+set(CPACK_PACKAGE_CONTACT "VornSdkRpcLib developers <vornsdkrpc@localhost>")
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME ${runtime_package})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "The libraries that agents run with.")
+set(CPACK_DEBIAN_DEV_PACKAGE_NAME ${dev_package})
+set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${runtime_package} (= ${PROJECT_VERSION}), \
+libgrpc++-dev, libgrpc-dev, libprotobuf-dev, protobuf-compiler, protobuf-compiler-grpc, libfmt-dev, libspdlog-dev")
+set(CPACK_DEBIAN_DEV_DESCRIPTION
+  "What building an agent takes: headers, messages, and files for CMake and pkg-config.")
+include(CPack)
