@@ -1,8 +1,20 @@
-# The pair of Debian packages that `cpack -G DEB` makes of the components `runtime` and `dev`.
+# The pair of Debian packages that `cpack -G DEB` makes of the components `runtime` and `dev`, with their documents.
 set(runtime_package libvornsdkrpc${VORN_ABI_VERSION})
 set(dev_package libvornsdkrpc-dev)
 
-install(FILES README.md CHANGELOG.md TYPE DOC COMPONENT dev)
+foreach(component runtime dev)
+  install(FILES packaging/copyright DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${${component}_package}
+    COMPONENT ${component})
+endforeach()
+
+# The pages and what they link to, side by side as they are here, so that their links lead somewhere there too.
+set(doc_dir ${CMAKE_INSTALL_DATAROOTDIR}/doc/${dev_package})
+install(FILES README.md CHANGELOG.md DESTINATION ${doc_dir} COMPONENT dev)
+install(DIRECTORY docs examples agents vornctl DESTINATION ${doc_dir} COMPONENT dev
+  FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "*.h" PATTERN "*.cpp" PATTERN "*.proto" PATTERN "*.py"
+  PATTERN vornctl/vornctl
+  PATTERN contributing.md EXCLUDE PATTERN __pycache__ EXCLUDE)
+install(FILES examples/minimal_agent/CMakeLists.txt DESTINATION ${doc_dir}/examples/minimal_agent COMPONENT dev)
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_COMPONENTS_ALL runtime dev)
