@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Sourced by the scripts beside it: what they share. Leaves the shell in the project's root.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
