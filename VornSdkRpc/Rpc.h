@@ -39,8 +39,8 @@
 //       // memory.
 //       method(&Async::RequestWatch,
 //              [this](rpc::Writer<Route>& watch, const Filter&) -> rpc::Task<> {
-//                rpc::Event news;  // set() by any thread wakes the call
-//                const auto subscription = table_.subscribe(news);  // ends with the coroutine
+//                rpc::Event news;  // table_.changed.set() by any thread wakes the call
+//                const rpc::Events::Subscription subscription(table_.changed, news);
 //                do {
 //                  for (auto& route : table_.changes())
 //                    if (!co_await watch.write(route)) break;
@@ -72,5 +72,6 @@
 
 #include <VornSdkRpc/RpcCall.h>
 #include <VornSdkRpc/RpcEvent.h>
+#include <VornSdkRpc/RpcEvents.h>
 #include <VornSdkRpc/RpcService.h>
 #include <VornSdkRpc/RpcTask.h>

@@ -17,7 +17,7 @@
 // of the wait. One event may be subscribed to several hubs, so that a call waits for whichever
 // speaks first.
 
-#include <VornSdkRpc/Rpc.h>
+#include <VornSdkRpc/RpcEvent.h>
 #include <vorn/export.h>
 
 #include <cstddef>

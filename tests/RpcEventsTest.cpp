@@ -1,4 +1,4 @@
-#include <VornSdkRpc/RpcEvents.h>
+#include <VornSdkRpc/Rpc.h>
 
 #include <array>
 #include <atomic>
