@@ -1,0 +1,48 @@
+#include <VornSdkRpc/RpcOffload.h>
+
+#include <cassert>
+#include <stdexcept>
+
+namespace VornSdkRpc::rpc {
+
+namespace detail {
+
+Offloaded::Offloaded() = default;
+
+Offloaded::~Offloaded() = default;
+
+void Offloaded::run() {
+  const bool firstRun = !begun_.exchange(true);
+  assert(firstRun && "an executor runs a piece of work once");
+  std::exception_ptr thrown;
+  try {
+    work();
+  } catch (...) {
+    thrown = std::current_exception();
+  }
+  over(std::move(thrown));
+}
+
+void Offloaded::jobGone() noexcept {
+  if (begun_.exchange(true)) return;
+  over(std::make_exception_ptr(std::runtime_error("an executor has dropped a piece of work")));
+}
+
+void Offloaded::rethrow() const {
+  if (exception_) std::rethrow_exception(exception_);
+}
+
+void Offloaded::over(std::exception_ptr exception) noexcept {
+  exception_ = std::move(exception);
+  destroy();
+  done.set();
+}
+
+}  // namespace detail
+
+Job::Job(std::shared_ptr<detail::Offloaded> work) {
+  auto* const shared = work.get();
+  work_ = {shared, [keep = std::move(work)](detail::Offloaded*) noexcept { keep->jobGone(); }};
+}
+
+}  // namespace VornSdkRpc::rpc

@@ -1,0 +1,245 @@
+#include <Kiv/Trace.h>
+#include <VornSdkRpc/Rpc.h>
+#include <VornSdkRpc/RpcOffload.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#define ASIO_STANDALONE
+#include <asio/post.hpp>
+#include <asio/thread_pool.hpp>
+
+#include "tests/Capture.h"
+#include "tests/ProbeService.h"
+
+namespace test {
+namespace {
+
+namespace rpc = VornSdkRpc::rpc;
+using namespace std::chrono_literals;
+using Executor = std::function<void(rpc::Job)>;
+
+// Counts what is alive: a capture or a result that is leaked, or destroyed twice, is seen.
+class Alive {
+ public:
+  Alive() { ++count; }
+  Alive(const Alive&) { ++count; }
+  Alive& operator=(const Alive&) = default;
+  ~Alive() { --count; }
+
+  static inline std::atomic<int> count = 0;
+};
+
+// Longer than what a std::string holds within itself, so that a sanitizer sees what becomes of it.
+const std::string kLong(100, 'x');
+
+// Echo offloads to the executor; what the work does is in the text of the request.
+class OffloadingService : public rpc::Service<Probe> {
+ public:
+  explicit OffloadingService(Executor executor)
+      : Service("Offloading"), executor_(std::move(executor)) {
+    method(&Async::RequestEcho, [this](rpc::Call& call, const Text& text, Text& reply) {
+      return serve(call, text.text(), reply);
+    });
+  }
+
+  std::atomic<int> waiting = 0;  // calls whose work has been handed over
+
+ private:
+  void opened() override { servingThread_ = std::this_thread::get_id(); }
+
+  rpc::Task<> serve(rpc::Call& call, std::string text, Text& reply) {
+    const Alive local;
+    ++waiting;
+    // Const captures, which can't be moved out of a lambda, and a copy of what is counted.
+    const std::string captured = text + kLong;
+    if (text == "void") {
+      auto work = [captured, alive = Alive()] { EXPECT_FALSE(captured.empty()); };
+      if (!co_await rpc::offload(call, executor_, work)) co_return grpc::Status::CANCELLED;
+      reply.set_text(captured);
+    } else if (text == "move-only") {
+      auto work = [owned = std::make_unique<std::string>(captured), alive = Alive()]() mutable {
+        return std::move(owned);
+      };
+      const auto result = co_await rpc::offload(call, executor_, work);
+      if (!result) co_return grpc::Status::CANCELLED;
+      reply.set_text(**result);
+    } else if (text == "references") {
+      std::string written;
+      if (!co_await rpc::offload(call, [](rpc::Job job) { job(); }, [&] { written = captured; }))
+        co_return grpc::Status::CANCELLED;
+      reply.set_text(written);
+    } else if (text == "two") {
+      auto work = [captured] { return captured; };
+      auto first = rpc::offload(call, executor_, work);
+      auto second = rpc::offload(call, executor_, work);
+      const auto one = co_await std::move(first);
+      const auto other = co_await std::move(second);
+      if (one && one == other) reply.set_text(*other);
+    } else if (text == "throws") {
+      auto work = [captured, alive = Alive()]() -> int {
+        throw vorn::invalid_argument_error(captured, "text");
+      };
+      co_await rpc::offload(call, executor_, work);
+    } else {
+      auto work = [captured, alive = Alive()] { return std::pair(captured, Alive()); };
+      const auto result = co_await rpc::offload(call, executor_, work);
+      if (!result) co_return grpc::Status::CANCELLED;
+      reply.set_text(result->first);
+    }
+    EXPECT_EQ(std::this_thread::get_id(), servingThread_);
+    co_return grpc::Status::OK;
+  }
+
+  const Executor executor_;
+  std::thread::id servingThread_;
+};
+
+grpc::Status echo(Probe::Stub& stub, const std::string& text, std::string* reply = nullptr,
+                  std::chrono::milliseconds deadline = 60s) {
+  grpc::ClientContext context;
+  context.set_deadline(std::chrono::system_clock::now() + deadline);
+  Text request, answer;
+  request.set_text(text);
+  auto status = stub.Echo(&context, request, &answer);
+  if (reply) *reply = answer.text();
+  return status;
+}
+
+// Keeps the jobs that it is given.
+class Shelf {
+ public:
+  Executor executor() {
+    return [this](rpc::Job job) {
+      const std::lock_guard lock(mutex_);
+      jobs_.push_back(std::move(job));
+    };
+  }
+  std::vector<rpc::Job> take() {
+    const std::lock_guard lock(mutex_);
+    return std::exchange(jobs_, {});
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<rpc::Job> jobs_;
+};
+
+TEST(Offload, AnswersOnTheServingThreadWhateverTheExecutorIs) {
+  asio::thread_pool pool(2);
+  std::vector<std::jthread> threads;
+  const std::pair<const char*, Executor> executors[] = {
+      {"a pool", [&](auto work) { asio::post(pool, std::move(work)); }},
+      {"threads", [&](auto work) { threads.emplace_back(std::move(work)); }},
+      {"at once", [](auto work) { work(); }},
+  };
+  for (const auto& [name, executor] : executors) {
+    RunningServer running({std::make_shared<OffloadingService>(executor)});
+    const auto stub = running.stub();
+    for (const std::string text : {"result", "void", "move-only", "references", "two"}) {
+      std::string reply;
+      EXPECT_TRUE(echo(*stub, text, &reply).ok()) << text << ", " << name;
+      EXPECT_EQ(reply, text + kLong) << name;
+    }
+    const auto status = echo(*stub, "throws");
+    EXPECT_EQ(status.error_code(), grpc::StatusCode::INVALID_ARGUMENT) << name;
+    EXPECT_EQ(status.error_message(), "throws" + kLong) << name;
+  }
+  threads.clear();
+  pool.join();
+  EXPECT_EQ(Alive::count, 0);
+}
+
+TEST(Offload, TellsACallWhoseWorkIsDropped) {
+  const Capture trace(Kiv::traceLogger());
+  {
+    RunningServer dropping({std::make_shared<OffloadingService>([](auto) {})});
+    EXPECT_EQ(echo(*dropping.stub(), "result").error_code(), grpc::StatusCode::INTERNAL);
+    RunningServer refusing({std::make_shared<OffloadingService>(
+        [](auto) { throw vorn::no_scoped_lock_obtained_error("the pool is full"); })});
+    EXPECT_EQ(echo(*refusing.stub(), "result").error_message(), "the pool is full");
+  }
+  EXPECT_EQ(trace.count("an executor has dropped a piece of work"), 1U);
+  EXPECT_EQ(Alive::count, 0);
+}
+
+// A call is over while its work is still to be done, by its deadline and by a stop. Then the work
+// is run or dropped, while the server lives and when it is gone.
+TEST(Offload, OutlivesItsCallAndItsServer) {
+  const std::function<void(std::vector<rpc::Job>)> run = [](auto jobs) {
+    for (const auto& job : jobs)
+      std::jthread(job).join();
+  };
+  const std::function<void(std::vector<rpc::Job>)> drop = [](auto) {};
+  for (const auto& later : {run, drop}) {
+    for (const std::string text : {"result", "void", "move-only", "throws"}) {
+      Shelf shelf;
+      {
+        const auto service = std::make_shared<OffloadingService>(shelf.executor());
+        RunningServer running({service});
+        const auto stub = running.stub();
+        EXPECT_EQ(echo(*stub, text, nullptr, 20ms).error_code(),
+                  grpc::StatusCode::DEADLINE_EXCEEDED);
+        const int arrived = service->waiting;  // it may not have got as far as that
+        later(shelf.take());
+        std::jthread client([&] { EXPECT_FALSE(echo(*stub, text).ok()); });
+        while (service->waiting == arrived)
+          std::this_thread::yield();
+        running.stop();
+      }
+      later(shelf.take());
+      EXPECT_EQ(Alive::count, 0) << text;
+    }
+  }
+}
+
+// Calls of which every other is given up, with a pool that does its work at any time: as they begin
+// to wait, as they are woken by something else, and when the server has gone.
+TEST(Offload, ArrivesOrNotWheneverACallIsGivenUp) {
+  asio::thread_pool pool(2);
+  {
+    RunningServer running({std::make_shared<OffloadingService>(
+        [&](auto work) { asio::post(pool, std::move(work)); })});
+    const auto stub = running.stub();
+    for (int i = 0; i < 400; ++i) {
+      std::string reply;
+      const auto deadline = i % 2 ? std::chrono::milliseconds(i % 4) : 60s;
+      const auto status = echo(*stub, "result", &reply, deadline);
+      EXPECT_EQ(reply, status.ok() ? "result" + kLong : "") << status.error_message();
+    }
+  }
+  pool.join();
+  EXPECT_EQ(Alive::count, 0);
+}
+
+TEST(OffloadDeathTest, AssertsThatWorkIsRunOnce) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        RunningServer running({std::make_shared<OffloadingService>([](auto work) {
+          work();
+          work();
+        })});
+        echo(*running.stub(), "result");
+      },
+      "an executor runs a piece of work once");
+}
+
+// What g++ 12 would destroy twice is not accepted where it would.
+[[maybe_unused]] const auto kOwning = [owned = std::string()] { return owned.size(); };
+[[maybe_unused]] const auto kReferring = [&shared = kLong] { return shared.size(); };
+static_assert(!rpc::detail::SafeBesideAwait<decltype(kOwning)&&>);
+static_assert(rpc::detail::SafeBesideAwait<decltype(kOwning)&>);
+static_assert(rpc::detail::SafeBesideAwait<decltype(kReferring)&&>);
+
+}  // namespace
+}  // namespace test
