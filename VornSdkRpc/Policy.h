@@ -102,9 +102,10 @@ class VORN_EXPORT Policy {
   const std::vector<PolicyRule>& rules() const;
 
  private:
-  struct Content;
+  struct VORN_NO_EXPORT Content;
 
-  explicit Policy(std::shared_ptr<const Content> content) : content_(std::move(content)) {}
+  VORN_NO_EXPORT explicit Policy(std::shared_ptr<const Content> content)
+      : content_(std::move(content)) {}
 
   std::shared_ptr<const Content> content_;
 };

@@ -86,7 +86,7 @@ class VORN_EXPORT PolicyGuard {
              const PolicyRequest::Headers& headers);
 
  private:
-  class Impl;
+  class VORN_NO_EXPORT Impl;
   std::unique_ptr<Impl> impl_;
 };
 
@@ -120,7 +120,7 @@ class VORN_EXPORT PolicyFile {
   std::string error() const;
 
  private:
-  class Impl;
+  class VORN_NO_EXPORT Impl;
 
   std::shared_ptr<PolicyGuard> guard_;
   std::unique_ptr<Impl> impl_;

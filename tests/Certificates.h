@@ -40,33 +40,59 @@ class Certificates {
   }
 
   // NAME.pem and NAME.key, signed by itself.
-  void make(const std::string& name, const std::string& subject, const std::string& more) const {
-    const std::string command =
-        "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 1 "
-        "-keyout " +
-        path(name + ".key") + " -out " + path(name + ".pem") + " -subj '" + subject + "'" + more +
-        " 2>" + path("openssl.log");
+  void make(const std::string& name, const std::string& subject, const std::string& more,
+            const std::string& key = "ec -pkeyopt ec_paramgen_curve:prime256v1") const {
+    const std::string command = "openssl req -x509 -newkey " + key + " -nodes -days 30 -keyout " +
+                                path(name + ".key") + " -out " + path(name + ".pem") + " -subj '" +
+                                subject + "'" + more + " 2>" + path("openssl.log");
     if (std::system(command.c_str()) != 0)
       throw std::runtime_error("openssl: " + read("openssl.log"));
   }
 
   // Gives the certificate NAME.pem another common name, with any bytes, and signs it again.
   void rename(const std::string& name, const std::string& commonName) const {
-    const auto open = [this](const std::string& file, const char* mode) {
-      return std::unique_ptr<std::FILE, int (*)(std::FILE*)>(std::fopen(path(file).c_str(), mode),
-                                                             &std::fclose);
-    };
-    const std::unique_ptr<X509, decltype(&X509_free)> certificate(
-        PEM_read_X509(open(name + ".pem", "r").get(), nullptr, nullptr, nullptr), &X509_free);
-    const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> authority(
-        PEM_read_PrivateKey(open("ca.key", "r").get(), nullptr, nullptr, nullptr), &EVP_PKEY_free);
-    auto* const subject = X509_get_subject_name(certificate.get());
-    X509_NAME_ENTRY_free(X509_NAME_delete_entry(subject, 0));
-    X509_NAME_add_entry_by_NID(subject, NID_commonName, MBSTRING_UTF8,
-                               reinterpret_cast<const unsigned char*>(commonName.data()),
-                               static_cast<int>(commonName.size()), -1, 0);
-    X509_sign(certificate.get(), authority.get(), EVP_sha256());
-    PEM_write_X509(open(name + ".pem", "w").get(), certificate.get());
+    change(name, [&](X509* certificate) {
+      auto* const subject = X509_get_subject_name(certificate);
+      X509_NAME_ENTRY_free(X509_NAME_delete_entry(subject, 0));
+      X509_NAME_add_entry_by_NID(subject, NID_commonName, MBSTRING_UTF8,
+                                 reinterpret_cast<const unsigned char*>(commonName.data()),
+                                 static_cast<int>(commonName.size()), -1, 0);
+    });
+  }
+
+  // Gives the certificate NAME.pem other dates, in seconds from now, and signs it again.
+  void redate(const std::string& name, long begins, long ends,
+              const std::string& authority = "ca") const {
+    change(
+        name,
+        [&](X509* certificate) {
+          X509_gmtime_adj(X509_getm_notBefore(certificate), begins);
+          X509_gmtime_adj(X509_getm_notAfter(certificate), ends);
+        },
+        authority);
+  }
+
+  // NAME: a list of revocations of the authority "ca" that holds the certificate of that name,
+  // valid for so many seconds, and signed with the key of `signer`.
+  void revoke(const std::string& name, const std::string& certificate, long valid = 3600,
+              const std::string& signer = "ca") const {
+    const std::unique_ptr<X509_CRL, decltype(&X509_CRL_free)> list(X509_CRL_new(), &X509_CRL_free);
+    const std::unique_ptr<ASN1_TIME, decltype(&ASN1_TIME_free)> time(ASN1_TIME_new(),
+                                                                     &ASN1_TIME_free);
+    X509_CRL_set_version(list.get(), 1);
+    X509_CRL_set_issuer_name(list.get(), X509_get_subject_name(certificateOf("ca").get()));
+    X509_CRL_set1_lastUpdate(list.get(), X509_gmtime_adj(time.get(), -7200));
+    X509_CRL_set1_nextUpdate(list.get(), X509_gmtime_adj(time.get(), valid));
+    auto* const entry = X509_REVOKED_new();
+    X509_REVOKED_set_serialNumber(entry, X509_get_serialNumber(certificateOf(certificate).get()));
+    X509_REVOKED_set_revocationDate(entry, X509_gmtime_adj(time.get(), -3600));
+    X509_CRL_add0_revoked(list.get(), entry);
+    X509_CRL_sign(list.get(), keyOf(signer).get(), EVP_sha256());
+    PEM_write_X509_CRL(open(name, "w").get(), list.get());
+  }
+
+  void write(const std::string& name, const std::string& text) const {
+    std::ofstream(path(name)) << text;
   }
 
   std::string read(const std::string& name) const {
@@ -86,6 +112,29 @@ class Certificates {
   }
 
  private:
+  using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
+  using Certificate = std::unique_ptr<X509, decltype(&X509_free)>;
+  using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
+
+  File open(const std::string& name, const char* mode) const {
+    return {std::fopen(path(name).c_str(), mode), &std::fclose};
+  }
+  Certificate certificateOf(const std::string& name) const {
+    return {PEM_read_X509(open(name + ".pem", "r").get(), nullptr, nullptr, nullptr), &X509_free};
+  }
+  Key keyOf(const std::string& name) const {
+    return {PEM_read_PrivateKey(open(name + ".key", "r").get(), nullptr, nullptr, nullptr),
+            &EVP_PKEY_free};
+  }
+
+  template <typename Change>
+  void change(const std::string& name, Change change, const std::string& authority = "ca") const {
+    const auto certificate = certificateOf(name);
+    change(certificate.get());
+    X509_sign(certificate.get(), keyOf(authority).get(), EVP_sha256());
+    PEM_write_X509(open(name + ".pem", "w").get(), certificate.get());
+  }
+
   std::string directory_;
 };
 
