@@ -2,12 +2,13 @@
 # building one needs), also when it installs a project that this one is a subfolder of.
 set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/VornSdkRpcLib)
 
-install(TARGETS VornSdkRpcLib VornSdkRpcProtos VornPlatform EXPORT VornSdkRpcLibTargets
+install(TARGETS VornSdkRpcLib VornSdkRpcProtos VornPlatform VornSdkRpcCertificates EXPORT VornSdkRpcLibTargets
   LIBRARY COMPONENT runtime NAMELINK_COMPONENT dev
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 foreach(folder VornSdkRpc vorn)
-  install(DIRECTORY ${folder} TYPE INCLUDE COMPONENT dev FILES_MATCHING PATTERN "*.h" PATTERN FileWatch.h EXCLUDE)
+  install(DIRECTORY ${folder} TYPE INCLUDE COMPONENT dev FILES_MATCHING PATTERN "*.h"
+    PATTERN FileWatch.h EXCLUDE PATTERN CertificateSet.h EXCLUDE)
 endforeach()
 install(DIRECTORY platform/ TYPE INCLUDE COMPONENT dev FILES_MATCHING PATTERN "*.h" PATTERN SinkFailures.h EXCLUDE)
 install(FILES ${PROJECT_BINARY_DIR}/platform/generated/vorn/export.h
