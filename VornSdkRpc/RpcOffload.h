@@ -63,7 +63,7 @@ class VORN_EXPORT Offloaded {
   void rethrow() const;
 
  private:
-  void over(std::exception_ptr exception) noexcept;
+  VORN_NO_EXPORT void over(std::exception_ptr exception) noexcept;
 
   std::atomic<bool> begun_ = false;
   std::exception_ptr exception_;  // written before `done` is set, read by whom that has woken
