@@ -1,24 +1,29 @@
 """Two charts as SVG: the ratios of processor time and instructions, and a long run's course."""
 
+import pathlib
+from collections.abc import Sequence
+
+from results import Row, Sample
+
 WIDTH, BAR, LEFT = 900, 16, 430
 COLOURS = {"cpu_us": "#3b6ea5", "instructions": "#9dbcd8"}
 NAMES = {"cpu_us": "CPU", "instructions": "instructions"}
 
 
-def text(x, y, content, anchor="start"):
+def text(x: float, y: float, content: str, anchor: str = "start") -> str:
     content = content.replace("&", "&amp;").replace("<", "&lt;")
     return f'<text x="{x:.1f}" y="{y:.1f}" text-anchor="{anchor}">{content}</text>'
 
 
-def line(x1, y1, x2, y2, colour="#888"):
+def line(x1: float, y1: float, x2: float, y2: float, colour: str = "#888") -> str:
     return f'<line x1="{x1:.1f}" y1="{y1:.1f}" x2="{x2:.1f}" y2="{y2:.1f}" stroke="{colour}"/>'
 
 
-def box(x, y, width, height, colour):
-    return f'<rect x="{x:.1f}" y="{y:.1f}" width="{width:.1f}" height="{height:.1f}" ' f'fill="{colour}"/>'
+def box(x: float, y: float, width: float, height: float, colour: str) -> str:
+    return f'<rect x="{x:.1f}" y="{y:.1f}" width="{width:.1f}" height="{height:.1f}" fill="{colour}"/>'
 
 
-def write(path, width, height, parts):
+def write(path: pathlib.Path, width: float, height: float, parts: Sequence[str]) -> None:
     path.write_text(
         f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {width} {height}" '
         f'font-family="sans-serif" font-size="12">\n'
@@ -26,15 +31,16 @@ def write(path, width, height, parts):
     )
 
 
-def label(row):
+def label(row: Row) -> str:
     compared = f"{row['subject']} / {row['peer']}"
     return compared if row["work"].endswith("Bench") else f"{row['work']}: {compared}"
 
 
-def ratios(rows, path):
+def ratios(rows: Sequence[Row], path: pathlib.Path) -> None:
     """A bar for every ratio to a peer; the line is the peer. What is beyond 3 is cut off."""
     scale = (WIDTH - LEFT - 60) / 3
-    parts, y = [], 40
+    parts: list[str] = []
+    y = 40.0
     for figure, colour in COLOURS.items():
         at = LEFT + 130 * list(COLOURS).index(figure)
         parts += [box(at, 12, 12, 12, colour), text(at + 18, 23, NAMES[figure] + ", ratio")]
@@ -55,7 +61,9 @@ def ratios(rows, path):
     write(path, WIDTH, y + 10, parts)
 
 
-def curve(samples, figure, scale, top, height, title, unit):
+def curve(
+    samples: Sequence[Sample], figure: str, scale: float, top: float, height: float, title: str, unit: str
+) -> list[str]:
     """One figure against the calls served, from zero."""
     left, right = 70, WIDTH - 20
     most = max(sample[figure] for sample in samples) * scale * 1.2
@@ -76,7 +84,7 @@ def curve(samples, figure, scale, top, height, title, unit):
     ]
 
 
-def growth(samples, path):
+def growth(samples: Sequence[Sample], path: pathlib.Path) -> None:
     write(
         path,
         WIDTH,

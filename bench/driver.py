@@ -7,12 +7,16 @@ import signal
 import subprocess
 import tempfile
 import time
+from collections.abc import Callable, Sequence
+from typing import IO, Any, cast
+
+Report = dict[str, Any]  # what a server says of itself
 
 BUILD = pathlib.Path("build/release/bench")
 SCRATCH = pathlib.Path(tempfile.mkdtemp(prefix="vorn-bench-"))
 
 
-def varint(value):
+def varint(value: int) -> bytes:
     encoded = bytearray()
     while value > 0x7F:
         encoded.append(value & 0x7F | 0x80)
@@ -20,23 +24,23 @@ def varint(value):
     return bytes(encoded) + bytes([value])
 
 
-def framed(message):
+def framed(message: bytes) -> bytes:
     """A message as gRPC sends it: not compressed, with its length."""
     return b"\0" + len(message).to_bytes(4, "big") + message
 
 
-def item(size):
+def item(size: int) -> bytes:
     return framed(b"\x0a" + varint(size) + b"x" * size) if size else framed(b"")
 
 
-def order(count, size):
+def order(count: int, size: int) -> bytes:
     return framed(b"\x08" + varint(count) + b"\x10" + varint(size))
 
 
 class Server:
     """One server process: Server("frame", "--ahead", "64"). Ends with the with statement."""
 
-    def __init__(self, *arguments, under=()):
+    def __init__(self, *arguments: str, under: Sequence[str] = ()) -> None:
         self.process = subprocess.Popen(
             [*under, BUILD / "EchoServer", *arguments],
             stdin=subprocess.PIPE,
@@ -44,20 +48,22 @@ class Server:
             stderr=subprocess.PIPE,
             text=True,
         )
-        line = self.process.stdout.readline()
+        self.commands, self.answers = cast(IO[str], self.process.stdin), cast(IO[str], self.process.stdout)
+        line = self.answers.readline()
         if not line:
-            raise RuntimeError(f"EchoServer {arguments}: {self.process.stderr.read()}")
+            raise RuntimeError(f"EchoServer {arguments}: {self.process.communicate()[1]}")
         self.port = int(line)
 
-    def ask(self, command):
-        self.process.stdin.write(command + "\n")
-        self.process.stdin.flush()
-        return json.loads(self.process.stdout.readline())
+    def ask(self, command: str) -> Report:
+        self.commands.write(command + "\n")
+        self.commands.flush()
+        report: Report = json.loads(self.answers.readline())
+        return report
 
-    def report(self):
+    def report(self) -> Report:
         return self.ask("report")
 
-    def wait_for(self, reached):
+    def wait_for(self, reached: Callable[[Report], bool]) -> Report:
         """Waits until reached(report), and answers that report."""
         deadline = time.monotonic() + 120
         while not reached(report := self.report()):
@@ -66,22 +72,30 @@ class Server:
             time.sleep(0.02)
         return report
 
-    def stop(self):
+    def stop(self) -> float:
         """Milliseconds from stop() to the end of run()."""
-        took = self.ask("stop")["stop_ms"]
+        took: float = self.ask("stop")["stop_ms"]
         self.process.wait()
         return took
 
-    def __enter__(self):
+    def __enter__(self) -> "Server":
         return self
 
-    def __exit__(self, *_):
+    def __exit__(self, *_: object) -> None:
         if self.process.poll() is None:
             self.process.kill()
         self.process.communicate()
 
 
-def h2load(port, method, body, calls, connections=4, streams=16, log=None):
+def h2load(
+    port: int,
+    method: str,
+    body: bytes,
+    calls: int,
+    connections: int = 4,
+    streams: int = 16,
+    log: pathlib.Path | None = None,
+) -> subprocess.Popen[str]:
     path = SCRATCH / "body"
     path.write_bytes(body)
     return subprocess.Popen(
@@ -99,7 +113,7 @@ def h2load(port, method, body, calls, connections=4, streams=16, log=None):
             "te: trailers",
             "-H",
             "content-type: application/grpc",
-            *(["--log-file", log] if log else []),
+            *(["--log-file", str(log)] if log else []),
             f"http://127.0.0.1:{port}/bench.Bench/{method}",
         ],
         stdout=subprocess.PIPE,
@@ -108,7 +122,16 @@ def h2load(port, method, body, calls, connections=4, streams=16, log=None):
     )
 
 
-def load(port, method, body, calls, answer, connections=4, streams=16, log=None):
+def load(
+    port: int,
+    method: str,
+    body: bytes,
+    calls: int,
+    answer: int,
+    connections: int = 4,
+    streams: int = 16,
+    log: pathlib.Path | None = None,
+) -> float:
     """Runs the calls and answers calls per second. Every call must bring `answer` bytes back: a
     gRPC error is a success for h2load, but one without data."""
     output = h2load(port, method, body, calls, connections, streams, log).communicate()[0]
@@ -120,18 +143,18 @@ def load(port, method, body, calls, answer, connections=4, streams=16, log=None)
     return float(rate[1])
 
 
-def percentiles(log, *percents):
+def percentiles(log: pathlib.Path, *percents: int) -> list[int]:
     """Of the latencies, in microseconds, that h2load has logged."""
     latencies = sorted(int(line.split()[2]) for line in log.read_text().splitlines())
     return [latencies[min(len(latencies) - 1, len(latencies) * percent // 100)] for percent in percents]
 
 
-def stalled(client):
+def stalled(client: subprocess.Popen[str]) -> None:
     """Stops a client in its tracks: its connections stay open and it reads no more."""
     client.send_signal(signal.SIGSTOP)
 
 
-def instructions(arguments, method, body, calls, answer):
+def instructions(arguments: Sequence[str], method: str, body: bytes, calls: int, answer: int) -> float:
     """Instructions per call of the whole process, counted by callgrind after a warm-up."""
     for old in SCRATCH.glob("callgrind.out*"):
         old.unlink()
@@ -144,10 +167,13 @@ def instructions(arguments, method, body, calls, answer):
         load(server.port, method, body, calls, answer)
         control(server, "--dump")
     dump = (SCRATCH / "callgrind.out.1").read_text()
-    return int(re.search(r"^(?:totals|summary): (\d+)", dump, re.M)[1]) / calls
+    total = re.search(r"^(?:totals|summary): (\d+)", dump, re.M)
+    if not total:
+        raise RuntimeError("callgrind has counted nothing")
+    return int(total[1]) / calls
 
 
-def control(server, command):
+def control(server: Server, command: str) -> None:
     subprocess.run(
         ["callgrind_control", command, str(server.process.pid)],
         check=True,

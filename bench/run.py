@@ -17,12 +17,17 @@ import json
 import pathlib
 import platform
 import statistics
+import subprocess
 import time
+from collections.abc import Callable, Iterable, Mapping
 
 import chart
 import programs
 import table
-from driver import Server, h2load, instructions, item, load, order, percentiles, stalled, SCRATCH
+from driver import Server, h2load, instructions, item, load, order, percentiles, stalled, Report, SCRATCH
+from results import Aim, Figures, Plan, Result, Row, Sample
+
+Rounds = dict[str, list[Figures]]  # by subject
 
 OUT = pathlib.Path("build/bench")
 STREAMS = 10_000
@@ -31,7 +36,7 @@ HAND, FRAME, COROUTINE = "hand-written", "frame", "kit, a coroutine"
 LOG = str(SCRATCH / "accounting.log")
 
 # What serves unary calls, with the peer that its figures are divided by.
-UNARY = {
+UNARY: dict[str, tuple[list[str], str | None]] = {
     HAND: (["handwritten"], None),
     FRAME: (["frame"], HAND),
     "hand-written, 64 ahead": (["handwritten", "--ahead", "64"], HAND),
@@ -46,21 +51,22 @@ UNARY = {
 }
 
 
-def take_turns(subjects, rounds, measure):
+def take_turns(subjects: Iterable[str], rounds: int, measure: Callable[[str], Figures]) -> Rounds:
     """Figures of every round by subject: measure(name) answers one round's as a dict."""
-    taken = {name: [] for name in subjects}
+    taken: Rounds = {name: [] for name in subjects}
     for number in range(rounds):
         for name in list(subjects)[:: -1 if number % 2 else 1]:
             taken[name].append(measure(name))
     return taken
 
 
-def rows(work, taken, peers):
+def rows(work: str, taken: Rounds, peers: Mapping[str, str | None]) -> list[Row]:
     """The medians by subject, with the ratio of every figure that its peer has as well."""
-    result = []
+    result: list[Row] = []
     for name, rounds in taken.items():
-        peer = taken.get(peers.get(name))
-        figures, ratios = {}, {}
+        peer = taken.get(peers.get(name) or "")
+        figures: Figures = {}
+        ratios: Figures = {}
         for figure in rounds[0]:
             values = [one[figure] for one in rounds]
             figures[figure] = statistics.median(values)
@@ -73,15 +79,15 @@ def rows(work, taken, peers):
     return result
 
 
-def cpu(before, after, count):
-    return (after["cpu_us"] - before["cpu_us"]) / count
+def cpu(before: Report, after: Report, count: int) -> float:
+    return float(after["cpu_us"] - before["cpu_us"]) / count
 
 
-def unary(plan, _):
+def unary(plan: Plan, _: Result) -> list[Row]:
     body, answer = item(32), len(item(32))
     log = SCRATCH / "latencies"
 
-    def one(name):
+    def one(name: str) -> Figures:
         with Server(*UNARY[name][0]) as server:
             load(server.port, "Say", body, plan.calls // 5, answer)
             before = server.report()
@@ -91,7 +97,7 @@ def unary(plan, _):
         log.unlink()
         return {"cpu_us": cpu(before, after, plan.calls), "rate": rate, "p50_us": p50, "p99_us": p99}
 
-    def counted(name):
+    def counted(name: str) -> Figures:
         with Server(*UNARY[name][0], "--count-allocations") as server:
             load(server.port, "Say", body, 1000, answer)
             before = server.report()
@@ -109,13 +115,13 @@ def unary(plan, _):
     return timed
 
 
-def streaming(plan, _):
-    result = []
+def streaming(plan: Plan, _: Result) -> list[Row]:
+    result: list[Row] = []
     for size in (64, 16 * 1024):
         calls = plan.streams if size == 64 else max(4, plan.streams // 5)
         body, answer = order(1000, size), 1000 * len(item(size))
 
-        def one(name):
+        def one(name: str) -> Figures:
             with Server(*UNARY[name][0]) as server:
                 load(server.port, "Stream", body, 4, answer, streams=1)
                 before = server.report()
@@ -131,25 +137,25 @@ def streaming(plan, _):
     return result
 
 
-def hold(server):
+def hold(server: Server) -> tuple[subprocess.Popen[str], Report]:
     """A client with STREAMS open streams."""
     client = h2load(server.port, "Hold", order(0, 0), STREAMS, connections=10, streams=1000)
-    return client, server.wait_for(lambda report: report["held"] == STREAMS)
+    return client, server.wait_for(lambda report: bool(report["held"] == STREAMS))
 
 
-def publish(server, size):
+def publish(server: Server, size: int) -> None:
     load(server.port, "Publish", order(0, size), 1, len(order(STREAMS, size)), 1, 1)
 
 
-def held(plan, _):
-    def one(name):
+def held(plan: Plan, _: Result) -> list[Row]:
+    def one(name: str) -> Figures:
         with Server(*UNARY[name][0]) as server:
             load(server.port, "Say", item(32), 1000, len(item(32)))
             before = server.report()
             client, opened = hold(server)
             for number in range(1, plan.publishes + 1):
                 publish(server, 64)
-                written = server.wait_for(lambda report: report["written"] == number * STREAMS)
+                written = server.wait_for(lambda report: bool(report["written"] == number * STREAMS))
             took = server.stop()
             client.communicate()
         return {
@@ -165,14 +171,14 @@ def held(plan, _):
     )
 
 
-def stopped_reading(plan, _):
+def stopped_reading(plan: Plan, _: Result) -> list[Row]:
     """stop() with clients that have stopped reading, and writes that can't go out."""
-    result = []
-    for name, option in (("frame, keepalive 10 s / 1 s", ["--keepalive"]), ("frame, no keepalive", [])):
-        if plan.quick and not option:
+    result: list[Row] = []
+    for name, keepalive in (("frame, keepalive 10 s / 1 s", True), ("frame, no keepalive", False)):
+        if plan.quick and not keepalive:
             continue
-        with Server("frame", *option) as server:
-            client, _ = hold(server)
+        with Server("frame", *(["--keepalive"] if keepalive else [])) as server:
+            client = hold(server)[0]
             stalled(client)
             publish(server, 16 * 1024)
             time.sleep(4)
@@ -191,9 +197,10 @@ def stopped_reading(plan, _):
     return result
 
 
-def growth(plan, result):
+def growth(plan: Plan, result: Result) -> list[Row]:
     """One server, loaded in pieces: what a call costs and what the process holds after each."""
-    samples, piece = [], max(10_000, plan.growth // 200)
+    samples: list[Sample] = []
+    piece = max(10_000, plan.growth // 200)
     with Server("frame") as server:
         load(server.port, "Say", item(32), 10_000, len(item(32)))
         last = server.report()
@@ -212,25 +219,22 @@ def growth(plan, result):
     chart.growth(samples, OUT / "growth.svg")
     result["growth"] = samples
     quarter = len(samples) // 4
-    first, last = samples[:quarter], samples[-quarter:]
-    middle = lambda part, figure: statistics.median(sample[figure] for sample in part)
-    found = [
-        {
-            "work": f"{plan.growth:,} calls to one server",
-            "subject": label,
-            "peer": peer,
-            "figures": {"cpu_us": middle(part, "cpu_us"), "bytes": middle(part, "heap_bytes")},
-            "ratios": {},
-        }
-        for label, part, peer in (("first quarter", first, None), ("last quarter", last, "first quarter"))
+    work = f"{plan.growth:,} calls to one server"
+    first, final = middle(samples[:quarter]), middle(samples[-quarter:])
+    ratios = {figure: final[figure] / first[figure] for figure in first}
+    return [
+        {"work": work, "subject": "first quarter", "peer": None, "figures": first, "ratios": {}},
+        {"work": work, "subject": "last quarter", "peer": "first quarter", "figures": final, "ratios": ratios},
     ]
-    found[1]["ratios"] = {
-        figure: found[1]["figures"][figure] / found[0]["figures"][figure] for figure in found[0]["figures"]
-    }
-    return found
 
 
-WORKS = {
+def middle(part: list[Sample]) -> Figures:
+    """The medians of a part of a long run."""
+    figures = {"cpu_us": "cpu_us", "bytes": "heap_bytes"}
+    return {figure: statistics.median(sample[name] for sample in part) for figure, name in figures.items()}
+
+
+WORKS: dict[str, Callable[[Plan, Result], list[Row]]] = {
     "unary": unary,
     "streaming": streaming,
     "held": held,
@@ -250,12 +254,12 @@ AIMS = [
 ]
 
 
-def aims(measured):
-    result = []
+def aims(measured: list[Row]) -> list[Aim]:
+    result: list[Aim] = []
     for work, subject, kind, figure, bound in AIMS:
         for row in measured:
             if (row["work"], row["subject"]) == (work, subject):
-                value = row[kind][figure]
+                value = (row["ratios"] if kind == "ratios" else row["figures"])[figure]
                 result.append(
                     {
                         "aim": f"{work}, {subject}: {table.TITLES[figure]}"
@@ -267,7 +271,7 @@ def aims(measured):
     return result
 
 
-def parse():
+def parse() -> Plan:
     parser = argparse.ArgumentParser(
         description=__doc__, prog="scripts/bench", formatter_class=argparse.RawDescriptionHelpFormatter
     )
@@ -283,7 +287,7 @@ def parse():
     return plan
 
 
-def machine():
+def machine() -> str:
     cpuinfo = pathlib.Path("/proc/cpuinfo").read_text()
     model = next(
         (line.split(": ", 1)[1] for line in cpuinfo.splitlines() if line.startswith("model name")), platform.machine()
@@ -291,17 +295,17 @@ def machine():
     return f"{cpuinfo.count('processor	')} x {model}, Linux {platform.release()}"
 
 
-def write(result):
+def write(result: Result) -> None:
     (OUT / "results.json").write_text(json.dumps(result, indent=1))
     (OUT / "table.md").write_text(table.render(result))
     chart.ratios(result["rows"], OUT / "chart.svg")
 
 
-def main():
+def main() -> None:
     plan = parse()
     OUT.mkdir(parents=True, exist_ok=True)
     started = time.monotonic()
-    result = {
+    result: Result = {
         "machine": machine(),
         "date": datetime.date.today().isoformat(),
         "minutes": 0,

@@ -13,8 +13,10 @@ import subprocess
 import sys
 import tempfile
 import unittest
+from collections.abc import Callable, Iterator
 from concurrent import futures
 from pathlib import Path
+from typing import Any
 
 os.environ["GRPC_VERBOSITY"] = "NONE"
 SCRATCH = tempfile.TemporaryDirectory()
@@ -26,15 +28,16 @@ sys.dont_write_bytecode = True
 import grpc  # noqa: E402
 
 import cli  # noqa: E402
+import commands  # noqa: E402
 import stubs  # noqa: E402
 
-pb = stubs.load()
+pb: Any = stubs.load()  # whose classes are made when it is called
 
 
-def listing(kind, field, table):
+def listing(kind: Any, field: str, table: str) -> Callable[..., Iterator[Any]]:
     """A method that answers a table in parts of two."""
 
-    def answer(self, request, context):
+    def answer(self: "FakeAgent", request: Any, context: Any) -> Iterator[Any]:
         items = list(getattr(self, table).values())
         for begin in range(0, len(items) + 1, 2):
             yield kind(waiting=self.waiting, **{field: items[begin : begin + 2]})
@@ -42,10 +45,10 @@ def listing(kind, field, table):
     return answer
 
 
-def setting(table, key):
+def setting(table: str, key: str) -> Callable[..., Any]:
     """A method that keeps what it is told in a table."""
 
-    def answer(self, request, context):
+    def answer(self: "FakeAgent", request: Any, context: Any) -> Any:
         self.users.append(dict(context.invocation_metadata()).get("username"))
         place = str(getattr(request, key))
         if place == "late":
@@ -59,14 +62,20 @@ def setting(table, key):
     return answer
 
 
-class FakeAgent(pb.rpc.RoutingServicer, pb.rpc.SbfdServicer, pb.rpc.StateServicer):
+class FakeAgent(pb.rpc.RoutingServicer, pb.rpc.SbfdServicer, pb.rpc.StateServicer):  # type: ignore[misc]
     """Keeps what it is told in the order of telling."""
 
-    def __init__(self):
-        self.routes, self.groups, self.mpls, self.redirects, self.sessions = {}, {}, {}, {}, {}
-        self.state, self.users, self.waiting = {}, [], 0
+    def __init__(self) -> None:
+        self.routes: dict[str, Any] = {}
+        self.groups: dict[str, Any] = {}
+        self.mpls: dict[str, Any] = {}
+        self.redirects: dict[str, Any] = {}
+        self.sessions: dict[str, Any] = {}
+        self.state: dict[str, str] = {}
+        self.users: list[str | None] = []
+        self.waiting = 0
         self.answer = pb.sdk.rpc_status_msg()
-        self.news = queue.Queue()  # of a watch; None ends it, and so does a status
+        self.news: queue.Queue[Any] = queue.Queue()  # of a watch; None ends it, and so does a status
 
     SetRoute = setting("routes", "prefix")
     SetNexthopGroup = setting("groups", "name")
@@ -78,19 +87,19 @@ class FakeAgent(pb.rpc.RoutingServicer, pb.rpc.SbfdServicer, pb.rpc.StateService
     GetMplsRoutes = listing(pb.agent.mpls_routes_msg, "route", "mpls")
     GetRedirects = listing(pb.agent.redirects_msg, "redirect", "redirects")
 
-    def SetRoutes(self, requests, context):
+    def SetRoutes(self, requests: Iterator[Any], context: Any) -> Any:
         for count, request in enumerate(requests):
             if request.nexthop_group == "bad":
                 context.abort(grpc.StatusCode.INVALID_ARGUMENT, f"route {count}: nexthop_group")
             self.SetRoute(request, context)
         return pb.agent.set_routes_reply_msg(accepted=len(self.routes))
 
-    def DeleteRoute(self, request, context):
+    def DeleteRoute(self, request: Any, context: Any) -> Any:
         if self.routes.pop(str(request), None) is None:
             context.abort(grpc.StatusCode.NOT_FOUND, "no such route")
         return self.answer
 
-    def WatchSessions(self, request, context):
+    def WatchSessions(self, request: Any, context: Any) -> Iterator[Any]:
         updates = self.news
         context.add_callback(lambda: updates.put(None))
         kind = pb.sdk.watch_sbfd_echo_session_status_msg
@@ -102,13 +111,13 @@ class FakeAgent(pb.rpc.RoutingServicer, pb.rpc.SbfdServicer, pb.rpc.StateService
             if request.request_rtt_updates or not news.HasField("rtt"):
                 yield news
 
-    def Configure(self, request, context):
+    def Configure(self, request: Any, context: Any) -> Any:
         self.state.update((entry.key, entry.value) for entry in request.set)
         for item in getattr(request, "delete"):
             self.state.pop(item.key, None)
         return self.answer
 
-    def Read(self, request, context):
+    def Read(self, request: Any, context: Any) -> Any:
         texts = [f"{key}={value}" for key, value in sorted(self.state.items())]
         if request.key:
             texts = [self.state.get(key, "") for key in request.key]
@@ -116,13 +125,13 @@ class FakeAgent(pb.rpc.RoutingServicer, pb.rpc.SbfdServicer, pb.rpc.StateService
 
 
 class VornctlTest(unittest.TestCase):
-    def setUp(self):
+    def setUp(self) -> None:
         folder = tempfile.TemporaryDirectory()
         self.addCleanup(folder.cleanup)
         self.folder = Path(folder.name)
         self.serve()
 
-    def serve(self, address="127.0.0.1:0", credentials=None):
+    def serve(self, address: str = "127.0.0.1:0", credentials: grpc.ServerCredentials | None = None) -> None:
         """Starts an agent, of which self.agent and self.address tell from then on."""
         self.agent = FakeAgent()
         server = grpc.server(futures.ThreadPoolExecutor(8))
@@ -134,34 +143,35 @@ class VornctlTest(unittest.TestCase):
         server.start()
         self.addCleanup(lambda: server.stop(None).wait())
 
-    def file(self, name, text=""):
+    def file(self, name: str, text: str = "") -> str:
         path = self.folder / name
         path.write_text(text, encoding="utf-8")
         return str(path)
 
-    def call(self, *words):
+    def call(self, *words: str) -> tuple[Any, str, str]:
         """Runs a command in this process: its exit code, standard output and standard error."""
         out, err = io.StringIO(), io.StringIO()
         with contextlib.redirect_stdout(out), contextlib.redirect_stderr(err):
+            code: Any
             try:
                 code = cli.main(["--server", self.address, *words])
             except SystemExit as ended:
                 code = ended.code
         return code, out.getvalue(), err.getvalue()
 
-    def succeed(self, line):
+    def succeed(self, line: str) -> str:
         code, out, err = self.call(*line.split())
         self.assertEqual((code, err), (0, ""), line)
         return out
 
-    def refuse(self, code, part, *words):
+    def refuse(self, code: int, part: str, *words: str) -> None:
         """A command that fails, with one line that holds a text."""
         result = self.call(*words)
         self.assertEqual((result[0], result[1]), (code, ""), (words, result))
         self.assertRegex(result[2], r"\Avornctl[^\n]*\n\Z")
         self.assertIn(part, result[2])
 
-    def start(self, *words, **options):
+    def start(self, *words: str, **options: Any) -> Any:
         """Starts a command as a process of its own."""
         command = [str(VORNCTL / "vornctl"), "--server", self.address, *words]
         options = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "text": True, **options}
@@ -172,7 +182,7 @@ class VornctlTest(unittest.TestCase):
 
     # -- the forms of things
 
-    def test_what_is_set_arrives(self):
+    def test_what_is_set_arrives(self) -> None:
         for line in (
             "set route 10.0.0.0/8 group core --tag 7",
             "set group g nexthop fe80::1 interface eth0 push 100,200 replicate 2 session eth0 192.0.2.1"
@@ -229,7 +239,7 @@ class VornctlTest(unittest.TestCase):
             ],
         )
 
-    def test_what_is_listed_can_be_set_again(self):
+    def test_what_is_listed_can_be_set_again(self) -> None:
         hop = "none interface eth0 swap 200 replicate 3 session eth0 192.0.2.1 labels 7 dscp 1 exp 2"
         lines = [f"0      nexthop {hop}", "1      group core swap", "2      group core pop", "3      vrf red"]
         for line in lines:
@@ -248,10 +258,10 @@ class VornctlTest(unittest.TestCase):
         self.assertEqual((again.communicate(out), again.returncode), (("3 routes set\n", ""), 0))
         self.assertEqual(self.agent.routes, first)
 
-    def test_every_group_can_be_saved_and_set_again(self):
+    def test_every_group_can_be_saved_and_set_again(self) -> None:
         names = ["a#b", "#a", "a b", '"', "-", "tab\t", "\u202ebidi", "no\u00a0break", "back\\slash", "gr\u00fcn"]
         for number, name in enumerate(names):
-            self.agent.routes[number] = pb.sdk.ip_route_msg(
+            self.agent.routes[str(number)] = pb.sdk.ip_route_msg(
                 prefix={"addr": bytes([10, number, 0, 0]), "mask_length": 16}, nexthop_group=name, tag=number
             )
         saved = self.file("saved", self.succeed("list routes"))
@@ -263,7 +273,7 @@ class VornctlTest(unittest.TestCase):
             code, _, err = self.call("set", "routes", "--file", self.file("bad", f"10.0.0.0/8 {bad}\n"))
             self.assertEqual((code, err.count("\n")), (2, 1), bad)
 
-    def test_lists(self):
+    def test_lists(self) -> None:
         self.agent.waiting = 5
         for line in (
             "group te nexthop 192.0.2.1 interface eth0 backup 192.0.2.9 push 16",
@@ -312,13 +322,13 @@ class VornctlTest(unittest.TestCase):
             self.assertEqual(self.call("list", what)[1], table)
             self.assertEqual(json.loads(self.succeed(f"list {what} --json")), document)
 
-    def test_state(self):
+    def test_state(self) -> None:
         self.succeed("state set owner=lab=3 window= b=1")
         self.assertEqual(self.succeed("state get"), "KEY     VALUE\nb       1\nowner   lab=3\nwindow\n")
         self.succeed("state delete b nothing")
         self.assertEqual(json.loads(self.succeed("state get owner b --json")), {"owner": "lab=3", "b": ""})
 
-    def test_delete(self):
+    def test_delete(self) -> None:
         for thing, more in (
             ("route ::/0", "group g"),
             ("group g", ""),
@@ -330,17 +340,17 @@ class VornctlTest(unittest.TestCase):
             self.assertEqual(self.succeed(f"delete {thing} --json"), '{"result": "SUCCESS"}\n')
             self.refuse(1, "NOT_FOUND: no", "delete", *thing.split())
 
-    def test_what_an_agent_says_can_not_take_the_terminal(self):
+    def test_what_an_agent_says_can_not_take_the_terminal(self) -> None:
         self.agent.groups["x"] = pb.sdk.nexthop_group_msg(name="a\x1b[2J\nb")
         self.agent.routes["x"] = pb.sdk.ip_route_msg(prefix={"addr": b"12345"})
-        self.agent.mpls[1] = pb.sdk.mpls_route_msg(label=1, nexthop={"mpls_op": 9})
+        self.agent.mpls["1"] = pb.sdk.mpls_route_msg(label=1, nexthop={"mpls_op": 9})
         self.assertEqual(self.succeed("list groups").splitlines()[1], r"a\x1b[2J\nb  -     -")
         self.assertIn("0x3132333435/0", self.succeed("list routes"))
         self.assertIn("nexthop none 9", self.succeed("list mpls"))
 
     # -- what goes wrong
 
-    def test_unusable_commands(self):
+    def test_unusable_commands(self) -> None:
         bad = self.file("bad", "PREFIX GROUP TAG\n10.0.0.0/8 core\n10.0.0.0/8 core x\n")
         for part, line in (
             ("COMMAND", ""),
@@ -374,7 +384,7 @@ class VornctlTest(unittest.TestCase):
         self.refuse(2, "ASCII", "list", "routes", "--user", "é")
         self.assertEqual((self.agent.routes, self.agent.groups, self.agent.mpls), ({}, {}, {}))
 
-    def test_refused_and_failed(self):
+    def test_refused_and_failed(self) -> None:
         self.agent.answer = pb.sdk.rpc_status_msg(rpc_status_value="NO_RESOURCES")
         self.refuse(1, "NO_RESOURCES", "set", "group", "g")
         self.refuse(
@@ -388,7 +398,7 @@ class VornctlTest(unittest.TestCase):
         self.assertEqual(len(self.agent.routes), 1)
         self.refuse(1, "DEADLINE_EXCEEDED", "set", "group", "late")
 
-    def test_no_agent(self):
+    def test_no_agent(self) -> None:
         with socket.create_server(("127.0.0.1", 0)) as mute:
             self.address = f"127.0.0.1:{mute.getsockname()[1]}"
             self.refuse(3, "DEADLINE_EXCEEDED", "list", "routes", "--timeout", "0.3")
@@ -396,14 +406,14 @@ class VornctlTest(unittest.TestCase):
 
     # -- watches, pipes and terminals
 
-    def update(self, **what):
+    def update(self, **what: Any) -> Any:
         key = {"outgoing_interface": "eth0", "nexthop": {"addr": b"\xc0\0\2\1"}}
         return pb.sdk.watch_sbfd_echo_session_status_msg(session_key=key, **what)
 
-    def test_watch(self):
+    def test_watch(self) -> None:
         self.succeed("set session eth0 192.0.2.1")
         rtt = self.update(rtt={"last_rtt": 4, "min_rtt": 1, "avg_rtt": 2, "max_rtt": 5})
-        for words, last in (([], "DOWN"), (["--rtt"], "rtt last 4 min 1 avg 2 max 5 us")):
+        for words, last in (((), "DOWN"), (("--rtt",), "rtt last 4 min 1 avg 2 max 5 us")):
             watch = self.start("watch", "sessions", *words)
             self.assertEqual(watch.stdout.readline(), "TIME      SESSION         STATUS\n")
             self.assertRegex(watch.stdout.readline(), r"^\d\d:\d\d:\d\d  eth0 192.0.2.1  UP$")
@@ -430,7 +440,7 @@ class VornctlTest(unittest.TestCase):
             self.assertIn(part, watch.communicate()[1])
             self.assertEqual(watch.returncode, 1)
 
-    def test_closed_pipe(self):
+    def test_closed_pipe(self) -> None:
         watch = self.start("watch", "sessions", "--json")
         watch.stdout.readline()
         watch.stdout.close()
@@ -441,8 +451,8 @@ class VornctlTest(unittest.TestCase):
             self.assertEqual(listing.communicate()[1], "vornctl: standard output: No space left on device\n")
             self.assertEqual(listing.returncode, 1)
 
-    def test_progress_on_a_terminal(self):
-        count = cli.commands.PROGRESS_FROM
+    def test_progress_on_a_terminal(self) -> None:
+        count = commands.PROGRESS_FROM
         path = self.file("routes", "".join(f"10.{n // 256}.{n % 256}.0/24 core\n" for n in range(count)))
         terminal, end = pty.openpty()
         sending = self.start("set", "routes", "--file", path, stderr=end)
@@ -458,12 +468,12 @@ class VornctlTest(unittest.TestCase):
 
     # -- connections
 
-    def test_local_credentials_and_user(self):
+    def test_local_credentials_and_user(self) -> None:
         self.serve(f"unix:{self.folder}/socket", grpc.local_server_credentials(grpc.LocalConnectionType.UDS))
         self.succeed("set group g --local --user alice")
         self.assertEqual(self.agent.users, ["alice"])
 
-    def test_tls(self):
+    def test_tls(self) -> None:
         for name in ("agent", "me"):
             subprocess.run(
                 [
@@ -500,7 +510,7 @@ class VornctlTest(unittest.TestCase):
 
     # -- the first use
 
-    def test_first_use(self):
+    def test_first_use(self) -> None:
         with tempfile.TemporaryDirectory() as cache:
             env = {**os.environ, "XDG_CACHE_HOME": cache}
             poor = self.start("list", "routes", env={**env, "PATH": "/nowhere"})

@@ -55,8 +55,12 @@ class Agent:
     def _connected(self) -> bool:
         states: list[grpc.ChannelConnectivity] = []
         told = threading.Event()
-        # The first state that a subscriber is told is the present one.
-        self._channel.subscribe(lambda state: (states.append(state), told.set()))
+
+        def tell(state: grpc.ChannelConnectivity) -> None:
+            states.append(state)
+            told.set()
+
+        self._channel.subscribe(tell)  # which is told the present state first
         told.wait(5)
         return states[:1] == [grpc.ChannelConnectivity.READY]
 

@@ -6,6 +6,7 @@ file.
 """
 
 import argparse
+import functools
 import ipaddress
 import json
 import re
@@ -25,7 +26,7 @@ def name(word: str) -> str:
     if not word.startswith('"'):
         return word
     try:
-        text = json.loads(word)
+        text: str = json.loads(word)
         text.encode()  # half a character is none
         return text
     except ValueError as error:
@@ -92,7 +93,7 @@ def enum_name(message: Any, field: str) -> str:
     """The name of a field's value, or its number where this side knows no name."""
     value = getattr(message, field)
     named = message.DESCRIPTOR.fields_by_name[field].enum_type.values_by_number.get(value)
-    return named.name if named else str(value)
+    return str(named.name if named else value)
 
 
 def operation(message: Any) -> str:
@@ -143,9 +144,13 @@ def fill_session_key(key: Any, words: Words) -> None:
     """INTERFACE ADDRESS [labels N,N...] [dscp N] [exp N]"""
     key.outgoing_interface = words.take("the session's interface")
     key.nexthop.addr = address(words.take("the session's address"))
+
+    def read_labels() -> None:
+        key.labels.extend(numbers(words.take("the labels")))
+
     words.clauses(
         {
-            "labels": lambda: key.labels.extend(numbers(words.take("the labels"))),
+            "labels": read_labels,
             "dscp": lambda: setattr(key, "dscp", number(words.take("the DSCP"))),
             "exp": lambda: setattr(key, "mpls_exp", number(words.take("the EXP bits"))),
         }
@@ -169,7 +174,7 @@ def fill_nexthop(hop: Any, words: Words) -> None:
             "interface": lambda: setattr(hop, "nexthop_interface", words.take("the interface")),
             "replicate": lambda: setattr(hop, "replicate_count", number(words.take("the count"))),
             "session": lambda: fill_session_key(hop.sbfd_session_key, words),
-            **{word: lambda word=word: read_operation(word) for word in known},
+            **{word: functools.partial(read_operation, word) for word in known},
         }
     )
 

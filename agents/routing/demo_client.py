@@ -9,6 +9,8 @@ shows its certificate. Each step prints what it saw, and exits with 1 when that 
 
 import ipaddress
 import sys
+from collections.abc import Callable, Iterator
+from typing import Any
 
 import grpc
 
@@ -18,35 +20,40 @@ from agents.routing import RoutingAgent_pb2 as agent  # noqa: E402
 from agents.routing import RoutingAgent_pb2_grpc as agent_grpc  # noqa: E402
 
 
-def check(holds, what):
+def check(holds: bool, what: str) -> None:
     if not holds:
         sys.exit(f"NOT SHOWN: {what}")
     print(f"  {what}", flush=True)
 
 
-def prefix(text):
+Key = tuple[bytes, int]  # address and length of a prefix
+Table = dict[Key, sdk.ip_route_msg]
+
+
+def prefix(text: str) -> sdk.ip_prefix_msg:
     network = ipaddress.ip_network(text)
     return sdk.ip_prefix_msg(addr=network.network_address.packed, mask_length=network.prefixlen)
 
 
-def route(text, tag=0):
+def route(text: str, tag: int = 0) -> sdk.ip_route_msg:
     return sdk.ip_route_msg(prefix=prefix(text), nexthop_group="core", tag=tag)
 
 
-def key(message):
+def key(message: sdk.ip_route_msg) -> Key:
     return (message.prefix.addr, message.prefix.mask_length)
 
 
-def read(stub):
+def read(stub: agent_grpc.RoutingStub) -> tuple[Table, int]:
     """The programmed routes, and how many changes were waiting when the last part was taken."""
-    routes, waiting = {}, 0
+    routes: Table = {}
+    waiting = 0
     for part in stub.GetRoutes(agent.get_msg()):
         routes.update((key(item), item) for item in part.route)
         waiting = part.waiting
     return routes, waiting
 
 
-def table(stub):
+def table(stub: agent_grpc.RoutingStub) -> Table:
     """The programmed routes once nothing is waiting any more."""
     routes, waiting = read(stub)
     while waiting:
@@ -54,7 +61,7 @@ def table(stub):
     return routes
 
 
-def status_of(call):
+def status_of(call: Callable[[], Any]) -> tuple[grpc.StatusCode, str]:
     try:
         call()
         return grpc.StatusCode.OK, ""
@@ -62,7 +69,7 @@ def status_of(call):
         return error.code(), error.details()
 
 
-def routes(channel):
+def routes(channel: grpc.Channel) -> None:
     """Sets, reads, removes, and is refused what can't be used."""
     stub = agent_grpc.RoutingStub(channel)
     wanted = [route(f"10.{n // 256}.{n % 256}.0/24", n) for n in range(600)]
@@ -89,13 +96,13 @@ def routes(channel):
     check(table(stub) == expected, f"nothing lost: {len(expected)} routes in the table")
 
 
-def load(channel):
+def load(channel: grpc.Channel) -> None:
     """Sets 100,000 routes at once, and reads while the agent programs them."""
     stub = agent_grpc.RoutingStub(channel)
     wanted = [route(f"172.{16 + n // 65536}.{n // 256 % 256}.{n % 256}/32", n) for n in range(100000)]
     reply = stub.SetRoutes(iter(wanted))
     check(reply.accepted == len(wanted), f"{reply.accepted} routes accepted through one stream")
-    most, routes, waiting = 0, {}, 1
+    most, waiting = 0, 1
     while waiting:
         routes, waiting = read(stub)
         most = max(most, waiting)
@@ -105,10 +112,10 @@ def load(channel):
     check(not missing, "every one of them is in the table, as it was set")
 
 
-def hold(channel):
+def hold(channel: grpc.Channel) -> None:
     """Holds a stream open until the agent ends it."""
 
-    def endless():
+    def endless() -> Iterator[sdk.ip_route_msg]:
         yield route("203.0.113.0/24")
         print("  stream open", flush=True)
         sys.stdin.read()
@@ -117,14 +124,14 @@ def hold(channel):
     check(code != grpc.StatusCode.OK, f"the open stream was ended by the agent: {code.name}")
 
 
-def closed(channel):
+def closed(channel: grpc.Channel) -> None:
     """Finds nobody at the address."""
     stub = agent_grpc.RoutingStub(channel)
     code, _ = status_of(lambda: stub.SetRoute(route("192.0.2.0/24"), timeout=3))
     check(code == grpc.StatusCode.UNAVAILABLE, "outside of the namespace the port is closed")
 
 
-def account(channel):
+def account(channel: grpc.Channel) -> None:
     """Makes one call that succeeds, one that fails and one that no agent knows."""
     stub = agent_grpc.RoutingStub(channel)
     codes = [
@@ -136,7 +143,7 @@ def account(channel):
     check(codes == expected, "called: " + ", ".join(code.name for code in codes))
 
 
-def swap(channel):
+def swap(channel: grpc.Channel) -> None:
     """Claims to be somebody else than the certificate says."""
     stub = agent_grpc.RoutingStub(channel)
     claim = [("username", "mallory")]
@@ -144,7 +151,7 @@ def swap(channel):
     check(code == grpc.StatusCode.UNAUTHENTICATED, "a call that claims to be mallory is refused")
 
 
-def kernel(channel):
+def kernel(channel: grpc.Channel) -> None:
     """Sets a group and a route through it, for the kernel."""
     stub = agent_grpc.RoutingStub(channel)
     group = sdk.nexthop_group_msg(name="core")
@@ -155,7 +162,7 @@ def kernel(channel):
     check(True, "a next-hop group and a route through it set over gRPC")
 
 
-def sbfd(channel):
+def sbfd(channel: grpc.Channel) -> None:
     """Watches sessions come up, change and end."""
     stub = agent_grpc.SbfdStub(channel)
     sessions = [sdk.sbfd_echo_session_msg(rtt_enabled=True) for _ in range(3)]
@@ -163,7 +170,8 @@ def sbfd(channel):
         session.session_key.outgoing_interface = f"eth{number}"
         session.session_key.nexthop.addr = ipaddress.ip_address("192.0.2.1").packed
         stub.SetSession(session)
-    up, rtts, batch = set(), 0, None
+    up: set[str] = set()
+    rtts, batch = 0, False
     watch = stub.WatchSessions(sdk.watch_sbfd_echo_session_config_msg(request_rtt_updates=True))
     for item in watch:
         if item.WhichOneof("update") == "end_of_status_batch":
@@ -178,7 +186,7 @@ def sbfd(channel):
     check(True, f"the present state, its end, then {len(up)} sessions UP and round-trip times")
 
 
-def standard(channel):
+def standard(channel: grpc.Channel) -> None:
     """Asks gRPC's own services, which any tool knows."""
     health = channel.unary_unary("/grpc.health.v1.Health/Check")(b"")
     check(health == b"\x08\x01", "gRPC health checking answers SERVING")
@@ -191,7 +199,7 @@ def standard(channel):
 STEPS = {step.__name__: step for step in (routes, load, hold, closed, account, swap, kernel, sbfd, standard)}
 
 
-def connect(address, files):
+def connect(address: str, files: list[str]) -> grpc.Channel:
     if not files:
         return grpc.insecure_channel(address)
     ca, certificate, private = (open(file, "rb").read() for file in files)
