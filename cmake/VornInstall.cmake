@@ -2,35 +2,57 @@
 # building one needs), also when it installs a project that this one is a subfolder of.
 set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/VornSdkRpcLib)
 
-install(TARGETS VornSdkRpcLib VornSdkRpcProtos VornPlatform VornSdkRpcCertificates EXPORT VornSdkRpcLibTargets
+install(
+  TARGETS VornSdkRpcLib VornSdkRpcProtos VornPlatform VornSdkRpcCertificates
+  EXPORT VornSdkRpcLibTargets
   LIBRARY COMPONENT runtime NAMELINK_COMPONENT dev
-  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  INCLUDES
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+)
 
 foreach(folder VornSdkRpc vorn)
-  install(DIRECTORY ${folder} TYPE INCLUDE COMPONENT dev FILES_MATCHING PATTERN "*.h"
-    PATTERN FileWatch.h EXCLUDE PATTERN CertificateSet.h EXCLUDE)
+  install(
+    DIRECTORY ${folder}
+    TYPE INCLUDE
+    COMPONENT dev
+    FILES_MATCHING
+    PATTERN "*.h"
+    PATTERN FileWatch.h EXCLUDE
+    PATTERN CertificateSet.h EXCLUDE
+  )
 endforeach()
-install(DIRECTORY platform/ TYPE INCLUDE COMPONENT dev FILES_MATCHING PATTERN "*.h" PATTERN SinkFailures.h EXCLUDE)
-install(FILES ${PROJECT_BINARY_DIR}/platform/generated/vorn/export.h
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vorn COMPONENT dev)
+install(
+  DIRECTORY platform/
+  TYPE INCLUDE
+  COMPONENT dev
+  FILES_MATCHING
+  PATTERN "*.h"
+  PATTERN SinkFailures.h EXCLUDE
+)
+install(FILES ${PROJECT_BINARY_DIR}/platform/generated/vorn/export.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vorn
+        COMPONENT dev
+)
 set(messages_dir ${PROJECT_BINARY_DIR}/VornSdkRpcProtos/generated/VornSdkRpcProtos/VornSdkRpcProtos)
 install(FILES VornSdkRpcProtos/VornSdkRpc.proto ${messages_dir}/VornSdkRpc.pb.h
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/VornSdkRpcProtos COMPONENT dev)
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/VornSdkRpcProtos COMPONENT dev
+)
 
 # For find_package(VornSdkRpcLib CONFIG).
 include(CMakePackageConfigHelpers)
-configure_package_config_file(cmake/VornSdkRpcLibConfig.cmake.in ${PROJECT_BINARY_DIR}/VornSdkRpcLibConfig.cmake
-  INSTALL_DESTINATION ${config_dir} PATH_VARS CMAKE_INSTALL_INCLUDEDIR)
-write_basic_package_version_file(${PROJECT_BINARY_DIR}/VornSdkRpcLibConfigVersion.cmake
-  COMPATIBILITY SameMinorVersion)
+configure_package_config_file(
+  cmake/VornSdkRpcLibConfig.cmake.in ${PROJECT_BINARY_DIR}/VornSdkRpcLibConfig.cmake INSTALL_DESTINATION ${config_dir}
+  PATH_VARS CMAKE_INSTALL_INCLUDEDIR
+)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/VornSdkRpcLibConfigVersion.cmake COMPATIBILITY SameMinorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/VornSdkRpcLibConfig.cmake ${PROJECT_BINARY_DIR}/VornSdkRpcLibConfigVersion.cmake
-  cmake/VornSdkRpcGenerate.cmake
-  DESTINATION ${config_dir} COMPONENT dev)
+              cmake/VornSdkRpcGenerate.cmake DESTINATION ${config_dir} COMPONENT dev
+)
 install(EXPORT VornSdkRpcLibTargets NAMESPACE VornSdkRpc:: DESTINATION ${config_dir} COMPONENT dev)
 
 # For pkg-config. Its prefix is found from where the file lies, so the tree can be moved as a whole.
-cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig
-  OUTPUT_VARIABLE prefix_from_pc)
+cmake_path(
+  RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig OUTPUT_VARIABLE
+  prefix_from_pc
+)
 configure_file(cmake/VornSdkRpcLib.pc.in VornSdkRpcLib.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/VornSdkRpcLib.pc
-  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
+install(FILES ${PROJECT_BINARY_DIR}/VornSdkRpcLib.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)

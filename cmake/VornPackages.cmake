@@ -4,16 +4,28 @@ set(dev_package libvornsdkrpc-dev)
 
 foreach(component runtime dev)
   install(FILES packaging/copyright DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${${component}_package}
-    COMPONENT ${component})
+          COMPONENT ${component}
+  )
 endforeach()
 
 # The pages and what they link to, side by side as they are here, so that their links lead somewhere there too.
 set(doc_dir ${CMAKE_INSTALL_DATAROOTDIR}/doc/${dev_package})
 install(FILES README.md CHANGELOG.md DESTINATION ${doc_dir} COMPONENT dev)
-install(DIRECTORY docs examples agents vornctl DESTINATION ${doc_dir} COMPONENT dev
-  FILES_MATCHING PATTERN "*.md" PATTERN "*.svg" PATTERN "*.h" PATTERN "*.cpp" PATTERN "*.proto" PATTERN "*.py"
+install(
+  DIRECTORY docs examples agents vornctl
+  DESTINATION ${doc_dir}
+  COMPONENT dev
+  FILES_MATCHING
+  PATTERN "*.md"
+  PATTERN "*.svg"
+  PATTERN "*.h"
+  PATTERN "*.cpp"
+  PATTERN "*.proto"
+  PATTERN "*.py"
   PATTERN vornctl/vornctl
-  PATTERN contributing.md EXCLUDE PATTERN __pycache__ EXCLUDE)
+  PATTERN contributing.md EXCLUDE
+  PATTERN __pycache__ EXCLUDE
+)
 install(FILES examples/minimal_agent/CMakeLists.txt DESTINATION ${doc_dir}/examples/minimal_agent COMPONENT dev)
 
 set(CPACK_GENERATOR DEB)
@@ -32,7 +44,7 @@ set(CPACK_DEBIAN_RUNTIME_DESCRIPTION "The libraries that agents run with.")
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME ${dev_package})
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${runtime_package} (= ${PROJECT_VERSION}), \
-libgrpc++-dev, libgrpc-dev, libprotobuf-dev, protobuf-compiler, protobuf-compiler-grpc, libfmt-dev, libspdlog-dev")
-set(CPACK_DEBIAN_DEV_DESCRIPTION
-  "What building an agent takes: headers, messages, and files for CMake and pkg-config.")
+libgrpc++-dev, libgrpc-dev, libprotobuf-dev, protobuf-compiler, protobuf-compiler-grpc, libfmt-dev, libspdlog-dev"
+)
+set(CPACK_DEBIAN_DEV_DESCRIPTION "What building an agent takes: headers, messages, and files for CMake and pkg-config.")
 include(CPack)

@@ -17,7 +17,6 @@ set(CMAKE_POSITION_INDEPENDENT_CODE ON)
 
 # Hardened. The sanitizers check more than these do, and _FORTIFY_SOURCE takes an optimised build.
 if(NOT VORNSDKRPC_SANITIZE)
-  add_compile_options(
-    "$<${optimised}:-fstack-protector-strong;-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>")
+  add_compile_options("$<${optimised}:-fstack-protector-strong;-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>")
   add_link_options(-Wl,-z,relro,-z,now,-z,noexecstack)
 endif()

@@ -85,10 +85,14 @@ function(vornsdkrpc_add_generator var out proto name import_options messages_onl
     list(APPEND outputs ${out}/${stem}.grpc.pb.cc ${out}/${stem}.grpc.pb.h)
     list(APPEND options --grpc_out=${out} --plugin=protoc-gen-grpc=${plugin})
   endif()
-  add_custom_command(OUTPUT ${outputs}
+  add_custom_command(
+    OUTPUT ${outputs}
     COMMAND ${protoc} ${import_options} ${options} --dependency_out=${out}/${stem}.d ${name}
-    DEPENDS ${proto} DEPFILE ${out}/${stem}.d
-    COMMENT "Generating ${stem}.pb" VERBATIM)
+    DEPENDS ${proto}
+    DEPFILE ${out}/${stem}.d
+    COMMENT "Generating ${stem}.pb"
+    VERBATIM
+  )
   set_source_files_properties(${outputs} PROPERTIES COMPILE_OPTIONS -w SKIP_UNITY_BUILD_INCLUSION ON)
   set(${var} ${outputs} PARENT_SCOPE)
 endfunction()

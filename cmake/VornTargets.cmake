@@ -1,21 +1,24 @@
 # What every target of this project shares: the language, the warnings and the sanitizers.
 add_library(vorn_build_flags INTERFACE)
 target_compile_features(vorn_build_flags INTERFACE cxx_std_20)
-target_compile_options(vorn_build_flags INTERFACE
-  -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wformat=2
-  $<$<BOOL:${VORNSDKRPC_WERROR}>:-Werror>)
+target_compile_options(
+  vorn_build_flags INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wformat=2
+                             $<$<BOOL:${VORNSDKRPC_WERROR}>:-Werror>
+)
 if(VORNSDKRPC_SANITIZE)
   # g++ takes what a sanitizer adds to the standard library's std::regex for uses of uninitialized members.
-  target_compile_options(vorn_build_flags INTERFACE
-    -fsanitize=${VORNSDKRPC_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer
-    $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
+  target_compile_options(
+    vorn_build_flags INTERFACE -fsanitize=${VORNSDKRPC_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer
+                               $<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>
+  )
   target_link_options(vorn_build_flags INTERFACE -fsanitize=${VORNSDKRPC_SANITIZE})
 endif()
 if(VORNSDKRPC_SANITIZE MATCHES thread)
   # Lest a program's copies of inline functions, which the sanitizer looks into, serve gRPC's libraries too.
   set(map ${PROJECT_SOURCE_DIR}/cmake/sanitized-program.map)
-  target_link_options(vorn_build_flags INTERFACE
-    $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-Wl,--version-script=${map}>)
+  target_link_options(
+    vorn_build_flags INTERFACE $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-Wl,--version-script=${map}>
+  )
 endif()
 
 # Before 1.0 every minor version may change the libraries' interface; from then on only a major one.
@@ -35,12 +38,17 @@ function(vorn_shared_library target)
   endif()
   add_library(${target} SHARED ${arg_UNPARSED_ARGUMENTS})
   add_library(VornSdkRpc::${target} ALIAS ${target})
-  set_target_properties(${target} PROPERTIES
-    CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
-    VERSION ${PROJECT_VERSION} SOVERSION ${VORN_ABI_VERSION}
-    LINK_DEPENDS ${map}
-    # Side by side, as they are installed, so that they find one another here and there in the same way.
-    LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/VornSdkRpc BUILD_WITH_INSTALL_RPATH ON)
+  set_target_properties(
+    ${target}
+    PROPERTIES CXX_VISIBILITY_PRESET hidden
+               VISIBILITY_INLINES_HIDDEN ON
+               VERSION ${PROJECT_VERSION}
+               SOVERSION ${VORN_ABI_VERSION}
+               LINK_DEPENDS ${map}
+               # Side by side, as they are installed, so that they find one another here and there in the same way.
+               LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/VornSdkRpc
+               BUILD_WITH_INSTALL_RPATH ON
+  )
   target_compile_features(${target} PUBLIC cxx_std_20)
   target_compile_options(${target} PRIVATE -UNDEBUG -fno-semantic-interposition)
   target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:vorn_build_flags>)
