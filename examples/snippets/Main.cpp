@@ -17,12 +17,16 @@
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <unistd.h>
 
+#define ASIO_STANDALONE
+#include <asio/post.hpp>
+#include <asio/thread_pool.hpp>
 #include <csignal>
 #include <deque>
 #include <fstream>
 #include <iostream>
 #include <stdexcept>
 #include <thread>
+#include <vector>
 
 #include "examples/snippets/NapService.h"
 #include "examples/snippets/RouteService.h"
@@ -173,6 +177,19 @@ void callsEverything(grpc::ChannelInterface& channel) {
     watching.TryCancel();
     require(watch->Finish().error_code() == grpc::CANCELLED, "until the watch is cancelled");
   }
+  file_msg file;
+  file.set_name("routes.txt");
+  for (const bool apart : {false, true}) {
+    grpc::ClientContext context;
+    file.set_apart(apart);
+    require(routes->Save(&context, file, &count).ok() && count.count() == 4, "routes are saved");
+  }
+  {
+    grpc::ClientContext context;
+    file.set_name("no/such/folder");
+    require(routes->Save(&context, file, &count).error_code() == grpc::FAILED_PRECONDITION,
+            "what the work throws ends the call");
+  }
   {
     grpc::ClientContext context;
     const auto talk = routes->Echo(&context);
@@ -242,11 +259,18 @@ void run(int argc, char** argv) {
   // [accounting]
   VornSdkRpc::installAccounting(builder);
   // [accounting]
+  // [executors]
+  asio::thread_pool pool(2);
+  const auto onPool = [&pool](auto work) { asio::post(pool, std::move(work)); };
+  std::vector<std::jthread> threads;
+  const auto onThread = [&threads](auto work) { threads.emplace_back(std::move(work)); };
+  // [executors]
   {
     // [serve]
     VornSdkRpc::ServerProperties properties{std::string(netns)};
     VornSdkRpc::GrpcServer server(
-        builder, {std::make_shared<RouteService>(table), std::make_shared<NapService>()},
+        builder,
+        {std::make_shared<RouteService>(table, onPool, onThread), std::make_shared<NapService>()},
         properties, true);
     // [serve]
     // [signals]

@@ -5,9 +5,13 @@
 #include <VornSdkRpc/PeerInfo.h>
 #include <VornSdkRpc/Rpc.h>
 #include <VornSdkRpc/RpcEvents.h>
+#include <VornSdkRpc/RpcOffload.h>
 
+#include <fstream>
+#include <functional>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "examples/snippets/Snippets.grpc.pb.h"
@@ -43,10 +47,16 @@ class RouteTable {
   std::vector<ip_route_msg> routes_;
 };
 
+using Executor = std::function<void(rpc::Job)>;
+
 // [kit]
 class RouteService : public rpc::Service<Routes> {
  public:
-  explicit RouteService(RouteTable& table) : Service("Routes"), table_(table) {
+  RouteService(RouteTable& table, Executor onPool, Executor onThread)
+      : Service("Routes"),
+        table_(table),
+        onPool_(std::move(onPool)),
+        onThread_(std::move(onThread)) {
     method(&Async::RequestSet,
            [this](const ip_route_msg& route, rpc_status_msg&) { return set(route); });
     method(&Async::RequestAwait, [this](rpc::Call& call, const count_msg& wanted,
@@ -57,6 +67,9 @@ class RouteService : public rpc::Service<Routes> {
     method(&Async::RequestWatch,
            [this](rpc::Writer<ip_route_msg>& watcher, const count_msg&) { return watch(watcher); },
            {.limit = 100});
+    method(&Async::RequestSave, [this](rpc::Call& call, const file_msg& file, count_msg& count) {
+      return save(call, file, count);
+    });
     method(&Async::RequestEcho,
            [this](rpc::ReaderWriter<ip_route_msg, ip_route_msg>& talk) { return echo(talk); });
   }
@@ -132,6 +145,24 @@ class RouteService : public rpc::Service<Routes> {
   }
   // [both]
 
+  // [offload]
+  rpc::Task<> save(rpc::Call& call, const file_msg& file, count_msg& count) {
+    auto work = [name = file.name(), routes = table_.after(0)] { return write(name, routes); };
+    const auto written = co_await rpc::offload(call, file.apart() ? onThread_ : onPool_, work);
+    if (!written) co_return grpc::Status::CANCELLED;
+    count.set_count(*written);
+    co_return grpc::Status::OK;
+  }
+  // [offload]
+
+  static std::uint32_t write(const std::string& name, const std::vector<ip_route_msg>& routes) {
+    std::ofstream file(name);
+    for (const auto& route : routes)
+      file << route << "\n";
+    if (!file.flush()) throw vorn::configuration_error("cannot write " + name);
+    return static_cast<std::uint32_t>(routes.size());
+  }
+
   // [convert]
   ip_route_msg normalised(const ip_route_msg& route) const {
     const vorn::ip_prefix_t prefix = VornSdkRpc::ipPrefixToPrefix(route.prefix());
@@ -143,6 +174,7 @@ class RouteService : public rpc::Service<Routes> {
   // [convert]
 
   RouteTable& table_;
+  const Executor onPool_, onThread_;
 };
 
 }  // namespace snippets
