@@ -64,6 +64,11 @@ bool matchesOne(const std::vector<TextMatch>& matches, std::string_view value) {
   return std::ranges::any_of(matches, [&](const auto& match) { return match.matches(value); });
 }
 
+bool isLocal(std::string_view principal) {
+  return std::ranges::any_of(std::array{"uid:", "user:", "gid:", "group:"},
+                             [principal](const char* kind) { return principal.starts_with(kind); });
+}
+
 // One string of source.principals.
 class Principal {
  public:
@@ -77,11 +82,6 @@ class Principal {
   }
 
  private:
-  static bool isLocal(std::string_view text) {
-    return std::ranges::any_of(std::array{"uid:", "user:", "gid:", "group:"},
-                               [text](const char* kind) { return text.starts_with(kind); });
-  }
-
   bool local_;
   TextMatch match_;
 };
@@ -261,6 +261,13 @@ Struct fieldsOf(std::string_view json) {
 }
 
 }  // namespace
+
+void addPrincipal(PolicyPeer& peer, std::string_view principal) {
+  if (isLocal(principal))
+    peer.local.emplace_back(principal);
+  else
+    peer.names.push_back(principal);
+}
 
 struct Policy::Content {
   void add(const Place& list, bool allows) {

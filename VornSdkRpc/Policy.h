@@ -62,6 +62,10 @@ struct PolicyPeer {
   std::vector<std::string> local;
 };
 
+// Adds a principal as a policy writes it: what begins with "uid:", "user:", "gid:" or "group:" is a
+// caller on this host, anything else a name of a certificate, whose text must outlive the peer.
+VORN_EXPORT void addPrincipal(PolicyPeer& peer, std::string_view principal);
+
 // A call that a policy decides on.
 struct PolicyRequest {
   // The metadata of a call as gRPC hands it out, keys in lower case.

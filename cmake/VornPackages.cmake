@@ -21,6 +21,7 @@ install(
   PATTERN "*.h"
   PATTERN "*.cpp"
   PATTERN "*.proto"
+  PATTERN "*.json"
   PATTERN "*.py"
   PATTERN vornctl/vornctl
   PATTERN contributing.md EXCLUDE

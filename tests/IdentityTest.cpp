@@ -13,8 +13,8 @@
 #include "Certificates.h"
 #include "agents/routing/Identity.h"
 
+using routing_agent::Access;
 using routing_agent::IdentityOptions;
-using routing_agent::serverCredentials;
 using test::Certificates;
 using test::EchoServer;
 using testing::ElementsAre;
@@ -23,8 +23,11 @@ using testing::HasSubstr;
 namespace {
 
 IdentityOptions optionsOf(const Certificates& certificates) {
-  return {certificates.path("server.pem"), certificates.path("server.key"),
-          certificates.path("ca.pem")};
+  IdentityOptions options;
+  options.tlsCert = certificates.path("server.pem");
+  options.tlsKey = certificates.path("server.key");
+  options.clientCa = certificates.path("ca.pem");
+  return options;
 }
 
 // The code of a call whose metadata claims to come from `usernames`, and which asks for `status`.
@@ -62,7 +65,8 @@ TEST(Identity, EveryRecordOfAUserIsHisAndOfHisConnection) {
   const Certificates certificates;
   certificates.issue("alice", "/CN=alice");
   certificates.issue("bob", "/CN=bob");
-  EchoServer server(serverCredentials("127.0.0.1:0", optionsOf(certificates)));
+  const Access access(optionsOf(certificates));
+  EchoServer server(access.credentials("127.0.0.1:0"));
   const auto client = [&](const std::string& name, int status) {
     return std::jthread([&, name, status] {
       const auto stub = server.stub(certificates.client(name));
@@ -101,7 +105,8 @@ TEST(Identity, ACertificateDecidesWhoCallsAndAClaimMustAgree) {
   certificates.issue("two_names", "/CN=alice");
   certificates.rename("two_names", {"alice\0.evil", 11});
   certificates.make("stranger", "/CN=alice", "");
-  EchoServer server(serverCredentials("127.0.0.1:0", optionsOf(certificates)));
+  const Access access(optionsOf(certificates));
+  EchoServer server(access.credentials("127.0.0.1:0"));
   const std::tuple<std::string, std::vector<std::string>, int> cases[] = {
       {"alice", {}, grpc::OK},
       {"alice", {"alice"}, grpc::OK},
@@ -132,7 +137,8 @@ TEST(Identity, LocalCallersAreWhoTheirConnectionsFirstCallClaims) {
       {"127.0.0.1:0", LOCAL_TCP}, {"unix:" + certificates.path("socket"), UDS}};
   for (const auto& [address, type] : cases) {
     const test::Capture log(Kiv::platformLogger());
-    EchoServer server(serverCredentials(address, options), address);
+    const Access access(options);
+    EchoServer server(access.credentials(address), address);
     const auto alice = server.stub(grpc::experimental::LocalCredentials(type));
     EXPECT_EQ(callAs(*alice, {"alice"}), grpc::OK);
     EXPECT_EQ(callAs(*alice, {"bob"}), grpc::UNAUTHENTICATED);
@@ -149,7 +155,8 @@ TEST(Identity, LocalCallersAreWhoTheirConnectionsFirstCallClaims) {
 
 TEST(Identity, AConnectionWithoutCredentialsIsUnknown) {
   const test::Capture log(Kiv::platformLogger());
-  EchoServer server(serverCredentials("127.0.0.1:0", IdentityOptions()));
+  const Access access{IdentityOptions()};
+  EchoServer server(access.credentials("127.0.0.1:0"));
   const auto stub = server.stub();
   EXPECT_EQ(callAs(*stub, {"alice"}), grpc::OK);
   server.stop();
@@ -164,7 +171,10 @@ TEST(Identity, AFileThatCannotBeUsedIsNamedWithTheReason) {
       {&IdentityOptions::tlsCert, missing,
        "cannot read " + missing + ": No such file or directory"},
       {&IdentityOptions::clientCa, folder, "cannot read " + folder + ": Is a directory"},
-      {&IdentityOptions::tlsKey, "/dev/null", "/dev/null holds no PEM"},
+      {&IdentityOptions::tlsKey, certificates.path("openssl.log"), "holds no private key"},
+      {&IdentityOptions::policy, missing, "cannot read " + missing},
+      {&IdentityOptions::policy, certificates.path("server.pem"), "is no JSON object"},
+      {&IdentityOptions::revoked, folder, "Is a directory"},
       {&IdentityOptions::clientCa, "", "all three"},
   };
   for (const auto& [option, value, refusal] : cases) {
@@ -172,7 +182,7 @@ TEST(Identity, AFileThatCannotBeUsedIsNamedWithTheReason) {
     options.*option = value;
     std::string said = "accepted";
     try {
-      serverCredentials("0.0.0.0:0", options);
+      const Access access(options);
     } catch (const std::exception& error) {
       said = error.what();
     }

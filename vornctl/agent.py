@@ -23,11 +23,13 @@ class Agent:
     def __init__(self, args: argparse.Namespace, stubs: SimpleNamespace) -> None:
         self.sdk = stubs.sdk
         self.messages = stubs.agent
+        self.policy_messages = stubs.policy
         self.server: str = args.server
         self._channel = _channel(args)
         self.routing = stubs.rpc.RoutingStub(self._channel)
         self.sbfd = stubs.rpc.SbfdStub(self._channel)
         self.state = stubs.rpc.StateStub(self._channel)
+        self.policy = stubs.policy_rpc.PolicyStub(self._channel)
         metadata = [("username", args.user)] if args.user else []
         self.unary = {"timeout": args.timeout or UNARY_TIMEOUT, "metadata": metadata}
         self.stream = {"timeout": args.timeout, "metadata": metadata}

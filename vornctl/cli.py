@@ -9,6 +9,7 @@ from typing import Any, NoReturn
 import grpc
 
 import commands
+import policy
 import stubs
 import values
 from agent import Agent, Refused
@@ -195,6 +196,7 @@ def make_parser() -> Parser:
     )
     sessions.add_argument("--rtt", action="store_true", help="show round-trip times too, in microseconds")
     add_state(top)
+    add_policy(top)
     return parser
 
 
@@ -391,6 +393,69 @@ def add_state(top: Level) -> None:
         more="Deleting a key that is not there changes nothing.",
     )
     leaf.add_argument("keys", metavar="KEY", nargs="+", help="what to delete")
+
+
+def add_policy(top: Level) -> None:
+    parser = top.add(
+        "policy",
+        "ask who may call what",
+        lines(
+            "policy show",
+            "policy check policy.json",
+            "policy probe --as user:alice --as group:users /routing_agent.Routing/SetRoute",
+        ),
+    )
+    level = Level(parser, "what to ask", "action")
+    level.add(
+        "show",
+        "show the policy in force, and how often each rule has decided",
+        lines("policy show", "policy show --json | jq .rules"),
+        policy.show,
+    )
+    leaf = level.add(
+        "check",
+        "have the agent say whether a file is a policy that it would take",
+        lines("policy check policy.json", "policy check policy.json /routing_agent.Routing/GetRoutes --as CN=bob"),
+        policy.check,
+        more="Nothing is put into force. With METHODs, which stand before --as, it also says what the policy would decide.",
+    )
+    leaf.add_argument("file", metavar="FILE", help="the policy, in gRPC's authorization format (JSON)")
+    add_caller(leaf, "*")
+    leaf = level.add(
+        "probe",
+        "ask whether a caller may call methods",
+        lines(
+            "policy probe /grpc.health.v1.Health/Check",
+            "policy probe --as uid:1000 --header env=lab /routing_agent.Routing/SetRoute",
+        ),
+        policy.probe,
+        more="No call is made and nothing is counted.",
+    )
+    add_caller(leaf, "+")
+
+
+def add_caller(leaf: Parser, methods: str) -> None:
+    leaf.add_argument(
+        "methods", metavar="METHOD", nargs=methods, type=policy.method_name, help="such as /routing_agent.State/Read"
+    )
+    leaf.add_argument(
+        "--as",
+        metavar="PRINCIPAL",
+        dest="principals",
+        action="append",
+        default=[],
+        help="who calls, as a policy writes it: user:NAME, uid:N, group:NAME, gid:N, or a name in a certificate; may"
+        " be given again (default: a stranger)",
+    )
+    leaf.add_argument(
+        "--header",
+        metavar="KEY=VALUE",
+        dest="headers",
+        action="append",
+        default=[],
+        type=policy.header,
+        help="metadata of the call; may be given again",
+    )
 
 
 def parse(arguments: list[str]) -> argparse.Namespace:

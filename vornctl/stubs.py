@@ -19,7 +19,11 @@ import google.protobuf
 import grpc
 
 ROOT = Path(__file__).resolve().parents[1]
-PROTOS = ("VornSdkRpcProtos/VornSdkRpc.proto", "agents/routing/RoutingAgent.proto")
+PROTOS = (
+    "VornSdkRpcProtos/VornSdkRpc.proto",
+    "agents/routing/RoutingAgent.proto",
+    "agents/routing/PolicyService.proto",
+)
 
 
 class StubError(Exception):
@@ -27,7 +31,7 @@ class StubError(Exception):
 
 
 def load() -> SimpleNamespace:
-    """The stub modules: sdk (the SDK's messages), agent (the agent's), rpc (its services)."""
+    """The stub modules: sdk (the SDK's messages), agent (the agent's), rpc (its services), and both of the policy."""
     try:
         folder = _folder()
         if not folder.is_dir():
@@ -37,6 +41,8 @@ def load() -> SimpleNamespace:
             sdk=importlib.import_module("VornSdkRpcProtos.VornSdkRpc_pb2"),
             agent=importlib.import_module("agents.routing.RoutingAgent_pb2"),
             rpc=importlib.import_module("agents.routing.RoutingAgent_pb2_grpc"),
+            policy=importlib.import_module("agents.routing.PolicyService_pb2"),
+            policy_rpc=importlib.import_module("agents.routing.PolicyService_pb2_grpc"),
         )
     except OSError as error:
         raise StubError(f"the stubs can't be made: {error.strerror}: {error.filename}") from error

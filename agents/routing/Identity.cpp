@@ -1,16 +1,16 @@
 #include "agents/routing/Identity.h"
 
+#include <VornSdkRpc/InsecureCredentials.h>
 #include <grpcpp/security/auth_context.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdio>
 #include <optional>
 #include <random>
 #include <stdexcept>
 #include <string_view>
-#include <system_error>
+#include <utility>
 
 namespace routing_agent {
 
@@ -21,33 +21,30 @@ constexpr char kSession[] = "session-id";
 constexpr char kClaim[] = "username";
 constexpr char kLocal[] = "local";
 
-std::string readPem(const std::string& path) {
-  const auto refuse = [&path](int error) {
-    throw std::system_error(error, std::generic_category(), "cannot read " + path);
-  };
-  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rb"),
-                                                             &std::fclose);
-  if (!file) refuse(errno);
-  std::string text;
-  std::array<char, 4096> part;
-  while (std::feof(file.get()) == 0 && std::ferror(file.get()) == 0) {
-    text.append(part.data(), std::fread(part.data(), 1, part.size(), file.get()));
+std::unique_ptr<VornSdkRpc::Certificates> certificatesOf(const IdentityOptions& options) {
+  if (options.tlsCert.empty() && options.tlsKey.empty() && options.clientCa.empty()) {
+    if (!options.revoked.empty())
+      throw std::invalid_argument("a list of revoked certificates takes TLS");
+    return nullptr;
   }
-  if (std::ferror(file.get()) != 0) refuse(errno);
-  if (text.find("-----BEGIN ") == std::string::npos)
-    throw std::invalid_argument(path + " holds no PEM");
-  return text;
-}
-
-std::shared_ptr<grpc::ServerCredentials> tlsCredentials(const IdentityOptions& options) {
   if (options.tlsCert.empty() || options.tlsKey.empty() || options.clientCa.empty()) {
     throw std::invalid_argument(
         "TLS takes all three of the certificate, its key and the client authority");
   }
-  grpc::SslServerCredentialsOptions tls(GRPC_SSL_REQUEST_AND_REQUIRE_CLIENT_CERTIFICATE_AND_VERIFY);
-  tls.pem_root_certs = readPem(options.clientCa);
-  tls.pem_key_cert_pairs.push_back({readPem(options.tlsKey), readPem(options.tlsCert)});
-  return grpc::SslServerCredentials(tls);
+  return std::make_unique<VornSdkRpc::Certificates>(
+      VornSdkRpc::CertificateFiles{.certificate = options.tlsCert,
+                                   .key = options.tlsKey,
+                                   .authorities = options.clientCa,
+                                   .revoked = options.revoked});
+}
+
+std::unique_ptr<VornSdkRpc::PolicyFile> policyOf(const IdentityOptions& options) {
+  if (options.policy.empty()) {
+    if (options.policyDryRun) throw std::invalid_argument("a dry run takes a policy");
+    return nullptr;
+  }
+  return std::make_unique<VornSdkRpc::PolicyFile>(
+      options.policy, VornSdkRpc::PolicyOptions{.dryRun = options.policyDryRun});
 }
 
 bool isLoopback(std::string_view address) {
@@ -98,21 +95,25 @@ std::string runName() {
 
 }  // namespace
 
-std::shared_ptr<grpc::ServerCredentials> serverCredentials(const std::string& address,
-                                                           const IdentityOptions& options) {
-  const bool tls = !options.tlsCert.empty() || !options.tlsKey.empty() || !options.clientCa.empty();
-  std::shared_ptr<grpc::ServerCredentials> credentials;
-  if (address.starts_with("unix:") || address.starts_with("unix-abstract:")) {
-    credentials = grpc::experimental::LocalServerCredentials(UDS);
-  } else if (options.loopback && isLoopback(address)) {
-    credentials = grpc::experimental::LocalServerCredentials(LOCAL_TCP);
-  } else if (tls) {
-    credentials = tlsCredentials(options);
-  } else {
-    return grpc::InsecureServerCredentials();
+Access::Access(const IdentityOptions& options)
+    : loopback_(options.loopback),
+      certificates_(certificatesOf(options)),
+      policy_(policyOf(options)) {}
+
+std::shared_ptr<grpc::ServerCredentials> Access::credentials(const std::string& address) const {
+  const auto withPolicy = [this](std::shared_ptr<grpc::AuthMetadataProcessor> identity) {
+    return policy_ ? policyProcessor(policy_->guard(), std::move(identity)) : identity;
+  };
+  const bool unixSocket = address.starts_with("unix:") || address.starts_with("unix-abstract:");
+  if (unixSocket || (loopback_ && isLoopback(address))) {
+    auto local = grpc::experimental::LocalServerCredentials(unixSocket ? UDS : LOCAL_TCP);
+    local->SetAuthMetadataProcessor(withPolicy(std::make_shared<ConnectionIdentity>()));
+    return local;
   }
-  credentials->SetAuthMetadataProcessor(std::make_shared<ConnectionIdentity>());
-  return credentials;
+  if (certificates_)
+    return certificates_->credentials(withPolicy(std::make_shared<ConnectionIdentity>()));
+  return policy_ ? VornSdkRpc::insecureServerCredentials(withPolicy(nullptr))
+                 : grpc::InsecureServerCredentials();
 }
 
 ConnectionIdentity::ConnectionIdentity() : run_(runName()) {}

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <VornSdkRpc/Certificates.h>
+#include <VornSdkRpc/PolicyGuard.h>
 #include <grpcpp/security/auth_metadata_processor.h>
 #include <grpcpp/security/server_credentials.h>
 
@@ -8,32 +10,53 @@
 #include <mutex>
 #include <string>
 
-// Who calls: the credentials of a listening address, and the name and session that accounting
-// writes for each of its connections.
+// Who calls and what they may: the credentials of a listening address, the name and session that
+// accounting writes for each of its connections, and the policy.
 namespace routing_agent {
 
-// Paths of PEM files, and what to do about callers on this host.
+// Paths of files, and what to do about callers on this host.
 struct IdentityOptions {
-  std::string tlsCert;    // the agent's certificate, with the chain above it if there is one
-  std::string tlsKey;     // its private key
-  std::string clientCa;   // the authorities whose client certificates are accepted
+  std::string tlsCert;    // PEM: the agent's certificate, with the chain above it if there is one
+  std::string tlsKey;     // PEM: its private key
+  std::string clientCa;   // PEM: the authorities whose client certificates are accepted
+  std::string revoked;    // PEM: the authorities' lists of revocations; may be empty
   bool loopback = false;  // loopback addresses use gRPC's local credentials instead of TLS
+  std::string policy;     // who may call what; empty: everybody everything
+  bool policyDryRun = false;  // the policy only tells
 };
 
-// The credentials for a listening address in gRPC's syntax, with a ConnectionIdentity where they
-// tell anything about the caller:
-//
-//   address                             credentials              accounted user
-//   unix:PATH, unix-abstract:NAME       local, Unix socket       local:NAME, a claim
-//   loopback, when options.loopback     local, loopback          local:NAME, a claim
-//   any other, with the three TLS files TLS, client certificate  the certificate's name, proven
-//                                       required
-//   any other, without                  none                     unknown
-//
-// Throws std::invalid_argument when some but not all of the TLS files are given or one holds no
-// PEM, and std::system_error, which names the file and the reason, when one can't be read.
-std::shared_ptr<grpc::ServerCredentials> serverCredentials(const std::string& address,
-                                                           const IdentityOptions& options);
+// The credentials of the agent's addresses. Reads the certificates and the policy, and goes on
+// looking whether they change. Must outlive the server.
+class Access {
+ public:
+  // Throws std::invalid_argument when some but not all of the TLS files are given, or an option
+  // that is of no use without another, and
+  // std::system_error or vorn::configuration_error, which name the file and the reason, when one
+  // can't be read or used.
+  explicit Access(const IdentityOptions& options);
+
+  // The credentials for a listening address in gRPC's syntax, with a ConnectionIdentity where they
+  // tell anything about the caller, and with the policy if there is one:
+  //
+  //   address                             credentials              accounted user
+  //   unix:PATH, unix-abstract:NAME       local, Unix socket       local:NAME, a claim
+  //   loopback, when options.loopback     local, loopback          local:NAME, a claim
+  //   any other, with the three TLS files TLS, client certificate  the certificate's name, proven
+  //                                       required
+  //   any other, without                  none                     unknown
+  std::shared_ptr<grpc::ServerCredentials> credentials(const std::string& address) const;
+
+  // Null without a policy.
+  const VornSdkRpc::PolicyFile* policy() const { return policy_.get(); }
+
+  // Null without TLS.
+  const VornSdkRpc::Certificates* certificates() const { return certificates_.get(); }
+
+ private:
+  const bool loopback_;
+  std::unique_ptr<VornSdkRpc::Certificates> certificates_;
+  std::unique_ptr<VornSdkRpc::PolicyFile> policy_;
+};
 
 // Gives each connection, once, the properties that accounting reads: "peer-authenticated", its
 // user, and "session-id", a name for the connection that no other connection of any agent has.

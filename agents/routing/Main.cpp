@@ -21,6 +21,7 @@
 #include "agents/routing/GrpcLog.h"
 #include "agents/routing/Listening.h"
 #include "agents/routing/Options.h"
+#include "agents/routing/PolicyService.h"
 #include "agents/routing/RoutingService.h"
 #include "agents/routing/SbfdService.h"
 #include "agents/routing/StateService.h"
@@ -83,9 +84,8 @@ void checkNetns(const std::string& name) try {
   throw UsageError(error.what());
 }
 
-std::shared_ptr<grpc::ServerCredentials> credentials(const std::string& address,
-                                                     const IdentityOptions& options) try {
-  return serverCredentials(address, options);
+Access accessFor(const IdentityOptions& options) try {
+  return Access(options);
 } catch (const std::exception& error) {
   throw UsageError(error.what());
 }
@@ -94,8 +94,7 @@ std::shared_ptr<grpc::ServerCredentials> credentials(const std::string& address,
 void check(const Options& options) {
   applyTrace(options);
   checkNetns(options.netns);
-  for (const auto& address : options.listen)
-    credentials(address, options.identity);
+  accessFor(options.identity);
 }
 
 void serve(const Options& options) {
@@ -107,6 +106,7 @@ void serve(const Options& options) {
   grpc::EnableDefaultHealthCheckService(true);
   grpc::reflection::InitProtoReflectionServerBuilderPlugin();
 
+  const Access access = accessFor(options.identity);
   grpc::ServerBuilder builder;
   VornSdkRpc::installArguments(builder, {.keepaliveTime = options.keepalive,
                                          .handshakeTimeout = options.keepalive,
@@ -115,8 +115,7 @@ void serve(const Options& options) {
   std::vector<int> ports(options.listen.size(), -1);
   for (std::size_t i = 0; i < ports.size(); ++i) {
     checkSocketFile(options.listen[i]);
-    builder.AddListeningPort(options.listen[i], credentials(options.listen[i], options.identity),
-                             &ports[i]);
+    builder.AddListeningPort(options.listen[i], access.credentials(options.listen[i]), &ports[i]);
   }
 
   Tables tables;
@@ -129,6 +128,7 @@ void serve(const Options& options) {
       {std::make_shared<RoutingService>(tables, backlog, options.listen, kernel.get()),
        std::make_shared<SbfdService>(monitor, backlog, options.listen),
        std::make_shared<StateService>(tables, backlog, options.listen),
+       std::make_shared<PolicyService>(access.policy()),
        std::make_shared<Announcement>(options.listen, ports)},
       properties, options.accounting);
   const StopBacklog stopBacklog(backlog);  // before the services go that its changes refer to

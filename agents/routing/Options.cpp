@@ -66,6 +66,15 @@ const Option kOptions[] = {
      [](Options& options, const Values& values) { options.identity.tlsKey = values[0]; }},
     {"--client-ca", "FILE", "then need TLS with a client certificate",
      [](Options& options, const Values& values) { options.identity.clientCa = values[0]; }},
+    {"--client-crl", "FILE", "lists of revoked client certificates, PEM",
+     [](Options& options, const Values& values) { options.identity.revoked = values[0]; }},
+    {"--policy", "FILE",
+     "who may call what, in gRPC's authorization format; this and the\n"
+     "TLS files are read again when they change (default: everybody\n"
+     "everything)",
+     [](Options& options, const Values& values) { options.identity.policy = values[0]; }},
+    {"--policy-dry-run", "", "the policy denies nothing, and only tells what it would",
+     [](Options& options, const Values&) { options.identity.policyDryRun = true; }},
     {"--local-credentials", "",
      "callers on a loopback address are told apart by gRPC's local\n"
      "credentials, as those on a Unix socket always are",

@@ -4,6 +4,7 @@
 //   snippets SOCKET-FILE [--netns NAME] [--trace SETTING]    (writes agent.log)
 #include <Kiv/Log.h>
 #include <Kiv/Trace.h>
+#include <VornSdkRpc/Certificates.h>
 #include <VornSdkRpc/GrpcServer.h>
 #include <VornSdkRpc/InsecureCredentials.h>
 #include <VornSdkRpc/InstallAccounting.h>
@@ -24,6 +25,7 @@
 #include <deque>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -82,6 +84,21 @@ void listenGuarded(grpc::ServerBuilder& builder, const std::string& address,
       address, VornSdkRpc::insecureServerCredentials(policyProcessor(policy.guard(), identity)));
 }
 // [policy]
+
+// [certificates]
+VornSdkRpc::CertificateFiles certificateFiles(const std::string& folder) {
+  return {.certificate = folder + "/cert.pem",
+          .key = folder + "/key.pem",
+          .authorities = folder + "/ca.pem",
+          .revoked = ""};
+}
+
+void listenWithTls(grpc::ServerBuilder& builder, const std::string& address,
+                   const VornSdkRpc::Certificates& certificates,
+                   const VornSdkRpc::PolicyFile& policy) {
+  builder.AddListeningPort(address, certificates.credentials(policyProcessor(policy.guard())));
+}
+// [certificates]
 
 void logToFile() {
   // [log]
@@ -212,8 +229,25 @@ void callsEverything(grpc::ChannelInterface& channel) {
           "a caller need not wait for the end of one");
 }
 
-void isGuarded(const std::string& address) {
-  const auto channel = grpc::CreateChannel(address, grpc::InsecureChannelCredentials());
+// The agent's certificate, which is its authority's and its client's as well.
+void makeCertificate(const std::string& folder) {
+  const std::string command = "cd " + folder +
+                              " && openssl req -x509 -newkey ec -pkeyopt "
+                              "ec_paramgen_curve:prime256v1 -nodes -subj /CN=agent -keyout key.pem "
+                              "-out cert.pem 2>openssl.log && cp cert.pem ca.pem";
+  require(std::system(command.c_str()) == 0, "there is openssl");
+}
+
+std::string contentOf(const std::string& path) {
+  std::ifstream file(path);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void isGuarded(const std::string& address,
+               const std::shared_ptr<grpc::ChannelCredentials>& credentials) {
+  grpc::ChannelArguments arguments;
+  arguments.SetSslTargetNameOverride("agent");
+  const auto channel = grpc::CreateCustomChannel(address, credentials, arguments);
   grpc::ClientContext setting, napping;
   rpc_status_msg reply;
   nap_msg nap;
@@ -256,6 +290,9 @@ void run(int argc, char** argv) {
     {"name": "routes", "request": {"paths": ["/snippets.Routes/*"]}}]})";
   const VornSdkRpc::PolicyFile policy("policy.json");
   listenGuarded(builder, address + ".guarded", policy);
+  makeCertificate(".");
+  const VornSdkRpc::Certificates certificates(certificateFiles("."));
+  listenWithTls(builder, address + ".tls", certificates, policy);
   // [accounting]
   VornSdkRpc::installAccounting(builder);
   // [accounting]
@@ -282,7 +319,9 @@ void run(int argc, char** argv) {
     std::thread client([&] {
       const auto channel = grpc::CreateChannel(address, grpc::experimental::LocalCredentials(UDS));
       callsEverything(*channel);
-      isGuarded(address + ".guarded");
+      isGuarded(address + ".guarded", grpc::InsecureChannelCredentials());
+      isGuarded(address + ".tls", grpc::SslCredentials({contentOf("ca.pem"), contentOf("key.pem"),
+                                                        contentOf("cert.pem")}));
       // A nap that the stop ends.
       grpc::ClientContext context;
       nap_msg nap;
