@@ -51,6 +51,9 @@ def setting(table: str, key: str) -> Callable[..., Any]:
     def answer(self: "FakeAgent", request: Any, context: Any) -> Any:
         self.users.append(dict(context.invocation_metadata()).get("username"))
         place = str(getattr(request, key))
+        if self.room_in > 0:
+            self.room_in -= 1
+            context.abort(grpc.StatusCode.RESOURCE_EXHAUSTED, "no room")
         if place == "late":
             context.abort(grpc.StatusCode.DEADLINE_EXCEEDED, "")
         if not getattr(request, "request_delete", False):
@@ -74,6 +77,7 @@ class FakeAgent(pb.rpc.RoutingServicer, pb.rpc.SbfdServicer, pb.rpc.StateService
         self.state: dict[str, str] = {}
         self.users: list[str | None] = []
         self.waiting = 0
+        self.room_in = 0  # changes that are refused before there is room
         self.answer = pb.sdk.rpc_status_msg()
         self.news: queue.Queue[Any] = queue.Queue()  # of a watch; None ends it, and so does a status
 
@@ -322,6 +326,67 @@ class VornctlTest(unittest.TestCase):
             self.assertEqual(self.call("list", what)[1], table)
             self.assertEqual(json.loads(self.succeed(f"list {what} --json")), document)
 
+    def test_a_document_makes_an_agent_like_another(self) -> None:
+        for line in (
+            "group core nexthop 192.0.2.1 interface eth0 push 7,8 session eth0 ::1 dscp 3 backup none interface e",
+            "group gold nexthop 192.0.2.2",
+            "mpls 1 nexthop 192.0.2.1 swap 9",
+            "mpls 2 group core pop",
+            "mpls 3 vrf red",
+            "redirect core to gold --ipv4-dscp 46",
+            "route 10.0.0.0/8 group core --tag 7",
+            "route ::/0 group gold",
+        ):
+            self.succeed(f"set {line}")
+        self.succeed("state set a=b")
+        saved = self.file("saved", self.succeed("save"))
+        self.assertEqual(self.succeed(f"diff {saved}"), "")
+
+        first = self.agent
+        self.serve()
+        self.succeed("set group gold nexthop 192.0.2.2")
+        self.succeed("set route 10.0.0.0/8 group gold")
+        self.succeed("set group old nexthop 192.0.2.9")
+        code, out, _ = self.call("diff", saved)
+        self.assertEqual(code, 1)
+        self.assertIn("- route 10.0.0.0/8 group gold\n+ route 10.0.0.0/8 group core --tag 7\n", out)
+        self.assertIn("- group old nexthop 192.0.2.9\n", out)
+        self.assertNotIn("gold nexthop", out)
+        self.succeed(f"apply {saved} --prune --dry-run")
+        self.assertEqual(list(self.agent.groups), ["gold", "old"])
+        self.assertEqual(self.succeed(f"apply {saved} --prune"), "8 set, 1 deleted\n")
+        self.assertEqual(self.succeed(f"apply {saved} --prune"), "0 set, 0 deleted\n")
+        for table in ("routes", "groups", "mpls", "redirects", "state"):
+            self.assertEqual(getattr(self.agent, table), getattr(first, table))
+
+        for part, text in (
+            ("no JSON document", "{"),
+            ("no JSON object", "[]"),
+            ("'rutes' is none of", '{"rutes": []}'),
+            ("routes[0]: 'prefix' is missing", '{"routes": [{}]}'),
+            ("routes[1]: ::/0 stands twice", '{"routes": [{"prefix": "::/0"}, {"prefix": "::/0"}]}'),
+            ("groups[0]: 'nam' is none of", '{"groups": [{"nam": "x"}]}'),
+            ("mpls[0]: not as list mpls", '{"mpls": [{"label": "1"}]}'),
+            ("state is no object", '{"state": ["a"]}'),
+        ):
+            self.refuse(2, part, "apply", self.file("bad", text))
+
+    def test_show(self) -> None:
+        for line in ("group core nexthop 192.0.2.1 nexthop none interface e", "route 10.0.0.0/8 group core"):
+            self.succeed(f"set {line}")
+        self.succeed("set route 10.50.0.0/16 group gone --tag 7")
+        self.assertEqual(
+            self.succeed("show route 10.51.0.1"),
+            "PREFIX      GROUP  TAG  NEXT HOP\n"
+            "10.0.0.0/8  core   0    192.0.2.1\n"
+            "                        none interface e\n",
+        )
+        self.assertIn("10.50.0.0/16  gone   7    (there is no such group)", self.succeed("show route 10.50.3.4"))
+        routes = json.loads(self.succeed("show route 10.0.0.0/8 --json"))["routes"]
+        self.assertEqual([route["prefix"] for route in routes], ["10.0.0.0/8", "10.50.0.0/16"])
+        self.refuse(1, "no route for 11.0.0.1", "show", "route", "11.0.0.1")
+        self.assertEqual(json.loads(self.succeed("show summary --json"))["ipv4_routes"], 2)
+
     def test_state(self) -> None:
         self.succeed("state set owner=lab=3 window= b=1")
         self.assertEqual(self.succeed("state get"), "KEY     VALUE\nb       1\nowner   lab=3\nwindow\n")
@@ -339,6 +404,9 @@ class VornctlTest(unittest.TestCase):
             self.succeed(f"set {thing} {more}")
             self.assertEqual(self.succeed(f"delete {thing} --json"), '{"result": "SUCCESS"}\n')
             self.refuse(1, "NOT_FOUND: no", "delete", *thing.split())
+        self.succeed("set route ::/0 group g")
+        routes = self.file("routes", "::/0\n10.0.0.0/8 core 7\n")
+        self.assertEqual(self.succeed(f"delete routes --file {routes}"), "1 routes deleted\n")
 
     def test_what_an_agent_says_can_not_take_the_terminal(self) -> None:
         self.agent.groups["x"] = pb.sdk.nexthop_group_msg(name="a\x1b[2J\nb")
@@ -354,6 +422,9 @@ class VornctlTest(unittest.TestCase):
         bad = self.file("bad", "PREFIX GROUP TAG\n10.0.0.0/8 core\n10.0.0.0/8 core x\n")
         for part, line in (
             ("COMMAND", ""),
+            ("did you mean list?", "lsit routes"),
+            ("did you mean --server?", "list routes --sever x"),
+            ("no IPv4", "show route 10.0.0"),
             ("WHAT", "set"),
             ("--fil", "set routes --fil x"),
             ("'grp'", "set route ::/0 grp g"),
@@ -397,6 +468,11 @@ class VornctlTest(unittest.TestCase):
         )
         self.assertEqual(len(self.agent.routes), 1)
         self.refuse(1, "DEADLINE_EXCEEDED", "set", "group", "late")
+        self.agent.answer = pb.sdk.rpc_status_msg()
+        self.agent.room_in = 2
+        self.succeed("set group g")
+        self.agent.room_in = 1000
+        self.refuse(3, "RESOURCE_EXHAUSTED: no room", "set", "group", "g", "--timeout", "0.1")
 
     def test_no_agent(self) -> None:
         with socket.create_server(("127.0.0.1", 0)) as mute:

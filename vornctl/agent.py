@@ -2,7 +2,10 @@
 
 import argparse
 import ipaddress
+import itertools
+import os
 import threading
+import time
 from types import SimpleNamespace
 from typing import Any
 
@@ -31,7 +34,8 @@ class Agent:
         self.state = stubs.rpc.StateStub(self._channel)
         self.policy = stubs.policy_rpc.PolicyStub(self._channel)
         metadata = [("username", args.user)] if args.user else []
-        self.unary = {"timeout": args.timeout or UNARY_TIMEOUT, "metadata": metadata}
+        self.patience: float = args.timeout or UNARY_TIMEOUT
+        self.unary = {"timeout": self.patience, "metadata": metadata}
         self.stream = {"timeout": args.timeout, "metadata": metadata}
 
     def __enter__(self) -> "Agent":
@@ -41,12 +45,26 @@ class Agent:
         self._channel.close()
 
     def change(self, method: grpc.UnaryUnaryMultiCallable, request: Any) -> str:
-        """Makes one change. Answers the name of the agent's answer, which is SUCCESS."""
-        reply = method(request, **self.unary)
+        """Makes one change. Answers the name of the agent's answer, which is SUCCESS. While the agent has no room
+        for it, it is tried again, for as long as a call may take."""
+        end = time.monotonic() + self.patience
+        for pause in itertools.chain((0.05, 0.1, 0.2, 0.5), itertools.repeat(1)):
+            try:
+                reply = method(request, **self.unary)
+                break
+            except grpc.RpcError as error:
+                if error.code() is not grpc.StatusCode.RESOURCE_EXHAUSTED or time.monotonic() + pause > end:
+                    raise
+            time.sleep(pause)
         answer = enum_name(reply, "rpc_status_value")
         if reply.rpc_status_value != self.sdk.rpc_status_msg.SUCCESS:
             raise Refused(answer)
         return answer
+
+    def may_not_be_opened(self) -> bool:
+        """Whether the agent is a Unix socket that this user may not connect to."""
+        kind, _, path = self.server.partition(":")
+        return kind == "unix" and os.path.exists(path) and not os.access(path, os.W_OK)
 
     def out_of_reach(self, error: grpc.RpcError) -> bool:
         """Whether the call failed for want of an agent that can take it."""

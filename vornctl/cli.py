@@ -1,14 +1,17 @@
 """The command line: what can be said, its help, and its exit codes."""
 
 import argparse
+import difflib
 import math
 import os
+import re
 import sys
 from typing import Any, NoReturn
 
 import grpc
 
 import commands
+import documents
 import policy
 import stubs
 import values
@@ -32,16 +35,24 @@ examples:
   vornctl list routes > saved && vornctl set routes --file saved
   vornctl watch sessions --rtt
   vornctl state set owner=lab-3
+  vornctl show route 10.50.3.4
+  vornctl save > agent.json; vornctl diff agent.json; vornctl apply agent.json --prune
   vornctl --server unix:/run/agent.sock --local --user alice delete route 10.0.0.0/8
   vornctl --server agent.example:50051 --tls-ca ca.pem --tls-cert me.pem --tls-key me.key list groups
 
 The agent takes a change at once and programs it a little later; lists show what has been programmed.
 
+completion:
+  bash: eval "$(register-python-argcomplete vornctl)", with Debian's python3-argcomplete
+  zsh:  the same, after: autoload -U bashcompinit && bashcompinit
+
 exit codes:
   0  done
-  1  the agent refused, or failed, or its answer can't be printed
-  2  the command line, or a file that it names, can't be used, or a package is missing; nothing was sent
-  3  no agent to be reached, or it says that it is unavailable: the same may work later
+  1  the agent refused, or failed, or its answer can't be printed; or diff found a difference
+  2  the command line, or a file that it names, can't be used, a package is missing, or the agent's socket may
+     not be opened; nothing was sent
+  3  no agent to be reached, or it says that it is unavailable or has no room, which has been tried again for
+     as long as --timeout: the same may work later
 """
 
 ANYWHERE = "--server, --json and the other options of vornctl --help may stand here too."
@@ -72,7 +83,17 @@ class Parser(argparse.ArgumentParser):
         super().__init__(formatter_class=argparse.RawDescriptionHelpFormatter, allow_abbrev=False, **options)
 
     def error(self, message: str) -> NoReturn:
-        self.exit(USAGE, f"{self.prog}: {printable(message)} (see {self.prog} --help)\n")
+        hint = self._meant(message)
+        hint = f"did you mean {hint}?" if hint else f"see {self.prog} --help"
+        self.exit(USAGE, f"{self.prog}: {printable(message)} ({hint})\n")
+
+    def _meant(self, message: str) -> str:
+        """The word that stands for what the message complains of with a letter or two wrong, if there is one."""
+        if choice := re.search(r"invalid choice: '([^']+)' \(choose from (.*)\)", message):
+            known = re.findall(r"'([^']+)'", choice[2])
+        elif choice := re.search(r"unrecognized arguments: (--[\w-]+)", message):
+            known = [option for option in self._option_string_actions if option.startswith("--")]
+        return next(iter(difflib.get_close_matches(choice[1], known, 1)), "") if choice else ""
 
 
 def server_address(text: str) -> str:
@@ -103,7 +124,8 @@ COMMON: dict[str, dict[str, Any]] = {
     "--server": {
         "metavar": "ADDRESS",
         "type": server_address,
-        "help": "the agent: HOST:PORT or unix:PATH (default: 127.0.0.1:50051)",
+        "help": "the agent: HOST:PORT or unix:PATH (default: VORNCTL_SERVER of the environment, or else"
+        " 127.0.0.1:50051)",
     },
     "--timeout": {
         "metavar": "SECONDS",
@@ -132,7 +154,7 @@ COMMON: dict[str, dict[str, Any]] = {
 }
 
 DEFAULTS = {
-    "server": "127.0.0.1:50051",
+    "server": None,
     "timeout": None,
     "json": False,
     "user": None,
@@ -178,6 +200,7 @@ def lines(*examples: str) -> str:
 
 def make_parser() -> Parser:
     parser = Parser(prog="vornctl", description=DESCRIPTION, epilog=EXAMPLES)
+    parser.add_argument("--version", action="version", version=f"vornctl {stubs.version()}")
     add_common_options(parser, shown=True)
     top = Level(parser, "commands", "command")
     add_set(top)
@@ -197,6 +220,8 @@ def make_parser() -> Parser:
     sessions.add_argument("--rtt", action="store_true", help="show round-trip times too, in microseconds")
     add_state(top)
     add_policy(top)
+    add_show(top)
+    add_documents(top)
     return parser
 
 
@@ -339,6 +364,16 @@ def add_delete(top: Level) -> None:
 
     leaf = level.add("route", "delete an IP route", lines("delete route 10.0.0.0/8"), commands.delete_route)
     leaf.add_argument("prefix", metavar="PREFIX", type=values.prefix, help="such as 10.0.0.0/8")
+    leaf = level.add(
+        "routes",
+        "delete the IP routes of a file",
+        lines("delete routes --file routes.txt", "list routes | vornctl delete routes --file -"),
+        commands.delete_routes,
+        more="""\
+Each line is PREFIX [GROUP [TAG]], as for set routes; the prefix alone counts. One that is not there is passed
+over.""",
+    )
+    leaf.add_argument("--file", metavar="FILE", required=True, help="the file; - is standard input")
     leaf = level.add("group", "delete a next-hop group", lines("delete group core"), commands.delete_group)
     leaf.add_argument("name", metavar="NAME", help="the group's name")
     leaf = level.add("mpls", "delete an MPLS route", lines("delete mpls 100"), commands.delete_mpls)
@@ -417,7 +452,8 @@ def add_policy(top: Level) -> None:
         "have the agent say whether a file is a policy that it would take",
         lines("policy check policy.json", "policy check policy.json /routing_agent.Routing/GetRoutes --as CN=bob"),
         policy.check,
-        more="Nothing is put into force. With METHODs, which stand before --as, it also says what the policy would decide.",
+        more="Nothing is put into force. With METHODs, which stand before --as, it also says what the policy would"
+        " decide.",
     )
     leaf.add_argument("file", metavar="FILE", help="the policy, in gRPC's authorization format (JSON)")
     add_caller(leaf, "*")
@@ -458,13 +494,73 @@ def add_caller(leaf: Parser, methods: str) -> None:
     )
 
 
+def add_show(top: Level) -> None:
+    parser = top.add("show", "show what the agent would forward by", lines("show route 10.50.3.4", "show summary"))
+    level = Level(parser, "what to show", "what")
+    leaf = level.add(
+        "route",
+        "show the IP route of an address, or those of a prefix and of all within it",
+        lines("show route 10.50.3.4", "show route 10.50.0.0/16", "show route 2001:db8::1 --json"),
+        commands.show_route,
+        more="For an address, the longest prefix that it lies in, with the next hops of its group.",
+    )
+    leaf.add_argument("wanted", metavar="ADDRESS|PREFIX", type=values.address_or_prefix, help="such as 10.50.3.4")
+    level.add(
+        "summary", "count what the agent holds", lines("show summary", "show summary --json"), commands.show_summary
+    )
+
+
+def add_documents(top: Level) -> None:
+    top.add(
+        "save",
+        "print what the agent holds, as a document that diff and apply read",
+        lines("save > agent.json"),
+        documents.save,
+        more="""\
+JSON: next-hop groups, MPLS routes, redirects, IP routes and the state, each as list --json prints it. SBFD
+sessions are not in it: the agent tells their status, not how they were set.""",
+    )
+    leaf = top.add(
+        "diff",
+        "show how a document differs from what the agent holds",
+        lines("diff agent.json", "list routes --json | vornctl --server other:50051 diff -"),
+        documents.diff,
+        more="""\
+Lines with - are what the agent holds and the document does not, lines with + the other way round. The exit code
+is 1 when there are any. A kind that the document does not have is not compared.""",
+    )
+    leaf.add_argument("file", metavar="FILE", help="the document; - is standard input")
+    leaf = top.add(
+        "apply",
+        "set what a document has and the agent does not hold",
+        lines("apply agent.json", "apply agent.json --prune --dry-run"),
+        documents.apply,
+        more="""\
+The document is read to its end and compared before anything is sent, and nothing that is as it should be is sent.
+Groups are set first. It can be applied again after a failure.""",
+    )
+    leaf.add_argument("file", metavar="FILE", help="the document; - is standard input")
+    leaf.add_argument(
+        "--prune", action="store_true", help="delete what the agent holds and the document does not, of its kinds"
+    )
+    leaf.add_argument("--dry-run", action="store_true", help="only show what would be changed, as diff does")
+
+
 def parse(arguments: list[str]) -> argparse.Namespace:
     for argument in arguments:
         try:
             argument.encode()
         except UnicodeEncodeError as error:
             raise UsageError(f"{argument!r} is no UTF-8 text") from error
-    return make_parser().parse_args(arguments, argparse.Namespace(**DEFAULTS))
+    parser = make_parser()
+    if "_ARGCOMPLETE" in os.environ:  # a shell asks how the line could go on
+        import argcomplete  # type: ignore[import]
+
+        argcomplete.autocomplete(parser)
+    args = parser.parse_args(arguments, argparse.Namespace(**DEFAULTS))
+    if args.server is None:
+        args.server = server_address(os.environ.get("VORNCTL_SERVER") or "127.0.0.1:50051")
+    return args
 
 
 def main(arguments: list[str]) -> int:
@@ -472,9 +568,9 @@ def main(arguments: list[str]) -> int:
         args = parse(arguments)
         with Agent(args, stubs.load()) as agent:
             try:
-                args.run(agent, args)
+                code: int | None = args.run(agent, args)
                 print(end="", flush=True)
-                return OK
+                return code or OK
             except grpc.RpcError as error:
                 return call_failed(agent, error)
     except Refused as error:
@@ -493,8 +589,14 @@ def main(arguments: list[str]) -> int:
 
 def call_failed(agent: Agent, error: grpc.RpcError) -> int:
     text = f"{error.code().name}: {error.details()}"
+    if agent.may_not_be_opened():
+        complain(f"{agent.server}: permission denied; its owner and its group may open it")
+        return USAGE
     if agent.out_of_reach(error):
         complain(f"agent not reachable at {agent.server}: {text}")
+        return UNREACHABLE
+    if error.code() is grpc.StatusCode.RESOURCE_EXHAUSTED:
+        complain(text)
         return UNREACHABLE
     complain(text)
     return FAILED

@@ -47,12 +47,13 @@ def set_routes(agent: Agent, args: argparse.Namespace) -> None:
         print(f"{reply.accepted} routes set")
 
 
-def read_routes(agent: Agent, path: str) -> list[Any]:
-    """The routes of a file, all of them before the first is sent: a mistake in the file changes nothing."""
+def read_routes(agent: Agent, path: str, with_group: bool = True) -> list[Any]:
+    """The routes of a file, all of them before the first is sent: a mistake in the file changes nothing. A line
+    may be a prefix alone where no group is needed."""
     name = "standard input" if path == "-" else path
     try:
         with open(0 if path == "-" else path, encoding="utf-8", closefd=path != "-") as file:
-            return [read_route(agent, *line) for line in route_lines(file, name)]
+            return [read_route(agent, *line, with_group) for line in route_lines(file, name)]
     except UnicodeDecodeError as error:
         raise UsageError(f"{name}: no UTF-8 text") from error
     except OSError as error:
@@ -67,12 +68,12 @@ def route_lines(file: Any, name: str) -> Iterator[tuple[str, list[str]]]:
             yield f"{name}:{position}", words
 
 
-def read_route(agent: Agent, place: str, words: list[str]) -> Any:
+def read_route(agent: Agent, place: str, words: list[str], with_group: bool) -> Any:
     try:
-        if not 2 <= len(words) <= 3:
-            raise UsageError("expected PREFIX GROUP [TAG]")
+        if len(words) > 3 or len(words) < 1 + with_group:
+            raise UsageError("expected PREFIX GROUP [TAG]" if with_group else "expected PREFIX [GROUP [TAG]]")
         route = agent.sdk.ip_route_msg(prefix=values.prefix(words[0]))
-        if words[1] != "-":
+        if len(words) > 1 and words[1] != "-":
             route.nexthop_group = values.name(words[1])
         route.tag = values.number(words[2]) if len(words) == 3 else 0
         return route
@@ -142,6 +143,25 @@ def set_session(agent: Agent, args: argparse.Namespace) -> None:
 
 def delete_route(agent: Agent, args: argparse.Namespace) -> None:
     changed(agent, args, agent.routing.DeleteRoute, agent.sdk.ip_prefix_msg(**args.prefix))
+
+
+def delete_routes(agent: Agent, args: argparse.Namespace) -> None:
+    """Those of a file; one that is not there any more is passed over."""
+    routes = read_routes(agent, args.file, with_group=False)
+    shown = len(routes) >= PROGRESS_FROM and sys.stderr.isatty()
+    deleted = 0
+    with Progress(len(routes), shown) as progress:
+        for route in progress.counted(routes):
+            try:
+                agent.change(agent.routing.DeleteRoute, route.prefix)
+                deleted += 1
+            except grpc.RpcError as error:
+                if error.code() is not grpc.StatusCode.NOT_FOUND:
+                    raise
+    if args.json:
+        print_json({"deleted": deleted})
+    else:
+        print(f"{deleted} routes deleted")
 
 
 def delete_group(agent: Agent, args: argparse.Namespace) -> None:
@@ -225,6 +245,66 @@ def list_redirects(agent: Agent, args: argparse.Namespace) -> None:
 
     header = ["GROUP", "IPV4 DSCP", "IPV6 DSCP", "TO"]
     listed(agent, args, agent.routing.GetRedirects, "redirect", values.redirect_json, header, rows)
+
+
+# ----------------------------------------------------------------------------------------------------------
+# show
+
+
+def show_route(agent: Agent, args: argparse.Namespace) -> None:
+    wanted, is_address = args.wanted
+    found: list[Any] = []
+    for route in parts_of(agent, agent.routing.GetRoutes, "route"):
+        network = values.network(route.prefix)
+        if network is None or network.version != wanted.version:
+            continue
+        if not is_address and network.subnet_of(wanted):
+            found.append(route)
+        elif is_address and wanted.subnet_of(network):
+            found = [route]  # lists are in order of prefix, so a longer one comes later
+    if not found:
+        raise Refused(f"no route for {wanted.network_address if is_address else wanted}")
+    names = {route.nexthop_group for route in found}
+    groups = {g.name: g for g in parts_of(agent, agent.routing.GetNexthopGroups, "group") if g.name in names}
+    if args.json:
+        used = [values.group_json(group) for group in groups.values()]
+        print_json({"routes": [values.route_json(route) for route in found], "groups": used})
+        return
+    rows = []
+    for route in found:
+        group = groups.get(route.nexthop_group)
+        hops = [values.nexthop_text(hop) for hop in group.nexthop] if group else ["(there is no such group)"]
+        name = values.name_text(route.nexthop_group) if route.nexthop_group else "-"
+        first = [values.prefix_text(route.prefix), name, route.tag]
+        rows += [[*(["", "", ""] if position else first), hop] for position, hop in enumerate(hops or ["-"])]
+    print_table([*ROUTE_HEADER, "NEXT HOP"], rows)
+
+
+def parts_of(agent: Agent, method: Any, field: str) -> Iterator[Any]:
+    for part in method(agent.messages.get_msg(), **agent.stream):
+        yield from getattr(part, field)
+
+
+def show_summary(agent: Agent, args: argparse.Namespace) -> None:
+    counts: dict[str, int] = {}
+    for route in parts_of(agent, agent.routing.GetRoutes, "route"):
+        family = "IPv6 routes" if len(route.prefix.addr) == 16 else "IPv4 routes"
+        counts[family] = counts.get(family, 0) + 1
+    waiting = 0
+    for what, method, field in (
+        ("next-hop groups", agent.routing.GetNexthopGroups, "group"),
+        ("MPLS routes", agent.routing.GetMplsRoutes, "route"),
+        ("redirects", agent.routing.GetRedirects, "redirect"),
+    ):
+        counts[what] = 0
+        for part in method(agent.messages.get_msg(), **agent.stream):
+            counts[what] += len(getattr(part, field))
+            waiting = part.waiting
+    counts["changes waiting"] = waiting
+    if args.json:
+        print_json({what.lower().replace(" ", "_").replace("-", "_"): count for what, count in counts.items()})
+    else:
+        print_table(["WHAT", "COUNT"], counts.items())
 
 
 def updates(items: Any) -> Iterator[Any]:

@@ -8,6 +8,7 @@ import hashlib
 import importlib
 import importlib.util
 import os
+import re
 import shutil
 import subprocess
 import sys
@@ -50,6 +51,12 @@ def load() -> SimpleNamespace:
         raise StubError(f"no place for the stubs: {error} Set XDG_CACHE_HOME.") from error
     except (ImportError, TypeError) as error:  # protobuf answers stubs of another version with TypeError
         raise StubError(f"the stubs in {folder} can't be loaded: {error}") from error
+
+
+def version() -> str:
+    """The version of the project that this client belongs to."""
+    found = re.search(r"project\(VornSdkRpc VERSION ([\d.]+)", (ROOT / "CMakeLists.txt").read_text())
+    return found[1] if found else "unknown"
 
 
 def _folder() -> Path:

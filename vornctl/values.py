@@ -14,6 +14,9 @@ from collections.abc import Callable, Iterable
 from typing import Any
 
 
+Network = ipaddress.IPv4Network | ipaddress.IPv6Network
+
+
 class UsageError(argparse.ArgumentTypeError):
     """Something in the command or its file can't be used; one line for the user."""
 
@@ -74,6 +77,25 @@ def prefix(text: str) -> dict[str, Any]:
     if interface.ip != network.network_address:
         raise UsageError(f"{text!r} has bits set behind its length; the prefix is {network}")
     return {"addr": network.network_address.packed, "mask_length": network.prefixlen}
+
+
+def address_or_prefix(text: str) -> tuple[Network, bool]:
+    """What a command asks for: a prefix, and whether it was given as an address."""
+    try:
+        if "/" not in text:
+            return ipaddress.ip_network(text), True
+    except ValueError as error:
+        raise UsageError(f"{text!r} is no IPv4 or IPv6 address") from error
+    fields = prefix(text)
+    return ipaddress.ip_network((fields["addr"], fields["mask_length"])), False
+
+
+def network(message: Any) -> Network | None:
+    """An ip_prefix_msg; None when it is none."""
+    try:
+        return ipaddress.ip_network((message.addr, message.mask_length))
+    except ValueError:
+        return None
 
 
 def address_text(addr: bytes) -> str:
@@ -274,3 +296,84 @@ def redirect_json(redirect: Any) -> dict[str, Any]:
 def rtt_json(rtt: Any) -> dict[str, int]:
     """Microseconds."""
     return {field.name.replace("_rtt", ""): getattr(rtt, field.name) for field in rtt.DESCRIPTOR.fields}
+
+
+# ----------------------------------------------------------------------------------------------------------
+# From JSON, as the functions above write it. They throw UsageError, and KeyError, TypeError or ValueError when a
+# field is missing or of another type; a field that they don't know is an error as well.
+
+
+def known_fields(document: dict[str, Any], *names: str) -> None:
+    for field in document:
+        if field not in names:
+            raise UsageError(f"{field!r} is none of {', '.join(names)}")
+
+
+def session_key_from_json(key: Any, document: dict[str, Any]) -> None:
+    known_fields(document, "interface", "address", "labels", "dscp", "exp")
+    key.outgoing_interface = document["interface"]
+    key.nexthop.addr = address(document["address"] or "none")
+    key.labels.extend(document.get("labels", []))
+    key.dscp = document.get("dscp", 0)
+    key.mpls_exp = document.get("exp", 0)
+
+
+def operation_number(message: Any, word: str) -> int:
+    known = operations(message)
+    if word not in known:
+        raise UsageError(f"{word!r} is none of {', '.join(known)}")
+    return known[word]
+
+
+def nexthop_from_json(hop: Any, document: dict[str, Any]) -> None:
+    known_fields(document, "address", "interface", "operation", "labels", "replicate", "session")
+    hop.nexthop_ip.addr = address(document["address"] or "none")
+    hop.nexthop_interface = document.get("interface", "")
+    hop.mpls_op = operation_number(hop, document.get("operation", "none"))
+    hop.labels.extend(document.get("labels", []))
+    hop.replicate_count = document.get("replicate", 0)
+    if document.get("session") is not None:
+        session_key_from_json(hop.sbfd_session_key, document["session"])
+
+
+def route_from_json(agent: Any, document: dict[str, Any]) -> Any:
+    known_fields(document, "prefix", "group", "tag")
+    route = agent.sdk.ip_route_msg(prefix=prefix(document["prefix"]), tag=document.get("tag", 0))
+    if document.get("group") is not None:
+        route.nexthop_group = document["group"]
+    return route
+
+
+def group_from_json(agent: Any, document: dict[str, Any]) -> Any:
+    known_fields(document, "name", "nexthops", "backups")
+    group = agent.sdk.nexthop_group_msg(name=document["name"])
+    for hop in document["nexthops"]:
+        nexthop_from_json(group.nexthop.add(), hop)
+    for hop in document.get("backups", []):
+        nexthop_from_json(group.backup_nexthop.add(), hop)
+    return group
+
+
+def mpls_route_from_json(agent: Any, document: dict[str, Any]) -> Any:
+    known_fields(document, "label", "nexthop", "group", "vrf")
+    route = agent.sdk.mpls_route_msg(label=document["label"])
+    if document.get("nexthop") is not None:
+        nexthop_from_json(route.nexthop, document["nexthop"])
+    elif document.get("group") is not None:
+        group = route.nexthop_group
+        known_fields(document["group"], "name", "operation")
+        group.nexthop_group = document["group"]["name"]
+        group.mpls_op = operation_number(group, document["group"].get("operation", "none"))
+    elif document.get("vrf") is not None:
+        route.pop_and_forward_vrf_name = document["vrf"]
+    return route
+
+
+def redirect_from_json(agent: Any, document: dict[str, Any]) -> Any:
+    known_fields(document, "group", "to", "ipv4_dscp", "ipv6_dscp")
+    return agent.sdk.cbf_nexthop_group_redirect_msg(
+        match_nexthop_group=document["group"],
+        redirect_nexthop_group=document["to"],
+        match_ipv4_dscp=document.get("ipv4_dscp", []),
+        match_ipv6_dscp=document.get("ipv6_dscp", []),
+    )
