@@ -186,7 +186,7 @@ TEST_F(CertificatesTest, TheServerGoesOnWithTheLastGoodSetAndTakesTheNextOne) {
   while (!serves(server, files, "client", "ca2"))
     std::this_thread::sleep_for(1ms);
   EXPECT_EQ(certificates.error(), "");
-  EXPECT_EQ(trace.count("the certificates stay as they were: " + files.path("key")), 1U);
+  EXPECT_GE(trace.count("the certificates stay as they were: " + files.path("key")), 1U);
   EXPECT_EQ(trace.count("cert is in use: CN=next"), 1U);
 
   // Another authority for the clients.
