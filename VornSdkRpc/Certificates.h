@@ -33,10 +33,10 @@ namespace VornSdkRpc {
 // - no list of revocations has been forged: it is signed by the authority that it names, if that
 //   is one of `authorities`, and was to be replaced no earlier than now.
 struct CertificateFiles {
-  std::string certificate;  // the server's, with the chain above it if there is one
-  std::string key;          // its private key, without a passphrase
-  std::string authorities;  // whose client certificates are accepted; empty: none is asked for
-  std::string revoked;      // certificate revocation lists (CRLs) of the authorities; may be empty
+  std::string certificate;       // the server's, with the chain above it if there is one
+  std::string key;               // its private key, without a passphrase
+  std::string authorities = {};  // whose client certificates are accepted; empty: none is asked for
+  std::string revoked = {};      // certificate revocation lists (CRLs) of the authorities, if any
 };
 
 struct CertificateOptions {

@@ -9,28 +9,33 @@
 //   namespace rpc = VornSdkRpc::rpc;
 //   using namespace std::chrono_literals;
 //
-//   class RoutingService : public rpc::Service<Routing> {
+//   class RouteService : public rpc::Service<Routes> {
 //    public:
-//     RoutingService() : Service("Routing") {
+//     explicit RouteService(RouteTable& table) : Service("Routes"), table_(table) {
 //       // Unary, as a plain function: the fastest, for what is answered at once. It may also take
 //       // the grpc::ServerContext& first.
-//       method(&Async::RequestSet, [this](const Route& route, Nothing&) { return set(route); });
+//       method(&Async::RequestSet, [this](const ip_route_msg& route, rpc_status_msg&) {
+//         table_.add(route);
+//         return grpc::Status::OK;
+//       });
 //
 //       // Unary, as a coroutine, for what has to wait before it answers.
-//       method(&Async::RequestProbe,
-//              [](rpc::Call& call, const Target& target, Result& result) -> rpc::Task<> {
-//                while (!result.set(probe(target))) {
+//       method(&Async::RequestAwait,
+//              [this](rpc::Call& call, const count_msg& wanted, count_msg& count) -> rpc::Task<> {
+//                while (table_.size() < wanted.count()) {
 //                  if (!co_await call.wait(100ms)) break;
 //                }
+//                count.set_count(table_.size());
 //                co_return grpc::Status::OK;
 //              });
 //
 //       // Client streaming: read() answers false at the end of the client's stream.
 //       method(&Async::RequestLoad,
-//              [this](rpc::Reader<Route>& routes, Count& count) -> rpc::Task<> {
-//                Route route;
+//              [this](rpc::Reader<ip_route_msg>& routes, count_msg& count) -> rpc::Task<> {
+//                ip_route_msg route;
 //                while (co_await routes.read(route))
-//                  count.set_count(count.count() + set(route).ok());
+//                  table_.add(route);
+//                count.set_count(table_.size());
 //                co_return grpc::Status::OK;
 //              });
 //
@@ -38,16 +43,22 @@
 //       // at a time, so a client that reads slowly holds up its own stream and costs one item of
 //       // memory.
 //       method(&Async::RequestWatch,
-//              [this](rpc::Writer<Route>& watch, const Filter&) -> rpc::Task<> {
+//              [this](rpc::Writer<ip_route_msg>& watch, const count_msg&) -> rpc::Task<> {
 //                rpc::Event news;  // table_.changed.set() by any thread wakes the call
 //                const rpc::Events::Subscription subscription(table_.changed, news);
+//                std::uint32_t written = 0;
 //                do {
-//                  for (auto& route : table_.changes())
+//                  for (auto& route : table_.after(written)) {
 //                    if (!co_await watch.write(route)) break;
+//                    ++written;
+//                  }
 //                } while (co_await watch.wait(news));
 //                co_return grpc::Status::OK;
 //              });
 //     }
+//
+//    private:
+//     RouteTable& table_;
 //   };
 //
 // (A bidirectional stream is an rpc::ReaderWriter.) Functions and coroutines run on the server's

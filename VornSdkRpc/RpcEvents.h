@@ -3,15 +3,20 @@
 // A hub of events: one place where whatever has changed is said once, and where every call that
 // wants to hear of it subscribes.
 //
-//   rpc::Events changed_;  // beside the table, say
+//   rpc::Task<> watch(rpc::Writer<ip_route_msg>& watcher, RouteTable& table) {
+//     rpc::Event news;
+//     const rpc::Events::Subscription subscription(table.changed, news);
+//     std::uint32_t written = 0;
+//     do {
+//       for (auto& route : table.after(written)) {
+//         if (!co_await watcher.write(route)) break;
+//         ++written;
+//       }
+//     } while (co_await watcher.wait(news));
+//     co_return grpc::Status::OK;
+//   }
 //
-//   rpc::Event news;
-//   const rpc::Events::Subscription subscription(table.changed_, news);
-//   do {
-//     ...  // look at the table, and write what is new
-//   } while (co_await call.wait(news));
-//
-//   changed_.set();  // by whoever has changed the table, on any thread
+// Whoever has changed the table calls `table.changed.set()`, on any thread.
 //
 // Subscribe first, then look, then wait: what changes after the look has set the event by the time
 // of the wait. One event may be subscribed to several hubs, so that a call waits for whichever

@@ -3,9 +3,9 @@
 // Work that would hold up the serving thread, done on another one: a file that is read, a device
 // that is asked, a checksum.
 //
-//   rpc::Task<> load(rpc::Call& call, const File& file, Count& count) {
+//   rpc::Task<> load(rpc::Call& call, const file_msg& file, count_msg& count, Executor& executor) {
 //     auto work = [name = file.name()] { return readRoutes(name); };
-//     const auto routes = co_await rpc::offload(call, executor_, work);
+//     const auto routes = co_await rpc::offload(call, executor, work);
 //     if (!routes) co_return grpc::Status::CANCELLED;  // the call is over
 //     count.set_count(routes->size());
 //     co_return grpc::Status::OK;
@@ -14,8 +14,8 @@
 // An executor is any function that takes a function and has it called once, now or later, on a
 // thread of its choice:
 //
-//   [&pool](auto work) { asio::post(pool, std::move(work)); }
-//   [&threads](auto work) { threads.emplace_back(std::move(work)); }  // std::vector<std::jthread>
+//   auto onPool = [&pool](auto work) { asio::post(pool, std::move(work)); };
+//   auto onThread = [&threads](auto work) { threads.emplace_back(std::move(work)); };
 //
 // Give the work a name, in a statement of its own. g++ 12 destroys a temporary lambda twice that
 // stands in an expression with co_await, and what it has captured with it. One that captures

@@ -7,8 +7,11 @@
 // task, which runs it to its end:
 //
 //   rpc::Task<int> half(rpc::Call& call, int number);
-//   ...
-//   const int quarter = co_await half(call, co_await half(call, number));
+//
+//   rpc::Task<int> quarter(rpc::Call& call, int number) {
+//     const int halved = co_await half(call, number);
+//     co_return co_await half(call, halved);
+//   }
 //
 // A task is used once: it is awaited once, or handed to the kit as what serves a call. It owns its
 // coroutine's frame; a task that is destroyed before its end destroys the frame where it waits, and

@@ -32,9 +32,12 @@
 //
 //    private:
 //     void handleBacklog() override {  // on the scheduler's thread
-//       if (programSome()) wake();  // more is left
+//       if (programSome()) wake();     // more is left
 //     }
-//     ...
+//     bool programSome();
+//
+//     std::mutex mutex_;
+//     std::deque<Route> routes_;
 //   };
 namespace VornSdkRpc {
 

@@ -37,6 +37,11 @@ class RouteTable {
   rpc::Events changed;
   // [telling]
 
+  std::uint32_t size() const {
+    const std::lock_guard lock(mutex_);
+    return static_cast<std::uint32_t>(routes_.size());
+  }
+
   std::vector<ip_route_msg> after(std::size_t seen) const {
     const std::lock_guard lock(mutex_);
     return {routes_.begin() + static_cast<std::ptrdiff_t>(seen), routes_.end()};

@@ -21,6 +21,9 @@
 //   [[gnu::section(".tolmar_logmsg"), gnu::used, gnu::retain]] Kiv::LogDescriptor restarted = {
 //       "AGENT_RESTARTED", "agent %s restarted, reason %s", "An agent was restarted", "\x01", 6};
 //   Kiv::LogHandle restartedHandle(&restarted, std::chrono::minutes(1), 1.0, 1, 0);
+//
+// It is written with
+//
 //   Kiv::log(restartedHandle, agentName, reason);  // at most once a minute for an agent
 namespace Kiv {
 

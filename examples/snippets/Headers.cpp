@@ -1,0 +1,268 @@
+// The tutorials at the head of the library's headers, compiled and not run. Each stands between two
+// lines of its header's name; a test compares.
+#include <Kiv/FileSink.h>
+#include <Kiv/Log.h>
+#include <Kiv/QueuedSink.h>
+#include <Kiv/Trace.h>
+#include <VornSdkRpc/Certificates.h>
+#include <VornSdkRpc/GrpcServer.h>
+#include <VornSdkRpc/InsecureCredentials.h>
+#include <VornSdkRpc/PolicyGuard.h>
+#include <VornSdkRpc/Rpc.h>
+#include <VornSdkRpc/RpcOffload.h>
+#include <VornSdkRpc/Serve.h>
+#include <VornSdkRpc/ServerArguments.h>
+#include <VornSdkRpc/StopOnSignal.h>
+#include <VornSdkRpc/StreamingToolkit.h>
+#include <VornSdkRpc/Utils.h>
+
+#define ASIO_STANDALONE
+#include <asio/post.hpp>
+#include <asio/thread_pool.hpp>
+#include <chrono>
+#include <deque>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "examples/snippets/RouteService.h"
+
+namespace headers {
+
+using namespace std::chrono_literals;
+using namespace snippets;
+
+using Route = ip_route_msg;
+
+class MyService : public rpc::Service<Routes> {
+ public:
+  MyService() : Service("My") {}
+};
+
+void options(int argc, char** argv) {
+  // [Argv]
+  auto args = VornSdkRpc::argv::vectorize(argc, argv);
+  const auto name = VornSdkRpc::argv::getOptionValue(args, "--name", "agent");
+  const bool verbose = VornSdkRpc::argv::isOptionPresent(args, "--verbose");
+  // [Argv]
+  Kiv::traceSettingIs(std::string(name) + (verbose ? "/8" : "/0"));
+}
+
+void rotatedCertificates(grpc::ServerBuilder& builder,
+                         const std::shared_ptr<grpc::AuthMetadataProcessor>& identity) {
+  // [Certificates]
+  const VornSdkRpc::Certificates certificates({.certificate = "/etc/agent/tls/cert.pem",
+                                               .key = "/etc/agent/tls/key.pem",
+                                               .authorities = "/etc/agent/tls/ca.pem"});
+  builder.AddListeningPort("0.0.0.0:50051", certificates.credentials(identity));
+  // [Certificates]
+}
+
+void runUntilStopped() {
+  // [GrpcServer]
+  grpc::ServerBuilder builder;
+  builder.AddListeningPort("127.0.0.1:50051", grpc::InsecureServerCredentials());
+  VornSdkRpc::ServerProperties properties;
+  VornSdkRpc::GrpcServer server(builder, {std::make_shared<MyService>()}, properties);
+  server.run();  // until another thread calls server.stop()
+  // [GrpcServer]
+}
+
+void guarded(grpc::ServerBuilder& builder,
+             const std::shared_ptr<grpc::AuthMetadataProcessor>& identity,
+             const grpc::SslServerCredentialsOptions& options) {
+  // [PolicyGuard]
+  const auto policy = std::make_shared<VornSdkRpc::PolicyFile>("/etc/agent/policy.json");
+  builder.AddListeningPort("unix:/run/agent.sock", VornSdkRpc::insecureServerCredentials(
+                                                       policyProcessor(policy->guard(), identity)));
+  auto tls = grpc::SslServerCredentials(options);
+  tls->SetAuthMetadataProcessor(policyProcessor(policy->guard(), identity));
+  // [PolicyGuard]
+}
+
+void serveUntilSignal() {
+  // [Serve]
+  grpc::ServerBuilder builder;
+  builder.AddListeningPort("127.0.0.1:50051", grpc::InsecureServerCredentials());
+  VornSdkRpc::serve(builder, {std::make_shared<MyService>()}, {.grace = 2s});
+  // [Serve]
+}
+
+void limitStreams(grpc::ServerBuilder& builder) {
+  // [ServerArguments]
+  VornSdkRpc::installArguments(builder, {.maxConcurrentStreams = 16384});
+  // [ServerArguments]
+}
+
+void stopOnSignal(grpc::ServerBuilder& builder, VornSdkRpc::ServerProperties& properties) {
+  // [StopOnSignal]
+  VornSdkRpc::GrpcServer server(builder, {std::make_shared<MyService>()}, properties);
+  const VornSdkRpc::StopOnSignal stopOnSignal(server, 2s);
+  server.run();  // returns when a signal has come and what it takes is done
+  // [StopOnSignal]
+}
+
+namespace kit {
+
+// [Rpc]
+namespace rpc = VornSdkRpc::rpc;
+using namespace std::chrono_literals;
+
+class RouteService : public rpc::Service<Routes> {
+ public:
+  explicit RouteService(RouteTable& table) : Service("Routes"), table_(table) {
+    // Unary, as a plain function: the fastest, for what is answered at once. It may also take
+    // the grpc::ServerContext& first.
+    method(&Async::RequestSet, [this](const ip_route_msg& route, rpc_status_msg&) {
+      table_.add(route);
+      return grpc::Status::OK;
+    });
+
+    // Unary, as a coroutine, for what has to wait before it answers.
+    method(&Async::RequestAwait,
+           [this](rpc::Call& call, const count_msg& wanted, count_msg& count) -> rpc::Task<> {
+             while (table_.size() < wanted.count()) {
+               if (!co_await call.wait(100ms)) break;
+             }
+             count.set_count(table_.size());
+             co_return grpc::Status::OK;
+           });
+
+    // Client streaming: read() answers false at the end of the client's stream.
+    method(&Async::RequestLoad,
+           [this](rpc::Reader<ip_route_msg>& routes, count_msg& count) -> rpc::Task<> {
+             ip_route_msg route;
+             while (co_await routes.read(route))
+               table_.add(route);
+             count.set_count(table_.size());
+             co_return grpc::Status::OK;
+           });
+
+    // Server streaming: write() answers false once the call is dead. One write is outstanding
+    // at a time, so a client that reads slowly holds up its own stream and costs one item of
+    // memory.
+    method(&Async::RequestWatch,
+           [this](rpc::Writer<ip_route_msg>& watch, const count_msg&) -> rpc::Task<> {
+             rpc::Event news;  // table_.changed.set() by any thread wakes the call
+             const rpc::Events::Subscription subscription(table_.changed, news);
+             std::uint32_t written = 0;
+             do {
+               for (auto& route : table_.after(written)) {
+                 if (!co_await watch.write(route)) break;
+                 ++written;
+               }
+             } while (co_await watch.wait(news));
+             co_return grpc::Status::OK;
+           });
+  }
+
+ private:
+  RouteTable& table_;
+};
+// [Rpc]
+
+// [RpcEvents]
+rpc::Task<> watch(rpc::Writer<ip_route_msg>& watcher, RouteTable& table) {
+  rpc::Event news;
+  const rpc::Events::Subscription subscription(table.changed, news);
+  std::uint32_t written = 0;
+  do {
+    for (auto& route : table.after(written)) {
+      if (!co_await watcher.write(route)) break;
+      ++written;
+    }
+  } while (co_await watcher.wait(news));
+  co_return grpc::Status::OK;
+}
+// [RpcEvents]
+
+// [RpcTask]
+rpc::Task<int> half(rpc::Call& call, int number);
+
+rpc::Task<int> quarter(rpc::Call& call, int number) {
+  const int halved = co_await half(call, number);
+  co_return co_await half(call, halved);
+}
+// [RpcTask]
+
+std::vector<Route> readRoutes(const std::string& name);
+
+// [RpcOffload]
+rpc::Task<> load(rpc::Call& call, const file_msg& file, count_msg& count, Executor& executor) {
+  auto work = [name = file.name()] { return readRoutes(name); };
+  const auto routes = co_await rpc::offload(call, executor, work);
+  if (!routes) co_return grpc::Status::CANCELLED;  // the call is over
+  count.set_count(routes->size());
+  co_return grpc::Status::OK;
+}
+// [RpcOffload]
+
+void executors(asio::thread_pool& pool, std::vector<std::jthread>& threads) {
+  // [RpcOffloadExecutors]
+  auto onPool = [&pool](auto work) { asio::post(pool, std::move(work)); };
+  auto onThread = [&threads](auto work) { threads.emplace_back(std::move(work)); };
+  // [RpcOffloadExecutors]
+  static_cast<void>(Executor(onPool));
+  static_cast<void>(Executor(onThread));
+}
+
+rpc::Task<> atOnce(rpc::Call& call, Executor& executor, int (&one)(), int (&other)()) {
+  // [RpcOffloadAtOnce]
+  auto first = rpc::offload(call, executor, one);
+  auto second = rpc::offload(call, executor, other);
+  const auto firstResult = co_await std::move(first);
+  // [RpcOffloadAtOnce]
+  const auto secondResult = co_await std::move(second);
+  co_return firstResult == secondResult ? grpc::Status::OK : grpc::Status::CANCELLED;
+}
+
+}  // namespace kit
+
+// [StreamingToolkit]
+class RouteBacklog : public VornSdkRpc::BacklogImplBase {
+ public:
+  explicit RouteBacklog(const Velm::Ptr<Tarsk::TaskScheduler>& scheduler)
+      : BacklogImplBase("RouteBacklog", scheduler) {}
+
+  void add(Route route) {  // on any thread
+    {
+      const std::lock_guard lock(mutex_);
+      routes_.push_back(std::move(route));
+    }
+    wake();
+  }
+
+ private:
+  void handleBacklog() override {  // on the scheduler's thread
+    if (programSome()) wake();     // more is left
+  }
+  bool programSome();
+
+  std::mutex mutex_;
+  std::deque<Route> routes_;
+};
+// [StreamingToolkit]
+
+// [LogDescriptor]
+[[gnu::section(".tolmar_logmsg"), gnu::used, gnu::retain]] Kiv::LogDescriptor restarted = {
+    "AGENT_RESTARTED", "agent %s restarted, reason %s", "An agent was restarted", "\x01", 6};
+Kiv::LogHandle restartedHandle(&restarted, std::chrono::minutes(1), 1.0, 1, 0);
+// [LogDescriptor]
+
+void logs(const std::string& agentName, const std::string& reason) {
+  // [Log]
+  Kiv::log(restartedHandle, agentName, reason);  // at most once a minute for an agent
+  // [Log]
+  // [FileSink]
+  Kiv::platformLogger().sinks() = {std::make_shared<Kiv::FileSink>("agent.log")};
+  // [FileSink]
+  // [QueuedSink]
+  Kiv::traceLogger().sinks() = {
+      std::make_shared<Kiv::QueuedSink>(std::make_shared<Kiv::FileSink>("trace.log"))};
+  // [QueuedSink]
+}
+
+}  // namespace headers
