@@ -45,16 +45,17 @@ void SbfdMonitor::set(const sbfd_echo_session_msg& session) {
   const std::string id = idOf(session.session_key());
   const std::lock_guard lock(mutex_);
   if (session.request_delete()) {
-    if (sessions_.erase(id) == 0) return;
-    for (Watch* watch : watches_)
-      watch->ended_[id] = session.session_key();
-    changed(id, true, false);
+    sessions_.erase(id);
+    statuses_.remove(id);
+    roundTripTimes_.remove(id);
   } else {
     const auto [entry, added] = sessions_.try_emplace(id);
     entry->second.config = session;
     entry->second.nextEcho = std::chrono::steady_clock::now();
-    if (added) entry->second.status = Status::INIT;
-    changed(id, added, false);
+    if (added) {
+      entry->second.status = Status::INIT;
+      publishStatus(id, entry->second);
+    }
   }
   wake_.notify_one();
 }
@@ -89,9 +90,10 @@ void SbfdMonitor::echo(const std::string& id, Session& session) {
   const auto rtt = linked ? roundTrip() : std::nullopt;
   const auto before = session.status;
   session.status = !rtt ? Status::DOWN : before == Status::DOWN ? Status::INIT : Status::UP;
-  const bool measured = rtt && session.config.rtt_enabled();
-  if (measured) account(session, *rtt);
-  changed(id, session.status != before, measured);
+  if (session.status != before) publishStatus(id, session);
+  if (!rtt || !session.config.rtt_enabled()) return;
+  account(session, *rtt);
+  publishRoundTripTimes(id, session);
 }
 
 void SbfdMonitor::account(Session& session, std::uint32_t rtt) {
@@ -123,49 +125,18 @@ std::optional<std::uint32_t> SbfdMonitor::roundTrip() const {
       std::chrono::duration_cast<std::chrono::microseconds>(time).count());
 }
 
-void SbfdMonitor::changed(const std::string& id, bool status, bool rtt) {
-  for (Watch* watch : watches_) {
-    if (!status && !(rtt && watch->rtt_)) continue;
-    auto& news = watch->news_[id];
-    news.status |= status;
-    news.rtt |= rtt && watch->rtt_;
-    watch->event_.set();
-  }
+void SbfdMonitor::publishStatus(const std::string& id, const Session& session) {
+  watch_sbfd_echo_session_status_msg item;
+  *item.mutable_session_key() = session.config.session_key();
+  item.mutable_status()->set_status(session.status);
+  statuses_.set(id, std::move(item));
 }
 
-SbfdMonitor::Watch::Watch(SbfdMonitor& monitor, VornSdkRpc::rpc::Event& news, bool rtt)
-    : monitor_(monitor), event_(news), rtt_(rtt) {
-  const std::lock_guard lock(monitor_.mutex_);
-  for (const auto& [id, session] : monitor_.sessions_)
-    news_[id].status = true;
-  monitor_.watches_.insert(this);
-}
-
-SbfdMonitor::Watch::~Watch() {
-  const std::lock_guard lock(monitor_.mutex_);
-  monitor_.watches_.erase(this);
-}
-
-std::vector<watch_sbfd_echo_session_status_msg> SbfdMonitor::Watch::take() {
-  const std::lock_guard lock(monitor_.mutex_);
-  std::vector<watch_sbfd_echo_session_status_msg> items;
-  for (const auto& [id, news] : std::exchange(news_, {})) {
-    const auto session = monitor_.sessions_.find(id);
-    const bool lives = session != monitor_.sessions_.end();
-    const auto& key = lives ? session->second.config.session_key() : ended_[id];
-    if (news.status) {
-      auto& item = items.emplace_back();
-      *item.mutable_session_key() = key;
-      item.mutable_status()->set_status(lives ? session->second.status : Status::ADMIN_DOWN);
-    }
-    if (news.rtt && lives) {
-      auto& item = items.emplace_back();
-      *item.mutable_session_key() = key;
-      *item.mutable_rtt() = session->second.rtt;
-    }
-  }
-  ended_.clear();
-  return items;
+void SbfdMonitor::publishRoundTripTimes(const std::string& id, const Session& session) {
+  watch_sbfd_echo_session_status_msg item;
+  *item.mutable_session_key() = session.config.session_key();
+  *item.mutable_rtt() = session.rtt;
+  roundTripTimes_.set(id, std::move(item));
 }
 
 }  // namespace routing_agent

@@ -1,13 +1,46 @@
 #include "agents/routing/SbfdService.h"
 
+#include <optional>
+#include <utility>
+
 namespace routing_agent {
 
 namespace {
 
 using Item = watch_sbfd_echo_session_status_msg;
+using Sessions = SbfdMonitor::Sessions;
 
 // A watch holds its stream for as long as its client likes; this many are enough for a device.
 constexpr std::size_t kMaxWatches = 16384;
+
+constexpr int kItemsPerBulk = 256;
+
+// What a session's watcher is sent; none for a mark.
+std::optional<Item> itemOf(const Sessions::Item& news) {
+  if (news.kind() == rpc::News::value) return news.value();
+  if (news.kind() != rpc::News::removal) return std::nullopt;
+  Item item;
+  item.mutable_session_key()->ParseFromString(news.key());
+  item.mutable_status()->set_status(sbfd_echo_session_oper_status_msg::ADMIN_DOWN);
+  return item;
+}
+
+// The next item of a watch that is in sync: what is new, in bulk where it is more than one thing.
+std::optional<Item> nextOf(Sessions::Watcher& statuses, std::optional<Sessions::Watcher>& times) {
+  Item bulk;
+  while (bulk.bulk_size() < kItemsPerBulk) {
+    const auto news = statuses.next();
+    if (!news) break;
+    if (auto item = itemOf(*news)) *bulk.add_bulk() = *std::move(item);
+  }
+  while (times && bulk.bulk_size() < kItemsPerBulk) {
+    const auto news = times->next();
+    if (!news) break;
+    if (news->kind() == rpc::News::value) *bulk.add_bulk() = news->value();
+  }
+  if (bulk.bulk_size() == 0) return std::nullopt;
+  return bulk.bulk_size() == 1 ? bulk.bulk(0) : bulk;
+}
 
 }  // namespace
 
@@ -34,26 +67,25 @@ rpc::Task<> SbfdService::watch(rpc::Writer<Item>& watcher,
                                const watch_sbfd_echo_session_config_msg& config) {
   traceArrival(config);
   rpc::Event news;
-  SbfdMonitor::Watch sessions(monitor_, news, config.request_rtt_updates());
-  for (const Item& item : sessions.take()) {
-    if (!co_await watcher.write(item)) co_return grpc::Status::CANCELLED;
+  Sessions::Watcher statuses(monitor_.statuses(), news);
+  std::optional<Sessions::Watcher> times;
+  if (config.request_rtt_updates())
+    times.emplace(monitor_.roundTripTimes(), news, rpc::WatchOptions{.updatesOnly = true});
+
+  for (auto first = statuses.next(); first->kind() != rpc::News::synced; first = statuses.next()) {
+    const auto item = itemOf(*first);
+    if (!item) continue;
+    if (!co_await watcher.write(*item)) co_return grpc::Status::CANCELLED;
   }
   Item end;
   end.set_end_of_status_batch(true);
   if (!co_await watcher.write(end)) co_return grpc::Status::CANCELLED;
 
-  while (co_await watcher.wait(news)) {
-    auto items = sessions.take();
-    if (items.empty()) continue;
-    Item next;
-    if (items.size() == 1) {
-      next = std::move(items.front());
-    } else {
-      for (Item& item : items)
-        *next.add_bulk() = std::move(item);
+  do {
+    while (const auto item = nextOf(statuses, times)) {
+      if (!co_await watcher.write(*item)) co_return grpc::Status::CANCELLED;
     }
-    if (!co_await watcher.write(next)) break;
-  }
+  } while (co_await watcher.wait(news));
   co_return grpc::Status::CANCELLED;
 }
 
