@@ -23,7 +23,7 @@
 // What a watcher is told, in this order:
 //
 //   snapshot   a snapshot begins: whatever the watcher knows is to be forgotten
-//   value ...  the present values
+//   value ...  the present values, in the order of their last changes
 //   synced     all that was there when the watch began has been told
 //   value, removal ...  from then on, what changes
 //

@@ -6,6 +6,7 @@
 #include <VornSdkRpc/Rpc.h>
 #include <VornSdkRpc/RpcEvents.h>
 #include <VornSdkRpc/RpcOffload.h>
+#include <VornSdkRpc/RpcPublished.h>
 
 #include <fstream>
 #include <functional>
@@ -42,6 +43,15 @@ class RouteTable {
     return static_cast<std::uint32_t>(routes_.size());
   }
 
+  // [published]
+  using Published = rpc::Published<std::string, ip_route_msg>;
+
+  void set(const ip_route_msg& route) { byPrefix.set(route.prefix().SerializeAsString(), route); }
+  void remove(const ip_prefix_msg& prefix) { byPrefix.remove(prefix.SerializeAsString()); }
+
+  Published byPrefix;
+  // [published]
+
   std::vector<ip_route_msg> after(std::size_t seen) const {
     const std::lock_guard lock(mutex_);
     return {routes_.begin() + static_cast<std::ptrdiff_t>(seen), routes_.end()};
@@ -72,6 +82,10 @@ class RouteService : public rpc::Service<Routes> {
     method(&Async::RequestWatch,
            [this](rpc::Writer<ip_route_msg>& watcher, const count_msg&) { return watch(watcher); },
            {.limit = 100});
+    method(&Async::RequestFollow,
+           [this](rpc::Writer<news_msg>& follower, const version_msg& version) {
+             return follow(follower, version);
+           });
     method(&Async::RequestSave, [this](rpc::Call& call, const file_msg& file, count_msg& count) {
       return save(call, file, count);
     });
@@ -149,6 +163,45 @@ class RouteService : public rpc::Service<Routes> {
     co_return grpc::Status::OK;
   }
   // [both]
+
+  // [follow]
+  rpc::Task<> follow(rpc::Writer<news_msg>& follower, const version_msg& from) {
+    rpc::Event news;
+    RouteTable::Published::Watcher routes(table_.byPrefix, news,
+                                          {.resume = {{from.run(), from.number()}}});
+    do {
+      while (const auto item = routes.next()) {
+        const news_msg message = messageOf(*item);
+        if (!co_await follower.write(message)) co_return grpc::Status::CANCELLED;
+      }
+    } while (co_await follower.wait(news));
+    co_return grpc::Status::CANCELLED;
+  }
+  // [follow]
+
+  // [news]
+  static news_msg messageOf(const RouteTable::Published::Item& item) {
+    news_msg message;
+    switch (item.kind()) {
+      case rpc::News::snapshot:
+        message.set_snapshot(true);
+        break;
+      case rpc::News::value:
+        *message.mutable_route() = item.value();
+        break;
+      case rpc::News::removal:
+        message.mutable_removed()->ParseFromString(item.key());
+        break;
+      case rpc::News::synced:
+        message.set_synced(true);
+        break;
+    }
+    message.set_folded(item.folded());
+    message.mutable_version()->set_run(item.version().run);
+    message.mutable_version()->set_number(item.version().number);
+    return message;
+  }
+  // [news]
 
   // [offload]
   rpc::Task<> save(rpc::Call& call, const file_msg& file, count_msg& count) {
