@@ -1,0 +1,242 @@
+#include <VornSdkRpc/WorkQueue.h>
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+namespace VornSdkRpc {
+
+namespace {
+
+// More than one step ever does, and little enough to be doubled.
+constexpr std::size_t kLongestStep = std::size_t{1} << 20;
+
+bool within(std::size_t used, std::size_t limit, unsigned reservedPercent) {
+  const std::size_t percent = std::min(reservedPercent, 100U);
+  return limit == 0 || used < limit - limit / 100 * percent - limit % 100 * percent / 100;
+}
+
+void trace(const vorn::tracer& tracer, const std::exception_ptr& failure) {
+  try {
+    std::rethrow_exception(failure);
+  } catch (const std::exception& error) {
+    tracer.trace0("work failed: %s", error.what());
+  } catch (...) {
+    tracer.trace0("work failed with an unknown exception");
+  }
+}
+
+}  // namespace
+
+// ------------------------------------------------------------------------------------------------
+// Answer
+
+const char* WorkQueue::Dropped::what() const noexcept {
+  return "the work was dropped: its queue has been stopped";
+}
+
+// What an answer and its items share, so that either may go first.
+struct WorkQueue::Answer::State {
+  explicit State(rpc::Event& waiting) : event(&waiting) {}
+
+  void expectOne() {
+    const std::lock_guard lock(mutex);
+    ++pending;
+  }
+
+  // Answers whether somebody is there to hear it.
+  bool tell(const std::exception_ptr& failure) {
+    const std::lock_guard lock(mutex);
+    if (!firstFailure) firstFailure = failure;
+    if (--pending == 0 && event) event->set();
+    return event;
+  }
+
+  mutable std::mutex mutex;
+  rpc::Event* event;  // null when the answer is gone
+  std::size_t pending = 0;
+  std::exception_ptr firstFailure;
+};
+
+WorkQueue::Answer::Answer() : state_(std::make_shared<State>(event_)) {}
+
+WorkQueue::Answer::~Answer() {
+  const std::lock_guard lock(state_->mutex);
+  state_->event = nullptr;
+}
+
+std::size_t WorkQueue::Answer::pending() const {
+  const std::lock_guard lock(state_->mutex);
+  return state_->pending;
+}
+
+void WorkQueue::Answer::get() const {
+  const std::lock_guard lock(state_->mutex);
+  if (state_->firstFailure) std::rethrow_exception(state_->firstFailure);
+}
+
+// ------------------------------------------------------------------------------------------------
+// WorkQueue
+
+WorkQueue::WorkQueue(const char* name, const Velm::Ptr<Tarsk::TaskScheduler>& scheduler,
+                     Options options)
+    : BacklogImplBase(name, scheduler),
+      options_(std::move(options)),
+      tracer_(name),
+      scheduler_(scheduler) {}
+
+WorkQueue::WorkQueue(const char* name, Options options)
+    : WorkQueue(name, Velm::Ptr<Tarsk::TaskScheduler>(new Tarsk::TaskScheduler(name)),
+                std::move(options)) {
+  thread_ = std::thread([this] { scheduler_->run(); });
+}
+
+WorkQueue::~WorkQueue() { stop(); }
+
+bool WorkQueue::add(Work work, std::size_t bytes, Kind kind) {
+  return append({std::move(work), sizeof(Item) + bytes, options_.now(), nullptr}, kind);
+}
+
+bool WorkQueue::add(Work work, std::size_t bytes, Answer& answer, Kind kind) {
+  return append({std::move(work), sizeof(Item) + bytes, options_.now(), answer.state_}, kind);
+}
+
+bool WorkQueue::append(Item item, Kind kind) {
+  {
+    const std::lock_guard lock(mutex_);
+    if (stopped_ || !isRoom(kind)) {
+      ++figures_.refused;
+      return false;
+    }
+    const auto answer = item.answer;
+    const auto bytes = item.bytes;
+    waiting_.push_back(std::move(item));
+    if (answer) answer->expectOne();
+    ++figures_.items;
+    figures_.bytes += bytes;
+  }
+  wake();
+  return true;
+}
+
+bool WorkQueue::hasRoom(Kind kind) const {
+  const std::lock_guard lock(mutex_);
+  return !stopped_ && isRoom(kind);
+}
+
+bool WorkQueue::isRoom(Kind kind) const {
+  const unsigned reserved = kind == bulk ? options_.singleShare : 0;
+  return within(figures_.bytes, options_.maxBytes, reserved) &&
+         within(figures_.items, options_.maxItems, reserved);
+}
+
+WorkQueue::Figures WorkQueue::figures() const {
+  const auto now = options_.now();
+  const std::lock_guard lock(mutex_);
+  Figures figures = figures_;
+  const auto oldest = oldestTaken_       ? *oldestTaken_
+                      : waiting_.empty() ? now
+                                         : waiting_.front().added;
+  figures.oldest = std::max(now - oldest, std::chrono::nanoseconds(0));
+  return figures;
+}
+
+void WorkQueue::handleBacklog() {
+  const std::size_t most = figures_.step;
+  const auto begin = options_.now();
+  Tally tally;
+  std::size_t done = 0;
+  bool inTime = true;
+  for (; done < most && inTime && !stopped_ && takeWaiting(); ++done) {
+    Item item = std::move(taken_.front());
+    taken_.pop_front();
+    perform(std::move(item), tally);
+    inTime = options_.now() - begin < options_.stepBudget;
+  }
+  count(tally);
+  if (endStep(done, inTime)) wake();
+}
+
+// Takes everything that waits at once, so that neither side holds up the other for each item.
+bool WorkQueue::takeWaiting() {
+  if (!taken_.empty()) return true;
+  const std::lock_guard lock(mutex_);
+  if (waiting_.empty()) return false;
+  taken_.swap(waiting_);
+  oldestTaken_ = taken_.front().added;
+  return true;
+}
+
+void WorkQueue::perform(Item item, Tally& tally) {
+  std::exception_ptr failure;
+  try {
+    item.work();
+  } catch (...) {
+    failure = std::current_exception();
+    ++tally.failed;
+  }
+  item.work = nullptr;  // what it holds goes before anybody hears that it is done
+  ++tally.items;
+  tally.bytes += item.bytes;
+  bool heard = false;
+  if (item.answer) {
+    count(tally);  // so that who hears it finds it counted
+    heard = item.answer->tell(failure);
+  }
+  if (failure && !heard) trace(tracer_, failure);
+}
+
+void WorkQueue::count(Tally& tally) {
+  bool moreRoom = false;
+  {
+    const std::lock_guard lock(mutex_);
+    const bool before[] = {isRoom(single), isRoom(bulk)};
+    // A stop in the middle of an item has counted everything as gone.
+    figures_.items -= std::min(tally.items, figures_.items);
+    figures_.bytes -= std::min(tally.bytes, figures_.bytes);
+    figures_.done += tally.items;
+    figures_.failed += tally.failed;
+    oldestTaken_ = taken_.empty() ? std::nullopt : std::optional(taken_.front().added);
+    moreRoom = (!before[0] && isRoom(single)) || (!before[1] && isRoom(bulk));
+  }
+  tally = {};
+  if (moreRoom) room_.set();
+}
+
+// Answers whether more is left to do.
+bool WorkQueue::endStep(std::size_t done, bool withinBudget) {
+  const std::lock_guard lock(mutex_);
+  ++figures_.runs;
+  figures_.bestStep = std::max(figures_.bestStep, done);
+  if (!withinBudget) {
+    figures_.step = done;
+  } else if (done == figures_.step) {
+    figures_.step = std::min(2 * done, kLongestStep);
+  }
+  return !stopped_ && figures_.items != 0;
+}
+
+void WorkQueue::stop() {
+  stopped_ = true;
+  if (thread_.joinable()) {
+    scheduler_->stop();
+    thread_.join();
+  }
+  std::array<std::deque<Item>, 2> dropped;
+  dropped[0].swap(taken_);
+  {
+    const std::lock_guard lock(mutex_);
+    dropped[1].swap(waiting_);
+    figures_.items = 0;
+    figures_.bytes = 0;
+    oldestTaken_.reset();
+  }
+  for (auto& items : dropped) {
+    for (auto& item : items) {
+      item.work = nullptr;
+      if (item.answer) item.answer->tell(std::make_exception_ptr(Dropped()));
+    }
+  }
+}
+
+}  // namespace VornSdkRpc
