@@ -101,7 +101,7 @@ struct Agent {
     return Service::NewStub(running.connection());
   }
   void programAll() const {
-    while (backlog.waiting() != 0)
+    while (backlog.figures().items != 0)
       std::this_thread::yield();
   }
 
@@ -181,14 +181,14 @@ TEST(RoutingAgent, EndsWithWorkOnItsBacklog) {
     ASSERT_TRUE(writer->Write(routeOf(static_cast<std::uint8_t>(i % 200))));
   writer->WritesDone();
   EXPECT_TRUE(writer->Finish().ok());
-  EXPECT_GT(agent.backlog.waiting(), 0U);
+  EXPECT_GT(agent.backlog.figures().items, 0U);
 }
 
 TEST(RoutingAgent, AFullBacklogRefusesSingleChangesAndHoldsUpStreams) {
   std::latch gate(1);
   Agent agent({}, "127.0.0.1", 1);  // one change fills it
   const auto stub = agent.stub<Routing>();
-  agent.backlog.add([&gate] { gate.wait(); }, 0);
+  ASSERT_TRUE(agent.backlog.add([&gate] { gate.wait(); }, 0));
   rpc_server_state_config_msg config;
   config.add_set()->set_key("x");
   EXPECT_EQ(call(*stub, &Routing::Stub::SetRoute, routeOf(1)),
@@ -202,7 +202,7 @@ TEST(RoutingAgent, AFullBacklogRefusesSingleChangesAndHoldsUpStreams) {
     EXPECT_TRUE(writer->Write(routeOf(i)));
   writer->WritesDone();
   EXPECT_TRUE(tagsOf(*stub).empty());
-  EXPECT_EQ(agent.backlog.waiting(), 1U);
+  EXPECT_EQ(agent.backlog.figures().items, 1U);
   gate.count_down();
   EXPECT_TRUE(writer->Finish().ok());
   EXPECT_EQ(reply.accepted(), 3U);
@@ -219,7 +219,7 @@ TEST(RoutingAgent, TheBacklogCountsWhatAChangeTakesInMemory) {
   std::latch gate(1);
   Agent agent({}, "127.0.0.1", 3 * group.ByteSizeLong());
   const auto stub = agent.stub<Routing>();
-  agent.backlog.add([&gate] { gate.wait(); }, 0);
+  ASSERT_TRUE(agent.backlog.add([&gate] { gate.wait(); }, 0));
   EXPECT_EQ(call(*stub, &Routing::Stub::SetNexthopGroup, group), grpc::StatusCode::OK);
   EXPECT_EQ(call(*stub, &Routing::Stub::SetNexthopGroup, group),
             grpc::StatusCode::RESOURCE_EXHAUSTED);

@@ -59,14 +59,17 @@ class AgentService : public rpc::Service<Generated> {
   // caller may and it is there. Throws vorn::invalid_argument_error when the message can't be used.
   template <typename Message, typename Key>
   grpc::Status change(grpc::ServerContext& context, const Message& message, std::set<Key>& wanted,
-                      const Key& key, bool deletes, const char* what, Backlog::Change program) {
+                      const Key& key, bool deletes, const char* what, Backlog::Change program,
+                      Backlog::Kind kind = Backlog::single) {
     traceArrival(message);
     check(message);
     if (deletes && !mayRemove(context, listen_)) return mayNot();
-    if (backlog_.full()) return tooMuchWaits();
     if (deletes && !wanted.contains(key)) return notFound(what);
-    if (!deletes) wanted.insert(key);
-    backlog_.add(std::move(program), message.SpaceUsedLong());
+    const bool isNew = !deletes && wanted.insert(key).second;
+    if (!backlog_.add(std::move(program), message.SpaceUsedLong(), kind)) {
+      if (isNew) wanted.erase(key);
+      return tooMuchWaits();
+    }
     if (deletes) wanted.erase(key);
     return ok();
   }

@@ -49,7 +49,7 @@ const Option kOptions[] = {
      "and remove them at a clean stop",
      [](Options& options, const Values&) { options.programKernel = true; }},
     {"--step-ms", "NUMBER",
-     "programming a step of 64 changes takes this long, as on slow\n"
+     "programming 64 changes takes this long, as on slow\n"
      "hardware (default: 0)",
      [](Options& options, const Values& values) {
        options.stepTime = std::chrono::milliseconds(number(values[0], 0, 1000));

@@ -22,7 +22,7 @@ rpc::Task<> sendTable(rpc::Writer<Part>& writer, const Table<Key, Value>& table,
   for (;;) {
     auto items = table.part(last, kItemsPerPart);
     Part part;
-    part.set_waiting(backlog.waiting());
+    part.set_waiting(backlog.figures().items);
     for (auto& [key, value] : items)
       *add(part) = std::move(value);
     if (!co_await writer.write(part)) co_return grpc::Status::CANCELLED;
@@ -77,9 +77,11 @@ RoutingService::RoutingService(Tables& tables, Backlog& backlog,
   });
 }
 
-grpc::Status RoutingService::set(grpc::ServerContext& context, const ip_route_msg& route) {
-  return change(context, route, routes_, PrefixKey(route.prefix()), false, "route of this prefix",
-                [this, route] { program(route); });
+grpc::Status RoutingService::set(grpc::ServerContext& context, const ip_route_msg& route,
+                                 Backlog::Kind kind) {
+  return change(
+      context, route, routes_, PrefixKey(route.prefix()), false, "route of this prefix",
+      [this, route] { program(route); }, kind);
 }
 
 grpc::Status RoutingService::remove(grpc::ServerContext& context, const ip_prefix_msg& prefix) {
@@ -89,15 +91,15 @@ grpc::Status RoutingService::remove(grpc::ServerContext& context, const ip_prefi
 
 rpc::Task<> RoutingService::setAll(rpc::Reader<ip_route_msg>& routes, set_routes_reply_msg& reply) {
   rpc::Event room;
-  const rpc::Events::Subscription subscription(backlog_.room, room);
+  const rpc::Events::Subscription subscription(backlog_.room(), room);
   ip_route_msg route;
   while (co_await routes.read(route)) {
     // A client that sends faster than can be programmed is held up by what gRPC holds for it.
-    while (backlog_.full()) {
+    while (!backlog_.hasRoom(Backlog::bulk)) {
       if (!co_await routes.wait(room)) co_return grpc::Status::CANCELLED;
     }
     try {
-      if (auto status = set(routes.context(), route); !status.ok()) co_return status;
+      if (auto status = set(routes.context(), route, Backlog::bulk); !status.ok()) co_return status;
     } catch (const vorn::invalid_argument_error& error) {
       throw vorn::invalid_argument_error(
           "route " + std::to_string(reply.accepted()) + ": " + error.what(), error.argument());

@@ -17,7 +17,8 @@ class RoutingService : public AgentService<Routing> {
                  KernelSync* kernel);
 
  private:
-  grpc::Status set(grpc::ServerContext& context, const ip_route_msg& route);
+  grpc::Status set(grpc::ServerContext& context, const ip_route_msg& route,
+                   Backlog::Kind kind = Backlog::single);
   grpc::Status set(grpc::ServerContext& context, const nexthop_group_msg& group);
   grpc::Status set(grpc::ServerContext& context, const mpls_route_msg& route);
   grpc::Status set(grpc::ServerContext& context, const cbf_nexthop_group_redirect_msg& redirect);

@@ -22,15 +22,13 @@ grpc::Status StateService::configure(grpc::ServerContext& context,
   traceArrival(config);
   check(config);
   if (config.delete__size() != 0 && !mayRemove(context, listen_)) return mayNot();
-  if (backlog_.full()) return tooMuchWaits();
   auto program = [this, config] {
     for (const auto& entry : config.set())
       tables_.state.set(entry.key(), entry.value());
     for (const auto& removed : config.delete_())
       tables_.state.remove(removed.key());
   };
-  backlog_.add(std::move(program), config.SpaceUsedLong());
-  return ok();
+  return backlog_.add(std::move(program), config.SpaceUsedLong()) ? ok() : tooMuchWaits();
 }
 
 void StateService::read(const state_keys_msg& keys, rpc_server_state_status_msg& reply) const {

@@ -22,6 +22,7 @@
 #include <thread>
 #include <vector>
 
+#include "examples/snippets/ChangeService.h"
 #include "examples/snippets/NapService.h"
 #include "examples/snippets/UserOfConnection.h"
 
@@ -147,7 +148,8 @@ void serve(const Options& options, RouteTable& table, const std::function<void()
   VornSdkRpc::ServerProperties properties{std::string(netns)};
   VornSdkRpc::GrpcServer server(
       builder,
-      {std::make_shared<RouteService>(table, onPool, onThread), std::make_shared<NapService>()},
+      {std::make_shared<RouteService>(table, onPool, onThread), std::make_shared<NapService>(),
+       std::make_shared<ChangeService>(table)},
       properties, true);
   // [serve]
   serveUntilSignal(server, client);

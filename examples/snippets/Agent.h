@@ -16,8 +16,8 @@ struct Options {
 // Throws vorn::invalid_argument_error when there is not one socket file.
 Options parse(int argc, char** argv);
 
-// Serves routes and naps until it is stopped by a signal. `client` is called once the agent
-// listens, on a thread of its own.
+// Serves routes, changes of them and naps until it is stopped by a signal. `client` is called once
+// the agent listens, on a thread of its own.
 void serve(const Options& options, RouteTable& table, const std::function<void()>& client);
 
 }  // namespace snippets

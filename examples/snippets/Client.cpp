@@ -111,6 +111,29 @@ void naps(Naps::Stub& naps) {
           "a caller need not wait for the end of one");
 }
 
+void changesRoutes(Changes::Stub& changes) {
+  grpc::ClientContext accepting, loading, programming;
+  rpc_status_msg reply;
+  count_msg count;
+  require(changes.Accept(&accepting, route(TEN, 12), &reply).ok(), "a change is accepted");
+  const auto writer = changes.Load(&loading, &count);
+  for (int i = 0; i < 100; ++i)
+    writer->Write(route(TEN, 13));
+  writer->WritesDone();
+  require(writer->Finish().ok() && count.count() == 100, "and so are many");
+  require(changes.Program(&programming, route(TEN, 14), &reply).ok(), "or waited for");
+}
+
+// Programming one change waits for those that were accepted before.
+void allAreProgrammed(Routes::Stub& routes) {
+  grpc::ClientContext context;
+  count_msg count;
+  file_msg file;
+  file.set_name("routes.txt");
+  require(routes.Save(&context, file, &count).ok() && count.count() == 4 + 102,
+          "changes are programmed in their order");
+}
+
 std::string contentOf(const std::string& path) {
   std::ifstream file(path);
   return {std::istreambuf_iterator<char>(file), {}};
@@ -150,6 +173,8 @@ void callEverything(const std::string& address) {
   for (auto* calls :
        {setsRoutes, loadsRoutes, awaitsRoutes, watchesRoutes, savesRoutes, echoesRoutes})
     calls(*routeStub);
+  changesRoutes(*Changes::NewStub(channel));
+  allAreProgrammed(*routeStub);
   const auto napStub = Naps::NewStub(channel);
   naps(*napStub);
   isGuarded(address + ".guarded", grpc::InsecureChannelCredentials());
