@@ -1,7 +1,15 @@
 #include <VornSdkRpc/WorkQueue.h>
 
+#include <VornSdkRpc/StreamingToolkit.h>
+#include <vorn/tracer.h>
+
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <thread>
 #include <utility>
 
 namespace VornSdkRpc {
@@ -76,61 +84,96 @@ void WorkQueue::Answer::get() const {
 }
 
 // ------------------------------------------------------------------------------------------------
-// WorkQueue
+// Queue: the backlog behind it
 
-WorkQueue::WorkQueue(const char* name, const Velm::Ptr<Tarsk::TaskScheduler>& scheduler,
-                     Options options)
-    : BacklogImplBase(name, scheduler),
-      options_(std::move(options)),
-      tracer_(name),
-      scheduler_(scheduler) {}
+class WorkQueue::Queue : private BacklogImplBase {
+ public:
+  Queue(const char* name, const Velm::Ptr<Tarsk::TaskScheduler>& scheduler, Options options)
+      : BacklogImplBase(name, scheduler),
+        options_(std::move(options)),
+        tracer_(name),
+        scheduler_(scheduler) {}
 
-WorkQueue::WorkQueue(const char* name, Options options)
-    : WorkQueue(name, Velm::Ptr<Tarsk::TaskScheduler>(new Tarsk::TaskScheduler(name)),
-                std::move(options)) {
-  thread_ = std::thread([this] { scheduler_->run(); });
-}
+  // From now on a thread of the queue's own runs the scheduler.
+  void startThread() {
+    thread_ = std::thread([this] { scheduler_->run(); });
+  }
 
-WorkQueue::~WorkQueue() { stop(); }
+  bool add(Work work, std::size_t bytes, Kind kind, std::shared_ptr<Answer::State> answer);
+  bool hasRoom(Kind kind) const;
+  rpc::Events& room() { return room_; }
+  Figures figures() const;
+  void stop();
 
-bool WorkQueue::add(Work work, std::size_t bytes, Kind kind) {
-  return append({std::move(work), sizeof(Item) + bytes, options_.now(), nullptr}, kind);
-}
+ private:
+  using Clock = std::chrono::steady_clock;
 
-bool WorkQueue::add(Work work, std::size_t bytes, Answer& answer, Kind kind) {
-  return append({std::move(work), sizeof(Item) + bytes, options_.now(), answer.state_}, kind);
-}
+  struct Item {
+    Work work;
+    std::size_t bytes;
+    Clock::time_point added;
+    std::shared_ptr<Answer::State> answer;
+  };
 
-bool WorkQueue::append(Item item, Kind kind) {
+  // What a step has done and not counted yet.
+  struct Tally {
+    std::size_t items = 0;
+    std::size_t bytes = 0;
+    std::size_t failed = 0;
+  };
+
+  void handleBacklog() override;
+  bool takeWaiting();
+  void perform(Item item, Tally& tally);
+  void count(Tally& tally);
+  bool endStep(std::size_t done, bool withinBudget);
+  bool isRoom(Kind kind) const;
+
+  const Options options_;
+  const vorn::tracer tracer_;
+  const Velm::Ptr<Tarsk::TaskScheduler> scheduler_;
+  rpc::Events room_;
+  std::deque<Item> taken_;  // of the scheduler's thread: what no adding thread has to do with
+
+  mutable std::mutex mutex_;  // guards what follows
+  std::deque<Item> waiting_;
+  std::optional<Clock::time_point> oldestTaken_;
+  Figures figures_;  // whose step only the scheduler's thread changes
+
+  std::atomic<bool> stopped_ = false;
+  std::thread thread_;  // when it is the queue's own
+};
+
+bool WorkQueue::Queue::add(Work work, std::size_t bytes, Kind kind,
+                           std::shared_ptr<Answer::State> answer) {
+  Item item{std::move(work), sizeof(Item) + bytes, options_.now(), std::move(answer)};
   {
     const std::lock_guard lock(mutex_);
     if (stopped_ || !isRoom(kind)) {
       ++figures_.refused;
       return false;
     }
-    const auto answer = item.answer;
-    const auto bytes = item.bytes;
     waiting_.push_back(std::move(item));
-    if (answer) answer->expectOne();
+    if (waiting_.back().answer) waiting_.back().answer->expectOne();
     ++figures_.items;
-    figures_.bytes += bytes;
+    figures_.bytes += waiting_.back().bytes;
   }
   wake();
   return true;
 }
 
-bool WorkQueue::hasRoom(Kind kind) const {
+bool WorkQueue::Queue::hasRoom(Kind kind) const {
   const std::lock_guard lock(mutex_);
   return !stopped_ && isRoom(kind);
 }
 
-bool WorkQueue::isRoom(Kind kind) const {
+bool WorkQueue::Queue::isRoom(Kind kind) const {
   const unsigned reserved = kind == bulk ? options_.singleShare : 0;
   return within(figures_.bytes, options_.maxBytes, reserved) &&
          within(figures_.items, options_.maxItems, reserved);
 }
 
-WorkQueue::Figures WorkQueue::figures() const {
+WorkQueue::Figures WorkQueue::Queue::figures() const {
   const auto now = options_.now();
   const std::lock_guard lock(mutex_);
   Figures figures = figures_;
@@ -141,7 +184,7 @@ WorkQueue::Figures WorkQueue::figures() const {
   return figures;
 }
 
-void WorkQueue::handleBacklog() {
+void WorkQueue::Queue::handleBacklog() {
   const std::size_t most = figures_.step;
   const auto begin = options_.now();
   Tally tally;
@@ -158,7 +201,7 @@ void WorkQueue::handleBacklog() {
 }
 
 // Takes everything that waits at once, so that neither side holds up the other for each item.
-bool WorkQueue::takeWaiting() {
+bool WorkQueue::Queue::takeWaiting() {
   if (!taken_.empty()) return true;
   const std::lock_guard lock(mutex_);
   if (waiting_.empty()) return false;
@@ -167,7 +210,7 @@ bool WorkQueue::takeWaiting() {
   return true;
 }
 
-void WorkQueue::perform(Item item, Tally& tally) {
+void WorkQueue::Queue::perform(Item item, Tally& tally) {
   std::exception_ptr failure;
   try {
     item.work();
@@ -186,7 +229,7 @@ void WorkQueue::perform(Item item, Tally& tally) {
   if (failure && !heard) trace(tracer_, failure);
 }
 
-void WorkQueue::count(Tally& tally) {
+void WorkQueue::Queue::count(Tally& tally) {
   bool moreRoom = false;
   {
     const std::lock_guard lock(mutex_);
@@ -204,7 +247,7 @@ void WorkQueue::count(Tally& tally) {
 }
 
 // Answers whether more is left to do.
-bool WorkQueue::endStep(std::size_t done, bool withinBudget) {
+bool WorkQueue::Queue::endStep(std::size_t done, bool withinBudget) {
   const std::lock_guard lock(mutex_);
   ++figures_.runs;
   figures_.bestStep = std::max(figures_.bestStep, done);
@@ -216,7 +259,7 @@ bool WorkQueue::endStep(std::size_t done, bool withinBudget) {
   return !stopped_ && figures_.items != 0;
 }
 
-void WorkQueue::stop() {
+void WorkQueue::Queue::stop() {
   stopped_ = true;
   if (thread_.joinable()) {
     scheduler_->stop();
@@ -238,5 +281,36 @@ void WorkQueue::stop() {
     }
   }
 }
+
+// ------------------------------------------------------------------------------------------------
+// WorkQueue
+
+WorkQueue::WorkQueue(const char* name, Options options)
+    : WorkQueue(name, Velm::Ptr<Tarsk::TaskScheduler>(new Tarsk::TaskScheduler(name)),
+                std::move(options)) {
+  queue_->startThread();
+}
+
+WorkQueue::WorkQueue(const char* name, const Velm::Ptr<Tarsk::TaskScheduler>& scheduler,
+                     Options options)
+    : queue_(std::make_unique<Queue>(name, scheduler, std::move(options))) {}
+
+WorkQueue::~WorkQueue() { queue_->stop(); }
+
+bool WorkQueue::add(Work work, std::size_t bytes, Kind kind) {
+  return queue_->add(std::move(work), bytes, kind, nullptr);
+}
+
+bool WorkQueue::add(Work work, std::size_t bytes, Answer& answer, Kind kind) {
+  return queue_->add(std::move(work), bytes, kind, answer.state_);
+}
+
+bool WorkQueue::hasRoom(Kind kind) const { return queue_->hasRoom(kind); }
+
+rpc::Events& WorkQueue::room() { return queue_->room(); }
+
+WorkQueue::Figures WorkQueue::figures() const { return queue_->figures(); }
+
+void WorkQueue::stop() { queue_->stop(); }
 
 }  // namespace VornSdkRpc

@@ -1,21 +1,16 @@
 #pragma once
 
+#include <Tarsk/TaskScheduler.h>
+#include <Velm/Ptr.h>
 #include <VornSdkRpc/RpcEvents.h>
-#include <VornSdkRpc/StreamingToolkit.h>
 #include <vorn/export.h>
-#include <vorn/tracer.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <exception>
 #include <functional>
 #include <memory>
-#include <mutex>
-#include <optional>
-#include <thread>
 
 // Work that a call hands over and that is done later, in its order, a step at a time: routes that
 // are to be programmed, say. A call that changes one thing adds it and answers at once,
@@ -67,7 +62,7 @@ struct WorkQueueOptions {
   std::function<std::chrono::steady_clock::time_point()> now = std::chrono::steady_clock::now;
 };
 
-class VORN_EXPORT WorkQueue : private BacklogImplBase {
+class VORN_EXPORT WorkQueue {
  public:
   using Options = WorkQueueOptions;
 
@@ -134,7 +129,10 @@ class VORN_EXPORT WorkQueue : private BacklogImplBase {
             Options options = {});
 
   // Stops.
-  ~WorkQueue() override;
+  ~WorkQueue();
+
+  WorkQueue(const WorkQueue&) = delete;
+  WorkQueue& operator=(const WorkQueue&) = delete;
 
   // Appends an item, unless there is no room for its kind or the queue has been stopped: then it
   // takes nothing and answers false. `bytes` is about what the work takes in memory beside the
@@ -149,7 +147,7 @@ class VORN_EXPORT WorkQueue : private BacklogImplBase {
 
   // Set whenever a queue without room for one of the kinds has some again. Subscribe first, then
   // try to add, then wait.
-  rpc::Events& room() { return room_; }
+  rpc::Events& room();
 
   // Any thread.
   Figures figures() const;
@@ -159,43 +157,9 @@ class VORN_EXPORT WorkQueue : private BacklogImplBase {
   void stop();
 
  private:
-  using Clock = std::chrono::steady_clock;
+  class VORN_NO_EXPORT Queue;
 
-  struct Item {
-    Work work;
-    std::size_t bytes;
-    Clock::time_point added;
-    std::shared_ptr<Answer::State> answer;
-  };
-
-  // What a step has done and not counted yet.
-  struct Tally {
-    std::size_t items = 0;
-    std::size_t bytes = 0;
-    std::size_t failed = 0;
-  };
-
-  VORN_NO_EXPORT bool append(Item item, Kind kind);
-  void handleBacklog() override;
-  VORN_NO_EXPORT bool takeWaiting();
-  VORN_NO_EXPORT void perform(Item item, Tally& tally);
-  VORN_NO_EXPORT void count(Tally& tally);
-  VORN_NO_EXPORT bool endStep(std::size_t done, bool withinBudget);
-  VORN_NO_EXPORT bool isRoom(Kind kind) const;
-
-  const Options options_;
-  const vorn::tracer tracer_;
-  const Velm::Ptr<Tarsk::TaskScheduler> scheduler_;
-  rpc::Events room_;
-  std::deque<Item> taken_;  // of the scheduler's thread: what no adding thread has to do with
-
-  mutable std::mutex mutex_;  // guards what follows
-  std::deque<Item> waiting_;
-  std::optional<Clock::time_point> oldestTaken_;
-  Figures figures_;  // whose step only the scheduler's thread changes
-
-  std::atomic<bool> stopped_ = false;
-  std::thread thread_;  // when it is the queue's own
+  std::unique_ptr<Queue> queue_;
 };
 
 }  // namespace VornSdkRpc

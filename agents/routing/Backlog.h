@@ -21,7 +21,7 @@ class Backlog : public VornSdkRpc::WorkQueue {
       : WorkQueue("Backlog", {.maxBytes = limit}), stepTime_(stepTime) {}
 
   // Before what the thread uses is gone.
-  ~Backlog() override { stop(); }
+  ~Backlog() { stop(); }
 
   // As WorkQueue's.
   [[nodiscard]] bool add(Change change, std::size_t bytes, Kind kind = single) {
