@@ -15,28 +15,37 @@
 // Work that a call hands over and that is done later, in its order, a step at a time: routes that
 // are to be programmed, say. A call that changes one thing adds it and answers at once,
 //
-//   VornSdkRpc::WorkQueue queue("Routes");  // a member of the agent, with a thread of its own
-//
-//   if (!queue.add([this, route] { program(route); }, route.SpaceUsedLong()))
-//     return {grpc::StatusCode::RESOURCE_EXHAUSTED, "too much waits to be programmed"};
+//   grpc::Status accept(const ip_route_msg& route) {
+//     const bool taken = queue_.add([this, route] { table_.add(route); }, route.SpaceUsedLong());
+//     return taken ? grpc::Status::OK : full();
+//   }
 //
 // or waits for its change:
 //
-//   VornSdkRpc::WorkQueue::Answer answer;
-//   if (!queue.add([this, route] { program(route); }, route.SpaceUsedLong(), answer)) ...
-//   if (!co_await call.wait(answer.event())) co_return grpc::Status::CANCELLED;
-//   answer.get();  // throws what program() has thrown
+//   rpc::Task<> program(rpc::Call& call, const ip_route_msg& route) {
+//     WorkQueue::Answer answer;
+//     if (!queue_.add([this, route] { table_.add(route); }, route.SpaceUsedLong(), answer))
+//       co_return full();
+//     if (!co_await call.wait(answer.event())) co_return grpc::Status::CANCELLED;
+//     answer.get();  // throws what the work has thrown
+//     co_return grpc::Status::OK;
+//   }
 //
 // One that brings many, an upload, waits for room, so that its client is held up by what gRPC holds
 // for it:
 //
-//   rpc::Event room;
-//   const rpc::Events::Subscription subscription(queue.room(), room);
-//   while (co_await routes.read(route)) {
-//     while (!queue.add([this, route] { program(route); }, route.SpaceUsedLong(),
-//                       WorkQueue::bulk)) {
-//       if (!co_await routes.wait(room)) co_return grpc::Status::CANCELLED;
+//   rpc::Task<> load(rpc::Reader<ip_route_msg>& routes, count_msg& count) {
+//     rpc::Event room;
+//     const rpc::Events::Subscription subscription(queue_.room(), room);
+//     ip_route_msg route;
+//     while (co_await routes.read(route)) {
+//       const auto work = [this, route] { table_.add(route); };
+//       while (!queue_.add(work, route.SpaceUsedLong(), WorkQueue::bulk)) {
+//         if (!co_await routes.wait(room)) co_return grpc::Status::CANCELLED;
+//       }
+//       count.set_count(count.count() + 1);
 //     }
+//     co_return routes.cancelled() ? grpc::Status::CANCELLED : grpc::Status::OK;
 //   }
 //
 // The work runs in steps on a scheduler's thread, so that the scheduler's other tasks get their
