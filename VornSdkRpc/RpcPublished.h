@@ -5,8 +5,9 @@
 //
 //   rpc::Published<std::string, Session> sessions_;
 //
-//   sessions_.set(name, session);  // on any thread
-//   sessions_.remove(name);
+//   void changed(const std::string& name, const Session& session) {  // on any thread
+//     sessions_.set(name, session);  // or sessions_.remove(name)
+//   }
 //
 //   rpc::Task<> watch(rpc::Writer<Update>& watch, const WatchRequest&) {
 //     rpc::Event news;

@@ -37,6 +37,6 @@ build() {
 
 # Names every Python source of the project, with or without an ending, one a line.
 python_sources() {
-  git ls-files '*.py'
+  git ls-files '*.py' ':!.cmake-format.py'
   git grep -lE '^#!.*python3?$' -- ':!*.py'
 }

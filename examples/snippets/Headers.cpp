@@ -10,6 +10,7 @@
 #include <VornSdkRpc/PolicyGuard.h>
 #include <VornSdkRpc/Rpc.h>
 #include <VornSdkRpc/RpcOffload.h>
+#include <VornSdkRpc/RpcPublished.h>
 #include <VornSdkRpc/Serve.h>
 #include <VornSdkRpc/ServerArguments.h>
 #include <VornSdkRpc/StopOnSignal.h>
@@ -218,6 +219,35 @@ rpc::Task<> atOnce(rpc::Call& call, Executor& executor, int (&one)(), int (&othe
   const auto secondResult = co_await std::move(second);
   co_return firstResult == secondResult ? grpc::Status::OK : grpc::Status::CANCELLED;
 }
+
+struct Session {
+  bool up;
+};
+using Update = count_msg;
+using WatchRequest = count_msg;
+Update toUpdate(const rpc::Published<std::string, Session>::Item& item);
+
+struct Sessions {
+  // [RpcPublished]
+  rpc::Published<std::string, Session> sessions_;
+
+  void changed(const std::string& name, const Session& session) {  // on any thread
+    sessions_.set(name, session);                                  // or sessions_.remove(name)
+  }
+
+  rpc::Task<> watch(rpc::Writer<Update>& watch, const WatchRequest&) {
+    rpc::Event news;
+    rpc::Published<std::string, Session>::Watcher watcher(sessions_, news);
+    do {
+      while (const auto item = watcher.next()) {
+        const Update update = toUpdate(*item);
+        if (!co_await watch.write(update)) co_return grpc::Status::CANCELLED;
+      }
+    } while (co_await watch.wait(news));
+    co_return grpc::Status::CANCELLED;
+  }
+  // [RpcPublished]
+};
 
 }  // namespace kit
 
