@@ -106,7 +106,7 @@ struct Agent {
   }
 
   const std::string host_;
-  Tables tables;
+  mutable Tables tables;
   SbfdMonitor monitor;
   Backlog backlog;
   const std::vector<std::string> listen{host_};
@@ -226,20 +226,34 @@ TEST(RoutingAgent, TheBacklogCountsWhatAChangeTakesInMemory) {
   gate.count_down();
 }
 
-TEST(RoutingAgent, ARemotePeerWithoutIdentityMaySetButNotRemove) {
+TEST(RoutingAgent, ARemotePeerWithoutIdentityMayReadButNotChange) {
   const Agent agent({}, "[::1]");
+  agent.tables.routes.set(PrefixKey(routeOf(1).prefix()), routeOf(1));
   const auto routing = agent.stub<Routing>();
   mpls_route_msg mpls;
   mpls.set_request_delete(true);
+  nexthop_group_msg group;
+  group.set_name("core");
+  cbf_nexthop_group_redirect_msg redirect;
+  redirect.set_match_nexthop_group("core");
   rpc_server_state_config_msg config;
-  config.add_delete_()->set_key("x");
-  EXPECT_EQ(call(*routing, &Routing::Stub::SetRoute, routeOf(1)), grpc::StatusCode::OK);
+  config.add_set()->set_key("x");
   for (const auto code : {
+           call(*routing, &Routing::Stub::SetRoute, routeOf(1)),
            call(*routing, &Routing::Stub::DeleteRoute, routeOf(1).prefix()),
+           call(*routing, &Routing::Stub::SetNexthopGroup, group),
            call(*routing, &Routing::Stub::SetMplsRoute, mpls),
+           call(*routing, &Routing::Stub::SetRedirect, redirect),
+           call(*routing, &Routing::Stub::EndSync, end_sync_msg()),
            call(*agent.stub<State>(), &State::Stub::Configure, config),
+           call(*agent.stub<Sbfd>(), &Sbfd::Stub::SetSession, sessionOf("eth0")),
        })
     EXPECT_EQ(code, grpc::StatusCode::PERMISSION_DENIED);
+  grpc::ClientContext context;
+  set_routes_reply_msg reply;
+  const auto writer = routing->SetRoutes(&context, &reply);
+  writer->Write(routeOf(2));
+  EXPECT_EQ(writer->Finish().error_code(), grpc::StatusCode::PERMISSION_DENIED);
   agent.programAll();
   EXPECT_THAT(tagsOf(*routing), testing::ElementsAre(1));
 }

@@ -19,9 +19,9 @@ namespace routing_agent {
 
 namespace rpc = VornSdkRpc::rpc;
 
-// Whether the caller may take things away: everybody on this host, and from elsewhere those whose
+// Whether the caller may change anything: everybody on this host, and from elsewhere those whose
 // connection has proven an identity. `listen` are the addresses that the agent listens on.
-inline bool mayRemove(const grpc::ServerContext& context, const std::vector<std::string>& listen) {
+inline bool mayChange(const grpc::ServerContext& context, const std::vector<std::string>& listen) {
   for (const auto& address : listen) {
     if (VornSdkRpc::isLocalIpAddr(context.peer(), address)) return true;
   }
@@ -35,7 +35,7 @@ inline grpc::Status notFound(const std::string& what) {
 }
 inline grpc::Status mayNot() {
   return {grpc::StatusCode::PERMISSION_DENIED,
-          "only local and authenticated peers may remove anything"};
+          "only local and authenticated peers may change anything"};
 }
 inline grpc::Status tooMuchWaits() {
   return {grpc::StatusCode::RESOURCE_EXHAUSTED, "too many changes wait to be programmed"};
@@ -55,15 +55,15 @@ class AgentService : public rpc::Service<Generated> {
   }
 
   // A message that asks for a change: checked, and put on the backlog after the bookkeeping of what
-  // is wanted. Setting the key is possible while the backlog has room, deleting it when also the
-  // caller may and it is there. Throws vorn::invalid_argument_error when the message can't be used.
+  // is wanted. Possible for callers who may, while the backlog has room; deleting a key, when it is
+  // there. Throws vorn::invalid_argument_error when the message can't be used.
   template <typename Message, typename Key>
   grpc::Status change(grpc::ServerContext& context, const Message& message, std::set<Key>& wanted,
                       const Key& key, bool deletes, const char* what, Backlog::Change program,
                       Backlog::Kind kind = Backlog::single) {
     traceArrival(message);
+    if (!mayChange(context, listen_)) return mayNot();
     check(message);
-    if (deletes && !mayRemove(context, listen_)) return mayNot();
     if (deletes && !wanted.contains(key)) return notFound(what);
     const bool isNew = !deletes && wanted.insert(key).second;
     if (!backlog_.add(std::move(program), message.SpaceUsedLong(), kind)) {

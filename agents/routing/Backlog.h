@@ -32,6 +32,12 @@ class Backlog : public VornSdkRpc::WorkQueue {
     return WorkQueue::add(std::move(programmed), bytes, kind);
   }
 
+  // Has `reached` told when everything that is on the backlog now is done. Answers false when there
+  // is no room.
+  [[nodiscard]] bool mark(Answer& reached) {
+    return WorkQueue::add([] {}, 0, reached);
+  }
+
  private:
   const std::chrono::milliseconds stepTime_;
   std::size_t programmed_ = 0;  // of the backlog's thread

@@ -1,43 +1,411 @@
 #include "agents/routing/KernelSync.h"
 
+#include <Kiv/Log.h>
+#include <VornSdkRpc/ScopedNamespace.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <exception>
+#include <system_error>
 
 namespace routing_agent {
 
-void KernelSync::routeSet(const ip_route_msg& route) {
-  routes_.insert_or_assign(PrefixKey(route.prefix()),
-                           std::pair(route.prefix(), route.nexthop_group()));
-  const auto group = groups_.find(route.nexthop_group());
-  program(route.prefix(), group == groups_.end() ? nullptr : &group->second);
+namespace {
+
+Kiv::LogDescriptor refusedDescriptor = {
+    "ROUTING_AGENT_KERNEL_REFUSED",
+    "%s (%s); it is tried again when that changes, and what else has failed is listed by vornctl "
+    "list --failed",
+    "The kernel does not take a route or a next-hop group. Change it, or what is in its way. "
+    "Others "
+    "with the same reason may follow without a line for a minute.",
+    "\x01", 4};
+Kiv::LogDescriptor waitsDescriptor = {
+    "ROUTING_AGENT_NEXTHOP_WAITS", "%s (%s); it is used when that has changed",
+    "A next hop can't be used for now, as its interface is down or its address out of reach; the "
+    "group goes on without it. Others with the same reason may follow without a line for a minute.",
+    "\x01", 5};
+// By the reason: a hundred thousand routes with one reason are one line a minute.
+Kiv::LogHandle refusedHandle(&refusedDescriptor, std::chrono::minutes(1), 1.0, 1, 0);
+Kiv::LogHandle waitsHandle(&waitsDescriptor, std::chrono::minutes(1), 1.0, 1, 0);
+
+Kiv::LogDescriptor failedDescriptor = {
+    "ROUTING_AGENT_KERNEL_FAILED", "%s; the agent reads the kernel's tables anew",
+    "The agent has lost track of the kernel, or has no memory or descriptor left", "\x01", 3};
+Kiv::LogHandle failedHandle(&failedDescriptor, std::chrono::minutes(1), 1.0, 1, 0);
+
+constexpr auto kRestAfterFailure = std::chrono::seconds(1);
+
+[[noreturn]] void fail(int error, const char* what) {
+  throw std::system_error(error, std::generic_category(), what);
 }
 
-void KernelSync::routeRemoved(const ip_prefix_msg& prefix) {
-  routes_.erase(PrefixKey(prefix));
-  program(prefix, nullptr);
+}  // namespace
+
+KernelSync::KernelSync(Settings settings)
+    : settings_(std::move(settings)), netlink_(settings_.netns) {
+  lockNamespace();
+  wake_.fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (wake_.fd < 0) fail(errno, "eventfd");
+  checkPermission();
 }
 
-void KernelSync::groupChanged(const nexthop_group_msg& group) {
-  const Nexthops* nexthops = nullptr;
-  if (group.request_delete()) {
-    groups_.erase(group.name());
-  } else {
-    nexthops = &(groups_[group.name()] = Nexthops(group.nexthop().begin(), group.nexthop().end()));
+KernelSync::~KernelSync() { stop(); }
+
+KernelSync::Descriptor::~Descriptor() {
+  if (fd >= 0) close(fd);
+}
+
+// A name among the abstract sockets of the namespace, which ends with the process.
+void KernelSync::lockNamespace() {
+  constexpr std::string_view kName("\0routing-agent-kernel", 21);
+  const VornSdkRpc::ScopedNamespace inside(settings_.netns);
+  lock_.fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (lock_.fd < 0) fail(errno, "cannot open a socket");
+  sockaddr_un name{};
+  name.sun_family = AF_UNIX;
+  std::copy(kName.begin(), kName.end(), name.sun_path);
+  const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + kName.size());
+  if (bind(lock_.fd, reinterpret_cast<const sockaddr*>(&name), size) != 0)
+    fail(errno, "another agent programs this namespace's kernel");
+}
+
+// By a request that can't be followed: the kernel looks at who asks before it looks at what.
+void KernelSync::checkPermission() {
+  std::vector<NetlinkRequest> requests;
+  requests.push_back(deleteNexthop(0));
+  const auto answer = netlink_.run(requests).front();
+  if (answer.error == EPERM) fail(EPERM, "the kernel's routes need CAP_NET_ADMIN");
+  if (answer.error == EOPNOTSUPP)
+    fail(EOPNOTSUPP, "this kernel has no next-hop objects, which came with Linux 5.3");
+}
+
+std::vector<PrefixKey> KernelSync::start(std::function<void(const PrefixKey&)> swept) {
+  swept_ = std::move(swept);
+  readLinks();
+  readNexthops();
+  auto adopted = adoptRoutes();
+  graceEnd_ = std::chrono::steady_clock::now() + settings_.grace;
+  if (!adopted.empty()) tracer_.trace0("%zu routes of an earlier run adopted", adopted.size());
+  thread_ = std::thread([this] { run(); });
+  return adopted;
+}
+
+void KernelSync::stop() {
+  if (!thread_.joinable()) return;
+  stopping_ = true;
+  wake();
+  thread_.join();
+}
+
+// ------------------------------------------------------------------------------------------------
+// The kernel's thread
+
+void KernelSync::run() {
+  bool more = false;
+  while (!stopping_) {
+    runStep(more);
+    if (!stopping_) pause(more);
   }
-  for (const auto& [key, route] : routes_) {
-    if (route.second == group.name()) program(route.first, nexthops);
-  }
-}
-
-void KernelSync::program(const ip_prefix_msg& prefix, const Nexthops* nexthops) {
+  if (settings_.keepRoutes) return;
   try {
-    if (nexthops && !nexthops->empty()) {
-      kernel_.set(prefix, *nexthops, 0);
-    } else {
-      kernel_.remove(prefix);
-    }
+    removeAll();
   } catch (const std::exception& error) {
-    tracer_.trace0("%s", error.what());
+    Kiv::log(failedHandle, std::string("routes are left in the kernel: ") + error.what());
   }
+}
+
+// What fails, fails for want of memory, of descriptors or of room in a socket: what is in the
+// kernel is then read anew.
+void KernelSync::runStep(bool& more) {
+  try {
+    more = step();
+  } catch (const std::exception& error) {
+    try {
+      Kiv::log(failedHandle, std::string(error.what()));
+    } catch (const std::bad_alloc&) {
+      tracer_.trace0("no memory");
+    }
+    std::this_thread::sleep_for(kRestAfterFailure);
+    recover();
+    more = true;
+  }
+}
+
+// What the kernel was working on may be done or not.
+void KernelSync::recover() {
+  readAll_ = true;
+  const std::lock_guard lock(mutex_);
+  flying_ = 0;
+  for (auto& entry : routes_) {
+    if (std::exchange(entry.second.pending.flying, false)) markRoute(entry);
+  }
+  for (auto& entry : groups_) {
+    if (std::exchange(entry.second.pending.flying, false)) markGroup(entry);
+  }
+}
+
+bool KernelSync::step() {
+  readNotifications();
+  if (std::exchange(readAll_, false)) {
+    readLinks();
+    readNexthops();
+    readRoutes();
+    resolve_ = true;
+  } else if (std::exchange(readNexthops_, false)) {
+    readNexthops();
+  }
+  resolve();
+  bool more = programGroups() || programRoutes();
+  if (!more && std::exchange(readRoutes_, false)) {
+    readRoutes();
+    more = true;
+  }
+  if (!more) {
+    dropUnused();
+    more = sweepWhenDue();
+  }
+  tried_.set();
+  return more || readAll_ || readNexthops_ || readRoutes_;
+}
+
+bool KernelSync::sweepWhenDue() {
+  {
+    const std::lock_guard lock(mutex_);
+    if (!grace_ || !(sweep_ || std::chrono::steady_clock::now() >= graceEnd_)) return false;
+    if (!dirtyRoutes_.empty() || !dirtyGroups_.empty()) return true;
+    grace_ = false;
+  }
+  removeUnclaimed();
+  dropUnused_ = true;
+  return true;
+}
+
+// Until there is something to do.
+void KernelSync::pause(bool more) const {
+  int timeout = -1;
+  if (more) {
+    timeout = 0;
+  } else if (grace_) {
+    const auto left = graceEnd_ - std::chrono::steady_clock::now();
+    timeout = static_cast<int>(
+        std::max<std::int64_t>(0, std::chrono::ceil<std::chrono::milliseconds>(left).count()));
+  }
+  std::array<pollfd, 2> fds{pollfd{netlink_.notificationsFd(), POLLIN, 0},
+                            pollfd{wake_.fd, POLLIN, 0}};
+  poll(fds.data(), fds.size(), timeout);
+  std::uint64_t count = 0;
+  [[maybe_unused]] const auto size = read(wake_.fd, &count, sizeof count);
+}
+
+void KernelSync::wake() const {
+  const std::uint64_t one = 1;
+  [[maybe_unused]] const auto size = ::write(wake_.fd, &one, sizeof one);
+}
+
+// ------------------------------------------------------------------------------------------------
+// What is wanted
+
+void KernelSync::routeSet(const ip_route_msg& route) {
+  const PrefixKey prefix(route.prefix());
+  {
+    const std::lock_guard lock(mutex_);
+    auto& entry = *routes_.try_emplace(prefix).first;
+    auto& group = *groups_.try_emplace(route.nexthop_group()).first;
+    if (entry.second.group != &group) {
+      leaveGroup(prefix, entry.second);
+      entry.second.group = &group;
+      ++group.second.routes[familyOf(prefix)];
+      if (group.second.set && group.second.object[familyOf(prefix)] == 0) markGroup(group);
+    }
+    markRoute(entry);
+  }
+  wake();
+}
+
+void KernelSync::routeRemoved(const PrefixKey& prefix) {
+  {
+    const std::lock_guard lock(mutex_);
+    const auto entry = routes_.find(prefix);
+    if (entry == routes_.end()) return;
+    leaveGroup(prefix, entry->second);
+    markRoute(*entry);
+  }
+  wake();
+}
+
+void KernelSync::groupChanged(const nexthop_group_msg& message) {
+  {
+    const std::lock_guard lock(mutex_);
+    auto& entry = *groups_.try_emplace(message.name()).first;
+    Group& group = entry.second;
+    group.set = !message.request_delete();
+    group.resolved = false;
+    unresolved_ = true;
+    group.primary.clear();
+    group.backup.clear();
+    if (group.set) {
+      for (const auto& hop : message.nexthop())
+        group.primary.push_back({hop, 0, {}});
+      for (const auto& hop : message.backup_nexthop())
+        group.backup.push_back({hop, 0, {}});
+    }
+    markGroup(entry);
+  }
+  wake();
+}
+
+void KernelSync::sessionIsDown(const sbfd_echo_session_key_msg& key, bool down) {
+  const auto id = key.SerializeAsString();
+  {
+    const std::lock_guard lock(mutex_);
+    if (down ? !downSessions_.insert(id).second : downSessions_.erase(id) == 0) return;
+    const auto watched = [&](const WantedHop& hop) {
+      return hop.message.has_sbfd_session_key() &&
+             hop.message.sbfd_session_key().SerializeAsString() == id;
+    };
+    for (auto& entry : groups_) {
+      if (std::ranges::any_of(entry.second.primary, watched) ||
+          std::ranges::any_of(entry.second.backup, watched))
+        markGroup(entry);
+    }
+  }
+  wake();
+}
+
+void KernelSync::sweep() {
+  {
+    const std::lock_guard lock(mutex_);
+    sweep_ = true;
+  }
+  wake();
+}
+
+// ------------------------------------------------------------------------------------------------
+// What became of it
+
+KernelSync::Programming KernelSync::routeState(const PrefixKey& prefix) const {
+  const std::lock_guard lock(mutex_);
+  const auto found = routes_.find(prefix);
+  return found == routes_.end() ? Programming() : stateOf(found->first, found->second);
+}
+
+KernelSync::Programming KernelSync::groupState(const std::string& name) const {
+  const std::lock_guard lock(mutex_);
+  const auto found = groups_.find(name);
+  return found == groups_.end() ? Programming() : stateOf(*found);
+}
+
+std::size_t KernelSync::waiting() const {
+  const std::lock_guard lock(mutex_);
+  return dirtyRoutes_.size() + dirtyGroups_.size() + newObjects_.size() + flying_;
+}
+
+void KernelSync::count(summary_msg& summary) const {
+  const std::lock_guard lock(mutex_);
+  const auto add = [&](const Programming& programming) {
+    switch (programming.state()) {
+      case Programming::PROGRAMMED:
+        return summary.set_programmed(summary.programmed() + 1);
+      case Programming::FAILED:
+        return summary.set_failed(summary.failed() + 1);
+      case Programming::ADOPTED:
+        return summary.set_adopted(summary.adopted() + 1);
+      default:
+        return summary.set_waiting(summary.waiting() + 1);
+    }
+  };
+  for (const auto& [prefix, route] : routes_)
+    add(stateOf(prefix, route));
+  for (const auto& group : groups_) {
+    if (group.second.set) add(stateOf(group));
+  }
+}
+
+// Without a reason: not tried yet.
+KernelSync::Programming KernelSync::stateOf(const PrefixKey& prefix, const Route& route) const {
+  Programming state;
+  const auto answer = [&](Programming::state_enum what, const std::string& reason = {}) {
+    state.set_state(what);
+    state.set_reason(reason);
+    return state;
+  };
+  state.set_time(route.since);
+  const auto* const group = route.group;
+  if (!group) return answer(inKernel(route) ? Programming::ADOPTED : Programming::WAITING);
+  if (route.pending || group->second.pending ||
+      newObjects_.contains(group->second.object[familyOf(prefix)]))
+    return answer(Programming::WAITING);
+  if (route.refusal && isThere(group->second.object[familyOf(prefix)]))
+    return answer(Programming::FAILED, *route.refusal);
+  const std::string named = "next-hop group " + group->first;
+  if (kept(route)) return answer(Programming::ADOPTED, named + " is not set");
+  if (!group->second.set) return answer(Programming::WAITING, named + " is not set");
+  const auto& trouble = group->second.trouble[familyOf(prefix)];
+  if (inKernel(route) && !trouble) return answer(Programming::PROGRAMMED);
+  state.set_time(std::max(route.since, group->second.since));
+  return trouble ? answer(trouble.state, named + ": " + trouble.reason)
+                 : answer(Programming::WAITING);
+}
+
+KernelSync::Programming KernelSync::stateOf(const NamedGroup& entry) const {
+  const Group& group = entry.second;
+  Programming state;
+  state.set_time(group.since);
+  if (group.pending) return state;
+  Trouble worst;
+  const auto consider = [&](const Trouble& trouble) {
+    if (trouble && (!worst || trouble.state > worst.state)) worst = trouble;
+  };
+  for (const auto& refused : group.refused)
+    consider(refused);
+  consider(group.trouble[mainFamily(group)]);
+  for (const auto& hop : group.primary)
+    consider(unusable(hop, kIpv4));
+  state.set_state(worst.state);
+  state.set_reason(worst.reason);
+  return state;
+}
+
+// ------------------------------------------------------------------------------------------------
+// Refusals
+
+std::uint64_t KernelSync::now() {
+  const auto time = std::chrono::system_clock::now().time_since_epoch();
+  return static_cast<std::uint64_t>(
+      std::chrono::duration_cast<std::chrono::nanoseconds>(time).count());
+}
+
+// What is gone by itself when an interface or an address comes waits; the rest has failed.
+KernelSync::Trouble KernelSync::troubleOf(const KernelAnswer& answer) {
+  switch (answer.error) {
+    case 0:
+      return {};
+    case ENETDOWN:
+    case ENETUNREACH:
+    case EHOSTUNREACH:
+    case ENODEV:
+      return {Programming::WAITING, answer.text()};
+    case EOPNOTSUPP:
+    case EAFNOSUPPORT:
+    case EPROTONOSUPPORT:
+      return {Programming::FAILED,
+              "not supported by this kernel" + (answer.words.empty() ? "" : ": " + answer.words)};
+    default:
+      return {Programming::FAILED, answer.text()};
+  }
+}
+
+void KernelSync::warn(const std::string& what, const Trouble& trouble) const {
+  tracer_.trace0("%s: %s", what.c_str(), trouble.reason.c_str());
+  Kiv::log(trouble.state == Programming::FAILED ? refusedHandle : waitsHandle, trouble.reason,
+           what);
 }
 
 }  // namespace routing_agent

@@ -1,40 +1,300 @@
 #pragma once
 
+#include <VornSdkRpc/RpcEvents.h>
 #include <VornSdkRpcProtos/VornSdkRpc.pb.h>
 #include <vorn/tracer.h>
 
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <functional>
 #include <map>
+#include <mutex>
+#include <optional>
+#include <set>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
-#include "agents/routing/KernelRoutes.h"
+#include "agents/routing/KernelMessages.h"
+#include "agents/routing/Netlink.h"
+#include "agents/routing/RoutingAgent.pb.h"
 #include "agents/routing/Tables.h"
 
 namespace routing_agent {
 
-// Keeps the kernel's routes in step with the agent's: a route is in the kernel while there is a
-// group of the name that it forwards to, with that group's primary next hops. The kernel's refusals
-// are traced, one line for each; the route is tried again when it or its group changes. Used by the
-// backlog's thread.
+// Keeps the main routing table of a network namespace's kernel as the agent's tables say, on a
+// thread of its own, and says of each route and group whether it is there.
+//
+// What is wanted is told by routeSet() and its neighbours, which return at once. A group of next
+// hops becomes a next-hop object of the kernel, one for each address family that needs it, so that
+// a change of the group is one message, however many routes use it. Changes of one thing that have
+// not been tried yet are folded into the last one.
+//
+// What others do is followed by the kernel's notifications. A next hop whose interface is down, has
+// no carrier or is not there, or whose address can't be reached directly, waits, and so does one
+// whose SBFD session is down; the group goes on with the others, or with the first usable backup
+// when none of the primary ones is left. Each comes back when its cause is gone. A route or object
+// of ours that somebody takes away is put back. Whose protocol is not kKernelProtocol is not ours,
+// and is left alone: where it has our prefix and metric, ours has failed until it is gone.
+//
+// What an earlier run has left in the kernel is adopted: it stays as it is until the same is set
+// again, which writes nothing when nothing has changed, or until sweep().
 class KernelSync {
  public:
-  explicit KernelSync(const std::string& netns) : kernel_(netns) {}
+  using Programming = programming_msg;
 
+  struct Settings {
+    std::string netns;  // as `ip netns` knows it; empty: the calling thread's own
+    // What was adopted and not set again is removed after so long. Zero: at once.
+    std::chrono::seconds grace{60};
+    bool keepRoutes = false;  // leave everything in the kernel when the agent ends
+  };
+
+  // Opens the sockets and makes sure that this may program the namespace's kernel, and that nobody
+  // else of this kind does; reads and changes nothing. Throws std::system_error: EADDRINUSE for
+  // another agent, EPERM for want of CAP_NET_ADMIN, EOPNOTSUPP for a kernel without next-hop
+  // objects (Linux 5.3 brought them). A namespace that can't be entered is a broken precondition,
+  // as for ScopedNamespace.
+  explicit KernelSync(Settings settings);
+
+  // Calls stop().
+  ~KernelSync();
+  KernelSync(const KernelSync&) = delete;
+  KernelSync& operator=(const KernelSync&) = delete;
+
+  // Reads the kernel, adopts what is ours in it, and begins to program. Answers the prefixes that
+  // were adopted. `swept` is told, on the kernel's thread, each that is removed for want of
+  // somebody who has set it.
+  std::vector<PrefixKey> start(std::function<void(const PrefixKey&)> swept);
+
+  // Ends the programming after the operation in progress, and removes what is ours from the kernel
+  // unless it is to be kept.
+  void stop();
+
+  // What is wanted. Any thread.
   void routeSet(const ip_route_msg& route);
-  void routeRemoved(const ip_prefix_msg& prefix);
-  // A group that was set, or deleted (request_delete).
-  void groupChanged(const nexthop_group_msg& group);
+  void routeRemoved(const PrefixKey& prefix);
+  void groupChanged(const nexthop_group_msg& group);  // set, or deleted (request_delete)
+  // Whether the SBFD session of a next hop is down. An unknown session is not.
+  void sessionIsDown(const sbfd_echo_session_key_msg& key, bool down);
+  // Everything has been set again: see the class.
+  void sweep();
+
+  // What became of it. Any thread.
+  Programming routeState(const PrefixKey& prefix) const;
+  Programming groupState(const std::string& name) const;
+  // How many changes have not been tried yet.
+  std::size_t waiting() const;
+  // Adds the routes and groups to the counts.
+  void count(summary_msg& summary) const;
+
+  // Set whenever something has been tried.
+  VornSdkRpc::rpc::Events& tried() { return tried_; }
 
  private:
-  using Nexthops = std::vector<nexthop_msg>;
+  // Why something is not as it is wanted; a state of PROGRAMMED: it is.
+  struct Trouble {
+    Programming::state_enum state = Programming::PROGRAMMED;
+    std::string reason;
+    bool operator==(const Trouble&) const = default;
+    explicit operator bool() const { return state != Programming::PROGRAMMED; }
+  };
 
-  void program(const ip_prefix_msg& prefix, const Nexthops* nexthops);
+  struct Descriptor {
+    int fd = -1;
+    ~Descriptor();
+  };
+
+  // Whether something is still to be tried: it is in a queue, and the kernel is working on it. It
+  // is both when it has been changed meanwhile.
+  struct Pending {
+    bool queued = false;
+    bool flying = false;
+    explicit operator bool() const { return queued || flying; }
+  };
+
+  // A next hop as a group names it.
+  struct WantedHop {
+    nexthop_msg message;
+    int interface = 0;  // where it is reached
+    Trouble trouble;    // when it can't be
+  };
+
+  enum Family : std::uint8_t { kIpv4, kIpv6 };
+  static constexpr std::array kFamilies{kIpv4, kIpv6};
+
+  struct Group {
+    bool set = false;
+    bool resolved = false;  // the next hops have been looked for
+    std::vector<WantedHop> primary, backup;
+    std::array<std::uint32_t, 2> object{};  // by family: its id, 0 when there is none
+    std::array<Trouble, 2> trouble;         // of the object
+    std::array<Trouble, 2> refused;         // of the first next hop that the kernel has refused
+    std::array<std::size_t, 2> routes{};    // that use it
+    Pending pending;
+    Trouble told;  // what was last told of it
+    std::uint64_t since = 0;
+  };
+  using NamedGroup = std::pair<const std::string, Group>;
+
+  // A group in the kernel. Its epoch tells it from a former one of the same id, whose routes the
+  // kernel has dropped.
+  struct Object {
+    std::vector<KernelMember> members;  // empty: it is not there
+    std::uint32_t epoch = 0;
+    bool owned = false;  // by a group; else it was adopted
+  };
+
+  struct HopObject {
+    std::uint32_t id = 0;
+    bool present = false;
+  };
+
+  struct Route {
+    NamedGroup* group = nullptr;           // null: adopted, or being removed
+    const std::string* refusal = nullptr;  // the kernel's words
+    std::uint64_t since = 0;
+    std::uint32_t object = 0;  // which the kernel's route uses; 0: it is not there
+    std::uint32_t epoch = 0;   // of that object
+    Pending pending;
+    bool foreign = false;  // another owner's route is in the way
+  };
+  using Routes = std::map<PrefixKey, Route>;
+
+  // What a group is to be in one family.
+  struct Plan {
+    NamedGroup* group = nullptr;
+    Family family = kIpv4;
+    std::map<KernelHop, std::uint64_t> hops{};  // with their weights
+    Trouble trouble{};                          // when there is none, why
+    Trouble refused{};                          // of a next hop that the kernel refuses
+    bool needed = true;
+    std::uint32_t object = 0;
+    std::vector<KernelMember> members{};
+  };
+
+  struct Write {
+    PrefixKey prefix;
+    std::uint32_t object;  // 0: removes the route
+    std::uint32_t epoch;
+    bool replaces;
+  };
+
+  using Seen = std::map<std::uint32_t, SeenNexthop>;
+  using Question = std::pair<std::string, int>;  // an address, and an interface or 0
+  using Answers = std::map<Question, std::pair<int, Trouble>>;
+
+  // KernelSync.cpp: the thread, and what is wanted.
+  void lockNamespace();
+  void checkPermission();
+  void run();
+  void runStep(bool& more);
+  void recover();
+  bool step();
+  bool sweepWhenDue();
+  void pause(bool more) const;
+  void wake() const;
+  Programming stateOf(const PrefixKey& prefix, const Route& route) const;
+  Programming stateOf(const NamedGroup& group) const;
+  static std::uint64_t now();  // nanoseconds since 1970
+  static Trouble troubleOf(const KernelAnswer& answer);
+  void warn(const std::string& what, const Trouble& trouble) const;
+
+  // KernelReading.cpp: what is in the kernel.
+  void readNotifications();
+  void notified(const nlmsghdr& message);
+  void routeNotified(const nlmsghdr& message);
+  void linkNotified(const nlmsghdr& message);
+  void readLinks();
+  void readNexthops();
+  bool compareHops(const Seen& seen);
+  bool compareObjects(const Seen& seen);
+  std::vector<std::pair<PrefixKey, std::uint32_t>> dumpRoutes();
+  void readRoutes();
+  std::vector<PrefixKey> adoptRoutes();
+  void routeSeen(Routes::value_type& entry, std::uint32_t object);
+  void removeAll();
+
+  // KernelGroups.cpp
+  void resolve();
+  std::vector<NamedGroup*> toResolve();
+  std::set<Question> questions();
+  void tellOf(NamedGroup& group);
+  Answers ask(const std::set<Question>& questions);
+  std::optional<Question> question(const nexthop_msg& hop, int& interface, Trouble& trouble) const;
+  bool answered(WantedHop& hop, const Answers& answers) const;
+  bool programGroups();
+  std::vector<Plan> plans(const std::vector<NamedGroup*>& groups);
+  Plan plan(NamedGroup& group, Family family) const;
+  void addHops(Plan& plan, const std::vector<WantedHop>& hops, bool firstOnly) const;
+  Trouble unusable(const WantedHop& hop, Family family) const;
+  void makeHops(std::vector<Plan>& plans);
+  void makeObjects(std::vector<Plan>& plans);
+  void objectWritten(const Plan& plan, const KernelAnswer& answer);
+  void dropUnused();
+  std::uint32_t objectFor(NamedGroup& group, Family family);
+  void objectIs(std::uint32_t id, std::vector<KernelMember> members);
+  void forget(Group& group, Family family);
+  void markGroup(NamedGroup& group);
+  void markAllGroups();
+  void eraseUnused(NamedGroup& group);
+  static Family mainFamily(const Group& group);
+  static bool needs(const Group& group, Family family);
+
+  // KernelRoutes.cpp
+  bool programRoutes();
+  std::vector<Write> takeWrites();
+  std::optional<Write> writeOf(const PrefixKey& prefix, Route& route) const;
+  void written(const Write& write, const KernelAnswer& answer);
+  void markRoute(Routes::value_type& entry);
+  void markRoutesOfNewObjects();
+  void leaveGroup(const PrefixKey& prefix, Route& route);
+  void removeUnclaimed();
+  bool inKernel(const Route& route) const;
+  bool isThere(std::uint32_t object) const;
+  bool kept(const Route& route) const;  // as adopted, until the grace is over
+  static Family familyOf(const PrefixKey& prefix) { return prefix.bytes == 4 ? kIpv4 : kIpv6; }
 
   vorn::tracer tracer_{"Kernel"};
-  KernelRoutes kernel_;
-  std::map<std::string, Nexthops> groups_;
-  std::map<PrefixKey, std::pair<ip_prefix_msg, std::string>> routes_;  // with the group's name
+  const Settings settings_;
+  Descriptor lock_;
+  Descriptor wake_;
+  Netlink netlink_;
+  VornSdkRpc::rpc::Events tried_;
+  std::function<void(const PrefixKey&)> swept_;
+  std::chrono::steady_clock::time_point graceEnd_;
+
+  mutable std::mutex mutex_;  // guards what follows; not held while the kernel works
+  Routes routes_;
+  std::map<std::string, Group> groups_;
+  std::map<std::uint32_t, Object> objects_;  // by id
+  std::map<KernelHop, HopObject> hops_;
+  std::set<std::uint32_t> ids_;     // of all next-hop objects in the kernel and of those to come
+  std::set<std::uint32_t> strays_;  // of those of ours that nothing knows
+  std::set<std::string> downSessions_;
+  std::set<std::string> texts_;  // the kernel's words, each once
+  std::deque<PrefixKey> dirtyRoutes_;
+  std::deque<NamedGroup*> dirtyGroups_;
+  std::size_t flying_ = 0;              // routes and groups that the kernel works on
+  std::set<std::uint32_t> newObjects_;  // whose routes are to be written
+  std::uint32_t epochs_ = 0;
+  bool grace_ = true;  // what was adopted is kept
+  bool sweep_ = false;
+  bool unresolved_ = false;  // a group has next hops that were not looked for
+
+  // For the kernel's thread alone.
+  std::map<int, SeenLink> links_;
+  bool readAll_ = false;
+  bool readNexthops_ = false;
+  bool readRoutes_ = false;  // once everything has been tried
+  bool resolve_ = false;
+  bool dropUnused_ = false;
+  std::atomic<bool> stopping_ = false;
+  std::thread thread_;
 };
 
 }  // namespace routing_agent

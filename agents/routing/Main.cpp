@@ -16,6 +16,8 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <memory>
+#include <system_error>
 
 #include "agents/routing/Backlog.h"
 #include "agents/routing/GrpcLog.h"
@@ -90,6 +92,15 @@ Access accessFor(const IdentityOptions& options) try {
   throw UsageError(error.what());
 }
 
+// Null when the agent is to program no kernel.
+std::unique_ptr<KernelSync> kernelSync(const Options& options) try {
+  if (!options.programKernel) return nullptr;
+  return std::make_unique<KernelSync>(
+      KernelSync::Settings{options.netns, options.kernelGrace, options.keepRoutes});
+} catch (const std::system_error& error) {
+  throw UsageError(std::string("cannot program the kernel: ") + error.what());
+}
+
 // Whether the agent could start like this, as far as it can be told without a trace of it left.
 void check(const Options& options) {
   applyTrace(options);
@@ -119,7 +130,7 @@ void serve(const Options& options) {
   }
 
   Tables tables;
-  const auto kernel = options.programKernel ? std::make_unique<KernelSync>(options.netns) : nullptr;
+  const auto kernel = kernelSync(options);
   SbfdMonitor monitor;
   Backlog backlog(options.stepTime, options.backlogMib << 20);
   VornSdkRpc::ServerProperties properties{options.netns};

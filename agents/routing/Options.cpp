@@ -46,8 +46,16 @@ const Option kOptions[] = {
      [](Options& options, const Values& values) { options.netns = values[0]; }},
     {"--program-kernel", "",
      "program IP routes into the kernel of that namespace as well,\n"
-     "and remove them at a clean stop",
+     "and remove them at a clean stop; one agent a namespace does",
      [](Options& options, const Values&) { options.programKernel = true; }},
+    {"--kernel-grace", "SECONDS",
+     "how long routes of an earlier run that are still in the kernel\n"
+     "are kept for clients to set them again (default: 60)",
+     [](Options& options, const Values& values) {
+       options.kernelGrace = std::chrono::seconds(number(values[0], 0, 86400));
+     }},
+    {"--keep-routes", "", "leave the routes in the kernel at a clean stop as well",
+     [](Options& options, const Values&) { options.keepRoutes = true; }},
     {"--step-ms", "NUMBER",
      "programming 64 changes takes this long, as on slow\n"
      "hardware (default: 0)",

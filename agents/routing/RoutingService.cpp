@@ -7,26 +7,46 @@ namespace routing_agent {
 
 namespace {
 
-constexpr std::size_t kItemsPerPart = 256;
-
 // Each may hold one message beside the backlog while it waits for room there.
 constexpr std::size_t kMaxSetRoutes = 1024;
 
+// Each holds a call while it waits.
+constexpr std::size_t kMaxAwaits = 1024;
+
+bool settled(const programming_msg& state, bool orWaiting) {
+  switch (state.state()) {
+    case programming_msg::PROGRAMMED:
+    case programming_msg::FAILED:
+      return true;
+    default:
+      return orWaiting && !state.reason().empty();
+  }
+}
+
+bool isProgrammed(const programming_msg& state) {
+  return state.state() == programming_msg::PROGRAMMED || state.state() == programming_msg::ADOPTED;
+}
+
 // Sends a table in parts, each taken when the one before is out: a client that reads slowly costs
 // one part of memory, whatever the table's size. `add` answers the place of a further item in a
-// part.
-template <typename Part, typename Key, typename Value, typename Add>
-rpc::Task<> sendTable(rpc::Writer<Part>& writer, const Table<Key, Value>& table,
-                      const Backlog& backlog, Add add) {
+// part, `stateOf` what became of it.
+template <typename Part, typename Key, typename Value, typename Add, typename StateOf,
+          typename Waiting>
+rpc::Task<> sendTable(rpc::Writer<Part>& writer, const get_msg& request,
+                      const Table<Key, Value>& table, Waiting waiting, Add add, StateOf stateOf) {
   std::optional<Key> last;
   for (;;) {
-    auto items = table.part(last, kItemsPerPart);
+    auto items = table.part(last);
     Part part;
-    part.set_waiting(backlog.figures().items);
-    for (auto& [key, value] : items)
+    part.set_waiting(waiting());
+    for (auto& [key, value] : items) {
+      auto state = stateOf(key);
+      if (request.failed() && isProgrammed(state)) continue;
       *add(part) = std::move(value);
+      *part.add_programming() = std::move(state);
+    }
     if (!co_await writer.write(part)) co_return grpc::Status::CANCELLED;
-    if (items.size() < kItemsPerPart) co_return grpc::Status::OK;
+    if (items.empty()) co_return grpc::Status::OK;
     last = std::move(items.back().first);
   }
 }
@@ -58,23 +78,60 @@ RoutingService::RoutingService(Tables& tables, Backlog& backlog,
   method(&Async::RequestSetRedirect,
          [this](grpc::ServerContext& context, const cbf_nexthop_group_redirect_msg& redirect,
                 rpc_status_msg&) { return set(context, redirect); });
-  method(&Async::RequestGetRoutes, [this](rpc::Writer<routes_msg>& parts, const get_msg&) {
-    return sendTable(parts, tables_.routes, backlog_,
-                     [](routes_msg& part) { return part.add_route(); });
+  const auto waits = [this] { return waiting(); };
+  method(&Async::RequestGetRoutes, [this, waits](rpc::Writer<routes_msg>& parts,
+                                                 const get_msg& request) {
+    return sendTable(
+        parts, request, tables_.routes, waits, [](routes_msg& part) { return part.add_route(); },
+        [this](const PrefixKey& prefix) { return stateOf(prefix); });
   });
   method(&Async::RequestGetNexthopGroups,
-         [this](rpc::Writer<nexthop_groups_msg>& parts, const get_msg&) {
-           return sendTable(parts, tables_.groups, backlog_,
-                            [](nexthop_groups_msg& part) { return part.add_group(); });
+         [this, waits](rpc::Writer<nexthop_groups_msg>& parts, const get_msg& request) {
+           return sendTable(
+               parts, request, tables_.groups, waits,
+               [](nexthop_groups_msg& part) { return part.add_group(); },
+               [this](const std::string& name) { return stateOfGroup(name); });
          });
-  method(&Async::RequestGetMplsRoutes, [this](rpc::Writer<mpls_routes_msg>& parts, const get_msg&) {
-    return sendTable(parts, tables_.mplsRoutes, backlog_,
-                     [](mpls_routes_msg& part) { return part.add_route(); });
+  method(&Async::RequestGetMplsRoutes,
+         [this, waits](rpc::Writer<mpls_routes_msg>& parts, const get_msg& request) {
+           return sendTable(
+               parts, request, tables_.mplsRoutes, waits,
+               [](mpls_routes_msg& part) { return part.add_route(); },
+               [this](std::uint32_t) { return stateOfOther(); });
+         });
+  method(&Async::RequestGetRedirects,
+         [this, waits](rpc::Writer<redirects_msg>& parts, const get_msg& request) {
+           return sendTable(
+               parts, request, tables_.redirects, waits,
+               [](redirects_msg& part) { return part.add_redirect(); },
+               [this](const std::string&) { return stateOfOther(); });
+         });
+  method(&Async::RequestAwait,
+         [this](rpc::Call& call, const await_msg& what, programming_msg& reply) {
+           return await(call, what, reply);
+         },
+         {.limit = kMaxAwaits});
+  method(&Async::RequestAwaitAll,
+         [this](rpc::Call& call, const await_all_msg&, summary_msg& reply) {
+           return awaitAll(call, reply);
+         },
+         {.limit = kMaxAwaits});
+  method(&Async::RequestEndSync, [this](grpc::ServerContext& context, const end_sync_msg&,
+                                        rpc_status_msg&) { return endSync(context); });
+}
+
+// The server has its addresses: from here on the kernel is this agent's.
+void RoutingService::opened() {
+  if (!kernel_) return;
+  const auto adopted = kernel_->start([this](const PrefixKey& prefix) {
+    tables_.routes.removeIf(
+        prefix, [](const ip_route_msg& route) { return route.nexthop_group().empty(); });
   });
-  method(&Async::RequestGetRedirects, [this](rpc::Writer<redirects_msg>& parts, const get_msg&) {
-    return sendTable(parts, tables_.redirects, backlog_,
-                     [](redirects_msg& part) { return part.add_redirect(); });
-  });
+  for (const auto& prefix : adopted) {
+    ip_route_msg route;
+    *route.mutable_prefix() = prefix.message();
+    tables_.routes.set(prefix, std::move(route));
+  }
 }
 
 grpc::Status RoutingService::set(grpc::ServerContext& context, const ip_route_msg& route,
@@ -85,7 +142,10 @@ grpc::Status RoutingService::set(grpc::ServerContext& context, const ip_route_ms
 }
 
 grpc::Status RoutingService::remove(grpc::ServerContext& context, const ip_prefix_msg& prefix) {
-  return change(context, prefix, routes_, PrefixKey(prefix), true, "route of this prefix",
+  const PrefixKey key(prefix);
+  const auto route = tables_.routes.find(key);
+  if (route && route->nexthop_group().empty()) routes_.insert(key);  // adopted
+  return change(context, prefix, routes_, key, true, "route of this prefix",
                 [this, prefix] { unprogram(prefix); });
 }
 
@@ -133,6 +193,103 @@ grpc::Status RoutingService::set(grpc::ServerContext& context,
                 });
 }
 
+grpc::Status RoutingService::endSync(grpc::ServerContext& context) {
+  if (!mayChange(context, listen_)) return mayNot();
+  if (!kernel_) return ok();
+  return backlog_.add([this] { kernel_->sweep(); }, 0) ? ok() : tooMuchWaits();
+}
+
+// ------------------------------------------------------------------------------------------------
+// What became of a change
+
+programming_msg RoutingService::stateOf(const PrefixKey& prefix) const {
+  return kernel_ ? kernel_->routeState(prefix) : stateOfOther();
+}
+
+programming_msg RoutingService::stateOfGroup(const std::string& name) const {
+  return kernel_ ? kernel_->groupState(name) : stateOfOther();
+}
+
+programming_msg RoutingService::stateOfOther() const {
+  programming_msg state;
+  state.set_state(kernel_ ? programming_msg::FAILED : programming_msg::PROGRAMMED);
+  if (kernel_) state.set_reason("not supported by this kernel");
+  return state;
+}
+
+std::optional<programming_msg> RoutingService::stateOf(const await_msg& what) const {
+  const auto in = [](const auto& table, const auto& key, auto state) {
+    return table.find(key) ? std::optional(state()) : std::nullopt;
+  };
+  switch (what.what_case()) {
+    case await_msg::kRoute: {
+      check(what.route());
+      const PrefixKey prefix(what.route());
+      return in(tables_.routes, prefix, [&] { return stateOf(prefix); });
+    }
+    case await_msg::kGroup:
+      return in(tables_.groups, what.group(), [&] { return stateOfGroup(what.group()); });
+    case await_msg::kMplsLabel:
+      return in(tables_.mplsRoutes, what.mpls_label(), [&] { return stateOfOther(); });
+    case await_msg::kRedirect:
+      return in(tables_.redirects, what.redirect(), [&] { return stateOfOther(); });
+    case await_msg::WHAT_NOT_SET:
+      break;
+  }
+  throw vorn::invalid_argument_error("what is not set", "what");
+}
+
+rpc::Task<> RoutingService::await(rpc::Call& call, const await_msg& what, programming_msg& reply) {
+  rpc::Event event;
+  std::optional<rpc::Events::Subscription> tried;
+  if (kernel_) tried.emplace(kernel_->tried(), event);
+  if (!co_await taken(call)) co_return grpc::Status::CANCELLED;
+  for (;;) {
+    auto state = stateOf(what);
+    if (!state) co_return notFound("such thing");
+    if (settled(*state, what.or_waiting())) {
+      reply = std::move(*state);
+      co_return grpc::Status::OK;
+    }
+    if (!co_await call.wait(event)) co_return grpc::Status::CANCELLED;
+  }
+}
+
+rpc::Task<> RoutingService::awaitAll(rpc::Call& call, summary_msg& reply) {
+  rpc::Event event;
+  std::optional<rpc::Events::Subscription> tried;
+  if (kernel_) tried.emplace(kernel_->tried(), event);
+  if (!co_await taken(call)) co_return grpc::Status::CANCELLED;
+  while (kernel_ && kernel_->waiting() != 0) {
+    if (!co_await call.wait(event)) co_return grpc::Status::CANCELLED;
+  }
+  const auto others = tables_.mplsRoutes.size() + tables_.redirects.size();
+  if (kernel_) {
+    kernel_->count(reply);
+    reply.set_failed(reply.failed() + others);
+  } else {
+    reply.set_programmed(tables_.routes.size() + tables_.groups.size() + others);
+  }
+  co_return grpc::Status::OK;
+}
+
+rpc::Task<bool> RoutingService::taken(rpc::Call& call) {
+  rpc::Event room;
+  const rpc::Events::Subscription subscription(backlog_.room(), room);
+  Backlog::Answer mark;
+  while (!backlog_.mark(mark)) {
+    if (!co_await call.wait(room)) co_return false;
+  }
+  co_return co_await call.wait(mark.event());
+}
+
+std::size_t RoutingService::waiting() const {
+  return backlog_.figures().items + (kernel_ ? kernel_->waiting() : 0);
+}
+
+// ------------------------------------------------------------------------------------------------
+// What the backlog does
+
 void RoutingService::program(const ip_route_msg& route) {
   tables_.routes.set(PrefixKey(route.prefix()), route);
   if (kernel_) kernel_->routeSet(route);
@@ -140,7 +297,7 @@ void RoutingService::program(const ip_route_msg& route) {
 
 void RoutingService::unprogram(const ip_prefix_msg& prefix) {
   tables_.routes.remove(PrefixKey(prefix));
-  if (kernel_) kernel_->routeRemoved(prefix);
+  if (kernel_) kernel_->routeRemoved(PrefixKey(prefix));
 }
 
 void RoutingService::program(const nexthop_group_msg& group) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -12,11 +13,14 @@ namespace routing_agent {
 // IP and MPLS routes, next-hop groups and redirects.
 class RoutingService : public AgentService<Routing> {
  public:
-  // `kernel` is told of IP routes and groups as they are programmed; null: nobody is.
+  // `kernel` is started with the server, and told of IP routes and groups as they are taken from
+  // the backlog; null: there is none, and what is taken from the backlog is programmed.
   RoutingService(Tables& tables, Backlog& backlog, const std::vector<std::string>& listen,
                  KernelSync* kernel);
 
  private:
+  void opened() override;
+
   grpc::Status set(grpc::ServerContext& context, const ip_route_msg& route,
                    Backlog::Kind kind = Backlog::single);
   grpc::Status set(grpc::ServerContext& context, const nexthop_group_msg& group);
@@ -24,6 +28,19 @@ class RoutingService : public AgentService<Routing> {
   grpc::Status set(grpc::ServerContext& context, const cbf_nexthop_group_redirect_msg& redirect);
   grpc::Status remove(grpc::ServerContext& context, const ip_prefix_msg& prefix);
   rpc::Task<> setAll(rpc::Reader<ip_route_msg>& routes, set_routes_reply_msg& reply);
+  grpc::Status endSync(grpc::ServerContext& context);
+
+  // What became of something that is in its table.
+  programming_msg stateOf(const PrefixKey& prefix) const;
+  programming_msg stateOfGroup(const std::string& name) const;
+  programming_msg stateOfOther() const;  // which no kernel of ours takes
+  std::optional<programming_msg> stateOf(const await_msg& what) const;
+
+  rpc::Task<> await(rpc::Call& call, const await_msg& what, programming_msg& reply);
+  rpc::Task<> awaitAll(rpc::Call& call, summary_msg& reply);
+  // Until what is on the backlog now has been taken from it. Answers whether the call still lives.
+  rpc::Task<bool> taken(rpc::Call& call);
+  std::size_t waiting() const;
 
   // What the backlog does, on its thread.
   void program(const ip_route_msg& route);

@@ -20,8 +20,8 @@ StateService::StateService(Tables& tables, Backlog& backlog, const std::vector<s
 grpc::Status StateService::configure(grpc::ServerContext& context,
                                      const rpc_server_state_config_msg& config) {
   traceArrival(config);
+  if (!mayChange(context, listen_)) return mayNot();
   check(config);
-  if (config.delete__size() != 0 && !mayRemove(context, listen_)) return mayNot();
   auto program = [this, config] {
     for (const auto& entry : config.set())
       tables_.state.set(entry.key(), entry.value());
@@ -36,8 +36,11 @@ void StateService::read(const state_keys_msg& keys, rpc_server_state_status_msg&
     reply.add_value()->set_value(tables_.state.find(key).value_or(""));
   }
   if (keys.key_size() != 0) return;
-  for (const auto& [key, value] : tables_.state.part(std::nullopt, SIZE_MAX)) {
-    reply.add_value()->mutable_value()->append(key).append("=").append(value);
+  std::optional<std::string> last;
+  for (auto items = tables_.state.part(last); !items.empty(); items = tables_.state.part(last)) {
+    for (const auto& [key, value] : items)
+      reply.add_value()->mutable_value()->append(key).append("=").append(value);
+    last = items.back().first;
   }
 }
 

@@ -2,6 +2,8 @@
 
 #include <VornSdkRpcProtos/VornSdkRpc.pb.h>
 
+#include <algorithm>
+#include <array>
 #include <compare>
 #include <cstddef>
 #include <cstdint>
@@ -18,14 +20,35 @@ using namespace VornSdkRpc::pb;
 
 // A prefix as the route table orders them: IPv4 before IPv6, then by address, then by length.
 struct PrefixKey {
+  PrefixKey() = default;
+  // `prefix` has an address of 4 or 16 bytes, and a length that fits it.
   explicit PrefixKey(const ip_prefix_msg& prefix)
-      : bytes(prefix.addr().size()), addr(prefix.addr()), length(prefix.mask_length()) {}
+      : bytes(static_cast<std::uint8_t>(prefix.addr().size())),
+        length(static_cast<std::uint8_t>(prefix.mask_length())) {
+    std::copy_n(prefix.addr().begin(), std::min(prefix.addr().size(), addr.size()), addr.begin());
+  }
   auto operator<=>(const PrefixKey&) const = default;
 
-  std::size_t bytes;
-  std::string addr;
-  std::uint32_t length;
+  ip_prefix_msg message() const {
+    ip_prefix_msg prefix;
+    prefix.set_addr(addr.data(), bytes);
+    prefix.set_mask_length(length);
+    return prefix;
+  }
+
+  std::uint8_t bytes = 0;  // of the address: 4 or 16
+  std::array<std::uint8_t, 16> addr{};
+  std::uint8_t length = 0;
 };
+
+constexpr std::size_t kItemsPerPart = 256;
+constexpr std::size_t kBytesPerPart = std::size_t{256} << 10;
+
+// About what a value takes on the wire.
+inline std::size_t sizeOf(const google::protobuf::MessageLite& value) {
+  return value.ByteSizeLong();
+}
+inline std::size_t sizeOf(const std::string& value) { return value.size(); }
 
 // One table of what is programmed. Any thread may call any operation.
 template <typename Key, typename Value>
@@ -43,20 +66,37 @@ class Table {
     items_.erase(key);
   }
 
+  // Removes an item that `unwanted` says so of.
+  template <typename Predicate>
+  void removeIf(const Key& key, Predicate unwanted) {
+    const std::lock_guard lock(mutex_);
+    const auto item = items_.find(key);
+    if (item != items_.end() && unwanted(item->second)) items_.erase(item);
+  }
+
   std::optional<Value> find(const Key& key) const {
     const std::lock_guard lock(mutex_);
     const auto item = items_.find(key);
     return item == items_.end() ? std::nullopt : std::optional(item->second);
   }
 
-  // At most `limit` items behind the key `after`, in order; from the start without one. A reader
-  // goes on from the last key that it was given, so the table may change between two parts.
-  std::vector<Item> part(const std::optional<Key>& after, std::size_t limit) const {
+  std::size_t size() const {
+    const std::lock_guard lock(mutex_);
+    return items_.size();
+  }
+
+  // At most kItemsPerPart items behind the key `after`, and no more when they take kBytesPerPart,
+  // in order; from the start without a key. A reader goes on from the last key that it was given,
+  // so the table may change between two parts. Empty: that was all.
+  std::vector<Item> part(const std::optional<Key>& after) const {
     const std::lock_guard lock(mutex_);
     std::vector<Item> items;
     auto next = after ? items_.upper_bound(*after) : items_.begin();
-    for (; next != items_.end() && items.size() < limit; ++next)
+    for (std::size_t bytes = 0;
+         next != items_.end() && items.size() < kItemsPerPart && bytes < kBytesPerPart; ++next) {
+      bytes += sizeOf(next->second);
       items.emplace_back(*next);
+    }
     return items;
   }
 
@@ -65,7 +105,7 @@ class Table {
   std::map<Key, Value> items_;
 };
 
-// What the agent has programmed.
+// What the agent has taken, and programmed where there is no kernel to be programmed.
 struct Tables {
   Table<PrefixKey, ip_route_msg> routes;
   Table<std::string, nexthop_group_msg> groups;
