@@ -1,313 +1,298 @@
 #pragma once
 
 // What a coroutine is given: the call that it serves, and its streams.
+//
+// A unary method gets an rpc::Call, one whose client streams an rpc::Reader, one whose server
+// streams an rpc::Writer, and one where both do an rpc::ReaderWriter. What takes time is awaited,
+// and what comes back tells why: in a condition it is true as long as there is something to go on
+// with, and compared with one of the reasons it says which.
+//
+//   while (co_await uploads.read(route)) ...            // until the end of the client's stream
+//   if (!co_await call.wait(100ms)) co_return ...;      // false: the call is over
+//
+//   switch (co_await session.read(beat, notices, 3s)) {  // whichever comes first
+//     case rpc::Woke::message: ...
+//     case rpc::Woke::event: ...
+//     case rpc::Woke::time: ...
+//     default: ...
+//   }
+//
+// Rules. Everything here is for the server's thread, which is asserted, and for the coroutine of
+// the call, which awaits one thing at a time. When a call is over (its client has cancelled or
+// gone, or its deadline has passed), what is awaited comes back with Woke::over, and so does all
+// that is awaited after it; the coroutine then runs to its end.
+//
+// A read or a write that has been started goes on when its wait ends for another reason, and the
+// next read() or write() takes it up; so both sides of a ReaderWriter can be under way at once.
+//
+// Fine print. A drain of the server wakes every wait for a time or an event once, with
+// Woke::draining, also those that a limit was given to; a read or a write without limit goes on.
+// When several reasons hold, the first of this order is told: over, written, message or end, event,
+// draining, time. The others are not lost. A wait for a time that has passed already is a turn for
+// the other calls.
 
-#include <VornSdkRpc/RequestHandler.h>
-#include <VornSdkRpc/RpcEvent.h>
-#include <VornSdkRpc/RpcServiceBase.h>
-#include <VornSdkRpc/RpcTask.h>
-#include <grpc/grpc.h>
-#include <grpcpp/alarm.h>
+#include <VornSdkRpc/RpcWakeups.h>
+#include <google/protobuf/message_lite.h>
 #include <grpcpp/grpcpp.h>
-#include <grpcpp/support/async_stream.h>
+#include <vorn/export.h>
 
 #include <chrono>
 #include <coroutine>
-#include <cstddef>
-#include <memory>
-#include <optional>
-#include <utility>
+#include <cstdint>
 
 namespace VornSdkRpc::rpc {
 
+class Event;
+
 namespace detail {
+class Exchange;
+}  // namespace detail
 
-// One of the calls that a method may have in progress, until it is released or destroyed.
-class Slot {
+// Why a wait has ended.
+class Woke {
  public:
-  Slot() = default;
-  Slot(const Slot&) = delete;
-  Slot& operator=(const Slot&) = delete;
-  ~Slot() { release(); }
+  enum class Reason : std::uint8_t {
+    over,      // the call is over: Call::endedBy() says why
+    end,       // the client's stream has ended
+    message,   // a message has been read
+    written,   // gRPC has taken what was written
+    event,     // the event was set
+    time,      // the time has passed
+    draining,  // the server is being drained: what can end by itself should
+  };
+  static constexpr Reason over = Reason::over;
+  static constexpr Reason end = Reason::end;
+  static constexpr Reason message = Reason::message;
+  static constexpr Reason written = Reason::written;
+  static constexpr Reason event = Reason::event;
+  static constexpr Reason time = Reason::time;
+  static constexpr Reason draining = Reason::draining;
 
-  // Answers false when `used` has reached the limit.
-  bool take(std::size_t& used, std::size_t limit) {
-    if (limit != 0 && used >= limit) return false;
-    used_ = &used;
-    ++*used_;
-    return true;
-  }
-  void release() {
-    if (used_) --*std::exchange(used_, nullptr);
-  }
+  Woke(Reason reason) : reason_(reason) {}  // NOLINT(google-explicit-constructor)
+
+  // Whether there is something to go on with: neither the call nor the stream is at its end.
+  explicit operator bool() const { return reason_ != over && reason_ != end; }
+
+  operator Reason() const { return reason_; }  // NOLINT(google-explicit-constructor)
 
  private:
-  std::size_t* used_ = nullptr;
+  Reason reason_;
 };
 
-// What makes gRPC hold an item back would keep the coroutine that awaits the write waiting.
-inline grpc::WriteOptions atOnce(grpc::WriteOptions options) {
-  return options.clear_buffer_hint().clear_last_message();
-}
+// Why a call is over before its coroutine has ended it.
+enum class EndedBy : std::uint8_t {
+  nothing,    // it is not over
+  cancelled,  // the client has cancelled it or is gone
+  deadline,   // its deadline has passed
+  malformed,  // the client has sent bytes that are no message
+  idle,       // it did nothing for longer than MethodOptions::idle
+  drained,    // the grace of a drain was over; for the destructors of a coroutine's locals
+  stopped,    // the server has stopped; for the same
+};
 
-inline grpc::Status tooManyCalls() {
-  return {grpc::StatusCode::RESOURCE_EXHAUSTED, "too many calls of this method are in progress"};
-}
+// Until when something is waited for: a time from now, or a point of rpc::Clock. From a year on it
+// is for ever.
+class Limit {
+ public:
+  template <typename Rep, typename Period>
+  Limit(std::chrono::duration<Rep, Period> fromNow) {  // NOLINT(google-explicit-constructor)
+    constexpr std::chrono::duration<Rep, Period> kNone{};
+    if (fromNow < std::chrono::hours(24 * 365)) {
+      kind_ = Kind::span;
+      span_ = fromNow <= kNone ? Clock::duration::zero()
+                               : std::chrono::duration_cast<Clock::duration>(fromNow);
+    }
+  }
+  Limit(Clock::time_point point)  // NOLINT(google-explicit-constructor)
+      : kind_(Kind::point), span_(point.time_since_epoch()) {}
+
+  static Limit none() { return Limit(std::chrono::hours::max()); }
+
+ private:
+  friend class detail::Exchange;
+  enum class Kind : std::uint8_t { none, span, point };
+
+  Kind kind_ = Kind::none;
+  Clock::duration span_{};
+};
+
+namespace detail {
+
+// What an operation of a call answers, to be awaited at once.
+class [[nodiscard]] Wait {
+ public:
+  enum class For : std::uint8_t { wakeup, message, write, metadata };
+
+  Wait(Exchange& exchange, For what, Event* event, Limit limit, bool toldOfDrain) noexcept
+      : exchange_(exchange), what_(what), event_(event), limit_(limit), toldOfDrain_(toldOfDrain) {}
+  Wait(const Wait&) = delete;
+  Wait& operator=(const Wait&) = delete;
+  VORN_EXPORT ~Wait();
+
+  VORN_EXPORT bool await_ready();
+  VORN_EXPORT void await_suspend(std::coroutine_handle<> awaiting);
+  Woke await_resume() const { return woke_; }
+
+ protected:
+  google::protobuf::MessageLite* into_ = nullptr;
+  const google::protobuf::MessageLite* item_ = nullptr;
+  grpc::WriteOptions options_;
+
+ private:
+  friend class Exchange;
+
+  Exchange& exchange_;
+  const For what_;
+  Event* const event_;
+  const Limit limit_;
+  const bool toldOfDrain_;
+  bool started_ = false;
+  bool waiting_ = false;
+  Clock::time_point end_ = Clock::time_point::max();
+  Woke woke_ = Woke::over;
+};
+
+class ReadWait : public Wait {
+ public:
+  ReadWait(Exchange& exchange, google::protobuf::MessageLite& into, Event* event, Limit limit,
+           bool toldOfDrain) noexcept
+      : Wait(exchange, For::message, event, limit, toldOfDrain) {
+    into_ = &into;
+  }
+};
+
+class WriteWait : public Wait {
+ public:
+  WriteWait(Exchange& exchange, const google::protobuf::MessageLite& item, Limit limit,
+            bool toldOfDrain, grpc::WriteOptions options) noexcept
+      : Wait(exchange, For::write, nullptr, limit, toldOfDrain) {
+    item_ = &item;
+    options_ = options;
+  }
+};
 
 }  // namespace detail
 
-// One call that is served by a coroutine. Everything is for the serving thread, and for the
-// coroutine of this call; it awaits one thing at a time.
-class Call : public RequestHandler {
+// One call that is served by a coroutine.
+class VORN_EXPORT Call {
  public:
   Call(const Call&) = delete;
   Call& operator=(const Call&) = delete;
 
-  grpc::ServerContext& context() { return context_; }
+  // gRPC's view of the call: metadata, peer, identity, deadline, compression. Metadata of the reply
+  // is added here, initial metadata before sendInitialMetadata() or the first write.
+  grpc::ServerContext& context();
 
-  // Whether the call is over before its time: cancelled, its client gone, or its deadline past.
-  // After a read() or write() that answered false it is known at once.
-  bool cancelled() const { return over_; }
+  // Whether the call is over before its time. After a read or a write that answered Woke::over it
+  // is known at once.
+  bool cancelled() const { return endedBy() != EndedBy::nothing; }
 
-  // Waits for a time to pass: co_await answers whether the call still lives, at once when it
-  // doesn't.
-  template <typename Rep, typename Period>
-  auto wait(std::chrono::duration<Rep, Period> duration) {
-    return operation(Awaited::time, [this, duration](OpaqueId tag) {
-      service_.setAlarm(alarm(), deadlineIn(duration), tag);
-    });
+  // Why the call is over. A client whose deadline passes cancels at the same time: a cancellation
+  // at the end of the time that the call was given is the deadline.
+  EndedBy endedBy() const;
+
+  // Whether the server is being drained: what can end by itself should, with a status that sends
+  // the client elsewhere, UNAVAILABLE say.
+  bool draining() const;
+
+  // How much is left until the call's deadline, to hand on: nothing when it has passed, and
+  // nanoseconds::max() when it has none.
+  std::chrono::nanoseconds remaining() const;
+
+  // The time that waits go by: that of rpc::Clock, unless a test turns it by hand.
+  Clock::time_point now() const;
+
+  // Waits for a time to pass, until an event is set, or for whichever comes first. An event that is
+  // set already is taken at once.
+  detail::Wait wait(Limit limit) { return {exchange_, For::wakeup, nullptr, limit, true}; }
+  detail::Wait wait(Event& event, Limit limit = Limit::none()) {
+    return {exchange_, For::wakeup, &event, limit, true};
   }
 
-  // Waits until the event is set, or takes it at once when it is: co_await answers whether the call
-  // still lives.
-  auto wait(Event& event) { return EventWait(*this, event); }
-
-  void proceed(OpaqueId tag) final {
-    if (state_ != AWAITING_CALL) {
-      operationOk_ = service_.completionOk();
-      std::exchange(suspended_, nullptr).resume();
-    } else if (service_.completionOk()) {
-      arrived();
-    } else {
-      // The server takes no more calls, and the notice of this one's end will not come.
-      service_.removeHandler(notice_->opaqueId_);
-      service_.removeHandler(tag);
-      return;
-    }
-    if (task_.done()) conclude(outcome());
+  // Sends the initial metadata now, instead of with the first message or the status. Throws
+  // std::logic_error when they have been sent.
+  detail::Wait sendInitialMetadata() {
+    return {exchange_, For::metadata, nullptr, Limit::none(), false};
   }
 
  protected:
-  // Follows the end of the call. A record of its own in the registry, because it may complete after
-  // the call's own tag, and after a stop does not complete for the handler at all.
-  class Notice : public RequestHandler {
-   public:
-    Notice(Call& call, OpaqueId tag) : call_(&call), service_(call.service_) {
-      opaqueId_ = tag;
-      state_ = IN_PROGRESS;
-    }
-    void proceed(OpaqueId tag) override {
-      service_.removeHandler(tag);
-      if (call_) call_->ended();
-    }
-    RequestHandlerPtr spawn(OpaqueId) override { return nullptr; }
-    void callGone() { call_ = nullptr; }
+  explicit Call(detail::Exchange& exchange) : exchange_(exchange) {}
+  ~Call() = default;
 
-   private:
-    Call* call_;
-    ServiceBase& service_;
-  };
-
-  Call(ServiceBase& service, OpaqueId tag)
-      : service_(service), notice_(std::make_shared<Notice>(*this, service.nextOpaqueId())) {
-    opaqueId_ = tag;
-    context_.AsyncNotifyWhenDone(notice_->opaqueId_);
-  }
-
-  // abandon() has been called by then: the coroutine refers to what derived classes hold.
-  ~Call() override {
-    notice_->callGone();
-    if (alarm_) service_.dropAlarm(*alarm_);
-  }
-
-  // Destroys the coroutine, wherever it is.
-  void abandon() { task_ = {}; }
-
-  enum class Awaited { time, read, write };
-
-  // An operation of gRPC that is started with the call's tag and comes back with its ok flag.
-  template <typename Start>
-  auto operation(Awaited what, Start start) {
-    struct [[nodiscard]] Awaiter {
-      bool await_ready() const { return call.over_; }
-      void await_suspend(std::coroutine_handle<> awaiting) {
-        call.suspended_ = awaiting;
-        start(call.opaqueId_);
-      }
-      bool await_resume() const { return call.succeeded(what); }
-      Call& call;
-      Awaited what;
-      Start start;
-    };
-    return Awaiter{*this, what, std::move(start)};
-  }
-
-  virtual bool takeSlot() = 0;
-  virtual Task<> begin() = 0;
-  virtual void finish(const grpc::Status& status, OpaqueId tag) = 0;
-
-  ServiceBase& service_;
-  detail::Slot slot_;
-  grpc::ServerContext context_;
+  detail::Exchange& exchange_;
 
  private:
-  class [[nodiscard]] EventWait {
-   public:
-    EventWait(Call& call, Event& event) : call_(call), event_(event) {}
-    EventWait(const EventWait&) = delete;
-    EventWait& operator=(const EventWait&) = delete;
-    ~EventWait() { event_.wakes(nullptr); }
-
-    bool await_ready() { return call_.over_ || event_.take(); }
-    void await_suspend(std::coroutine_handle<> awaiting) {
-      call_.suspended_ = awaiting;
-      grpc::Alarm& alarm = call_.alarm();
-      call_.service_.setAlarm(alarm, gpr_inf_future(GPR_CLOCK_REALTIME), call_.opaqueId_);
-      event_.wakes(&alarm);
-    }
-    bool await_resume() {
-      event_.wakes(nullptr);
-      event_.take();
-      return !call_.over_;
-    }
-
-   private:
-    Call& call_;
-    Event& event_;
-  };
-
-  template <typename Rep, typename Period>
-  static gpr_timespec deadlineIn(std::chrono::duration<Rep, Period> duration) {
-    constexpr auto kForever = std::chrono::hours(24 * 365);
-    if (duration >= kForever) return gpr_inf_future(GPR_CLOCK_REALTIME);
-    if (duration <= duration.zero()) return gpr_now(GPR_CLOCK_MONOTONIC);
-    const auto whole = std::chrono::duration_cast<std::chrono::nanoseconds>(duration);
-    return gpr_time_add(gpr_now(GPR_CLOCK_MONOTONIC),
-                        gpr_time_from_nanos(whole.count(), GPR_TIMESPAN));
-  }
-
-  // The alarm of this call; most calls never need one.
-  grpc::Alarm& alarm() {
-    if (!alarm_) alarm_ = service_.newAlarm();
-    return **alarm_;
-  }
-
-  void arrived() {
-    state_ = IN_PROGRESS;
-    service_.registerHandler(notice_);  // its tag completes for every call that has arrived
-    if (!takeSlot()) return conclude(detail::tooManyCalls());
-    try {
-      task_ = begin();
-      task_.start();
-    } catch (...) {
-      return conclude(service_.currentExceptionStatus());
-    }
-  }
-
-  // Whether the operation that has been awaited did what it should. One that failed may tell of the
-  // end of the call before the notice does.
-  bool succeeded(Awaited what) {
-    if (!operationOk_ &&
-        (what == Awaited::write ||
-         (what == Awaited::read && grpc_call_failed_before_recv_message(context_.c_call()) != 0))) {
-      over_ = true;
-    }
-    return !over_ && operationOk_;
-  }
-
-  // The call is over on the wire. What waits for gRPC comes back by itself; a waiting alarm is
-  // woken.
-  void ended() {
-    over_ = true;
-    if (alarm_) (*alarm_)->Cancel();
-  }
-
-  grpc::Status outcome() const {
-    try {
-      return task_.take();
-    } catch (...) {
-      return service_.currentExceptionStatus();
-    }
-  }
-
-  void conclude(const grpc::Status& status) {
-    abandon();
-    slot_.release();
-    state_ = FINISHED;
-    finish(status, opaqueId_);
-  }
-
-  std::shared_ptr<Notice> notice_;
-  std::optional<ServiceBase::AlarmPosition> alarm_;
-  Task<> task_;
-  std::coroutine_handle<> suspended_;  // the innermost coroutine that waits
-  bool operationOk_ = false;
-  bool over_ = false;
+  using For = detail::Wait::For;
 };
 
 // A call whose client streams.
 template <typename Request>
 class Reader : public Call {
  public:
-  // Reads the next item: co_await answers false at the end of the client's stream and when the call
-  // is dead, which cancelled() tells apart, and `item` then holds nothing of use. To gRPC, bytes
-  // that are no Request end the client's stream as well.
-  auto read(Request& item) {
-    return operation(Call::Awaited::read, [this, &item](OpaqueId tag) { startRead(item, tag); });
+  // Reads the next message: answers Woke::message, Woke::end at the end of the client's stream, or
+  // Woke::over. `item` is touched by the first alone. Bytes that are no Request end the call with
+  // INVALID_ARGUMENT.
+  detail::ReadWait read(Request& item) { return {exchange_, item, nullptr, Limit::none(), false}; }
+
+  // Reads the next message or waits as Call::wait() does, whichever comes first. A read that is
+  // outstanding then stays so, for the next read.
+  detail::ReadWait read(Request& item, Limit limit) {
+    return {exchange_, item, nullptr, limit, true};
+  }
+  detail::ReadWait read(Request& item, Event& event, Limit limit = Limit::none()) {
+    return {exchange_, item, &event, limit, true};
   }
 
  protected:
-  using Call::Call;
-  virtual void startRead(Request& item, OpaqueId tag) = 0;
+  explicit Reader(detail::Exchange& exchange) : Call(exchange) {}
+  ~Reader() = default;
 };
 
 // A call whose server streams.
 template <typename Reply>
 class Writer : public Call {
  public:
-  // Writes an item, and waits until gRPC has taken it: co_await answers false when the call is
-  // dead. Options that ask gRPC to hold the item back for the next one, or for the end of the
-  // stream, are passed over.
-  auto write(const Reply& item, grpc::WriteOptions options = {}) {
-    return operation(Awaited::write, [this, &item, options](OpaqueId tag) {
-      grpc_.Write(item, detail::atOnce(options), tag);
-    });
+  // Writes a message, and waits until gRPC has taken it: answers Woke::written or Woke::over.
+  // Options that ask gRPC to hold the message back for the next one, or for the end of the stream,
+  // are passed over.
+  detail::WriteWait write(const Reply& item, grpc::WriteOptions options = {}) {
+    return {exchange_, item, Limit::none(), false, options};
+  }
+
+  // The same with a limit. A message that was not taken by then is still on its way, and the next
+  // write waits for it first. A coroutine that ends before cancels its call, because the status
+  // would wait behind the message; the status is what is accounted.
+  detail::WriteWait write(const Reply& item, Limit limit, grpc::WriteOptions options = {}) {
+    return {exchange_, item, limit, true, options};
   }
 
  protected:
-  using Call::Call;
-  grpc::ServerAsyncWriter<Reply> grpc_{&context_};
+  explicit Writer(detail::Exchange& exchange) : Call(exchange) {}
+  ~Writer() = default;
 };
 
 // A call in which both sides stream.
 template <typename Request, typename Reply>
 class ReaderWriter : public Call {
  public:
-  // As Reader::read.
-  auto read(Request& item) {
-    return operation(Awaited::read, [this, &item](OpaqueId tag) { grpc_.Read(&item, tag); });
+  // As those of Reader and Writer.
+  detail::ReadWait read(Request& item) { return {exchange_, item, nullptr, Limit::none(), false}; }
+  detail::ReadWait read(Request& item, Limit limit) {
+    return {exchange_, item, nullptr, limit, true};
   }
-
-  // As Writer::write.
-  auto write(const Reply& item, grpc::WriteOptions options = {}) {
-    return operation(Awaited::write, [this, &item, options](OpaqueId tag) {
-      grpc_.Write(item, detail::atOnce(options), tag);
-    });
+  detail::ReadWait read(Request& item, Event& event, Limit limit = Limit::none()) {
+    return {exchange_, item, &event, limit, true};
+  }
+  detail::WriteWait write(const Reply& item, grpc::WriteOptions options = {}) {
+    return {exchange_, item, Limit::none(), false, options};
+  }
+  detail::WriteWait write(const Reply& item, Limit limit, grpc::WriteOptions options = {}) {
+    return {exchange_, item, limit, true, options};
   }
 
  protected:
-  using Call::Call;
-  grpc::ServerAsyncReaderWriter<Reply, Request> grpc_{&context_};
+  explicit ReaderWriter(detail::Exchange& exchange) : Call(exchange) {}
+  ~ReaderWriter() = default;
 };
 
 }  // namespace VornSdkRpc::rpc

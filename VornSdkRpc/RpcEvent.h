@@ -1,50 +1,54 @@
 #pragma once
 
 // How another thread wakes a call.
+//
+//   rpc::Event news;
+//   const auto subscription = table.subscribe(news);  // whose other end calls news.set()
+//   while (co_await call.wait(news)) ...
+//
+// Rules. An event stays set until a wait has seen it, so that one which comes between a look and
+// the wait is not lost; several before one wait count once. set() may come from any thread. One
+// call waits for an event at a time, on its server's thread; a second one is an assertion.
+//
+// Fine print. What was written before set() is seen behind the wait that it ends, without further
+// synchronisation. Whoever calls set() must have stopped doing so when the event is destroyed.
 
-#include <grpcpp/alarm.h>
+#include <vorn/export.h>
 
 #include <mutex>
-#include <utility>
 
 namespace VornSdkRpc::rpc {
 
-class Call;
+namespace detail {
+class Exchange;
+class Sleeper;
+}  // namespace detail
 
-// Wakes the one call that waits for it. An event stays set until a wait has seen it, so one that
-// comes between a look and the wait is not lost; several before one wait count once. set() may come
-// from any thread; whoever calls it must have stopped doing so when the event is destroyed.
-class Event {
+// Wakes the one call that waits for it.
+class VORN_EXPORT Event {
  public:
   Event() = default;
+  ~Event();  // asserts that nobody waits
   Event(const Event&) = delete;
   Event& operator=(const Event&) = delete;
 
-  void set() {
-    const std::lock_guard lock(mutex_);
-    set_ = true;
-    if (waiting_) waiting_->Cancel();
-  }
+  // Sets the event, and wakes who waits. Costs little on the server's thread, where the call goes
+  // on as soon as the step in progress has ended, and a wake-up of that thread on any other. Throws
+  // nothing. Any thread.
+  void set() noexcept;
 
  private:
-  friend class Call;
+  friend class detail::Exchange;
 
   // Whether it was set; it no longer is.
-  bool take() {
-    const std::lock_guard lock(mutex_);
-    return std::exchange(set_, false);
-  }
+  bool take();
 
-  // From now on set() ends this alarm; null: none.
-  void wakes(grpc::Alarm* alarm) {
-    const std::lock_guard lock(mutex_);
-    waiting_ = alarm;
-    if (waiting_ && set_) waiting_->Cancel();
-  }
+  // From now on set() wakes this one, and at once when it is set; null: nobody.
+  void wakes(detail::Sleeper* sleeper);
 
   std::mutex mutex_;
   bool set_ = false;
-  grpc::Alarm* waiting_ = nullptr;
+  detail::Sleeper* waiting_ = nullptr;
 };
 
 }  // namespace VornSdkRpc::rpc

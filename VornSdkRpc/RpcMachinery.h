@@ -1,209 +1,334 @@
 #pragma once
 
-// The machinery behind a service of the kit: one class per kind of exchange, and what makes a call
-// of a method out of it. Nothing in here is for an agent.
+// The machinery behind a service of the kit: its methods, and the calls of them. Nothing in here is
+// for an agent.
+//
+// What differs from one message to another is kept small, so that an agent's services compile fast:
+// to gRPC every message to be sent is a MessageLite and every one to be received an Arriving. What
+// is no template is in the library.
 
+#include <VornSdkRpc/RequestHandler.h>
 #include <VornSdkRpc/RpcCall.h>
-#include <VornSdkRpc/RpcServiceBase.h>
-#include <google/protobuf/descriptor.h>
+#include <VornSdkRpc/RpcLimits.h>
+#include <VornSdkRpc/RpcTask.h>
+#include <VornSdkRpc/RpcWakeups.h>
+#include <google/protobuf/message_lite.h>
 #include <grpcpp/grpcpp.h>
+#include <grpcpp/impl/codegen/proto_utils.h>
 #include <grpcpp/support/async_stream.h>
-#include <grpcpp/support/async_unary_call.h>
-#include <grpcpp/support/byte_buffer.h>
+#include <vorn/export.h>
 
 #include <concepts>
+#include <coroutine>
 #include <cstddef>
 #include <memory>
-#include <stdexcept>
+#include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace VornSdkRpc::rpc {
 
-// How a method is served.
-struct MethodOptions {
-  // How many calls of the method may be in progress; one more is refused at once with
-  // RESOURCE_EXHAUSTED. Zero: no limit. Without effect on a plain function, which is never in
-  // progress: it has answered before the next call is looked at.
-  std::size_t limit = 0;
-
-  // How many calls of the method are asked for ahead, so that one poll can pick up several. At
-  // least 1.
-  std::size_t ahead = 1;
-};
+class ServiceBase;
 
 namespace detail {
 
+// A message that gRPC is to receive. Never defined: an Arriving* is the address of the message in a
+// Received, as a MessageLite, so that an interceptor finds there what it does without the kit.
+class Arriving;
+
+}  // namespace detail
+
+}  // namespace VornSdkRpc::rpc
+
+namespace grpc {
+
+template <>
+class SerializationTraits<VornSdkRpc::rpc::detail::Arriving, void> {
+ public:
+  VORN_EXPORT static Status Deserialize(ByteBuffer* bytes,
+                                        VornSdkRpc::rpc::detail::Arriving* arriving);
+};
+
+}  // namespace grpc
+
+namespace VornSdkRpc::rpc::detail {
+
+using google::protobuf::MessageLite;
+
+grpc::Status noMessage();  // what answers bytes that are no message
+
+// Stands before the message in memory. gRPC takes bytes that are no message for the end of the
+// stream, and gives up a unary call without a word; here they are marked and arrive.
+struct alignas(std::max_align_t) Mark {
+  bool malformed = false;
+};
+
+template <typename Message>
+struct Received {
+  Arriving* arriving() {
+    static_assert(alignof(Message) <= alignof(Mark));  // nothing stands between the two
+    return reinterpret_cast<Arriving*>(static_cast<MessageLite*>(&message));
+  }
+
+  Mark mark;
+  Message message;
+};
+
+using Stream = grpc::ServerAsyncReaderWriter<MessageLite, Arriving>;
+
+enum class Kind : std::uint8_t { unary, clientStreaming, serverStreaming, bidirectional };
+
 // A method of a service with the function that serves it.
-template <typename AsyncService, typename Ask, typename Handler>
-struct Method {
-  // Asks gRPC for a call, to arrive under the tag.
-  template <typename... Arguments>
-  void ask(OpaqueId tag, Arguments*... arguments) {
-    (async.*askFor)(arguments..., queue, queue, tag);
-  }
+class VORN_EXPORT Method {
+ public:
+  Method(ServiceBase& service, Kind kind, int number, MethodOptions options);
+  virtual ~Method();
+  Method(const Method&) = delete;
+  Method& operator=(const Method&) = delete;
 
-  ServiceBase& service;
-  AsyncService& async;
-  grpc::ServerCompletionQueue* queue;
-  Ask askFor;
-  Handler handler;
-  MethodOptions options;
+  // A handler for one call, which has asked for it under the tag.
+  virtual RequestHandlerPtr make(OpaqueId tag) = 0;
+
+  // Asks gRPC for a call, to arrive under the tag; a request that is null is not read.
+  void ask(grpc::ServerContext& context, Arriving* request, Stream& stream, OpaqueId tag) const;
+
+  // "/package.Service/Method"
+  const std::string& path() const { return path_; }
+
+  ServiceBase& service() const { return service_; }
+  const Kind kind;
+  const int number;  // in the service
+  const MethodOptions options;
   std::size_t inProgress = 0;
-};
-
-// Ends a call that has one reply, which a client is sent only with an OK.
-template <typename Responder, typename Reply>
-void answer(Responder& responder, const Reply& reply, const grpc::Status& status, OpaqueId tag) {
-  if (status.ok()) {
-    responder.Finish(reply, status, tag);
-  } else {
-    responder.FinishWithError(status, tag);
-  }
-}
-
-template <typename Request, typename Reply>
-class UnaryExchange : public Call {
- protected:
-  using Call::Call;
-
-  template <typename Method>
-  void ask(Method& method, OpaqueId tag) {
-    method.ask(tag, &context_, &request_, &grpc_);
-  }
-  template <typename Handler>
-  Task<> serve(Handler& handler) {
-    return handler(static_cast<Call&>(*this), std::as_const(request_), reply_);
-  }
-  void finish(const grpc::Status& status, OpaqueId tag) override {
-    answer(grpc_, reply_, status, tag);
-  }
 
  private:
-  Request request_;
-  Reply reply_;
-  grpc::ServerAsyncResponseWriter<Reply> grpc_{&context_};
-};
-
-template <typename Request, typename Reply>
-class ReadExchange : public Reader<Request> {
- protected:
-  using Reader<Request>::Reader;
-
-  template <typename Method>
-  void ask(Method& method, OpaqueId tag) {
-    method.ask(tag, &this->context_, &grpc_);
-  }
-  template <typename Handler>
-  Task<> serve(Handler& handler) {
-    return handler(static_cast<Reader<Request>&>(*this), reply_);
-  }
-  void startRead(Request& item, OpaqueId tag) override { grpc_.Read(&item, tag); }
-  void finish(const grpc::Status& status, OpaqueId tag) override {
-    answer(grpc_, reply_, status, tag);
-  }
-
- private:
-  Reply reply_;
-  grpc::ServerAsyncReader<Reply, Request> grpc_{&this->context_};
-};
-
-template <typename Request, typename Reply>
-class WriteExchange : public Writer<Reply> {
- protected:
-  using Writer<Reply>::Writer;
-
-  template <typename Method>
-  void ask(Method& method, OpaqueId tag) {
-    method.ask(tag, &this->context_, &request_, &this->grpc_);
-  }
-  template <typename Handler>
-  Task<> serve(Handler& handler) {
-    return handler(static_cast<Writer<Reply>&>(*this), std::as_const(request_));
-  }
-  void finish(const grpc::Status& status, OpaqueId tag) override {
-    this->grpc_.Finish(status, tag);
-  }
-
- private:
-  Request request_;
-};
-
-template <typename Request, typename Reply>
-class ReadWriteExchange : public ReaderWriter<Request, Reply> {
- protected:
-  using ReaderWriter<Request, Reply>::ReaderWriter;
-
-  template <typename Method>
-  void ask(Method& method, OpaqueId tag) {
-    method.ask(tag, &this->context_, &this->grpc_);
-  }
-  template <typename Handler>
-  Task<> serve(Handler& handler) {
-    return handler(static_cast<ReaderWriter<Request, Reply>&>(*this));
-  }
-  void finish(const grpc::Status& status, OpaqueId tag) override {
-    this->grpc_.Finish(status, tag);
-  }
+  ServiceBase& service_;
+  std::string path_;
 };
 
 // One call of a method that is served by a coroutine.
-template <typename Method, typename Exchange>
-class CoroutineCall final : public Exchange {
+class VORN_EXPORT Exchange : public RequestHandler, public std::enable_shared_from_this<Exchange> {
  public:
-  CoroutineCall(Method& method, OpaqueId tag) : Exchange(method.service, tag), method_(method) {
-    this->ask(method, tag);
-  }
-  ~CoroutineCall() override { this->abandon(); }
+  ~Exchange() override;
 
-  RequestHandlerPtr spawn(OpaqueId tag) override {
-    return std::make_shared<CoroutineCall>(method_, tag);
-  }
+  void proceed(OpaqueId tag) final;
+  RequestHandlerPtr spawn(OpaqueId tag) final;
+  void withdrawn(OpaqueId tag) final;
+
+  // For Call and Wait. begin() answers whether the wait has ended already.
+  grpc::ServerContext& context() { return context_; }
+  EndedBy endedBy() const;
+  std::chrono::nanoseconds remaining() const;
+  bool begin(Wait& wait);
+  void suspend(Wait& wait, std::coroutine_handle<> awaiting);
+  void forget(Wait& wait) noexcept;
+
+  // For the service.
+  ServiceBase& service() const { return method_.service(); }
+  const Method& method() const { return method_; }
+  Clock::time_point arrivedAt() const { return arrivedAt_; }
+  const char* waitsFor() const;
+  void look();  // goes on when what it waits for has come
+  Sleeper& sleeper() { return sleeper_; }
+
+ protected:
+  Exchange(Method& method, OpaqueId tag);
+
+  // What derived classes hold is asked for and given up by them.
+  void ask(Arriving* request) { method_.ask(context_, request, stream_, opaqueId_); }
+  void abandon() noexcept { task_ = {}; }
+
+  virtual Task<> serve() = 0;
+  virtual Mark& mark() = 0;
+  virtual Arriving* arriving() = 0;
+  virtual void giveTo(MessageLite& item) = 0;
+  virtual const MessageLite& reply() const = 0;
 
  private:
-  bool takeSlot() override { return this->slot_.take(method_.inProgress, method_.options.limit); }
-  Task<> begin() override { return this->serve(method_.handler); }
+  friend class rpc::ServiceBase;
 
-  Method& method_;
-};
-
-// One call of a unary method that is served by a plain function.
-template <typename Method, typename Request, typename Reply>
-class FunctionCall final : public RequestHandler {
- public:
-  FunctionCall(Method& method, OpaqueId tag) : method_(method) {
-    opaqueId_ = tag;
-    method.ask(tag, &context_, &request_, &grpc_);
-  }
-
-  RequestHandlerPtr spawn(OpaqueId tag) override {
-    return std::make_shared<FunctionCall>(method_, tag);
-  }
-
-  // Answers at once; the state that is left at AWAITING_CALL says so.
-  void proceed(OpaqueId tag) override {
-    if (!method_.service.completionOk()) return method_.service.removeHandler(tag);  // no call came
-    answer(grpc_, reply_, served(), tag);
-  }
-
- private:
-  grpc::Status served() {
-    try {
-      if constexpr (std::invocable<decltype(method_.handler)&, const Request&, Reply&>) {
-        return method_.handler(std::as_const(request_), reply_);
-      } else {
-        return method_.handler(context_, std::as_const(request_), reply_);
-      }
-    } catch (...) {
-      return method_.service.currentExceptionStatus();
-    }
-  }
+  void arrived();
+  std::optional<grpc::Status> refusal();
+  void enter();
+  void leave() noexcept;
+  void mayBeIdle();
+  grpc::Status outcome();
+  void conclude(grpc::Status status);
+  void finish(const grpc::Status& status);
+  EndedBy whyGone() const;
+  void over(EndedBy why);
+  std::optional<Woke> reasonOf(Wait& wait);
+  std::optional<Woke> readReason(Wait& wait);
+  bool isWritten(Wait& wait);
+  void readDone(bool ok);
+  void writeDone(bool ok);
+  void active();
 
   Method& method_;
   grpc::ServerContext context_;
-  Request request_;
-  Reply reply_;
-  grpc::ServerAsyncResponseWriter<Reply> grpc_{&context_};
+  Stream stream_{&context_};
+  const OpaqueId endTag_;       // completes when the call is over on the wire
+  OpaqueId readTag_ = nullptr;  // made when it is needed
+
+  Task<> task_;
+  std::coroutine_handle<> suspended_;  // the innermost coroutine that waits
+  Wait* wait_ = nullptr;               // what it waits for
+  Sleeper sleeper_;                    // wakes it
+
+  bool reading_ = false;   // gRPC has a read
+  bool received_ = false;  // a message is here that nobody has taken
+  bool streamEnded_ = false;
+  bool writing_ = false;  // gRPC has a write, or the initial metadata
+  bool metadataSent_ = false;
+  bool toldOfDrain_ = false;
+  bool concluding_ = false;  // the coroutine has ended, and the write is still to come back
+  bool entered_ = false;     // in the service's list of calls
+  bool counted_ = false;     // among those of its method
+  EndedBy endedBy_ = EndedBy::nothing;
+  std::optional<grpc::Status> settled_;  // what ends the call, whatever its coroutine says
+
+  std::vector<Limits::Claim> claims_;
+  Clock::time_point arrivedAt_;
+  Clock::time_point activeAt_;
+  std::optional<Sleeper> idle_;  // ends a stream that does nothing
+  Exchange* next_ = nullptr;
+  Exchange* previous_ = nullptr;
+};
+
+// One call of a unary method that is served by a plain function.
+class VORN_EXPORT FunctionCall : public RequestHandler {
+ public:
+  ~FunctionCall() override;
+
+  void proceed(OpaqueId tag) final;
+  RequestHandlerPtr spawn(OpaqueId tag) final;
+
+ protected:
+  FunctionCall(Method& method, OpaqueId tag);
+
+  void ask(Arriving* request) { method_.ask(context_, request, stream_, opaqueId_); }
+
+  virtual grpc::Status serve(grpc::ServerContext& context) = 0;
+  virtual const Mark& mark() const = 0;
+  virtual const MessageLite& reply() const = 0;
+
+  Method& method_;
+
+ private:
+  grpc::Status outcome();
+
+  grpc::ServerContext context_;
+  Stream stream_{&context_};
+};
+
+// A method that nothing serves. Without it, gRPC would keep its calls for as long as their clients
+// wait.
+class VORN_EXPORT UnservedMethod final : public Method {
+ public:
+  using Method::Method;
+  RequestHandlerPtr make(OpaqueId tag) override;
+};
+
+// ------------------------------------------------------------------------------------------------
+// What is a template: the messages of a call, its handle, and the function that serves it
+
+template <typename Base>
+class Handle final : public Base {
+ public:
+  explicit Handle(Exchange& exchange) : Base(exchange) {}
+};
+
+template <typename Handler, typename View, typename Request, typename Reply>
+class CoroutineMethod final : public Method {
+ public:
+  CoroutineMethod(ServiceBase& service, Kind kind_, int number_, MethodOptions options_,
+                  Handler handler)
+      : Method(service, kind_, number_, std::move(options_)), handler_(std::move(handler)) {}
+
+  RequestHandlerPtr make(OpaqueId tag) override { return std::make_shared<One>(*this, tag); }
+
+ private:
+  class One final : public Exchange {
+   public:
+    One(CoroutineMethod& method, OpaqueId tag) : Exchange(method, tag), handler_(method.handler_) {
+      ask(request_.arriving());
+    }
+    ~One() override { abandon(); }
+
+   private:
+    Task<> serve() override {
+      View& view = view_;
+      if constexpr (std::same_as<View, Call>) {
+        return handler_(view, std::as_const(request_.message), reply_);
+      } else if constexpr (std::same_as<View, Reader<Request>>) {
+        return handler_(view, reply_);
+      } else if constexpr (std::same_as<View, Writer<Reply>>) {
+        return handler_(view, std::as_const(request_.message));
+      } else {
+        return handler_(view);
+      }
+    }
+    Mark& mark() override { return request_.mark; }
+    Arriving* arriving() override { return request_.arriving(); }
+    void giveTo(MessageLite& item) override { static_cast<Request&>(item).Swap(&request_.message); }
+    const MessageLite& reply() const override { return reply_; }
+
+    Handler& handler_;
+    Handle<View> view_{*this};
+    Received<Request> request_;
+    Reply reply_;
+  };
+
+  Handler handler_;
+};
+
+template <typename Handler, typename Request, typename Reply>
+class FunctionMethod final : public Method {
+ public:
+  FunctionMethod(ServiceBase& service, int number_, MethodOptions options_, Handler handler)
+      : Method(service, Kind::unary, number_, std::move(options_)), handler_(std::move(handler)) {}
+
+  RequestHandlerPtr make(OpaqueId tag) override { return std::make_shared<One>(*this, tag); }
+
+ private:
+  class One final : public FunctionCall {
+   public:
+    One(FunctionMethod& method, OpaqueId tag)
+        : FunctionCall(method, tag), handler_(method.handler_) {
+      ask(request_.arriving());
+    }
+
+   private:
+    grpc::Status serve(grpc::ServerContext& context) override {
+      if constexpr (std::invocable<Handler&, const Request&, Reply&>) {
+        return handler_(std::as_const(request_.message), reply_);
+      } else {
+        return handler_(context, std::as_const(request_.message), reply_);
+      }
+    }
+    const Mark& mark() const override { return request_.mark; }
+    const MessageLite& reply() const override { return reply_; }
+
+    Handler& handler_;
+    Received<Request> request_;
+    Reply reply_;
+  };
+
+  Handler handler_;
+};
+
+// A method whose handlers the agent has written.
+template <typename Factory>
+class HandMethod final : public Method {
+ public:
+  HandMethod(ServiceBase& service, int number_, Factory factory)
+      : Method(service, Kind::unary, number_, {}), factory_(std::move(factory)) {}
+
+  RequestHandlerPtr make(OpaqueId tag) override { return factory_(tag); }
+
+ private:
+  Factory factory_;
 };
 
 // How many methods the layers of a generated class make asynchronous: AsyncService is
@@ -213,71 +338,4 @@ constexpr int kAsyncMethods = 0;
 template <template <typename> typename Layer, typename Rest>
 constexpr int kAsyncMethods<Layer<Rest>> = 1 + kAsyncMethods<Rest>;
 
-// The generated asynchronous service, whose methods can be asked for by their numbers as well.
-template <typename Generated>
-class Host : public Generated::AsyncService {
- public:
-  // Throws std::logic_error when the classes were not generated as expected.
-  static const google::protobuf::ServiceDescriptor& descriptor() {
-    static const auto& found = findDescriptor();
-    return found;
-  }
-
-  // Asks for a call of a method, whatever its messages are.
-  void ask(int method, grpc::ServerContext* context, grpc::ByteBuffer* request,
-           grpc::ServerAsyncReaderWriter<grpc::ByteBuffer, grpc::ByteBuffer>* stream,
-           grpc::ServerCompletionQueue* queue, OpaqueId tag) {
-    if (descriptor().method(method)->client_streaming()) {
-      this->RequestAsyncClientStreaming(method, context, stream, queue, queue, tag);
-    } else {
-      this->RequestAsyncUnary(method, context, request, stream, queue, queue, tag);
-    }
-  }
-
- private:
-  static const google::protobuf::ServiceDescriptor& findDescriptor() {
-    const auto* found = google::protobuf::DescriptorPool::generated_pool()->FindServiceByName(
-        Generated::service_full_name());
-    if (!found || found->method_count() != kAsyncMethods<typename Generated::AsyncService>) {
-      throw std::logic_error(std::string(Generated::service_full_name()) +
-                             ": the generated classes tell nothing of its methods");
-    }
-    return *found;
-  }
-};
-
-// One call of a method that nothing serves. Without it, gRPC would keep such calls for as long as
-// their clients wait.
-template <typename Host>
-class RefusedCall final : public RequestHandler {
- public:
-  RefusedCall(GrpcService& service, Host& host, grpc::ServerCompletionQueue* queue, int method,
-              OpaqueId tag)
-      : service_(service), host_(host), queue_(queue), method_(method) {
-    opaqueId_ = tag;
-    host.ask(method, &context_, &request_, &grpc_, queue, tag);
-  }
-
-  RequestHandlerPtr spawn(OpaqueId tag) override {
-    return std::make_shared<RefusedCall>(service_, host_, queue_, method_, tag);
-  }
-
-  // Left at AWAITING_CALL: this is the call's last operation.
-  void proceed(OpaqueId tag) override {
-    if (!service_.completionOk()) return service_.removeHandler(tag);  // no call came
-    grpc_.Finish({grpc::StatusCode::UNIMPLEMENTED, ""}, tag);
-  }
-
- private:
-  GrpcService& service_;
-  Host& host_;
-  grpc::ServerCompletionQueue* const queue_;
-  const int method_;
-  grpc::ServerContext context_;
-  grpc::ByteBuffer request_;
-  grpc::ServerAsyncReaderWriter<grpc::ByteBuffer, grpc::ByteBuffer> grpc_{&context_};
-};
-
-}  // namespace detail
-
-}  // namespace VornSdkRpc::rpc
+}  // namespace VornSdkRpc::rpc::detail

@@ -2,34 +2,41 @@
 
 // What a coroutine of the kit returns.
 //
-// A function that returns an rpc::Task<T> and uses co_await or co_return is a coroutine that ends
-// with a T: `rpc::Task<>` serves a call and ends with its grpc::Status. Another coroutine awaits a
-// task, which runs it to its end:
+// A function that returns an rpc::Task<T> and uses co_await or co_return is a coroutine, which ends
+// with a T. An rpc::Task<> serves a call and ends with the call's grpc::Status. Another coroutine
+// awaits a task, runs it that way to its end and gets its result:
 //
-//   rpc::Task<int> half(rpc::Call& call, int number);
+//   rpc::Task<int> measure(rpc::Call& call, int port);
+//   ...
+//   const int first = co_await measure(call, 1);
 //
-//   rpc::Task<int> quarter(rpc::Call& call, int number) {
-//     const int halved = co_await half(call, number);
-//     co_return co_await half(call, halved);
-//   }
+// Rules. A task is used once: it is awaited once, or returned to the kit. It starts when it is
+// awaited; the kit starts the one of a call when the call has arrived. It owns its frame: a task
+// that is destroyed before its end destroys the frame where it waits, and the locals in it. It
+// runs on the server's one thread.
 //
-// A task is used once: it is awaited once, or handed to the kit as what serves a call. It owns its
-// coroutine's frame; a task that is destroyed before its end destroys the frame where it waits, and
-// the locals in it. It runs on the server's one thread, and belongs to it.
+// Fine print. A coroutine that is given a reference keeps the reference: what it refers to must
+// outlive the task, so a coroutine takes what is not its caller's own by value. An exception that
+// leaves a coroutine is thrown where its task is awaited. A coroutine that ends without co_return
+// although it owes a T ends with a std::logic_error. g++ 12 destroys a temporary in a co_await
+// expression twice when it is an aggregate or a lambda with captures: give it a name before.
 
 #include <grpcpp/support/status.h>
+#include <vorn/export.h>
 
 #include <coroutine>
 #include <exception>
 #include <optional>
-#include <stdexcept>
 #include <utility>
 
 namespace VornSdkRpc::rpc {
 
-class Call;
-
 namespace detail {
+
+class Exchange;
+
+[[noreturn]] VORN_EXPORT void throwNoTask();     // a task that is empty or has ended
+[[noreturn]] VORN_EXPORT void throwNoOutcome();  // a coroutine that ended without co_return
 
 // Goes on with the coroutine that awaits the one that has ended, if there is one.
 struct Continue {
@@ -55,7 +62,8 @@ template <typename T>
 struct Promise : PromiseBase {
   void return_value(T result) { value.emplace(std::move(result)); }
   T take() {
-    if (exception || !value) std::rethrow_exception(exception);  // it ended with one of the two
+    if (exception) std::rethrow_exception(exception);
+    if (!value) throwNoOutcome();
     return std::move(*value);
   }
   std::optional<T> value;
@@ -71,9 +79,8 @@ struct Promise<void> : PromiseBase {
 
 }  // namespace detail
 
-// A coroutine that ends with a T: rpc::Task<> serves a call and ends with its grpc::Status. It
-// starts when it is first awaited, or by the kit when its call has arrived. Owns its frame;
-// movable.
+// A coroutine that ends with a T. Movable; an empty one can be made, and nothing else be done with
+// it.
 template <typename T = grpc::Status>
 class [[nodiscard]] Task {
  public:
@@ -95,38 +102,41 @@ class [[nodiscard]] Task {
 
   // Awaited by another coroutine: runs to its end, then answers its result or throws its exception.
   // Throws std::logic_error when there is nothing to run: the task is empty or has ended.
-  auto operator co_await() && noexcept {
-    struct [[nodiscard]] Awaiter {
-      bool await_ready() const {
-        if (!frame || frame.done())
-          throw std::logic_error("a task was awaited that is empty or has ended");
-        return false;
-      }
-      // Runs the task to its first wait. One that ends without a wait takes no turn of its own, so
-      // that a loop over many of them does not pile up on the stack.
-      bool await_suspend(std::coroutine_handle<> awaiting) const {
-        frame.resume();
-        if (frame.done()) return false;
-        frame.promise().continuation = awaiting;
-        return true;
-      }
-      T await_resume() const { return frame.promise().take(); }
-      std::coroutine_handle<promise_type> frame;
-    };
-    return Awaiter{frame_};
-  }
+  auto operator co_await() && noexcept { return Awaiter(frame_); }
 
  private:
-  friend class Call;
+  friend class detail::Exchange;
+
+  class [[nodiscard]] Awaiter {
+   public:
+    explicit Awaiter(std::coroutine_handle<promise_type> frame) noexcept : frame_(frame) {}
+
+    bool await_ready() const {
+      if (!frame_ || frame_.done()) detail::throwNoTask();
+      return false;
+    }
+    // Runs the task to its first wait. One that ends without a wait takes no turn of its own, so
+    // that a loop over many of them does not pile up on the stack.
+    bool await_suspend(std::coroutine_handle<> awaiting) const {
+      frame_.resume();
+      if (frame_.done()) return false;
+      frame_.promise().continuation = awaiting;
+      return true;
+    }
+    T await_resume() const { return frame_.promise().take(); }
+
+   private:
+    std::coroutine_handle<promise_type> frame_;
+  };
+
+  explicit Task(std::coroutine_handle<promise_type> frame) : frame_(frame) {}
 
   void start() const {
-    if (!frame_ || frame_.done())
-      throw std::logic_error("an RPC was served with a task that is empty or has ended");
+    if (!frame_ || frame_.done()) detail::throwNoTask();
     frame_.resume();
   }
   bool done() const { return frame_ && frame_.done(); }
   T take() const { return frame_.promise().take(); }
-  explicit Task(std::coroutine_handle<promise_type> frame) : frame_(frame) {}
 
   std::coroutine_handle<promise_type> frame_;
 };

@@ -1,0 +1,434 @@
+#include <VornSdkRpc/RpcMachinery.h>
+
+#include <VornSdkRpc/RpcEvent.h>
+#include <VornSdkRpc/RpcService.h>
+#include <google/protobuf/descriptor.h>
+#include <grpc/grpc.h>
+#include <grpc/support/time.h>
+
+#include <algorithm>
+#include <cassert>
+#include <stdexcept>
+
+namespace VornSdkRpc::rpc::detail {
+
+namespace {
+
+// What makes gRPC hold an item back would keep the coroutine that awaits the write waiting.
+grpc::WriteOptions atOnce(grpc::WriteOptions options) {
+  return options.clear_buffer_hint().clear_last_message();
+}
+
+// Ends a call; one that has one reply sends it with an OK only.
+void finishWith(Stream& stream, const MessageLite* reply, const grpc::Status& status,
+                OpaqueId tag) {
+  if (reply && status.ok()) {
+    stream.WriteAndFinish(*reply, {}, status, tag);
+  } else {
+    stream.Finish(status, tag);
+  }
+}
+
+bool hasOneReply(Kind kind) { return kind == Kind::unary || kind == Kind::clientStreaming; }
+
+// One call of a method that nothing serves.
+class UnservedCall final : public RequestHandler {
+ public:
+  UnservedCall(Method& method, OpaqueId tag) : method_(method) {
+    opaqueId_ = tag;
+    method.ask(context_, nullptr, stream_, tag);
+  }
+
+  RequestHandlerPtr spawn(OpaqueId tag) override { return method_.make(tag); }
+
+  // Left at AWAITING_CALL: this is the call's last operation.
+  void proceed(OpaqueId tag) override {
+    if (!method_.service().completionOk()) return method_.service().removeHandler(tag);
+    stream_.Finish({grpc::StatusCode::UNIMPLEMENTED, ""}, tag);
+  }
+
+ private:
+  Method& method_;
+  grpc::ServerContext context_;
+  Stream stream_{&context_};
+};
+
+}  // namespace
+
+grpc::Status noMessage() {
+  return {grpc::StatusCode::INVALID_ARGUMENT, "the request's bytes are no message of its type"};
+}
+
+// ------------------------------------------------------------------------------------------------
+// Method
+
+Method::Method(ServiceBase& service, Kind kind_, int number_, MethodOptions options_)
+    : kind(kind_),
+      number(number_),
+      options(std::move(options_)),
+      service_(service),
+      path_("/" + service.descriptor_->full_name() + "/" +
+            service.descriptor_->method(number)->name()) {}
+
+Method::~Method() = default;
+
+void Method::ask(grpc::ServerContext& context, Arriving* request, Stream& stream,
+                 OpaqueId tag) const {
+  service_.ask(*this, context, request, stream, tag);
+}
+
+RequestHandlerPtr UnservedMethod::make(OpaqueId tag) {
+  return std::make_shared<UnservedCall>(*this, tag);
+}
+
+// ------------------------------------------------------------------------------------------------
+// FunctionCall
+
+FunctionCall::FunctionCall(Method& method, OpaqueId tag) : method_(method) { opaqueId_ = tag; }
+
+FunctionCall::~FunctionCall() = default;
+
+RequestHandlerPtr FunctionCall::spawn(OpaqueId tag) { return method_.make(tag); }
+
+// Answers at once; the state that is left at AWAITING_CALL says so.
+void FunctionCall::proceed(OpaqueId tag) {
+  auto& service = method_.service();
+  if (!service.completionOk()) return service.removeHandler(tag);  // no call came
+  Wakeups::Turn turn(*service.wakeups_);
+  const grpc::Status status = outcome();
+  if (!status.ok()) service.traceFailure(context_, method_, status);
+  finishWith(stream_, &reply(), status, tag);
+  turn.finish();
+}
+
+grpc::Status FunctionCall::outcome() {
+  auto& service = method_.service();
+  if (auto refusal = service.refusal(context_, method_, mark())) return *std::move(refusal);
+  try {
+    return serve(context_);
+  } catch (...) {
+    return service.thrown(context_, method_);
+  }
+}
+
+// ------------------------------------------------------------------------------------------------
+// Exchange: the call's life
+
+Exchange::Exchange(Method& method, OpaqueId tag)
+    : method_(method),
+      endTag_(method.service().nextOpaqueId()),
+      sleeper_(*method.service().wakeups_, this,
+               [](void* self) { static_cast<Exchange*>(self)->look(); }) {
+  opaqueId_ = tag;
+  context_.AsyncNotifyWhenDone(endTag_);
+}
+
+// abandon() has been called by then: the coroutine refers to what derived classes hold.
+Exchange::~Exchange() { leave(); }
+
+RequestHandlerPtr Exchange::spawn(OpaqueId tag) { return method_.make(tag); }
+
+void Exchange::withdrawn(OpaqueId) { service().removeHandler(endTag_); }
+
+void Exchange::proceed(OpaqueId tag) {
+  const bool ok = service().completionOk();
+  if (state_ == AWAITING_CALL && !ok) {
+    // The server takes no more calls, and the notice of this one's end will not come.
+    service().removeHandler(endTag_);
+    service().removeHandler(tag);
+    return;
+  }
+  Wakeups::Turn turn(*service().wakeups_);
+  if (state_ == AWAITING_CALL) {
+    arrived();
+  } else if (tag == opaqueId_) {
+    writeDone(ok);
+  } else if (tag == readTag_) {
+    readDone(ok);
+  } else {
+    service().removeHandler(tag);
+    over(whyGone());
+  }
+  turn.finish();
+}
+
+void Exchange::arrived() {
+  state_ = IN_PROGRESS;
+  service().registerHandlerAs(endTag_, shared_from_this());  // completes for every call that came
+  enter();
+  if (auto status = refusal()) return conclude(*std::move(status));
+  try {
+    task_ = serve();
+    task_.start();
+  } catch (...) {
+    return conclude(service().thrown(context_, method_));
+  }
+  if (task_.done()) conclude(outcome());
+}
+
+std::optional<grpc::Status> Exchange::refusal() {
+  if (auto status = service().refusal(context_, method_, mark())) return status;
+  if (method_.options.limit != 0 && method_.inProgress >= method_.options.limit)
+    return grpc::Status(grpc::StatusCode::RESOURCE_EXHAUSTED,
+                        "too many calls of this method are in progress");
+  for (const auto& limits : {service().limits_, method_.options.limits}) {
+    if (!limits) continue;
+    auto claim = limits->claim(context_);
+    if (!claim)
+      return grpc::Status(grpc::StatusCode::RESOURCE_EXHAUSTED,
+                          "too many calls of this client are in progress");
+    claims_.push_back(*std::move(claim));
+  }
+  counted_ = true;
+  ++method_.inProgress;
+  return std::nullopt;
+}
+
+// The calls of a service are in a list, the oldest first.
+void Exchange::enter() {
+  auto& service = this->service();
+  arrivedAt_ = activeAt_ = service.now();
+  previous_ = service.lastCall_;
+  (previous_ ? previous_->next_ : service.firstCall_) = this;
+  service.lastCall_ = this;
+  entered_ = true;
+  if (method_.kind != Kind::unary && method_.options.idle > method_.options.idle.zero()) {
+    idle_.emplace(*service.wakeups_, this,
+                  [](void* self) { static_cast<Exchange*>(self)->mayBeIdle(); });
+    idle_->at(activeAt_ + method_.options.idle);
+  }
+}
+
+void Exchange::leave() noexcept {
+  if (!std::exchange(entered_, false)) return;
+  auto& service = this->service();
+  (previous_ ? previous_->next_ : service.firstCall_) = next_;
+  (next_ ? next_->previous_ : service.lastCall_) = previous_;
+  idle_.reset();
+  claims_.clear();
+  if (std::exchange(counted_, false)) --method_.inProgress;
+}
+
+void Exchange::mayBeIdle() {
+  const auto end = activeAt_ + method_.options.idle;
+  if (service().now() < end) return idle_->at(end);
+  settled_ = grpc::Status(grpc::StatusCode::DEADLINE_EXCEEDED,
+                          "the stream did nothing for longer than it may");
+  over(EndedBy::idle);
+}
+
+grpc::Status Exchange::outcome() {
+  try {
+    return task_.take();
+  } catch (...) {
+    return service().thrown(context_, method_);
+  }
+}
+
+// The coroutine has ended, or has never begun.
+void Exchange::conclude(grpc::Status status) {
+  abandon();
+  sleeper_.cancel();
+  leave();
+  if (settled_) {
+    status = *std::move(settled_);
+  } else if (endedBy_ != EndedBy::nothing &&
+             (status.ok() || status.error_code() == grpc::StatusCode::CANCELLED)) {
+    // Nobody hears the status, but it is accounted.
+    status = endedBy_ == EndedBy::deadline
+                 ? grpc::Status(grpc::StatusCode::DEADLINE_EXCEEDED, "the deadline has passed")
+                 : grpc::Status(grpc::StatusCode::CANCELLED, "the client has cancelled");
+  }
+  if (!status.ok()) service().traceFailure(context_, method_, status);
+  if (!writing_) return finish(status);
+  // It would wait behind what the client does not read.
+  concluding_ = true;
+  settled_ = std::move(status);
+  context_.TryCancel();
+}
+
+void Exchange::finish(const grpc::Status& status) {
+  state_ = FINISHED;
+  if (readTag_ && !reading_) service().removeHandler(readTag_);
+  finishWith(stream_, hasOneReply(method_.kind) ? &reply() : nullptr, status, opaqueId_);
+}
+
+// ------------------------------------------------------------------------------------------------
+// Exchange: the end on the wire
+
+EndedBy Exchange::endedBy() const {
+  if (endedBy_ != EndedBy::nothing || !service().stopping()) return endedBy_;
+  return service().draining() ? EndedBy::drained : EndedBy::stopped;
+}
+
+std::chrono::nanoseconds Exchange::remaining() const {
+  const gpr_timespec deadline = context_.raw_deadline();
+  if (gpr_time_cmp(deadline, gpr_inf_future(deadline.clock_type)) == 0)
+    return std::chrono::nanoseconds::max();
+  const gpr_timespec left = gpr_time_sub(deadline, gpr_now(deadline.clock_type));
+  const auto time = std::chrono::seconds(left.tv_sec) + std::chrono::nanoseconds(left.tv_nsec);
+  return std::max(time, std::chrono::nanoseconds::zero());
+}
+
+// A client cancels when its own deadline passes, which is up to the call's way here before the
+// server's.
+EndedBy Exchange::whyGone() const {
+  constexpr std::chrono::nanoseconds kWay = std::chrono::milliseconds(20);
+  const auto left = remaining();
+  const auto given = left + (service().now() - arrivedAt_);
+  const bool deadline = left != std::chrono::nanoseconds::max() && left <= kWay + given / 32;
+  return deadline ? EndedBy::deadline : EndedBy::cancelled;
+}
+
+void Exchange::over(EndedBy why) {
+  if (endedBy_ == EndedBy::nothing) endedBy_ = why;
+  look();
+}
+
+// ------------------------------------------------------------------------------------------------
+// Exchange: waiting
+
+bool Exchange::begin(Wait& wait) {
+  assert(service().wakeups_->onServingThread() && "a call is waited for on the server's thread");
+  assert(!wait_ && "a coroutine of a call waits while another one does");
+  const auto reason = reasonOf(wait);
+  if (reason) wait.woke_ = *reason;
+  return reason.has_value();
+}
+
+void Exchange::suspend(Wait& wait, std::coroutine_handle<> awaiting) {
+  wait_ = &wait;
+  wait.waiting_ = true;
+  suspended_ = awaiting;
+  if (wait.limit_.kind_ != Limit::Kind::none) {
+    wait.end_ = wait.limit_.kind_ == Limit::Kind::span ? service().now() + wait.limit_.span_
+                                                       : Clock::time_point(wait.limit_.span_);
+    sleeper_.at(wait.end_);
+  }
+  if (wait.event_) wait.event_->wakes(&sleeper_);
+}
+
+void Exchange::forget(Wait& wait) noexcept {
+  wait.waiting_ = false;
+  wait_ = nullptr;
+  if (wait.event_) wait.event_->wakes(nullptr);
+  sleeper_.cancel();
+}
+
+void Exchange::look() {
+  if (!wait_) return;
+  Wait& wait = *wait_;
+  const auto reason = reasonOf(wait);
+  if (!reason) return;
+  wait.woke_ = *reason;
+  forget(wait);
+  std::exchange(suspended_, nullptr).resume();
+  if (task_.done()) conclude(outcome());
+}
+
+std::optional<Woke> Exchange::reasonOf(Wait& wait) {
+  using For = Wait::For;
+  const bool writes = wait.what_ == For::write || wait.what_ == For::metadata;
+  if (endedBy_ != EndedBy::nothing && !(writes && writing_)) return Woke::over;
+  if (writes && isWritten(wait)) return Woke::written;
+  if (wait.what_ == For::message) {
+    if (const auto read = readReason(wait)) return read;
+  }
+  if (wait.event_ && wait.event_->take()) return Woke::event;
+  if (wait.toldOfDrain_ && service().draining() && !std::exchange(toldOfDrain_, true))
+    return Woke::draining;
+  if (wait.end_ != Clock::time_point::max() && wait.end_ <= service().now()) return Woke::time;
+  return std::nullopt;
+}
+
+std::optional<Woke> Exchange::readReason(Wait& wait) {
+  if (std::exchange(received_, false)) {
+    giveTo(*wait.into_);
+    return Woke::message;
+  }
+  if (streamEnded_) return Woke::end;
+  if (!std::exchange(reading_, true)) {
+    if (!readTag_) readTag_ = service().assignExtraTag(shared_from_this());
+    stream_.Read(arriving(), readTag_);
+  }
+  return std::nullopt;
+}
+
+void Exchange::readDone(bool ok) {
+  reading_ = false;
+  active();
+  if (concluding_) return;
+  if (ok && !mark().malformed) {
+    received_ = true;
+  } else if (ok) {
+    settled_ = noMessage();
+    return over(EndedBy::malformed);
+  } else if (grpc_call_failed_before_recv_message(context_.c_call()) != 0) {
+    return over(whyGone());
+  } else {
+    streamEnded_ = true;
+  }
+  look();
+}
+
+// Starts the write when none is under way; whether it is done.
+bool Exchange::isWritten(Wait& wait) {
+  if (writing_) return false;
+  if (std::exchange(wait.started_, true)) return true;
+  if (wait.what_ == Wait::For::metadata) {
+    if (metadataSent_) throw std::logic_error("the initial metadata have been sent");
+    stream_.SendInitialMetadata(opaqueId_);
+  } else {
+    stream_.Write(*wait.item_, atOnce(wait.options_), opaqueId_);
+  }
+  writing_ = metadataSent_ = true;
+  return false;
+}
+
+void Exchange::writeDone(bool ok) {
+  writing_ = false;
+  active();
+  if (concluding_) return finish(*settled_);
+  if (!ok) return over(whyGone());
+  look();
+}
+
+void Exchange::active() {
+  if (idle_) activeAt_ = service().now();
+}
+
+const char* Exchange::waitsFor() const {
+  if (!wait_) return "nothing";
+  switch (wait_->what_) {
+    case Wait::For::message:
+      return wait_->event_ ? "a message or an event" : "a message";
+    case Wait::For::write:
+      return "a write";
+    case Wait::For::metadata:
+      return "its initial metadata";
+    case Wait::For::wakeup:
+      break;
+  }
+  return wait_->event_ ? "an event" : "a time";
+}
+
+}  // namespace VornSdkRpc::rpc::detail
+
+namespace grpc {
+
+using VornSdkRpc::rpc::detail::Arriving;
+using VornSdkRpc::rpc::detail::Mark;
+using VornSdkRpc::rpc::detail::MessageLite;
+
+Status SerializationTraits<Arriving, void>::Deserialize(ByteBuffer* bytes, Arriving* arriving) {
+  if (!arriving) {  // nobody wants it
+    bytes->Clear();
+    return Status::OK;
+  }
+  auto* message = reinterpret_cast<MessageLite*>(arriving);
+  auto* mark = reinterpret_cast<Mark*>(arriving) - 1;
+  mark->malformed = !SerializationTraits<MessageLite>::Deserialize(bytes, message).ok();
+  return Status::OK;
+}
+
+}  // namespace grpc
