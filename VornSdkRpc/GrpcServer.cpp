@@ -219,6 +219,7 @@ void GrpcServer::shutQueue() {
 }
 
 bool GrpcServer::dequeue() {
+  turns_.store(turns_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
   const auto now = Clock::now();
   const auto drainEnd = stopRequested_ ? Clock::time_point::max() : drainEnd_.load();
   if (drainEnd != Clock::time_point::max() && !emptied_) beginDrain();

@@ -81,6 +81,10 @@ class VORN_EXPORT GrpcServer {
   // Whether a stop has been asked for, or a drain is over: an agent's own loop ends then.
   bool stopRequested() const { return stopRequested_; }
 
+  // How many times dequeue() has been called. It goes on growing, several times a second, for as
+  // long as the server runs; where it stands still, a handler does not return. Any thread.
+  std::uint64_t turns() const { return turns_.load(std::memory_order_relaxed); }
+
   // How long the server may take to end once everything has been cancelled; 30 s unless it is set,
   // and no limit when it is not positive. What has not ended by then never will, as when gRPC has
   // run out of memory in the middle of a call: a trace line at level 0 says so, and the process is
@@ -139,6 +143,7 @@ class VORN_EXPORT GrpcServer {
   std::vector<std::shared_ptr<GrpcService>> services_;
   vorn::tracer tracer_;
   std::atomic<bool> stopRequested_ = false;
+  std::atomic<std::uint64_t> turns_ = 0;
   TagManager tagManager_;
   ServerProperties* properties_;
   bool accountingEnabled_;

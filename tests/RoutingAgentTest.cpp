@@ -384,7 +384,9 @@ TEST(Options, OfAFileNameTheirLinesWhenTheyAreWrong) {
   for (const auto& [text, message] : std::initializer_list<std::pair<const char*, const char*>>{
            {"\nbogus = 1", "agent.conf:2: unknown key bogus"},
            {"help = true", "agent.conf:1: unknown key help"},
-           {"netns = ['a']", "agent.conf:1: netns takes a text in double quotes, or a number"},
+           {"netns = ['a']", "agent.conf:1: netns takes a text in double quotes"},
+           {"listen = 7", "agent.conf:1: listen takes a text in double quotes"},
+           {"step-ms = '7'", "agent.conf:1: step-ms takes a number"},
            {"log = ''", "agent.conf:1: log needs a value"},
            {"listen = []", "agent.conf:1: listen needs a value"},
            {"log = \"a\\u0000b\"", "agent.conf:1: log has a NUL in it"},

@@ -23,6 +23,8 @@ struct IdentityOptions {
   bool loopback = false;  // loopback addresses use gRPC's local credentials instead of TLS
   std::string policy;     // who may call what; empty: everybody everything
   bool policyDryRun = false;  // the policy only tells
+
+  bool operator==(const IdentityOptions&) const = default;
 };
 
 // The credentials of the agent's addresses. Reads the certificates and the policy, and goes on

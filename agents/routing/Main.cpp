@@ -16,6 +16,7 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <functional>
 #include <memory>
 #include <system_error>
 
@@ -24,21 +25,31 @@
 #include "agents/routing/Listening.h"
 #include "agents/routing/Options.h"
 #include "agents/routing/PolicyService.h"
+#include "agents/routing/ReloadOnSignal.h"
 #include "agents/routing/RoutingService.h"
 #include "agents/routing/SbfdService.h"
 #include "agents/routing/StateService.h"
+#include "agents/routing/Supervision.h"
 #include "agents/routing/Tables.h"
 
 namespace routing_agent {
 
 namespace {
 
-// Says where the agent listens, once it does: a service without methods, the last one to be
-// started.
+// How long the server may take to end once everything has been cancelled.
+constexpr std::chrono::seconds kStopTimeout{30};
+
+// Says where the agent listens, once it does, and tells the service manager of the agent's life: a
+// service without methods, the last one to be started.
 class Announcement : public VornSdkRpc::GrpcService {
  public:
-  Announcement(const std::vector<std::string>& listen, const std::vector<int>& ports)
-      : GrpcService("Announcement"), listen_(listen), ports_(ports) {}
+  Announcement(const Options& options, const std::vector<int>& ports)
+      : GrpcService("Announcement"),
+        listen_(options.listen),
+        ports_(ports),
+        grace_(options.grace) {}
+
+  void supervisionIs(Supervision& supervision) { supervision_ = &supervision; }
 
  private:
   void registerWith(grpc::ServerBuilder&) override {}
@@ -49,10 +60,15 @@ class Announcement : public VornSdkRpc::GrpcService {
       std::printf("\n");
     }
     std::fflush(stdout);
+    supervision_->ready();
   }
+  void drainingChanged() override { supervision_->stopping(grace_ + kStopTimeout); }
+  void stoppingChanged() override { supervision_->stopping(kStopTimeout); }
 
   const std::vector<std::string>& listen_;
   const std::vector<int>& ports_;
+  const std::chrono::milliseconds grace_;
+  Supervision* supervision_ = nullptr;
 };
 
 std::string joined(const std::vector<std::string>& words) {
@@ -70,14 +86,36 @@ void applyTrace(const Options& options) try {
   throw UsageError(error.what());
 }
 
-void openLog(const Options& options) try {
-  if (options.log == "-") {
-    Kiv::platformLogger().sinks() = {std::make_shared<Kiv::StderrSink>()};
-  } else if (!options.log.empty()) {
-    Kiv::platformLogger().sinks() = {std::make_shared<Kiv::FileSink>(options.log)};
-  }
+// Answers the log's file, null where it goes elsewhere.
+std::shared_ptr<Kiv::FileSink> openLog(const Options& options) try {
+  if (options.log == "-") Kiv::platformLogger().sinks() = {std::make_shared<Kiv::StderrSink>()};
+  if (options.log == "-" || options.log.empty()) return nullptr;
+  auto file = std::make_shared<Kiv::FileSink>(options.log);
+  Kiv::platformLogger().sinks() = {file};
+  return file;
 } catch (const std::exception& error) {
   throw UsageError(error.what());
+}
+
+// Reads again what can be read again while the agent runs.
+void reload(const Options& before, const std::function<Options()>& read, Kiv::FileSink* log) {
+  const vorn::tracer tracer("Agent");
+  try {
+    const Options now = read();
+    applyTrace(now);
+    if (now.withoutTrace() != before.withoutTrace())
+      tracer.trace0("reload: options other than the trace wait for the next start");
+    if (log) log->reopen();
+    tracer.trace0("reload: done");
+  } catch (const std::exception& error) {
+    tracer.trace0("reload: %s", error.what());
+  }
+}
+
+std::string statusOf(const Backlog& backlog) {
+  const auto figures = backlog.figures();
+  return std::to_string(figures.items) + " changes wait, " + std::to_string(figures.done) +
+         " done, " + std::to_string(figures.failed) + " failed";
 }
 
 void checkNetns(const std::string& name) try {
@@ -108,9 +146,9 @@ void check(const Options& options) {
   accessFor(options.identity);
 }
 
-void serve(const Options& options) {
+void serve(const Options& options, const std::function<Options()>& readAgain) {
   applyTrace(options);
-  openLog(options);
+  const auto log = openLog(options);
   checkNetns(options.netns);
 
   // gRPC's standard services, for tools that ask any server for its health and its methods.
@@ -134,16 +172,28 @@ void serve(const Options& options) {
   SbfdMonitor monitor;
   Backlog backlog(options.stepTime, options.backlogMib << 20);
   VornSdkRpc::ServerProperties properties{options.netns};
+  const auto announcement = std::make_shared<Announcement>(options, ports);
   VornSdkRpc::GrpcServer server(
       builder,
       {std::make_shared<RoutingService>(tables, backlog, options.listen, kernel.get()),
        std::make_shared<SbfdService>(monitor, backlog, options.listen),
        std::make_shared<StateService>(tables, backlog, options.listen),
-       std::make_shared<PolicyService>(access.policy()),
-       std::make_shared<Announcement>(options.listen, ports)},
+       std::make_shared<PolicyService>(access.policy()), announcement},
       properties, options.accounting);
+  Supervision supervision(
+      [&backlog] { return statusOf(backlog); },
+      {{"serving thread", [&server] { return server.turns(); }, [] { return false; }},
+       {"backlog", [&backlog] { return backlog.figures().done; },
+        [&backlog] { return backlog.figures().items == 0; }}});
+  announcement->supervisionIs(supervision);
+  server.stopTimeoutIs(kStopTimeout);
   const StopBacklog stopBacklog(backlog);  // before the services go that its changes refer to
-  const VornSdkRpc::StopOnSignal stopOnSignal(server);
+  const VornSdkRpc::StopOnSignal stopOnSignal(server, options.grace);
+  const ReloadOnSignal reloadOnSignal([&] {
+    supervision.reloading();
+    reload(options, readAgain, log.get());
+    supervision.ready();
+  });
   try {
     server.run();
   } catch (const VornSdkRpc::ServerFailedError&) {
@@ -158,6 +208,7 @@ void serve(const Options& options) {
 int main(int argc, char** argv) {
   using namespace routing_agent;
   VornSdkRpc::StopOnSignal::holdSignals();
+  ReloadOnSignal::holdSignal();
   std::signal(SIGPIPE, SIG_IGN);
   umask(0177);  // socket and log files are the agent's own, mode 0600
   grpcLogToTrace();
@@ -170,7 +221,7 @@ int main(int argc, char** argv) {
     if (options.checkConfig) {
       check(options);
     } else {
-      serve(options);
+      serve(options, [&] { return parseOptions(argc, argv); });
     }
     return 0;
   } catch (const UsageError& error) {

@@ -19,7 +19,8 @@ using Values = std::vector<std::string>;  // never empty; one, unless the option
 // One option, on the command line and in the configuration file.
 struct Option {
   std::string_view name;      // with dashes; a key of the file has none
-  std::string_view argument;  // what the help calls its value; empty for a switch
+  std::string_view argument;  // what the help calls its value; empty for a switch. A number in the
+                              // file for NUMBER and SECONDS, and a text for all others
   std::string_view help;      // its lines
   // Throws UsageError, without the option's name.
   void (*set)(Options& options, const Values& values);
@@ -93,6 +94,13 @@ const Option kOptions[] = {
      [](Options& options, const Values& values) {
        options.keepalive = std::chrono::milliseconds(number(values[0], 100, 3600000));
      }},
+    {"--grace", "SECONDS",
+     "what SIGTERM and SIGINT give the calls in progress: new ones are\n"
+     "refused at once, and the second signal stops the agent at once\n"
+     "(default: 0)",
+     [](Options& options, const Values& values) {
+       options.grace = std::chrono::seconds(number(values[0], 0, 86400));
+     }},
     {"--no-accounting", "", "do not write a log record for every call",
      [](Options& options, const Values&) { options.accounting = false; }},
     {"--log", "FILE",
@@ -156,14 +164,17 @@ Values valuesOf(const Option& option, std::vector<char*>& arguments) {
   throw UsageError(source + ":" + std::to_string(place.begin.line) + ": " + why);
 }
 
-std::string scalarOf(const toml::node& node) {
-  if (const auto text = node.value_exact<std::string>()) {
-    if (text->empty()) throw UsageError("needs a value");
-    if (text->find('\0') != std::string::npos) throw UsageError("has a NUL in it");
-    return *text;
+std::string scalarOf(const Option& option, const toml::node& node) {
+  if (option.argument == "NUMBER" || option.argument == "SECONDS") {
+    const auto integer = node.value_exact<std::int64_t>();
+    if (!integer) throw UsageError("takes a number");
+    return std::to_string(*integer);
   }
-  if (const auto integer = node.value_exact<std::int64_t>()) return std::to_string(*integer);
-  throw UsageError("takes a text in double quotes, or a number");
+  const auto text = node.value_exact<std::string>();
+  if (!text) throw UsageError("takes a text in double quotes");
+  if (text->empty()) throw UsageError("needs a value");
+  if (text->find('\0') != std::string::npos) throw UsageError("has a NUL in it");
+  return *text;
 }
 
 // Empty for a switch that is off.
@@ -174,10 +185,10 @@ Values valuesOf(const Option& option, const toml::node& node) {
     return *on ? Values{""} : Values{};
   }
   const auto* list = node.as_array();
-  if (!list || !option.repeats) return {scalarOf(node)};
+  if (!list || !option.repeats) return {scalarOf(option, node)};
   Values values;
   for (const auto& element : *list)
-    values.push_back(scalarOf(element));
+    values.push_back(scalarOf(option, element));
   if (values.empty()) throw UsageError("needs a value");
   return values;
 }
@@ -255,7 +266,8 @@ std::string help() {
     text += line + "\n";
   }
   return text + R"(
-SIGINT and SIGTERM stop the agent. It exits with 0 after a clean stop, with 2 when an
+SIGINT and SIGTERM stop the agent. SIGHUP has it open its log file again, for logrotate,
+and read the trace setting of the configuration file. It exits with 0 after a clean stop, with 2 when an
 option is wrong or it can't listen, and with 1 when something else fails.
 )";
 }

@@ -24,12 +24,22 @@ struct Options {
   std::size_t backlogMib = 64;            // mebibytes of changes that may wait to be programmed
   // Silence after which a peer is asked whether it lives.
   std::chrono::milliseconds keepalive{10000};
+  std::chrono::milliseconds grace{0};  // what calls in progress are given when the agent is stopped
   // File of the platform log, "-" for standard error; empty: the platform's default.
   std::string log;
   std::string trace;         // trace setting
   bool help = false;         // print help() and exit
   bool version = false;      // print version() and exit
   bool checkConfig = false;  // say whether the agent could start like this, and exit
+
+  bool operator==(const Options&) const = default;
+
+  // The same, with the default trace setting.
+  Options withoutTrace() const {
+    Options others = *this;
+    others.trace.clear();
+    return others;
+  }
 };
 
 // A command line or a configuration file that can't be followed. what() is one line for the user.
