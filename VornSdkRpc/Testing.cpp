@@ -1,5 +1,6 @@
 #include <VornSdkRpc/Testing.h>
 
+#include <Kiv/Trace.h>
 #include <VornSdkRpc/InsecureCredentials.h>
 #include <dirent.h>
 #include <grpcpp/security/auth_metadata_processor.h>
@@ -27,12 +28,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::seconds kPatience(10);
-
-// Waits until a condition holds; answers false when it does not for long.
+// Waits until a condition holds; answers false when it does not in time.
 template <typename Condition>
-bool holdsInTime(Condition condition) {
-  for (const auto end = Clock::now() + kPatience; !condition();) {
+bool holdsWithin(std::chrono::milliseconds patience, Condition condition) {
+  for (const auto end = Clock::now() + patience; !condition();) {
     if (Clock::now() > end) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
@@ -126,6 +125,7 @@ std::string nameOfThread(const std::string& id) {
 
 // The process's threads but for gRPC's, which have names of their own and come and go.
 std::set<std::string> threads() {
+  Kiv::traceLogger();  // has one for good, which is not to appear in between
   const std::string program = nameOfThread(std::to_string(getpid()));
   std::set<std::string> found;
   const std::unique_ptr<DIR, int (*)(DIR*)> folder(opendir("/proc/self/task"), closedir);
@@ -167,15 +167,18 @@ class TestServer::Machine {
       : threadsBefore_(threads()),
         services_(services),
         byHand_(options.byHand),
+        patience_(options.patience),
         folder_(options.socket ? std::make_unique<Folder>() : nullptr),
         address_(folder_ ? "unix:" + folder_->socket() : ""),
-        server_(std::make_unique<GrpcServer>(configured(options), std::move(services),
-                                             properties_)) {
-    if (byHand_) return setUp();
-    std::promise<void> up;
-    thread_ = std::thread([&] { serve(up); });
+        server_(
+            std::make_unique<GrpcServer>(configured(options), std::move(services), properties_)) {
+    if (byHand_) {
+      setUp();
+      return;
+    }
+    thread_ = std::thread([this] { serve(); });
     try {
-      up.get_future().get();
+      up_.get_future().get();
     } catch (...) {
       thread_.join();
       throw;
@@ -197,14 +200,14 @@ class TestServer::Machine {
     builder_.reset();
     server_.reset();
     services_.clear();
-    if (!holdsInTime([&] { return newThreads() == 0; }))
+    if (!holdsWithin(patience_, [&] { return newThreads() == 0; }))
       left += std::to_string(newThreads()) + " threads run on\n";
     return left;
   }
 
   bool settle() {
     const auto idle = [&] { return server_->tagManager().size() <= tagsAtFirst_; };
-    return holdsInTime([&] {
+    return holdsWithin(patience_, [&] {
       if (byHand_ && !idle()) step();
       return idle();
     });
@@ -218,7 +221,8 @@ class TestServer::Machine {
 
   void drain(std::chrono::milliseconds grace) {
     if (!folder_)
-      throw std::logic_error("a drain is tested over a socket: TestServer(services, {.socket = true})");
+      throw std::logic_error(
+          "a drain is tested over a socket: TestServer(services, {.socket = true})");
     if (std::exchange(ended_, true)) return;
     server_->stop(grace);
     end();
@@ -240,7 +244,7 @@ class TestServer::Machine {
         address_, grpc::InsecureChannelCredentials(), arguments, std::move(creators));
     // gRPC 1.51's client sometimes takes a stale errno for a refusal and then fails calls for a
     // second; waiting for the connection is not hurt by it.
-    channel->WaitForConnected(std::chrono::system_clock::now() + kPatience);
+    channel->WaitForConnected(std::chrono::system_clock::now() + patience_);
     return channel;
   }
 
@@ -284,13 +288,13 @@ class TestServer::Machine {
   }
 
   // The serving thread: that of setup() and of every step.
-  void serve(std::promise<void>& up) {
+  void serve() {
     try {
       setUp();
     } catch (...) {
-      return up.set_exception(std::current_exception());
+      return up_.set_exception(std::current_exception());
     }
-    up.set_value();
+    up_.set_value();
     run();
   }
 
@@ -305,6 +309,7 @@ class TestServer::Machine {
   const std::set<std::string> threadsBefore_;
   std::vector<std::shared_ptr<GrpcService>> services_;
   const bool byHand_;
+  const std::chrono::milliseconds patience_;
   const std::unique_ptr<Folder> folder_;
   const std::string address_;
   RecordQueue queue_;
@@ -315,6 +320,7 @@ class TestServer::Machine {
   std::unique_ptr<GrpcServer> server_;
   std::size_t tagsAtFirst_ = 0;
   bool ended_ = false;
+  std::promise<void> up_;
   std::thread thread_;
 };
 

@@ -3,12 +3,14 @@
 // An agent's services under test, without a port: a server of the services that a test gives it,
 // on a channel in the process or on a Unix socket of its own.
 //
-//   TEST(Routing, RefusesABadPrefix) {
-//     VornSdkRpc::testing::TestServer server({std::make_shared<RoutingService>(table)});
-//     const auto stub = server.stub<Routing>();
-//     const auto answer = VornSdkRpc::testing::call(*stub, &Routing::Stub::Set, badRoute);
-//     EXPECT_EQ(answer.status.error_code(), grpc::INVALID_ARGUMENT);
-//     EXPECT_THAT(server.records(), ...);  // what would have been accounted
+//   TEST(Changes, ARouteIsProgrammedAndAccounted) {
+//     RouteTable table;
+//     VornSdkRpc::testing::TestServer server({std::make_shared<ChangeService>(table)});
+//     const auto stub = server.stub<Changes>();
+//     const auto answer = VornSdkRpc::testing::call(*stub, &Changes::Stub::Program,
+//     ip_route_msg()); EXPECT_TRUE(answer.status.ok()); EXPECT_EQ(table.after(0).size(), 1U);
+//     EXPECT_EQ(server.records().at(0).rpc, "/snippets.Changes/Program");
+//     EXPECT_EQ(server.finish(), "");
 //   }
 //
 // The server is up when the constructor is done. When it ends, it looks whether anything is left
@@ -40,6 +42,9 @@ struct TestServerOptions {
   // The test turns the server's steps by hand, with step(); otherwise a thread runs it.
   bool byHand = false;
 
+  // How long what should end by itself may take; what is not over by then is left behind.
+  std::chrono::milliseconds patience = std::chrono::seconds(10);
+
   // Has a hand in the builder before the server is built.
   std::function<void(grpc::ServerBuilder&)> configure = nullptr;
 };
@@ -58,7 +63,7 @@ class TestServer {
   TestServer& operator=(const TestServer&) = delete;
 
   // Stops the server and destroys it, and tells what is left behind by then, a line each; an empty
-  // text when nothing is. A server that has not been stopped by hand is given 10 s for its calls to
+  // text when nothing is. The calls of a server that has not been stopped are given the patience to
   // end first: those that go on are left behind. So is a thread of the program's that was not there
   // before; gRPC's own are not counted, and one that the test itself has started must have ended.
   // For test frameworks: EXPECT_EQ(server.finish(), "").
@@ -89,7 +94,7 @@ class TestServer {
   bool step();
 
   // Waits until the calls that have ended for their clients have ended for the server, and the
-  // registry holds no more than it did at first. Answers false when calls go on after 10 s.
+  // registry holds no more than it did at first. Answers false when calls go on after the patience.
   bool settle();
 
   GrpcServer& server();

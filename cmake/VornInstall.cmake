@@ -3,9 +3,10 @@
 set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/VornSdkRpcLib)
 
 install(
-  TARGETS VornSdkRpcLib VornSdkRpcProtos VornPlatform VornSdkRpcCertificates
+  TARGETS VornSdkRpcLib VornSdkRpcProtos VornPlatform VornSdkRpcCertificates VornSdkRpcTesting
   EXPORT VornSdkRpcLibTargets
   LIBRARY COMPONENT runtime NAMELINK_COMPONENT dev
+  ARCHIVE COMPONENT dev
   INCLUDES
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
 )

@@ -1,24 +1,12 @@
 #include <VornSdkRpc/GrpcServer.h>
-#include <VornSdkRpc/Rpc.h>
 #include <VornSdkRpc/Utils.h>
 #include <unistd.h>
 
 #include <thread>
 
-#include "Agent.grpc.pb.h"
+#include "RoutesService.h"
 
 using namespace embedding;
-namespace pb = VornSdkRpc::pb;
-
-class RoutesService : public VornSdkRpc::rpc::Service<Routes> {
- public:
-  RoutesService() : Service("Routes") {
-    method(&Async::RequestFind, [](const name_msg& wanted, pb::ip_route_msg& route) {
-      route.set_nexthop_group(wanted.name());
-      return grpc::Status::OK;
-    });
-  }
-};
 
 // Serves and makes one call, and prints the reply: the libraries, the messages and the stubs are
 // linked, found and work.
