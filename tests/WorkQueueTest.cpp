@@ -2,8 +2,11 @@
 #include <VornSdkRpc/WorkQueue.h>
 #include <gmock/gmock.h>
 
+#include <array>
 #include <latch>
 #include <stdexcept>
+#include <thread>
+#include <vector>
 
 #include "tests/Capture.h"
 
