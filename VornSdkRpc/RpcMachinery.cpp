@@ -1,5 +1,6 @@
 #include <VornSdkRpc/RpcMachinery.h>
 
+#include <VornSdkRpc/CallNote.h>
 #include <VornSdkRpc/RpcEvent.h>
 #include <VornSdkRpc/RpcService.h>
 #include <google/protobuf/descriptor.h>
@@ -27,6 +28,11 @@ void finishWith(Stream& stream, const MessageLite* reply, const grpc::Status& st
   } else {
     stream.Finish(status, tag);
   }
+}
+
+grpc::Status overLimit(const grpc::ServerContext& context, const char* text) {
+  noteLimit(context);
+  return {grpc::StatusCode::RESOURCE_EXHAUSTED, text};
 }
 
 bool hasOneReply(Kind kind) { return kind == Kind::unary || kind == Kind::clientStreaming; }
@@ -169,14 +175,11 @@ void Exchange::arrived() {
 std::optional<grpc::Status> Exchange::refusal() {
   if (auto status = service().refusal(context_, method_, mark())) return status;
   if (method_.options.limit != 0 && method_.inProgress >= method_.options.limit)
-    return grpc::Status(grpc::StatusCode::RESOURCE_EXHAUSTED,
-                        "too many calls of this method are in progress");
+    return overLimit(context_, "too many calls of this method are in progress");
   for (const auto& limits : {service().limits_, method_.options.limits}) {
     if (!limits) continue;
     auto claim = limits->claim(context_);
-    if (!claim)
-      return grpc::Status(grpc::StatusCode::RESOURCE_EXHAUSTED,
-                          "too many calls of this client are in progress");
+    if (!claim) return overLimit(context_, "too many calls of this client are in progress");
     claims_.push_back(*std::move(claim));
   }
   counted_ = true;
@@ -358,6 +361,7 @@ void Exchange::readDone(bool ok) {
   reading_ = false;
   active();
   if (concluding_) return;
+  if (ok) noteBytesIn(context_, mark().size);
   if (ok && !mark().malformed) {
     received_ = true;
   } else if (ok) {
@@ -427,6 +431,7 @@ Status SerializationTraits<Arriving, void>::Deserialize(ByteBuffer* bytes, Arriv
   }
   auto* message = reinterpret_cast<MessageLite*>(arriving);
   auto* mark = reinterpret_cast<Mark*>(arriving) - 1;
+  mark->size = bytes->Length();
   mark->malformed = !SerializationTraits<MessageLite>::Deserialize(bytes, message).ok();
   return Status::OK;
 }

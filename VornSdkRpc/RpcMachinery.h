@@ -62,6 +62,7 @@ grpc::Status noMessage();  // what answers bytes that are no message
 // stream, and gives up a unary call without a word; here they are marked and arrive.
 struct alignas(std::max_align_t) Mark {
   bool malformed = false;
+  std::size_t size = 0;  // in bytes, as it arrived
 };
 
 template <typename Message>

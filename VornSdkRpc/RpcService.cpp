@@ -1,5 +1,6 @@
 #include <VornSdkRpc/RpcService.h>
 
+#include <VornSdkRpc/CallNote.h>
 #include <google/protobuf/descriptor.h>
 
 #include <algorithm>
@@ -153,6 +154,7 @@ void ServiceBase::ask(const detail::Method& method, grpc::ServerContext& context
 std::optional<grpc::Status> ServiceBase::refusal(grpc::ServerContext& context,
                                                  const detail::Method& method,
                                                  const detail::Mark& mark) try {
+  noteBytesIn(context, mark.size);
   if (mark.malformed) return detail::noMessage();
   return admit(context, method.path());
 } catch (...) {

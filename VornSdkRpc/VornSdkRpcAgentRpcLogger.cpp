@@ -4,9 +4,9 @@
 #include <Kiv/Log.h>
 #include <Kiv/Trace.h>
 #include <Velm/FmTrace.h>
-#include <VornSdkRpc/Completion.h>
+#include <VornSdkRpc/AccountingLine.h>
+#include <VornSdkRpc/RefusedMessage.h>
 #include <fmt/format.h>
-#include <grpc/grpc.h>
 #include <grpcpp/server_context.h>
 
 #include <chrono>
@@ -56,15 +56,6 @@ std::string propertyOr(const grpc::AuthContext& context, const char* name, const
   return std::string(first.data(), strnlen(first.data(), first.size()));
 }
 
-// Whether gRPC has refused a message that it was asked to read. (To a handler it looks like the end
-// of the client's stream, where a read succeeds without a message.)
-bool isRefusedMessage(grpc::experimental::InterceptorBatchMethods& methods,
-                      grpc::experimental::ServerRpcInfo& info) {
-  return completion::current() == completion::Current::failed &&
-         methods.GetRecvMessage() == nullptr &&
-         grpc_call_failed_before_recv_message(info.server_context()->c_call()) == 0;
-}
-
 void traceBatch(unsigned long size) noexcept {
   try {
     if (_defaultTraceHandle().enabled(8)) {
@@ -107,8 +98,7 @@ class RecordWriter {
 
   static bool isWritten(const LogMessageData& record) {
     try {
-      Kiv::log(accountingLogHandle, record.user, record.session, record.peer, record.rpc,
-               record.status);
+      writeAccountingLine(record);
       return true;
     } catch (const std::exception&) {
       return false;
@@ -133,12 +123,17 @@ class RecordWriter {
 
 }  // namespace
 
+void writeAccountingLine(const LogMessageData& record) {
+  Kiv::log(accountingLogHandle, record.user, record.session, record.peer, record.rpc,
+           record.status);
+}
+
 void LoggingInterceptor::Intercept(grpc::experimental::InterceptorBatchMethods* methods) {
   using Point = grpc::experimental::InterceptionHookPoints;
   if (methods->QueryInterceptionHookPoint(Point::POST_RECV_INITIAL_METADATA))
     peer_ = info_->server_context()->peer();
   if (methods->QueryInterceptionHookPoint(Point::POST_RECV_MESSAGE) &&
-      isRefusedMessage(*methods, *info_)) {
+      methods->GetRecvMessage() == nullptr && isRefusedMessage(*info_)) {
     messageRefused_ = true;
   }
   if (methods->QueryInterceptionHookPoint(Point::PRE_SEND_STATUS)) account(*methods);

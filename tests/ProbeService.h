@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <future>
 #include <memory>
 #include <string>
@@ -234,10 +235,18 @@ inline void streamAHundredEachWay(Probe::Stub& stub) {
 // stopped. With accounting, the records are complete when it has been destroyed.
 class RunningServer {
  public:
+  using Configure = std::function<void(grpc::ServerBuilder&)>;
+
   explicit RunningServer(std::vector<std::shared_ptr<VornSdkRpc::GrpcService>> services,
                          bool accounting = false, std::string host = "127.0.0.1")
+      : RunningServer(std::move(services),
+                      accounting ? &VornSdkRpc::installAccounting : Configure(), std::move(host)) {}
+
+  // `configure`, if given, has its turn with the builder.
+  RunningServer(std::vector<std::shared_ptr<VornSdkRpc::GrpcService>> services,
+                const Configure& configure, std::string host = "127.0.0.1")
       : host_(std::move(host)),
-        server_(listening(builder_, host_, port_, accounting), with(std::move(services), started_),
+        server_(listening(builder_, host_, port_, configure), with(std::move(services), started_),
                 properties_),
         thread_([this] { server_.run(); }) {
     started_->running.get_future().wait();
@@ -273,8 +282,8 @@ class RunningServer {
   };
 
   static grpc::ServerBuilder& listening(grpc::ServerBuilder& builder, const std::string& host,
-                                        int& port, bool accounting) {
-    if (accounting) VornSdkRpc::installAccounting(builder);
+                                        int& port, const Configure& configure) {
+    if (configure) configure(builder);
     return builder.AddListeningPort(host + ":0", grpc::InsecureServerCredentials(), &port);
   }
   static std::vector<std::shared_ptr<VornSdkRpc::GrpcService>> with(

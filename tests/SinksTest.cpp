@@ -7,7 +7,6 @@
 #include <Kiv/Trace.h>
 #include <gmock/gmock.h>
 #include <spdlog/logger.h>
-#include <sys/resource.h>
 
 #include <atomic>
 #include <csignal>
@@ -18,6 +17,7 @@
 #include <thread>
 
 #include "tests/Capture.h"
+#include "tests/FullAt.h"
 #include "tests/FullStderr.h"
 #include "tests/ProbeService.h"
 
@@ -39,22 +39,6 @@ spdlog::logger loggerOf(const spdlog::sink_ptr& sink) {
   logger.set_error_handler([](const std::string&) {});
   return logger;
 }
-
-// The disk is full at a size, for as long as this lives.
-class FullAt {
- public:
-  explicit FullAt(rlim_t size) {
-    getrlimit(RLIMIT_FSIZE, &before_);
-    const rlimit limit{size, before_.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &limit);
-  }
-  ~FullAt() { setrlimit(RLIMIT_FSIZE, &before_); }
-  FullAt(const FullAt&) = delete;
-  FullAt& operator=(const FullAt&) = delete;
-
- private:
-  rlimit before_;
-};
 
 TEST(FileSink, GluesNoLineToTheRestOfAnother) {
   std::signal(SIGXFSZ, SIG_IGN);

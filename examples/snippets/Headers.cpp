@@ -4,6 +4,9 @@
 #include <Kiv/Log.h>
 #include <Kiv/QueuedSink.h>
 #include <Kiv/Trace.h>
+#include <VornSdkRpc/CallAccounting.h>
+#include <VornSdkRpc/CallJson.h>
+#include <VornSdkRpc/CallNote.h>
 #include <VornSdkRpc/Certificates.h>
 #include <VornSdkRpc/GrpcServer.h>
 #include <VornSdkRpc/InsecureCredentials.h>
@@ -50,6 +53,24 @@ void options(int argc, char** argv) {
   const bool verbose = VornSdkRpc::argv::isOptionPresent(args, "--verbose");
   // [Argv]
   Kiv::traceSettingIs(std::string(name) + (verbose ? "/8" : "/0"));
+}
+
+void recordedCalls(grpc::ServerBuilder& builder,
+                   const std::shared_ptr<grpc::ServerCredentials>& credentials,
+                   const std::shared_ptr<grpc::AuthMetadataProcessor>& identity) {
+  // [CallAccounting]
+  VornSdkRpc::CallAccounting accounting;
+  accounting.add(VornSdkRpc::accountingLines());
+  accounting.add(std::make_unique<VornSdkRpc::CallJsonFile>("/var/log/agent/calls.json"));
+  accounting.install(builder);
+  credentials->SetAuthMetadataProcessor(accounting.recorded(identity));
+  // [CallAccounting]
+}
+
+void noted(const grpc::ServerContext& context, const Route& route) {
+  // [CallNote]
+  VornSdkRpc::noteOperation(context, "delete", toString(route.prefix()));
+  // [CallNote]
 }
 
 void rotatedCertificates(grpc::ServerBuilder& builder,

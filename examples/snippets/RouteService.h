@@ -1,5 +1,6 @@
 #pragma once
 
+#include <VornSdkRpc/CallNote.h>
 #include <VornSdkRpc/Conversions.h>
 #include <VornSdkRpc/MessagePrinters.h>
 #include <VornSdkRpc/PeerInfo.h>
@@ -134,6 +135,7 @@ class RouteService : public rpc::Service<Routes> {
       table_.add(route);
       count.set_count(count.count() + 1);
     }
+    VornSdkRpc::noteOperation(routes.context(), "load", "routes", count.count());
     if (routes.cancelled()) co_return grpc::Status::CANCELLED;
     co_return grpc::Status::OK;
   }

@@ -1,0 +1,26 @@
+#include <VornSdkRpc/ConnectionTexts.h>
+
+#include <grpc/grpc_security_constants.h>
+
+#include <cstring>
+
+namespace VornSdkRpc {
+
+std::string_view ConnectionTexts::proof() const {
+  const auto told = first("peer-proof", "");
+  if (!told.empty()) return told;
+  const auto transport = first(GRPC_TRANSPORT_SECURITY_TYPE_PROPERTY_NAME, "");
+  if (transport == GRPC_SSL_TRANSPORT_SECURITY_TYPE)
+    return grpc_auth_context_peer_is_authenticated(context_) != 0 ? "certificate" : "tls";
+  return transport == "local" ? "local" : "none";
+}
+
+std::string_view ConnectionTexts::first(const char* name, std::string_view missing) const {
+  if (context_ == nullptr) return missing;
+  auto values = grpc_auth_context_find_properties_by_name(context_, name);
+  const auto* const value = grpc_auth_property_iterator_next(&values);
+  if (value == nullptr) return missing;
+  return {value->value, strnlen(value->value, value->value_length)};
+}
+
+}  // namespace VornSdkRpc
