@@ -2,6 +2,7 @@
 
 #include <Kiv/Trace.h>
 #include <VornSdkRpc/InsecureCredentials.h>
+#include <VornSdkRpc/RpcService.h>
 #include <dirent.h>
 #include <grpcpp/security/auth_metadata_processor.h>
 #include <grpcpp/support/client_interceptor.h>
@@ -16,6 +17,7 @@
 #include <fstream>
 #include <future>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <stdexcept>
 #include <system_error>
@@ -195,7 +197,7 @@ class TestServer::Machine {
   std::string finish() {
     if (!server_) return "";
     std::string left;
-    if (!ended_ && !settle()) left += "calls are in progress\n";
+    if (!ended_ && !settle()) left += callsInProgress();
     stop();
     builder_.reset();
     server_.reset();
@@ -229,6 +231,12 @@ class TestServer::Machine {
   }
 
   bool step() { return server_->dequeue(); }
+
+  void advance(std::chrono::nanoseconds time) {
+    time_ = time_.value_or(rpc::Clock::now()) + time;
+    for (auto* service : kitServices())
+      service->timeIs(*time_);
+  }
 
   std::shared_ptr<grpc::Channel> channel(const Identity& identity) const {
     if (!identity.empty() && !folder_)
@@ -282,8 +290,10 @@ class TestServer::Machine {
   }
 
   void run() {
-    while (!server_->stopRequested())
+    while (!server_->stopRequested()) {
       step();
+      runTasks();
+    }
     server_->teardown();
   }
 
@@ -296,6 +306,44 @@ class TestServer::Machine {
     }
     up_.set_value();
     run();
+  }
+
+  std::vector<rpc::ServiceBase*> kitServices() const {
+    std::vector<rpc::ServiceBase*> found;
+    for (const auto& service : services_) {
+      if (auto* kit = dynamic_cast<rpc::ServiceBase*>(service.get())) found.push_back(kit);
+    }
+    return found;
+  }
+
+  std::string callsInProgress() {
+    std::string lines;
+    betweenSteps([&] {
+      for (auto* service : kitServices()) {
+        for (const auto& call : service->calls())
+          lines += call.method + " of " + call.peer + " waits for " + call.waitsFor + "\n";
+      }
+    });
+    return lines.empty() ? "calls are in progress\n" : lines;
+  }
+
+  // Has the serving thread call a function, and waits until it has.
+  void betweenSteps(const std::function<void()>& function) {
+    if (byHand_) return function();
+    std::packaged_task<void()> task(function);
+    const auto done = task.get_future();
+    {
+      const std::lock_guard lock(tasksMutex_);
+      tasks_.push_back(std::move(task));
+    }
+    done.wait();
+  }
+
+  void runTasks() {
+    const std::lock_guard lock(tasksMutex_);
+    for (auto& task : tasks_)
+      task();
+    tasks_.clear();
   }
 
   void end() { byHand_ ? run() : thread_.join(); }
@@ -315,6 +363,9 @@ class TestServer::Machine {
   RecordQueue queue_;
   std::mutex recordsMutex_;
   std::vector<LogMessageData> records_;
+  std::optional<rpc::Clock::time_point> time_;
+  std::mutex tasksMutex_;
+  std::vector<std::packaged_task<void()>> tasks_;
   ServerProperties properties_;
   std::unique_ptr<grpc::ServerBuilder> builder_;
   std::unique_ptr<GrpcServer> server_;
@@ -342,6 +393,8 @@ void TestServer::stop() { machine_->stop(); }
 void TestServer::drain(std::chrono::milliseconds grace) { machine_->drain(grace); }
 
 bool TestServer::step() { return machine_->step(); }
+
+void TestServer::advance(std::chrono::nanoseconds time) { machine_->advance(time); }
 
 bool TestServer::settle() { return machine_->settle(); }
 

@@ -64,9 +64,9 @@ class TestServer {
 
   // Stops the server and destroys it, and tells what is left behind by then, a line each; an empty
   // text when nothing is. The calls of a server that has not been stopped are given the patience to
-  // end first: those that go on are left behind. So is a thread of the program's that was not there
-  // before; gRPC's own are not counted, and one that the test itself has started must have ended.
-  // For test frameworks: EXPECT_EQ(server.finish(), "").
+  // end first: those that go on are left behind, and the kit tells what they wait for. So is a
+  // thread of the program's that was not there before; gRPC's own are not counted, and one that the
+  // test itself has started must have ended. For test frameworks: EXPECT_EQ(server.finish(), "").
   std::string finish();
 
   // A new connection, made by now. Throws std::logic_error for an identity without a socket.
@@ -92,6 +92,10 @@ class TestServer {
   // whether something was done. Calls come from other threads or by gRPC's asynchronous clients
   // meanwhile.
   bool step();
+
+  // Time by which the waits of the kit's calls go stands still from the first call of this on, and
+  // moves by so much with each; zero only stops it. Waits whose time has come end by themselves.
+  void advance(std::chrono::nanoseconds time);
 
   // Waits until the calls that have ended for their clients have ended for the server, and the
   // registry holds no more than it did at first. Answers false when calls go on after the patience.

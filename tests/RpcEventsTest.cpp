@@ -1,4 +1,5 @@
 #include <VornSdkRpc/Rpc.h>
+#include <VornSdkRpc/Testing.h>
 
 #include <array>
 #include <atomic>
@@ -68,8 +69,8 @@ void waitForSubscriptions(const rpc::Events& hub, std::size_t count) {
 
 TEST(Events, WakeWhoHasSubscribedAndNobodyElse) {
   const auto service = std::make_shared<ListeningService>();
-  RunningServer running({service});
-  const auto stub = running.stub();
+  VornSdkRpc::testing::TestServer server({service});
+  const auto stub = server.stub<Probe>();
   Client onlyA(*stub, "a"), onlyB(*stub, "b"), both(*stub, "ab");
   waitForSubscriptions(service->a, 2);
   waitForSubscriptions(service->b, 2);
@@ -87,8 +88,8 @@ TEST(Events, WakeWhoHasSubscribedAndNobodyElse) {
 TEST(Events, ShowWhatWasWrittenBeforeThemToEveryCall) {
   constexpr std::size_t kCalls = 4;
   const auto service = std::make_shared<ListeningService>();
-  RunningServer running({service});
-  const auto stub = running.stub();
+  VornSdkRpc::testing::TestServer server({service});
+  const auto stub = server.stub<Probe>();
   for (int round = 0; round < kRounds; round += 20) {
     std::vector<std::unique_ptr<Client>> clients;
     for (std::size_t i = 0; i < kCalls; ++i)
@@ -110,7 +111,7 @@ TEST(Events, ShowWhatWasWrittenBeforeThemToEveryCall) {
 TEST(Events, LetSubscribersComeAndGoMeanwhile) {
   const auto service = std::make_shared<ListeningService>();
   {
-    RunningServer running({service});
+    VornSdkRpc::testing::TestServer server({service});
     std::atomic<bool> enough = false;
     std::vector<std::jthread> speakers;
     for (rpc::Events* hub : {&service->a, &service->b})
@@ -118,7 +119,7 @@ TEST(Events, LetSubscribersComeAndGoMeanwhile) {
         while (!enough)
           hub->set();
       });
-    const auto stub = running.stub();
+    const auto stub = server.stub<Probe>();
     for (int i = 0; i < kRounds; ++i) {
       grpc::ClientContext context;
       context.set_deadline(std::chrono::system_clock::now() + std::chrono::milliseconds(i % 3));
@@ -131,7 +132,7 @@ TEST(Events, LetSubscribersComeAndGoMeanwhile) {
     speakers.clear();
     Client listening(*stub, "a");
     waitForSubscriptions(service->a, 1);
-    running.stop();
+    server.stop();
   }
   EXPECT_EQ(service->a.subscriptions() + service->b.subscriptions(), 0U);
 }

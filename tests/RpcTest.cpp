@@ -1,6 +1,7 @@
 #include <Kiv/Trace.h>
 #include <VornSdkRpc/Rpc.h>
 #include <VornSdkRpc/RpcEvents.h>
+#include <VornSdkRpc/Testing.h>
 #include <gmock/gmock.h>
 
 #include <chrono>
@@ -16,6 +17,7 @@ namespace test {
 namespace {
 
 namespace rpc = VornSdkRpc::rpc;
+using VornSdkRpc::testing::TestServer;
 using namespace std::chrono_literals;
 
 // Counts what is alive: a local of every coroutine, so that a frame that is leaked is seen.
@@ -167,19 +169,10 @@ grpc::Status echo(Probe::Stub& stub, const std::string& text, Text* reply = null
   return stub.Echo(&context, textOf(text), reply ? reply : &ignored);
 }
 
-// What an idle service holds in the registry: for each method the call that is asked for and the
-// notice of its end, and one for its wake-ups.
-constexpr std::size_t kIdleTags = 9;
-
-void waitUntilIdle(RunningServer& running, std::size_t tags = kIdleTags) {
-  while (running.server().tagManager().size() != tags)
-    std::this_thread::yield();
-}
-
 TEST(Rpc, ServesEveryKindOfCall) {
   const auto kit = std::make_shared<KitService>();
-  RunningServer running({kit});
-  const auto stub = running.stub();
+  TestServer server({kit});
+  const auto stub = server.stub<Probe>();
   Text reply;
   EXPECT_TRUE(echo(*stub, "hello", &reply).ok());
   EXPECT_EQ(reply.text(), "hello");
@@ -196,18 +189,18 @@ TEST(Rpc, ServesEveryKindOfCall) {
     }
     EXPECT_EQ(stream->Finish().error_code(), grpc::StatusCode::ABORTED);
   }
-  waitUntilIdle(running);
+  EXPECT_TRUE(server.settle());
   EXPECT_EQ(kit->alive, 0);
   EXPECT_EQ(kit->elsewhere, 0);
   EXPECT_EQ(kit->cancelled, 0);
 }
 
 TEST(Rpc, AFunctionAnswersAtOnce) {
-  RunningServer running({std::make_shared<FunctionService>()});
-  const auto stub = running.stub();
+  TestServer server({std::make_shared<FunctionService>()}, {.socket = true});
+  const auto stub = server.stub<Probe>();
   Text reply;
   EXPECT_TRUE(echo(*stub, "hello", &reply).ok());
-  EXPECT_EQ(reply.text(), "ipv4:hello");
+  EXPECT_EQ(reply.text(), "unix:hello");
   EXPECT_EQ(echo(*stub, "fail").error_code(), grpc::StatusCode::NOT_FOUND);
   EXPECT_EQ(echo(*stub, "throw").error_message(), "thrown");
   // The other methods have no function.
@@ -219,7 +212,7 @@ TEST(Rpc, AFunctionAnswersAtOnce) {
   EXPECT_EQ(writer->Finish().error_code(), grpc::StatusCode::UNIMPLEMENTED);
   EXPECT_EQ(stub->Tick(&ticking, count)->Finish().error_code(), grpc::StatusCode::UNIMPLEMENTED);
   EXPECT_EQ(stub->Chat(&chatting)->Finish().error_code(), grpc::StatusCode::UNIMPLEMENTED);
-  waitUntilIdle(running, 5);
+  EXPECT_TRUE(server.settle());
 }
 
 TEST(Rpc, RefusesASecondFunctionForAnRpc) {
@@ -243,8 +236,8 @@ TEST(Rpc, LivesBesideAServiceWrittenByHand) {
     }
   };
   const auto probe = std::make_shared<ProbeService>();
-  RunningServer running({probe, std::make_shared<MirrorService>()});
-  const auto connection = running.connection();
+  TestServer server({probe, std::make_shared<MirrorService>()});
+  const auto connection = server.channel();
   std::vector<std::jthread> clients;
   for (int client = 0; client < 4; ++client) {
     clients.emplace_back([&, client] {
@@ -262,16 +255,16 @@ TEST(Rpc, LivesBesideAServiceWrittenByHand) {
     });
   }
   clients.clear();
-  waitUntilIdle(running, 4 + 3);  // four methods by hand, and a kit's coroutine
-  running.stop();
+  EXPECT_TRUE(server.settle());
+  server.stop();
   EXPECT_EQ(probe->alive, 0);
 }
 
 TEST(Rpc, AnExceptionBecomesAStatusThatTheClientCanActOn) {
   const Capture trace(Kiv::traceLogger());
   const auto kit = std::make_shared<KitService>();
-  RunningServer running({kit});
-  const auto stub = running.stub();
+  TestServer server({kit});
+  const auto stub = server.stub<Probe>();
   for (const auto& [text, code, message] : {
            std::tuple{"argument", grpc::StatusCode::INVALID_ARGUMENT, "a bad tag"},
            {"range", grpc::StatusCode::INVALID_ARGUMENT, "too large"},
@@ -292,16 +285,16 @@ TEST(Rpc, AnExceptionBecomesAStatusThatTheClientCanActOn) {
   const grpc::Status status = echo(*stub, "long");
   EXPECT_EQ(status.error_code(), grpc::StatusCode::FAILED_PRECONDITION);
   EXPECT_LT(status.error_message().size(), 2000U) << "more than a client takes";
-  waitUntilIdle(running);
+  EXPECT_TRUE(server.settle());
   EXPECT_EQ(kit->alive, 0);
   EXPECT_EQ(trace.count("failed: password is hunter2"), 1U);
-  EXPECT_EQ(trace.count("Kit-service/0: /test.Probe/Echo of ipv4:"), 4U);
+  EXPECT_EQ(trace.count("Kit-service/0: /test.Probe/Echo of "), 4U);
 }
 
 TEST(Rpc, ACancelledCallRunsToItsEndOnTheServingThread) {
   const auto kit = std::make_shared<KitService>();
-  RunningServer running({kit});
-  const auto stub = running.stub();
+  TestServer server({kit});
+  const auto stub = server.stub<Probe>();
   EXPECT_EQ(echo(*stub, "forever", nullptr, 1s).error_code(), grpc::StatusCode::DEADLINE_EXCEEDED);
   EXPECT_EQ(echo(*stub, "listen", nullptr, 1s).error_code(), grpc::StatusCode::DEADLINE_EXCEEDED);
   Text text;
@@ -324,7 +317,7 @@ TEST(Rpc, ACancelledCallRunsToItsEndOnTheServingThread) {
     EXPECT_EQ(ticks->Finish().error_code(), grpc::StatusCode::CANCELLED);
     EXPECT_EQ(chat->Finish().error_code(), grpc::StatusCode::CANCELLED);
   }
-  waitUntilIdle(running);
+  EXPECT_TRUE(server.settle());
   EXPECT_EQ(kit->alive, 0);
   EXPECT_EQ(kit->cancelled, 5) << "each is told from the end of a stream at once";
   EXPECT_EQ(kit->elsewhere, 0);
@@ -336,8 +329,8 @@ TEST(Rpc, ACancelledCallRunsToItsEndOnTheServingThread) {
 TEST(Rpc, AnEventThatIsSetOnceWakesTheCallOnTheServingThread) {
   constexpr int kRounds = 500;
   const auto kit = std::make_shared<KitService>();
-  RunningServer running({kit});
-  const auto stub = running.stub();
+  TestServer server({kit});
+  const auto stub = server.stub<Probe>();
   std::atomic<int> answered = 0;
   std::thread waker([&] {
     for (int round = 0; round < kRounds; ++round) {
@@ -355,14 +348,14 @@ TEST(Rpc, AnEventThatIsSetOnceWakesTheCallOnTheServingThread) {
 // Tasks that end without a wait leave nothing on the stack, however many there are.
 TEST(Rpc, ALoopOverTasksThatNeverWaitDoesNotGrowTheStack) {
   const auto kit = std::make_shared<KitService>();
-  RunningServer running({kit});
-  EXPECT_TRUE(echo(*running.stub(), "many tasks").ok());
+  TestServer server({kit});
+  EXPECT_TRUE(echo(*server.stub<Probe>(), "many tasks").ok());
 }
 
 TEST(Rpc, RefusesWhatIsOverTheLimitAndGivesEverySlotBack) {
   const auto kit = std::make_shared<KitService>(rpc::MethodOptions{.limit = 2, .ahead = 3});
-  RunningServer running({kit});
-  const auto stub = running.stub();
+  TestServer server({kit});
+  const auto stub = server.stub<Probe>();
   for (int round = 0; round < 3; ++round) {
     std::vector<std::thread> held;
     std::atomic<int> released = 0;
@@ -382,7 +375,7 @@ TEST(Rpc, RefusesWhatIsOverTheLimitAndGivesEverySlotBack) {
     EXPECT_EQ(echo(*stub, "throw first").error_code(), grpc::StatusCode::UNIMPLEMENTED);
     EXPECT_EQ(echo(*stub, "forever", nullptr, 20ms).error_code(),
               grpc::StatusCode::DEADLINE_EXCEEDED);
-    waitUntilIdle(running, kIdleTags + 4);
+    EXPECT_TRUE(server.settle());
   }
 }
 
@@ -391,8 +384,8 @@ TEST(Rpc, AStopDestroysEveryCallWhereverItWaits) {
   constexpr int kEach = 50;
   const auto kit = std::make_shared<KitService>();
   {
-    RunningServer running({kit});
-    const auto stub = running.stub();
+    TestServer server({kit});
+    const auto stub = server.stub<Probe>();
     grpc::CompletionQueue queue;
     struct Open {
       grpc::ClientContext context;
@@ -416,7 +409,7 @@ TEST(Rpc, AStopDestroysEveryCallWhereverItWaits) {
     }
     while (kit->alive != 4 * kEach)
       std::this_thread::yield();
-    running.stop();
+    server.stop();
     for (auto& call : open)
       call->context.TryCancel();
     queue.Shutdown();

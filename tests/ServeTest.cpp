@@ -1,5 +1,6 @@
 #include <VornSdkRpc/Serve.h>
 #include <VornSdkRpc/StopOnSignal.h>
+#include <VornSdkRpc/Testing.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -121,24 +122,11 @@ TEST(ServerArguments, LimitsMessagesUnlessToldNotTo) {
   for (const auto& [arguments, code] :
        {std::pair{VornSdkRpc::ServerArguments{}, grpc::StatusCode::RESOURCE_EXHAUSTED},
         {{.maxReceiveMessageBytes = 0}, grpc::StatusCode::OK}}) {
-    int port = 0;
-    grpc::ServerBuilder builder;
-    VornSdkRpc::installArguments(builder, arguments);
-    builder.AddListeningPort("127.0.0.1:0", grpc::InsecureServerCredentials(), &port);
-    VornSdkRpc::ServerProperties properties;
-    std::promise<void> started;
-    VornSdkRpc::GrpcServer server(builder,
-                                  {std::make_shared<ProbeService>(),
-                                   std::make_shared<Hooked>([&started] { started.set_value(); })},
-                                  properties);
-    std::jthread thread([&] { server.run(); });
-    started.get_future().wait();
-    grpc::ChannelArguments unlimited;
-    unlimited.SetMaxReceiveMessageSize(-1);
-    const auto stub = Probe::NewStub(grpc::CreateCustomChannel(
-        "127.0.0.1:" + std::to_string(port), grpc::InsecureChannelCredentials(), unlimited));
-    EXPECT_EQ(callEcho(*stub, std::string(5 << 20, 'x')), code);
-    server.stop();
+    VornSdkRpc::testing::TestServer server({std::make_shared<ProbeService>()},
+                                           {.socket = true, .configure = [&](auto& builder) {
+                                              installArguments(builder, arguments);
+                                            }});
+    EXPECT_EQ(callEcho(*server.stub<Probe>(), std::string(5 << 20, 'x')), code);
   }
 }
 

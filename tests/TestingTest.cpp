@@ -1,3 +1,4 @@
+#include <VornSdkRpc/Rpc.h>
 #include <VornSdkRpc/Testing.h>
 #include <gmock/gmock.h>
 
@@ -112,6 +113,46 @@ TEST(Testing, TellsWhatIsLeftBehind) {
   EXPECT_EQ(server.finish(), "calls are in progress\n1 threads run on\n");
   goOn.count_down();
   EXPECT_EQ(server.finish(), "") << "once";
+}
+
+// Answers an hour after it was asked.
+struct LateService : VornSdkRpc::rpc::Service<Mirror> {
+  LateService() : Service("Late") {
+    method(&Async::RequestReflect,
+           [this](VornSdkRpc::rpc::Call& call, const Text&, Text&) -> VornSdkRpc::rpc::Task<> {
+             ++arrived;
+             co_await call.wait(1h);
+             co_return grpc::Status::OK;
+           });
+  }
+  std::atomic<int> arrived = 0;
+};
+
+TEST(Testing, TurnsTimeByHand) {
+  const auto late = std::make_shared<LateService>();
+  TestServer server({late});
+  server.advance(0s);
+  const auto stub = server.stub<Mirror>();
+  std::jthread client(
+      [&] { EXPECT_TRUE(call(*stub, &Mirror::Stub::Reflect, Text()).status.ok()); });
+  while (late->arrived == 0)
+    std::this_thread::yield();
+  server.advance(59min);
+  server.advance(1min);
+  client.join();
+  EXPECT_EQ(server.finish(), "");
+}
+
+TEST(Testing, TellsWhatACallOfTheKitWaitsFor) {
+  const auto late = std::make_shared<LateService>();
+  TestServer server({late}, {.patience = 100ms});
+  const auto stub = server.stub<Mirror>();
+  std::jthread client(
+      [&] { EXPECT_FALSE(call(*stub, &Mirror::Stub::Reflect, Text()).status.ok()); });
+  while (late->arrived == 0)
+    std::this_thread::yield();
+  EXPECT_THAT(server.finish(), testing::AllOf(testing::StartsWith("/test.Mirror/Reflect of "),
+                                              testing::HasSubstr(" waits for a time")));
 }
 
 TEST(TestingDeathTest, AbortsWhenNobodyHasAskedWhatIsLeft) {
