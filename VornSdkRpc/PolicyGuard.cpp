@@ -29,6 +29,11 @@ void count(const Counter& counter) { counter->fetch_add(1, std::memory_order_rel
 
 std::string_view textOf(const grpc::string_ref& text) { return {text.data(), text.size()}; }
 
+std::string detailsOf(const PolicyDenial& denial) {
+  const std::string by = "policy " + std::string(denial.policy) + ", ";
+  return by + (denial.rule.empty() ? "no rule allows it" : "rule " + std::string(denial.rule));
+}
+
 }  // namespace
 
 PolicyPeer policyPeerOf(const grpc::AuthContext& connection) {
@@ -85,19 +90,23 @@ class PolicyGuard::Impl {
     return inForce_;
   }
 
-  bool admit(const grpc::AuthContext& connection, std::string_view method,
-             const PolicyRequest::Headers& headers) {
+  grpc::Status admit(const grpc::AuthContext& connection, std::string_view method,
+                     const PolicyRequest::Headers& headers) {
     const auto now = inForce();
     const auto [allowed, rule] = now->policy.decide({policyPeerOf(connection), method, headers});
     const bool matched = rule != PolicyDecision::kNoRule;
     count(matched ? now->hits[rule] : unmatched_);
-    if (allowed) return true;
-    tell({.connection = connection,
-          .method = method,
-          .policy = now->policy.name(),
-          .rule = matched ? std::string_view(now->policy.rules()[rule].name) : "",
-          .enforced = !options_.dryRun});
-    return options_.dryRun;
+    if (allowed) return grpc::Status::OK;
+    const PolicyDenial denial{
+        .connection = connection,
+        .method = method,
+        .policy = now->policy.name(),
+        .rule = matched ? std::string_view(now->policy.rules()[rule].name) : "",
+        .enforced = !options_.dryRun};
+    tell(denial);
+    if (options_.dryRun) return grpc::Status::OK;
+    return {grpc::StatusCode::PERMISSION_DENIED, "the policy does not allow this call",
+            detailsOf(denial)};
   }
 
   PolicyState state() const {
@@ -131,10 +140,9 @@ class PolicyGuard::Impl {
 
   void tell(const PolicyDenial& denial) const try {
     if (tracer().enabled(8)) {
-      const std::string_view why = denial.rule.empty() ? "no rule allows it" : denial.rule;
-      tracer().trace8("%s %.*s: %.*s", denial.enforced ? "denied" : "would deny",
+      tracer().trace8("%s %.*s: %s", denial.enforced ? "denied" : "would deny",
                       static_cast<int>(denial.method.size()), denial.method.data(),
-                      static_cast<int>(why.size()), why.data());
+                      detailsOf(denial).c_str());
     }
     if (options_.denied) options_.denied(denial);
   } catch (const std::exception& error) {
@@ -160,8 +168,8 @@ Policy PolicyGuard::policy() const { return impl_->inForce()->policy; }
 
 PolicyState PolicyGuard::state() const { return impl_->state(); }
 
-bool PolicyGuard::admit(const grpc::AuthContext& connection, std::string_view method,
-                        const PolicyRequest::Headers& headers) {
+grpc::Status PolicyGuard::admit(const grpc::AuthContext& connection, std::string_view method,
+                                const PolicyRequest::Headers& headers) {
   return impl_->admit(connection, method, headers);
 }
 
@@ -186,8 +194,7 @@ class PolicyProcessor : public grpc::AuthMetadataProcessor {
     }
     const auto path = metadata.find(":path");
     const auto method = path == metadata.end() ? std::string_view() : textOf(path->second);
-    if (guard_->admit(*connection, method, metadata)) return grpc::Status::OK;
-    return {grpc::StatusCode::PERMISSION_DENIED, "the policy does not allow this call"};
+    return guard_->admit(*connection, method, metadata);
   } catch (const std::exception& error) {
     tracer().trace0("a call could not be decided on: %s", error.what());
     return {grpc::StatusCode::INTERNAL, "internal error"};

@@ -3,6 +3,7 @@
 #include <VornSdkRpc/Policy.h>
 #include <grpcpp/security/auth_context.h>
 #include <grpcpp/security/auth_metadata_processor.h>
+#include <grpcpp/support/status.h>
 #include <vorn/export.h>
 
 #include <chrono>
@@ -81,9 +82,11 @@ class VORN_EXPORT PolicyGuard {
   Policy policy() const;
   PolicyState state() const;
 
-  // Decides on a call, counts, traces and tells. Answers whether it may go on.
-  bool admit(const grpc::AuthContext& connection, std::string_view method,
-             const PolicyRequest::Headers& headers);
+  // Decides on a call, counts, traces and tells. Answers the status for the client: OK, or
+  // PERMISSION_DENIED with a text that gives nothing away. Its error_details(), which gRPC does not
+  // send, name the policy and the rule, for a record of the call.
+  grpc::Status admit(const grpc::AuthContext& connection, std::string_view method,
+                     const PolicyRequest::Headers& headers);
 
  private:
   class VORN_NO_EXPORT Impl;

@@ -253,6 +253,41 @@ TEST_F(PolicyGuardTest, ARuleKeepsItsCountWhenThePolicyChanges) {
   EXPECT_THAT(hits, ElementsAre(1, 0, 1));
 }
 
+TEST_F(PolicyGuardTest, WhoeverRecordsADenialLearnsItsRuleAndTheClientDoesNot) {
+  struct Recorder : grpc::AuthMetadataProcessor {
+    explicit Recorder(std::shared_ptr<PolicyGuard> guard) : inner(policyProcessor(guard)) {}
+    bool IsBlocking() const override { return false; }
+    grpc::Status Process(const InputMetadata& metadata, grpc::AuthContext* connection,
+                         OutputMetadata* consumed, OutputMetadata* response) override {
+      const auto status = inner->Process(metadata, connection, consumed, response);
+      const std::lock_guard lock(mutex);
+      details.push_back(status.error_details());
+      return status;
+    }
+    const std::shared_ptr<grpc::AuthMetadataProcessor> inner;
+    std::mutex mutex;
+    std::vector<std::string> details;
+  };
+  const auto recorder = std::make_shared<Recorder>(
+      std::make_shared<PolicyGuard>(Policy::parse(R"({"name": "p", "allow_rules": [],
+        "deny_rules": [{"name": "d", "request": {"paths": ["/test.Probe/Echo"]}}]})")));
+  int port = 0;
+  grpc::ServerBuilder builder;
+  builder.AddListeningPort("127.0.0.1:0", insecureServerCredentials(recorder), &port);
+  const auto server = builder.BuildAndStart();
+  const auto stub = test::Probe::NewStub(test::connected("127.0.0.1:" + std::to_string(port)));
+  for (const auto& method : {"Echo", "Chat"}) {
+    grpc::ClientContext context;
+    test::Text text;
+    const auto status = method == std::string("Echo") ? stub->Echo(&context, text, &text)
+                                                      : stub->Chat(&context)->Finish();
+    EXPECT_EQ(status.error_message(), "the policy does not allow this call");
+    EXPECT_EQ(status.error_details(), "");
+  }
+  const std::lock_guard lock(recorder->mutex);
+  EXPECT_THAT(recorder->details, ElementsAre("policy p, rule d", "policy p, no rule allows it"));
+}
+
 TEST_F(PolicyGuardTest, AProcessorThatBlocksIsRefused) {
   struct Blocking : KernelsWord {
     bool IsBlocking() const override { return true; }
