@@ -101,6 +101,8 @@ bool hasExpired(const X509* certificate) {
   return X509_cmp_current_time(X509_get0_notAfter(certificate)) < 0;
 }
 
+void freeStack(STACK_OF(X509) * certificates) { sk_X509_pop_free(certificates, X509_free); }
+
 void checkDates(const X509* certificate, const std::string& file) {
   if (!hasBegun(certificate)) refuse(file, nameOf(certificate) + " is not valid yet");
   if (hasExpired(certificate)) refuse(file, nameOf(certificate) + " has expired");
@@ -227,6 +229,25 @@ CertificateState CertificateSet::state() const {
         std::min(state.revocationsExpire, timeOf(X509_CRL_get0_nextUpdate(list.get())));
   }
   return state;
+}
+
+bool CertificateSet::accepts(std::string_view certificate, std::string_view chain) const {
+  const X509Pointer leaf(
+      PEM_read_bio_X509(reading(certificate).get(), nullptr, &noPassphrase, nullptr));
+  const std::unique_ptr<STACK_OF(X509), decltype(&freeStack)> sent(sk_X509_new_null(), &freeStack);
+  const auto bio = reading(chain);
+  while (auto* const next = PEM_read_bio_X509(bio.get(), nullptr, &noPassphrase, nullptr))
+    sk_X509_push(sent.get(), next);
+  const std::unique_ptr<X509_STORE, FreeBy<X509_STORE_free>> store(X509_STORE_new());
+  for (const auto& authority : authorities_)
+    X509_STORE_add_cert(store.get(), authority.get());
+  const std::unique_ptr<X509_STORE_CTX, FreeBy<X509_STORE_CTX_free>> check(X509_STORE_CTX_new());
+  const bool accepted =
+      leaf && X509_STORE_CTX_init(check.get(), store.get(), leaf.get(), sent.get()) == 1 &&
+      X509_STORE_CTX_set_default(check.get(), "ssl_client") == 1 &&
+      X509_verify_cert(check.get()) == 1;
+  ERR_clear_error();
+  return accepted && !isRevoked(certificate) && !isRevoked(chain);
 }
 
 bool CertificateSet::isRevoked(std::string_view certificates) const {

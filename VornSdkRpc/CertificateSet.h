@@ -43,6 +43,10 @@ class CertificateSet {
   // Without generation and loaded.
   CertificateState state() const;
 
+  // Whether a client that has shown these, as PEM, would be let in: its certificate, and those that
+  // it has sent along.
+  bool accepts(std::string_view certificate, std::string_view chain) const;
+
   // Whether one of the certificates, as PEM, has been revoked.
   bool isRevoked(std::string_view certificates) const;
 

@@ -2,6 +2,7 @@
 
 #include <VornSdkRpc/CertificateSet.h>
 #include <VornSdkRpc/FileWatch.h>
+#include <VornSdkRpc/Withdrawal.h>
 #include <fcntl.h>
 #include <grpcpp/security/tls_certificate_provider.h>
 #include <grpcpp/security/tls_certificate_verifier.h>
@@ -202,8 +203,22 @@ class Certificates::Impl {
           tls::ExternalCertificateVerifier::Create<Verifier>(std::shared_ptr<const InUse>(inUse_)));
     }
     auto credentials = tls::TlsServerCredentials(options);
-    if (processor) credentials->SetAuthMetadataProcessor(processor);
+    if (mutual) {
+      credentials->SetAuthMetadataProcessor(withdrawing(withdrawal_, processor));
+    } else if (processor) {
+      credentials->SetAuthMetadataProcessor(processor);
+    }
     return credentials;
+  }
+
+  std::size_t withdraw() {
+    const auto ended = withdrawal_->withdraw(inUse_->set());
+    tracer().trace0("what is not accepted any more is withdrawn: %zu calls have ended", ended);
+    return ended;
+  }
+
+  std::unique_ptr<grpc::experimental::ServerInterceptorFactoryInterface> interceptors() const {
+    return tracking(withdrawal_);
   }
 
   // A change is taken when it is good; on the watch's thread, not before it has been seen twice.
@@ -258,6 +273,7 @@ class Certificates::Impl {
   CertificateTexts seen_;
   std::string error_;
   const std::shared_ptr<InUse> inUse_;
+  const std::shared_ptr<Withdrawal> withdrawal_ = std::make_shared<Withdrawal>();
   SwitchedFile identity_;
   SwitchedFile authorities_;
   Expiry expiry_;
@@ -272,6 +288,13 @@ Certificates::~Certificates() = default;
 std::shared_ptr<grpc::ServerCredentials> Certificates::credentials(
     std::shared_ptr<grpc::AuthMetadataProcessor> processor) const {
   return impl_->credentials(processor);
+}
+
+std::size_t Certificates::withdraw() { return impl_->withdraw(); }
+
+std::unique_ptr<grpc::experimental::ServerInterceptorFactoryInterface> Certificates::interceptors()
+    const {
+  return impl_->interceptors();
 }
 
 bool Certificates::reload() { return impl_->look(false); }

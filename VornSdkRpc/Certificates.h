@@ -2,9 +2,11 @@
 
 #include <grpcpp/security/auth_metadata_processor.h>
 #include <grpcpp/security/server_credentials.h>
+#include <grpcpp/support/server_interceptor.h>
 #include <vorn/export.h>
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -79,6 +81,17 @@ class VORN_EXPORT Certificates {
   // handshake. `processor` is asked on every call.
   std::shared_ptr<grpc::ServerCredentials> credentials(
       std::shared_ptr<grpc::AuthMetadataProcessor> processor = nullptr) const;
+
+  // Ends what stands on a client certificate that is not accepted any more, because its authority
+  // has been taken out of the files, or has revoked it, since its connection was made: the
+  // connection's calls in progress, where the server has the interceptors, and every further call,
+  // with UNAUTHENTICATED. Connections without a call stay open and are of no use. Holds for what is
+  // in use now; a later change takes another call of this. Answers how many calls it has ended,
+  // among them those that were ending by themselves.
+  std::size_t withdraw();
+
+  // What lets withdraw() end calls in progress, for the list of interceptors of a server's builder.
+  std::unique_ptr<grpc::experimental::ServerInterceptorFactoryInterface> interceptors() const;
 
   // Looks at the files now, without waiting for a second look to be the same. Answers whether what
   // they hold is in use.

@@ -20,6 +20,7 @@ foreach(folder VornSdkRpc vorn)
     PATTERN "*.h"
     PATTERN FileWatch.h EXCLUDE
     PATTERN CertificateSet.h EXCLUDE
+    PATTERN Withdrawal.h EXCLUDE
   )
 endforeach()
 install(

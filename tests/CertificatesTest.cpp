@@ -215,6 +215,90 @@ TEST_F(CertificatesTest, WhatExpiresIsReadableAndWarnedOf) {
   EXPECT_EQ(trace.count("/roots expires"), 0U);
 }
 
+// A server whose Tick sends a text and lasts until it is cancelled.
+class TickingServer {
+ public:
+  explicit TickingServer(const Certificates& certificates) {
+    std::vector<std::unique_ptr<grpc::experimental::ServerInterceptorFactoryInterface>> creators;
+    creators.push_back(certificates.interceptors());
+    builder_.experimental().SetInterceptorCreators(std::move(creators));
+    builder_.AddListeningPort("127.0.0.1:0", certificates.credentials(), &port_);
+    builder_.RegisterService(&service_);
+    server_ = builder_.BuildAndStart();
+  }
+
+  std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
+
+ private:
+  struct Service : test::Probe::Service {
+    grpc::Status Tick(grpc::ServerContext* context, const test::Count*,
+                      grpc::ServerWriter<test::Text>* writer) override {
+      writer->Write({});
+      while (!context->IsCancelled())
+        std::this_thread::sleep_for(1ms);
+      return grpc::Status::CANCELLED;
+    }
+  };
+
+  Service service_;
+  grpc::ServerBuilder builder_;
+  int port_ = 0;
+  std::unique_ptr<grpc::Server> server_;
+};
+
+// A client with a stream in progress.
+class WatchingClient {
+ public:
+  WatchingClient(const TickingServer& server, std::shared_ptr<grpc::ChannelCredentials> credentials)
+      : stub_(test::Probe::NewStub(grpc::CreateChannel(server.address(), credentials))),
+        stream_(stub_->Tick(&context_, {})) {
+    test::Text text;
+    EXPECT_TRUE(stream_->Read(&text));
+  }
+  ~WatchingClient() { context_.TryCancel(); }
+
+  // The status that the server has ended the stream with.
+  grpc::Status end() {
+    test::Text text;
+    EXPECT_FALSE(stream_->Read(&text));
+    return stream_->Finish();
+  }
+
+  // Whether the server serves another call over the connection, and does not know the method.
+  bool isServed() { return test::callEcho(*stub_, "0") == grpc::UNIMPLEMENTED; }
+
+ private:
+  grpc::ClientContext context_;
+  std::unique_ptr<test::Probe::Stub> stub_;
+  std::unique_ptr<grpc::ClientReader<test::Text>> stream_;
+};
+
+TEST_F(CertificatesTest, WhatIsNotAcceptedAnyMoreIsEndedWhenThatIsAskedFor) {
+  files.make("ca2", "/CN=ca2", "");
+  files.make("other", "/CN=other",
+             " -CA " + files.path("ca2.pem") + " -CAkey " + files.path("ca2.key"));
+  files.write("roots", files.read("ca.pem") + files.read("ca2.pem"));
+  Certificates certificates(paths(), kByHand);
+  const TickingServer server(certificates);
+  WatchingClient client(server, files.client("client"));
+  WatchingClient other(server, files.client("other"));
+
+  EXPECT_EQ(certificates.withdraw(), 0U);
+  files.write("roots", files.read("ca.pem"));
+  EXPECT_TRUE(certificates.reload());
+  EXPECT_TRUE(other.isServed());           // nobody has asked for more
+  EXPECT_GE(certificates.withdraw(), 1U);  // a call that has just been answered counts
+  EXPECT_EQ(other.end().error_code(), grpc::UNAUTHENTICATED);
+  EXPECT_FALSE(other.isServed());
+  EXPECT_TRUE(client.isServed());
+
+  files.revoke("list", "client");
+  EXPECT_TRUE(certificates.reload());
+  EXPECT_GE(certificates.withdraw(), 1U);  // a call that has just been answered counts
+  EXPECT_EQ(client.end().error_message(), "the client certificate is no longer accepted");
+  EXPECT_FALSE(client.isServed());
+}
+
 TEST_F(CertificatesTest, WithoutAuthoritiesNoClientCertificateIsAskedFor) {
   const Certificates certificates({files.path("cert"), files.path("key"), "", ""}, kByHand);
   test::EchoServer server(certificates.credentials());
