@@ -280,7 +280,7 @@ rpc::Task<bool> RoutingService::taken(rpc::Call& call) {
   while (!backlog_.mark(mark)) {
     if (!co_await call.wait(room)) co_return false;
   }
-  co_return co_await call.wait(mark.event());
+  co_return static_cast<bool>(co_await call.wait(mark.event()));
 }
 
 std::size_t RoutingService::waiting() const {
