@@ -14,7 +14,9 @@
 #include <condition_variable>
 #include <cstdlib>
 #include <exception>
+#include <functional>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <stop_token>
 #include <string>
@@ -61,35 +63,48 @@ class BuildsOnce : public grpc::ServerBuilderOption {
 
 constexpr std::chrono::milliseconds kLongest = std::chrono::hours(24 * 365);
 
-// Aborts the process when it has not been destroyed in time. Its thread is one that gRPC cannot
-// hold up.
-class EndsInTime {
+// Does something after a while, unless it is destroyed before, on a thread that gRPC can't hold up.
+class Later {
  public:
-  EndsInTime(const vorn::tracer& tracer, std::chrono::milliseconds timeout) {
-    if (timeout <= timeout.zero()) return;
+  Later(const vorn::tracer& tracer, std::chrono::milliseconds delay, std::function<void()> action) {
     try {
-      thread_ = std::jthread(
-          [&tracer, timeout](const std::stop_token& ended) { watch(tracer, timeout, ended); });
+      thread_ = std::jthread([delay, action = std::move(action)](const std::stop_token& dropped) {
+        std::mutex mutex;
+        std::unique_lock lock(mutex);
+        std::condition_variable_any never;
+        never.wait_for(lock, dropped, std::min(delay, kLongest), [] { return false; });
+        if (!dropped.stop_requested()) action();
+      });
     } catch (const std::exception& error) {
       tracer.trace0("The stop has no timeout, for want of a thread: %s", error.what());
     }
   }
 
  private:
-  static void watch(const vorn::tracer& tracer, std::chrono::milliseconds timeout,
-                    const std::stop_token& ended) {
-    std::mutex mutex;
-    std::unique_lock lock(mutex);
-    std::condition_variable_any never;
-    never.wait_for(lock, ended, std::min(timeout, kLongest), [] { return false; });
-    if (ended.stop_requested()) return;
+  std::jthread thread_;
+};
+
+// Sees to it that what has been cancelled ends, unless it is destroyed before.
+class EndsInTime {
+ public:
+  EndsInTime(const vorn::tracer& tracer, Listener* listener, std::chrono::milliseconds timeout) {
+    // gRPC waits for every connection to close, and to one whose peer does not read it can't even
+    // say so.
+    constexpr std::chrono::milliseconds kToHearOfIt{300};
+    if (listener) cut_.emplace(tracer, kToHearOfIt, [listener] { listener->closeConnections(); });
+    if (timeout > timeout.zero())
+      abort_.emplace(tracer, timeout, [&tracer, timeout] { abandon(tracer, timeout); });
+  }
+
+ private:
+  [[noreturn]] static void abandon(const vorn::tracer& tracer, std::chrono::milliseconds timeout) {
     tracer.trace0("The server has not ended %lld ms after everything was cancelled: aborted.",
                   static_cast<long long>(timeout.count()));
     Kiv::traceLogger().flush();
     std::abort();
   }
 
-  std::jthread thread_;
+  std::optional<Later> cut_, abort_;
 };
 
 // Calls `tell` for every service, whatever the others throw. Answers the first exception, or null.
@@ -159,7 +174,8 @@ GrpcServer::~GrpcServer() {
   } catch (...) {
     tracer_.trace0("A service failed to stop.");
   }
-  const EndsInTime timeout(tracer_, stopTimeout_);
+  stopListening();
+  const EndsInTime limits(tracer_, listener_.get(), stopTimeout_);
   server_->Shutdown(std::chrono::system_clock::now());
   shutQueue();
   OpaqueId tag = nullptr;
@@ -194,8 +210,9 @@ void GrpcServer::beginDrain() {
   tracer_.trace0("Server is being drained.");
   emptied_ = std::make_unique<Emptied>();
   if (auto* health = server_->GetHealthCheckService()) health->SetServingStatus(false);
-  // Closes the listening sockets, tells the clients, and gives the services' requests for calls
-  // back. (grpc::Server::Shutdown() would wait here until the last call has ended.)
+  stopListening();
+  // Closes gRPC's own listening sockets, tells the clients, and gives the services' requests for
+  // calls back. (grpc::Server::Shutdown() would wait here until the last call has ended.)
   grpc_server_shutdown_and_notify(server_->c_server(), cq_->cq(), emptied_.get());
   const auto failure = tellAll(services_, [](auto& service) { service.drainingIs(true); });
   if (failure) std::rethrow_exception(failure);
@@ -212,6 +229,12 @@ void GrpcServer::setup() {
   }
   for (const auto& service : services_)
     service->started(*this, *cq_, *properties_);
+  if (listener_) listener_->start();
+}
+
+// What is handed to a server that is going down would be lost, or worse.
+void GrpcServer::stopListening() {
+  if (listener_) listener_->stop();
 }
 
 void GrpcServer::shutQueue() {
@@ -278,7 +301,8 @@ void GrpcServer::teardown() {
   // A service that is not stopping would ask for a new call in place of every one that fails,
   // without an end.
   if (!stopRequested_) stop();
-  const EndsInTime timeout(tracer_, stopTimeout_);
+  stopListening();
+  const EndsInTime limits(tracer_, listener_.get(), stopTimeout_);
   server_->Shutdown(std::chrono::system_clock::now());
   // Until a poll is quiet, but not for as long as somebody has something to complete.
   constexpr auto kLongEnough = std::chrono::seconds(1);

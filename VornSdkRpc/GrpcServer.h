@@ -1,6 +1,7 @@
 #pragma once
 
 #include <VornSdkRpc/GrpcService.h>
+#include <VornSdkRpc/Listener.h>
 #include <VornSdkRpc/PeerInfo.h>
 #include <VornSdkRpc/RequestHandler.h>
 #include <VornSdkRpc/ServerProperties.h>
@@ -14,6 +15,7 @@
 #include <cstddef>
 #include <exception>
 #include <memory>
+#include <utility>
 #include <vector>
 
 namespace VornSdkRpc {
@@ -39,9 +41,8 @@ class VORN_EXPORT ServerFailedError : public std::exception {
 // it. stop() may come from any thread, but not from a signal handler. One object serves once; an
 // agent that wants to serve again makes a new builder, new services and a new GrpcServer.
 //
-// A process that has no file descriptor left goes on serving the connections it has, refuses those
-// that come, and accepts again when there is one. (gRPC alone would never accept again; the
-// library's own accept4() stands in for libc's in the agent's process.)
+// gRPC's own listeners never accept again once the process has run out of file descriptors; a
+// Listener does.
 class VORN_EXPORT GrpcServer {
  public:
   // Gives every service its position in the list as its id, and the builder, through
@@ -91,6 +92,11 @@ class VORN_EXPORT GrpcServer {
   // aborted, so that its supervisor can act. To be set before run().
   void stopTimeoutIs(std::chrono::milliseconds timeout) { stopTimeout_ = timeout; }
 
+  // Whoever accepts for the server, beside gRPC's own listeners, if there are any: it starts when
+  // the services have started, and stops when the server is drained or stopped. To be set before
+  // run().
+  void listenerIs(std::shared_ptr<Listener> listener) { listener_ = std::move(listener); }
+
   // The steps of run(), public so that an agent with an event loop of its own can drive them, on
   // one thread.
 
@@ -135,11 +141,13 @@ class VORN_EXPORT GrpcServer {
   VORN_NO_EXPORT void claim(std::size_t serviceId);
 
   VORN_NO_EXPORT void beginDrain();
+  VORN_NO_EXPORT void stopListening();
   VORN_NO_EXPORT void shutQueue();
 
   grpc::ServerBuilder* builder_;
   std::unique_ptr<grpc::ServerCompletionQueue> cq_;
   std::unique_ptr<grpc::Server> server_;
+  std::shared_ptr<Listener> listener_;
   std::vector<std::shared_ptr<GrpcService>> services_;
   vorn::tracer tracer_;
   std::atomic<bool> stopRequested_ = false;

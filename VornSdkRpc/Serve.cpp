@@ -15,6 +15,7 @@ void serve(grpc::ServerBuilder& builder, std::vector<std::shared_ptr<GrpcService
   installArguments(builder, options.arguments);
   if (options.accounting) installAccounting(builder);
   GrpcServer server(builder, std::move(services), properties, options.accounting);
+  server.listenerIs(options.listener);
   const StopOnSignal stopOnSignal(server, options.grace);
   server.run();
 }

@@ -16,6 +16,8 @@ struct ServeOptions {
   ServerArguments arguments = {};        // what gRPC is told
   bool accounting = false;               // see InstallAccounting.h
   std::chrono::milliseconds grace = {};  // of a drain, see StopOnSignal.h; none: a stop at once
+  std::shared_ptr<Listener> listener =
+      {};  // who accepts, beside gRPC's own listeners; none: nobody
 };
 
 // Serves the services until SIGINT or SIGTERM has come and the server has ended: what most agents'

@@ -19,6 +19,8 @@ foreach(folder VornSdkRpc vorn)
     FILES_MATCHING
     PATTERN "*.h"
     PATTERN FileWatch.h EXCLUDE
+    PATTERN ListeningSocket.h EXCLUDE
+    PATTERN OwnDescriptor.h EXCLUDE
     PATTERN CertificateSet.h EXCLUDE
     PATTERN Withdrawal.h EXCLUDE
   )

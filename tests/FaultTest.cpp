@@ -1,14 +1,10 @@
-// What goes wrong around a server, and what the server makes of it: no disk, no file descriptors,
-// clients that misbehave, everybody stopping it at once.
+// What goes wrong around a server, and what the server makes of it: no disk, clients
+// that misbehave, everybody stopping it at once.
 
 #include <Kiv/Log.h>
 #include <Kiv/Trace.h>
-#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <spdlog/sinks/basic_file_sink.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <latch>
 #include <string_view>
@@ -16,6 +12,7 @@
 #include "agents/routing/SbfdService.h"
 #include "tests/Capture.h"
 #include "tests/ProbeService.h"
+#include "tests/RawClient.h"
 
 namespace test {
 namespace {
@@ -58,41 +55,6 @@ TEST(FullDisk, IsToldOnceAndCostsNoCallAndNoOtherSinkARecord) {
 
 // ------------------------------------------------------------------------------------------------
 // Clients that misbehave
-
-// A connection without any client behind it.
-class RawClient {
- public:
-  RawClient() : fd_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {}
-  ~RawClient() { close(fd_); }
-  RawClient(RawClient&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-
-  bool connectTo(const std::string& address) {
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port =
-        htons(static_cast<std::uint16_t>(std::stoi(address.substr(address.find(':') + 1))));
-    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return connect(fd_, reinterpret_cast<const sockaddr*>(&to), sizeof to) == 0;
-  }
-  bool send(std::string_view bytes) {
-    return ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
-           static_cast<ssize_t>(bytes.size());
-  }
-  // Reads until the server has sent `text`, or answers false when it has closed the connection.
-  bool readUntil(std::string_view text) {
-    std::string read;
-    char part[4096];
-    while (read.find(text) == std::string::npos) {
-      const auto size = recv(fd_, part, sizeof part, 0);
-      if (size <= 0) return false;
-      read.append(part, static_cast<std::size_t>(size));
-    }
-    return true;
-  }
-
- private:
-  int fd_;
-};
 
 // The frames of HTTP/2, as far as it takes to misuse them.
 constexpr char DATA = 0, HEADERS = 1, RST_STREAM = 3, SETTINGS = 4, PING = 6;
@@ -187,45 +149,6 @@ TEST(Clients, WhateverTheyDoTheOthersAreServedAndNothingStays) {
       EXPECT_EQ(echo(*stub), grpc::StatusCode::OK);
     clients.clear();
     waitUntilNoCallIsLeft(running);
-  }
-}
-
-// ------------------------------------------------------------------------------------------------
-// No file descriptors
-
-// From here to its end, the process can open nothing.
-class NoDescriptors {
- public:
-  NoDescriptors() {
-    getrlimit(RLIMIT_NOFILE, &before_);
-    const int lowestFree = dup(0);
-    close(lowestFree);
-    const rlimit none{static_cast<rlim_t>(lowestFree), before_.rlim_max};
-    setrlimit(RLIMIT_NOFILE, &none);
-  }
-  ~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &before_); }
-
- private:
-  rlimit before_;
-};
-
-TEST(NoDescriptors, AServerGoesOnAndIsReachedAgainAfterwards) {
-  RunningServer running({std::make_shared<ProbeService>()});
-  const auto stub = running.stub();
-  EXPECT_EQ(echo(*stub), grpc::StatusCode::OK);
-  for (int round = 0; round < 3; ++round) {
-    std::vector<RawClient> clients(20);
-    std::size_t refused = 0;
-    {
-      const NoDescriptors none;
-      for (auto& client : clients)
-        ASSERT_TRUE(client.connectTo(running.address()));
-      for (auto& client : clients)
-        refused += !client.readUntil("\0"s);  // of the settings
-      EXPECT_EQ(echo(*stub), grpc::StatusCode::OK);
-    }
-    EXPECT_GT(refused, 10U);
-    EXPECT_EQ(echo(*running.stub()), grpc::StatusCode::OK);
   }
 }
 

@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <mutex>
 #include <set>
+#include <system_error>
 #include <thread>
 
 #include "tests/ProbeService.h"
@@ -142,6 +143,16 @@ TEST_F(NamespaceTest, AServerListensInItAndLeavesTheProcessOutside) {
     again.AddListeningPort(address, grpc::InsecureServerCredentials());
     VornSdkRpc::installArguments(again);
     VornSdkRpc::ServerProperties where{name};
+    const auto listens = [&, &name = name] {
+      grpc::ServerBuilder spare;
+      VornSdkRpc::ServerProperties there{name};
+      VornSdkRpc::Listener(spare, there).add(address, grpc::InsecureServerCredentials());
+    };
+    if (taken) {
+      EXPECT_THROW(listens(), std::system_error);
+    } else {
+      EXPECT_NO_THROW(listens());
+    }
     VornSdkRpc::GrpcServer second(again, {std::make_shared<ProbeService>()}, where);
     if (taken) {
       EXPECT_THROW(second.setup(), VornSdkRpc::ServerFailedError);

@@ -6,6 +6,7 @@
 #include <VornSdkRpc/GrpcServer.h>
 #include <VornSdkRpc/InsecureCredentials.h>
 #include <VornSdkRpc/InstallAccounting.h>
+#include <VornSdkRpc/Listener.h>
 #include <VornSdkRpc/NamespaceCheck.h>
 #include <VornSdkRpc/PolicyGuard.h>
 #include <VornSdkRpc/ServerArguments.h>
@@ -146,12 +147,22 @@ void serve(const Options& options, RouteTable& table, const std::function<void()
   // [executors]
   // [serve]
   VornSdkRpc::ServerProperties properties{std::string(netns)};
+  // [serve]
+  // [listener]
+  const auto listener = std::make_shared<VornSdkRpc::Listener>(builder, properties);
+  listener->connectionsPerPeerIs(100);
+  listener->add(address + ".limited", grpc::InsecureServerCredentials());
+  // [listener]
+  // [serve]
   VornSdkRpc::GrpcServer server(
       builder,
       {std::make_shared<RouteService>(table, onPool, onThread), std::make_shared<NapService>(),
        std::make_shared<ChangeService>(table)},
       properties, true);
   // [serve]
+  // [listening]
+  server.listenerIs(listener);
+  // [listening]
   serveUntilSignal(server, client);
 }
 

@@ -180,6 +180,9 @@ void callEverything(const std::string& address) {
   isGuarded(address + ".guarded", grpc::InsecureChannelCredentials());
   isGuarded(address + ".tls", grpc::SslCredentials({contentOf("ca.pem"), contentOf("key.pem"),
                                                     contentOf("cert.pem")}));
+  const auto limited =
+      grpc::CreateChannel(address + ".limited", grpc::InsecureChannelCredentials());
+  require(set(*Routes::NewStub(limited), route("1234", 32)).ok(), "a listener serves");
   isStopped(*napStub);
 }
 
