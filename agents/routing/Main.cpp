@@ -22,7 +22,6 @@
 
 #include "agents/routing/Backlog.h"
 #include "agents/routing/GrpcLog.h"
-#include "agents/routing/Listening.h"
 #include "agents/routing/Options.h"
 #include "agents/routing/PolicyService.h"
 #include "agents/routing/ReloadOnSignal.h"
@@ -70,15 +69,6 @@ class Announcement : public VornSdkRpc::GrpcService {
   const std::chrono::milliseconds grace_;
   Supervision* supervision_ = nullptr;
 };
-
-std::string joined(const std::vector<std::string>& words) {
-  std::string all;
-  for (const auto& word : words)
-    all += (all.empty() ? "" : ", ") + word;
-  return all;
-}
-
-std::string because(const std::string& reason) { return reason.empty() ? "" : ": " + reason; }
 
 void applyTrace(const Options& options) try {
   Kiv::traceSettingIs(options.trace);
@@ -139,6 +129,18 @@ std::unique_ptr<KernelSync> kernelSync(const Options& options) try {
   throw UsageError(std::string("cannot program the kernel: ") + error.what());
 }
 
+// Listens on every address of the options, and answers the ports.
+std::vector<int> listen(VornSdkRpc::Listener& listener, const Options& options,
+                        const Access& access) try {
+  listener.connectionsPerPeerIs(options.peerConnections);
+  std::vector<int> ports;
+  for (const auto& address : options.listen)
+    ports.push_back(listener.add(address, access.credentials(address)));
+  return ports;
+} catch (const std::exception& error) {
+  throw UsageError(error.what());
+}
+
 // Whether the agent could start like this, as far as it can be told without a trace of it left.
 void check(const Options& options) {
   applyTrace(options);
@@ -161,17 +163,14 @@ void serve(const Options& options, const std::function<Options()>& readAgain) {
                                          .handshakeTimeout = options.keepalive,
                                          .maxConcurrentStreams = 16384});
   if (options.accounting) VornSdkRpc::installAccounting(builder);
-  std::vector<int> ports(options.listen.size(), -1);
-  for (std::size_t i = 0; i < ports.size(); ++i) {
-    checkSocketFile(options.listen[i]);
-    builder.AddListeningPort(options.listen[i], access.credentials(options.listen[i]), &ports[i]);
-  }
+  VornSdkRpc::ServerProperties properties{options.netns};
+  const auto listener = std::make_shared<VornSdkRpc::Listener>(builder, properties);
+  const auto ports = listen(*listener, options, access);
 
   Tables tables;
   const auto kernel = kernelSync(options);
   SbfdMonitor monitor;
   Backlog backlog(options.stepTime, options.backlogMib << 20);
-  VornSdkRpc::ServerProperties properties{options.netns};
   const auto announcement = std::make_shared<Announcement>(options, ports);
   VornSdkRpc::GrpcServer server(
       builder,
@@ -186,6 +185,7 @@ void serve(const Options& options, const std::function<Options()>& readAgain) {
        {"backlog", [&backlog] { return backlog.figures().done; },
         [&backlog] { return backlog.figures().items == 0; }}});
   announcement->supervisionIs(supervision);
+  server.listenerIs(listener);
   server.stopTimeoutIs(kStopTimeout);
   const StopBacklog stopBacklog(backlog);  // before the services go that its changes refer to
   const VornSdkRpc::StopOnSignal stopOnSignal(server, options.grace);
@@ -194,11 +194,7 @@ void serve(const Options& options, const std::function<Options()>& readAgain) {
     reload(options, readAgain, log.get());
     supervision.ready();
   });
-  try {
-    server.run();
-  } catch (const VornSdkRpc::ServerFailedError&) {
-    throw UsageError("cannot listen on " + joined(options.listen) + because(lastSystemError()));
-  }
+  server.run();
 }
 
 }  // namespace

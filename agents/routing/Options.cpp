@@ -101,6 +101,12 @@ const Option kOptions[] = {
      [](Options& options, const Values& values) {
        options.grace = std::chrono::seconds(number(values[0], 0, 86400));
      }},
+    {"--peer-connections", "NUMBER",
+     "connections that one address, or one user of a Unix socket, may\n"
+     "have open; 0 is any number (default: 256)",
+     [](Options& options, const Values& values) {
+       options.peerConnections = static_cast<std::size_t>(number(values[0], 0, 1 << 20));
+     }},
     {"--no-accounting", "", "do not write a log record for every call",
      [](Options& options, const Values&) { options.accounting = false; }},
     {"--log", "FILE",

@@ -23,6 +23,7 @@ struct Options {
   std::chrono::milliseconds stepTime{0};  // what programming a step takes
   std::size_t backlogMib = 64;            // mebibytes of changes that may wait to be programmed
   // Silence after which a peer is asked whether it lives.
+  std::size_t peerConnections = 256;  // of one address or local user; 0: any number
   std::chrono::milliseconds keepalive{10000};
   std::chrono::milliseconds grace{0};  // what calls in progress are given when the agent is stopped
   // File of the platform log, "-" for standard error; empty: the platform's default.
