@@ -73,10 +73,32 @@ TEST(Check, NamesTheFieldThatCantBeUsed) {
       {"name: 'core' nexthop {}", "nexthop[0]"},
       {hop + "nexthop_ip { addr: '123' } }", "nexthop[0].nexthop_ip.addr"},
       {hop + "mpls_op: 6 }", "nexthop[0].mpls_op"},
+      {hop + "replicate_count: 257 }", "nexthop[0].replicate_count"},
+      {"name: 'core' nexthop { nexthop_interface: 'sixteen-letters-' }",
+       "nexthop[0].nexthop_interface"},
+      {"name: '" + std::string(255, 'n') + "'", "taken"},
+      {"name: '" + std::string(256, 'n') + "'", "name"},
       {hop + "labels: [1048575, 1048576] }", "nexthop[0].labels[1]"},
       {hop + "} backup_nexthop {}", "backup_nexthop[0]"},
       {hop + "sbfd_session_key {} }", "nexthop[0].sbfd_session_key.outgoing_interface"},
   });
+  const std::string labels = "session_key { outgoing_interface: 'eth0' nexthop { addr: 'abcd' } ";
+  std::string many;
+  for (int i = 0; i < 30; ++i)
+    many += "labels: 16 ";
+  expectRefusals<sbfd_echo_session_msg>({
+      {labels + many + "}", "taken"},
+      {labels + many + "labels: 16 }", "session_key.labels"},
+  });
+  expectRefusals<rpc_server_state_config_msg>({
+      {"set { key: 'k' value: '" + std::string(4096, 'v') + "' }", "taken"},
+      {"set { key: 'k' value: '" + std::string(4097, 'v') + "' }", "set.value"},
+      {"delete { key: '" + std::string(256, 'k') + "' }", "delete.key"},
+  });
+  std::string keys;
+  for (int i = 0; i < 256; ++i)
+    keys += "key: 'k' ";
+  expectRefusals<state_keys_msg>({{keys, "taken"}, {keys + "key: 'k'", "key"}});
   expectRefusals<mpls_route_msg>({
       {"", "forwarding"},
       {"request_delete: true", "taken"},
@@ -278,6 +300,64 @@ TEST(RoutingAgent, KeepsItsState) {
     EXPECT_TRUE(stub->Read(&context, request, &reply).ok());
     EXPECT_THAT(toString(reply), testing::HasSubstr(values));
   }
+}
+
+// What is large is read in parts of about 256 KiB.
+TEST(RoutingAgent, BoundsThePartsOfAStateAndRefusesItInOnePiece) {
+  Agent agent;
+  const std::string value(4096, 'v');
+  for (int i = 0; i < 1000; ++i)
+    agent.tables.state.set("key" + std::to_string(1000 + i), value);
+  const auto stub = agent.stub<State>();
+  rpc_server_state_status_msg reply;
+  {
+    grpc::ClientContext context;
+    const grpc::Status status = stub->Read(&context, state_keys_msg(), &reply);
+    EXPECT_EQ(status.error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
+  }
+  grpc::ClientContext context;
+  const auto parts = stub->ReadAll(&context, read_all_msg());
+  int next = 1000;
+  while (parts->Read(&reply)) {
+    EXPECT_LT(reply.ByteSizeLong(), 300U << 10);
+    for (const auto& entry : reply.value())
+      EXPECT_EQ(entry.value(), "key" + std::to_string(next++) + "=" + value);
+  }
+  EXPECT_TRUE(parts->Finish().ok());
+  EXPECT_EQ(next, 2000);
+}
+
+// Both answers to a change: taken, and programmed. An agent without a kernel has programmed what it
+// has taken from the backlog.
+TEST(RoutingAgent, TellsWhatBecameOfAChange) {
+  std::latch gate(1);
+  Agent agent;
+  const auto stub = agent.stub<Routing>();
+  ASSERT_TRUE(agent.backlog.add([&gate] { gate.wait(); }, 0));
+  const auto await = [&](const await_msg& what, std::chrono::milliseconds patience) {
+    grpc::ClientContext context;
+    context.set_deadline(std::chrono::system_clock::now() + patience);
+    programming_msg state;
+    const grpc::Status status = stub->Await(&context, what, &state);
+    EXPECT_TRUE(!status.ok() || state.state() == programming_msg::PROGRAMMED);
+    return status.error_code();
+  };
+  await_msg what;
+  *what.mutable_route() = routeOf(1).prefix();
+  EXPECT_EQ(call(*stub, &Routing::Stub::SetRoute, routeOf(1)), grpc::StatusCode::OK);
+  EXPECT_EQ(await(what, std::chrono::milliseconds(50)), grpc::StatusCode::DEADLINE_EXCEEDED);
+  gate.count_down();
+  const std::chrono::minutes long_(1);
+  EXPECT_EQ(await(what, long_), grpc::StatusCode::OK);
+  *what.mutable_route() = routeOf(2).prefix();
+  EXPECT_EQ(await(what, long_), grpc::StatusCode::NOT_FOUND);
+  what.set_group("core");
+  EXPECT_EQ(await(what, long_), grpc::StatusCode::NOT_FOUND);
+  EXPECT_EQ(await(await_msg(), long_), grpc::StatusCode::INVALID_ARGUMENT);
+  grpc::ClientContext context;
+  summary_msg summary;
+  EXPECT_TRUE(stub->AwaitAll(&context, await_all_msg(), &summary).ok());
+  EXPECT_EQ(summary.programmed(), 1U);
 }
 
 // A watcher is sent the present state first, then an end, then what changes: sessions that come up,

@@ -12,6 +12,12 @@ namespace {
 constexpr std::uint32_t kMaxLabel = (1U << 20) - 1;
 constexpr std::uint32_t kMaxDscp = 63;
 constexpr std::uint32_t kMaxExp = 7;
+constexpr std::uint32_t kMaxReplicates = 256;  // as the kernel's
+constexpr std::size_t kMaxName = 255;
+constexpr std::size_t kMaxInterface = 15;  // as the kernel's
+constexpr std::size_t kMaxValue = 4096;
+constexpr int kMaxKeysRead = 256;  // whose values fit a client's messages
+constexpr int kMaxLabels = 30;     // as the kernel's
 
 [[noreturn]] void refuse(const std::string& field, const std::string& why) {
   throw vorn::invalid_argument_error(field + " " + why, field);
@@ -24,13 +30,20 @@ void checkRange(const std::string& field, std::uint32_t value, std::uint32_t max
       field, value);
 }
 
-void checkName(const std::string& field, const std::string& name) {
-  if (name.empty()) refuse(field, "is empty");
+void checkSize(const std::string& field, const std::string& text, std::size_t max) {
+  if (text.size() <= max) return;
+  refuse(field, "has " + std::to_string(text.size()) + " bytes; at most " + std::to_string(max) +
+                    " are possible");
 }
 
-void checkAddress(const std::string& field, const std::string& addr) {
-  if (addr.size() == 4 || addr.size() == 16) return;
-  refuse(field, "holds " + std::to_string(addr.size()) + " bytes; an address has 4 or 16");
+void checkName(const std::string& field, const std::string& name) {
+  if (name.empty()) refuse(field, "is empty");
+  checkSize(field, name, kMaxName);
+}
+
+void checkInterface(const std::string& field, const std::string& name) {
+  checkSize(field, name, kMaxInterface);
+  if (name.find('\0') != std::string::npos) refuse(field, "has a NUL in it");
 }
 
 template <typename Numbers>
@@ -38,6 +51,20 @@ void checkEach(const std::string& field, const Numbers& values, std::uint32_t ma
   for (int i = 0; i < values.size(); ++i) {
     checkRange(field + "[" + std::to_string(i) + "]", values[i], max);
   }
+}
+
+template <typename Labels>
+void checkLabels(const std::string& field, const Labels& labels) {
+  if (labels.size() > kMaxLabels) {
+    refuse(field, "holds " + std::to_string(labels.size()) + " labels; at most " +
+                      std::to_string(kMaxLabels) + " are possible");
+  }
+  checkEach(field, labels, kMaxLabel);
+}
+
+void checkAddress(const std::string& field, const std::string& addr) {
+  if (addr.size() == 4 || addr.size() == 16) return;
+  refuse(field, "holds " + std::to_string(addr.size()) + " bytes; an address has 4 or 16");
 }
 
 bool hasBitsBehind(const std::string& addr, std::uint32_t length) {
@@ -50,8 +77,9 @@ bool hasBitsBehind(const std::string& addr, std::uint32_t length) {
 
 void checkKey(const std::string& field, const sbfd_echo_session_key_msg& key) {
   checkName(field + ".outgoing_interface", key.outgoing_interface());
+  checkInterface(field + ".outgoing_interface", key.outgoing_interface());
   checkAddress(field + ".nexthop.addr", key.nexthop().addr());
-  checkEach(field + ".labels", key.labels(), kMaxLabel);
+  checkLabels(field + ".labels", key.labels());
   checkRange(field + ".dscp", key.dscp(), kMaxDscp);
   checkRange(field + ".mpls_exp", key.mpls_exp(), kMaxExp);
 }
@@ -62,10 +90,12 @@ void checkNexthop(const std::string& field, const nexthop_msg& nexthop) {
   } else if (nexthop.nexthop_interface().empty()) {
     refuse(field, "has neither an address nor an interface");
   }
+  checkInterface(field + ".nexthop_interface", nexthop.nexthop_interface());
+  checkRange(field + ".replicate_count", nexthop.replicate_count(), kMaxReplicates);
   if (!nexthop_msg::mpls_operation_enum_IsValid(nexthop.mpls_op())) {
     refuse(field + ".mpls_op", "is no operation: " + std::to_string(nexthop.mpls_op()));
   }
-  checkEach(field + ".labels", nexthop.labels(), kMaxLabel);
+  checkLabels(field + ".labels", nexthop.labels());
   if (nexthop.has_sbfd_session_key()) {
     checkKey(field + ".sbfd_session_key", nexthop.sbfd_session_key());
   }
@@ -135,10 +165,21 @@ void check(const cbf_nexthop_group_redirect_msg& redirect) {
 void check(const sbfd_echo_session_msg& session) { checkKey("session_key", session.session_key()); }
 
 void check(const rpc_server_state_config_msg& config) {
-  for (const auto& entry : config.set())
+  for (const auto& entry : config.set()) {
     checkName("set.key", entry.key());
+    checkSize("set.value", entry.value(), kMaxValue);
+  }
   for (const auto& removed : config.delete_())
     checkName("delete.key", removed.key());
+}
+
+void check(const state_keys_msg& keys) {
+  if (keys.key_size() > kMaxKeysRead) {
+    refuse("key", "stands there " + std::to_string(keys.key_size()) + " times; at most " +
+                      std::to_string(kMaxKeysRead) + " are possible");
+  }
+  for (const auto& key : keys.key())
+    checkSize("key", key, kMaxName);
 }
 
 }  // namespace routing_agent

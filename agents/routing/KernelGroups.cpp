@@ -215,6 +215,11 @@ KernelSync::Plan KernelSync::plan(NamedGroup& group, Family family) const {
   } else if (!plan.trouble) {
     plan.trouble = {Programming::WAITING, "it has no next hop"};
   }
+  if (plan.hops.size() > kMaxKernelMembers) {
+    plan.trouble = {Programming::FAILED,
+                    "it has " + std::to_string(plan.hops.size()) + " next hops; 1024 are the most"};
+    plan.hops.clear();
+  }
   for (const auto& [hop, weight] : plan.hops) {
     if (weight <= kMaxKernelWeight) continue;
     plan.trouble = {Programming::FAILED,

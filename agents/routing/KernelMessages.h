@@ -39,6 +39,9 @@ struct KernelMember {
 };
 constexpr std::uint64_t kMaxKernelWeight = 256;  // the kernel keeps a weight, less one, in a byte
 
+// Of a group: its attribute holds at most 64 KiB, and others have to read it.
+constexpr std::size_t kMaxKernelMembers = 1024;
+
 NetlinkRequest newHop(std::uint32_t id, const KernelHop& hop);
 // `replaces`: the object is there, and is changed in one step under the routes that use it.
 NetlinkRequest newGroup(std::uint32_t id, const std::vector<KernelMember>& members, bool replaces);

@@ -13,6 +13,8 @@ using Sessions = SbfdMonitor::Sessions;
 // A watch holds its stream for as long as its client likes; this many are enough for a device.
 constexpr std::size_t kMaxWatches = 16384;
 
+constexpr std::size_t kMaxSessions = 4096;
+
 constexpr int kItemsPerBulk = 256;
 
 // What a session's watcher is sent; none for a mark.
@@ -58,8 +60,10 @@ SbfdService::SbfdService(SbfdMonitor& monitor, Backlog& backlog,
 }
 
 grpc::Status SbfdService::set(grpc::ServerContext& context, const sbfd_echo_session_msg& session) {
-  return change(context, session, sessions_, session.session_key().SerializeAsString(),
-                session.request_delete(), "session of this key",
+  const std::string key = session.session_key().SerializeAsString();
+  if (!session.request_delete() && sessions_.size() >= kMaxSessions && !sessions_.contains(key))
+    return {grpc::StatusCode::RESOURCE_EXHAUSTED, "there are 4096 sessions already"};
+  return change(context, session, sessions_, key, session.request_delete(), "session of this key",
                 [this, session] { monitor_.set(session); });
 }
 

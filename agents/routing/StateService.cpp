@@ -5,6 +5,12 @@
 
 namespace routing_agent {
 
+namespace {
+
+constexpr std::size_t kMaxRead = std::size_t{1} << 20;
+
+}  // namespace
+
 StateService::StateService(Tables& tables, Backlog& backlog, const std::vector<std::string>& listen)
     : AgentService("State", backlog, listen), tables_(tables) {
   method(&Async::RequestConfigure,
@@ -12,9 +18,10 @@ StateService::StateService(Tables& tables, Backlog& backlog, const std::vector<s
                 rpc_status_msg&) { return configure(context, config); });
   method(&Async::RequestRead,
          [this](const state_keys_msg& keys, rpc_server_state_status_msg& reply) {
-           read(keys, reply);
-           return ok();
+           return read(keys, reply);
          });
+  method(&Async::RequestReadAll, [this](rpc::Writer<rpc_server_state_status_msg>& parts,
+                                        const read_all_msg&) { return readAll(parts); });
 }
 
 grpc::Status StateService::configure(grpc::ServerContext& context,
@@ -31,17 +38,44 @@ grpc::Status StateService::configure(grpc::ServerContext& context,
   return backlog_.add(std::move(program), config.SpaceUsedLong()) ? ok() : tooMuchWaits();
 }
 
-void StateService::read(const state_keys_msg& keys, rpc_server_state_status_msg& reply) const {
-  for (const auto& key : keys.key()) {
+grpc::Status StateService::read(const state_keys_msg& keys,
+                                rpc_server_state_status_msg& reply) const {
+  check(keys);
+  for (const auto& key : keys.key())
     reply.add_value()->set_value(tables_.state.find(key).value_or(""));
-  }
-  if (keys.key_size() != 0) return;
+  if (keys.key_size() != 0) return ok();
+  std::size_t bytes = 0;
   std::optional<std::string> last;
-  for (auto items = tables_.state.part(last); !items.empty(); items = tables_.state.part(last)) {
-    for (const auto& [key, value] : items)
-      reply.add_value()->mutable_value()->append(key).append("=").append(value);
-    last = items.back().first;
+  while (const auto more = addPart(reply, last)) {
+    bytes += more;
+    if (bytes > kMaxRead) {
+      return {grpc::StatusCode::RESOURCE_EXHAUSTED,
+              "the state has more than 1 MiB: read it with ReadAll"};
+    }
   }
+  return ok();
+}
+
+rpc::Task<> StateService::readAll(rpc::Writer<rpc_server_state_status_msg>& parts) const {
+  std::optional<std::string> last;
+  for (bool more = true; more;) {
+    rpc_server_state_status_msg part;
+    more = addPart(part, last) != 0;
+    if (!co_await parts.write(part)) co_return grpc::Status::CANCELLED;
+  }
+  co_return grpc::Status::OK;
+}
+
+// Adds the entries behind the key `last`, as far as they go into one part. Answers their bytes.
+std::size_t StateService::addPart(rpc_server_state_status_msg& reply,
+                                  std::optional<std::string>& last) const {
+  std::size_t bytes = 0;
+  for (const auto& [key, value] : tables_.state.part(last)) {
+    reply.add_value()->mutable_value()->append(key).append("=").append(value);
+    bytes += key.size() + 1 + value.size();
+    last = key;
+  }
+  return bytes;
 }
 
 }  // namespace routing_agent

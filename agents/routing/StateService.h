@@ -1,5 +1,9 @@
 #pragma once
 
+#include <cstddef>
+#include <optional>
+#include <string>
+
 #include "agents/routing/AgentService.h"
 
 namespace routing_agent {
@@ -11,7 +15,9 @@ class StateService : public AgentService<State> {
 
  private:
   grpc::Status configure(grpc::ServerContext& context, const rpc_server_state_config_msg& config);
-  void read(const state_keys_msg& keys, rpc_server_state_status_msg& reply) const;
+  grpc::Status read(const state_keys_msg& keys, rpc_server_state_status_msg& reply) const;
+  rpc::Task<> readAll(rpc::Writer<rpc_server_state_status_msg>& parts) const;
+  std::size_t addPart(rpc_server_state_status_msg& reply, std::optional<std::string>& last) const;
 
   Tables& tables_;
 };
