@@ -345,7 +345,8 @@ void KernelSync::makeHops(std::vector<Plan>& plans) {
       if (object.present) {
         plan.members.push_back({object.id, static_cast<std::uint32_t>(weight)});
       } else if (const auto found = refused.find(hop); found != refused.end() && !plan.refused) {
-        const std::string to = hop.gateway.empty() ? "" : " " + addressText(hop.gateway);
+        std::string to;
+        if (!hop.gateway.empty()) to.append(" ").append(addressText(hop.gateway));
         plan.refused = {found->second.state, "next hop" + to + ": " + found->second.reason};
       }
     }
