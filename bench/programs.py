@@ -13,7 +13,14 @@ from results import Plan, Row
 Benchmark = dict[str, Any]  # as Google Benchmark writes it
 
 # The words by which a benchmark's name and that of its peer differ.
-PEERS = [("Registry", "Map"), ("Backlog", "Asio"), ("Accounting", "SpdlogAsync"), ("toString", "ShortDebugString")]
+PEERS = [
+    ("Registry", "Map"),
+    ("Backlog", "Asio"),
+    ("Accounting", "SpdlogAsync"),
+    ("toString", "ShortDebugString"),
+    ("Kit", "CallbackApi"),
+    ("Alarm", "CallbackApi"),
+]
 
 
 def benchmarks(program: pathlib.Path, plan: Plan) -> dict[str, Benchmark]:
@@ -47,6 +54,8 @@ def row(program: pathlib.Path, name: str, found: dict[str, Benchmark]) -> Row:
     figures = {"cpu_us": microseconds(one)}
     if "allocs" in one:
         figures["allocations"] = one["allocs"]
+    if "bytes" in one:
+        figures["bytes"] = one["bytes"]
     ratios = {"cpu_us": figures["cpu_us"] / microseconds(found[peer])} if peer else {}
     return {
         "work": program.name,
