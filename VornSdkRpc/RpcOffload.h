@@ -160,7 +160,7 @@ class VORN_EXPORT Job {
 // - the result, as a std::optional that is empty when the call is over (cancelled, its deadline
 //   past); for work without a result, true, and false when the call is over. It does not wait for
 //   the work then, which goes on without anybody to take its result. For a call that is over
-//   already the work is not even begun.
+//   already the work is not even begun. While the server is being drained the work is waited for.
 // - what the work has thrown, which ends the call as an exception of the coroutine's own does;
 // - std::runtime_error when the executor has dropped the work. What the executor itself throws
 //   comes out of offload().

@@ -89,7 +89,7 @@ class OffloadingService : public rpc::Service<Probe> {
       auto work = [captured, alive = Alive()]() -> int {
         throw vorn::invalid_argument_error(captured, "text");
       };
-      co_await rpc::offload(call, executor_, work);
+      if (!co_await rpc::offload(call, executor_, work)) co_return grpc::Status::CANCELLED;
     } else {
       auto work = [captured, alive = Alive()] { return std::pair(captured, Alive()); };
       const auto result = co_await rpc::offload(call, executor_, work);
@@ -200,6 +200,26 @@ TEST(Offload, OutlivesItsCallAndItsServer) {
       EXPECT_EQ(Alive::count, 0) << text;
     }
   }
+}
+
+TEST(Offload, IsWaitedForDuringADrain) {
+  Shelf shelf;
+  const auto service = std::make_shared<OffloadingService>(shelf.executor());
+  RunningServer running({service});
+  const auto stub = running.stub();
+  std::string reply;
+  std::jthread client([&] { EXPECT_TRUE(echo(*stub, "result", &reply).ok()); });
+  while (service->waiting == 0)
+    std::this_thread::yield();
+  std::jthread worker([&] {
+    while (!service->draining())
+      std::this_thread::yield();
+    for (const auto& job : shelf.take())
+      job();
+  });
+  running.drain(60s);
+  client.join();
+  EXPECT_EQ(reply, "result" + kLong);
 }
 
 // Calls of which every other is given up, with a pool that does its work at any time: as they begin
