@@ -2,6 +2,7 @@
 
 #include <cassert>
 #include <stdexcept>
+#include <utility>
 
 namespace VornSdkRpc::rpc {
 
@@ -28,8 +29,9 @@ void Offloaded::jobGone() noexcept {
   over(std::make_exception_ptr(std::runtime_error("an executor has dropped a piece of work")));
 }
 
-void Offloaded::rethrow() const {
-  if (exception_) std::rethrow_exception(exception_);
+// Keeps no reference, so that what was thrown ends on the thread that catches it.
+void Offloaded::rethrow() {
+  if (exception_) std::rethrow_exception(std::exchange(exception_, nullptr));
 }
 
 void Offloaded::over(std::exception_ptr exception) noexcept {

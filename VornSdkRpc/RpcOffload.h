@@ -60,7 +60,7 @@ class VORN_EXPORT Offloaded {
   virtual void work() = 0;              // keeps its result
   virtual void destroy() noexcept = 0;  // the function, with what it has captured
 
-  void rethrow() const;
+  void rethrow();
 
  private:
   VORN_NO_EXPORT void over(std::exception_ptr exception) noexcept;
@@ -79,7 +79,7 @@ class OffloadedWork final : public Offloaded {
   template <typename Function>
   explicit OffloadedWork(Function&& function) : work_(std::forward<Function>(function)) {}
 
-  // Throws what the work has thrown.
+  // Throws what the work has thrown. Once.
   Answer take() {
     rethrow();
     return std::move(answer_);
