@@ -15,6 +15,7 @@
 #include <system_error>
 #include <thread>
 
+#include "tests/OwnNetns.h"
 #include "tests/ProbeService.h"
 
 namespace test {
