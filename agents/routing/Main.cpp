@@ -48,7 +48,9 @@ class Announcement : public VornSdkRpc::GrpcService {
         ports_(ports),
         grace_(options.grace) {}
 
-  void supervisionIs(Supervision& supervision) { supervision_ = &supervision; }
+  void supervisionIs(const std::shared_ptr<Supervision>& supervision) {
+    supervision_ = supervision;
+  }
 
  private:
   void registerWith(grpc::ServerBuilder&) override {}
@@ -59,15 +61,19 @@ class Announcement : public VornSdkRpc::GrpcService {
       std::printf("\n");
     }
     std::fflush(stdout);
-    supervision_->ready();
+    if (const auto supervision = supervision_.lock()) supervision->ready();
   }
-  void drainingChanged() override { supervision_->stopping(grace_ + kStopTimeout); }
-  void stoppingChanged() override { supervision_->stopping(kStopTimeout); }
+  void drainingChanged() override { stopsWithin(grace_ + kStopTimeout); }
+  void stoppingChanged() override { stopsWithin(kStopTimeout); }
+
+  void stopsWithin(std::chrono::milliseconds time) {
+    if (const auto supervision = supervision_.lock()) supervision->stopping(time);
+  }
 
   const std::vector<std::string>& listen_;
   const std::vector<int>& ports_;
   const std::chrono::milliseconds grace_;
-  Supervision* supervision_ = nullptr;
+  std::weak_ptr<Supervision> supervision_;  // which ends before the server that it looks at
 };
 
 void applyTrace(const Options& options) try {
@@ -179,20 +185,21 @@ void serve(const Options& options, const std::function<Options()>& readAgain) {
        std::make_shared<StateService>(tables, backlog, options.listen),
        std::make_shared<PolicyService>(access.policy()), announcement},
       properties, options.accounting);
-  Supervision supervision(
+  const auto supervision = std::make_shared<Supervision>(
       [&backlog] { return statusOf(backlog); },
-      {{"serving thread", [&server] { return server.turns(); }, [] { return false; }},
-       {"backlog", [&backlog] { return backlog.figures().done; },
-        [&backlog] { return backlog.figures().items == 0; }}});
+      std::vector<Moving>{
+          {"serving thread", [&server] { return server.turns(); }, [] { return false; }},
+          {"backlog", [&backlog] { return backlog.figures().done; },
+           [&backlog] { return backlog.figures().items == 0; }}});
   announcement->supervisionIs(supervision);
   server.listenerIs(listener);
   server.stopTimeoutIs(kStopTimeout);
   const StopBacklog stopBacklog(backlog);  // before the services go that its changes refer to
   const VornSdkRpc::StopOnSignal stopOnSignal(server, options.grace);
   const ReloadOnSignal reloadOnSignal([&] {
-    supervision.reloading();
+    supervision->reloading();
     reload(options, readAgain, log.get());
-    supervision.ready();
+    supervision->ready();
   });
   server.run();
 }
