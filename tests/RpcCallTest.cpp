@@ -1,0 +1,460 @@
+#include <Kiv/Log.h>
+#include <Kiv/Trace.h>
+#include <VornSdkRpc/Rpc.h>
+#include <gmock/gmock.h>
+#include <grpcpp/generic/generic_stub.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/Capture.h"
+#include "tests/ProbeService.h"
+
+namespace test {
+namespace {
+
+namespace rpc = VornSdkRpc::rpc;
+using namespace std::chrono_literals;
+using grpc::StatusCode;
+
+// A service whose methods a test names, and which its time is turned for by hand.
+class Scripted : public rpc::Service<Probe> {
+ public:
+  Scripted() : Service("Scripted") { timeIs(kStart); }
+
+  using Service::byHand;
+  using Service::limitsAre;
+  using Service::method;
+
+  std::function<std::optional<grpc::Status>(grpc::ServerContext&, const std::string&)> gate;
+
+  static constexpr rpc::Clock::time_point kStart{1000h};
+
+ private:
+  std::optional<grpc::Status> admit(grpc::ServerContext& context,
+                                    const std::string& method) override {
+    return gate ? gate(context, method) : std::nullopt;
+  }
+};
+
+using Async = Scripted::Async;
+using Chat = rpc::ReaderWriter<Text, Text>;
+
+Text textOf(const std::string& text) {
+  Text message;
+  message.set_text(text);
+  return message;
+}
+
+void waitUntil(const std::function<bool()>& reached) {
+  while (!reached())
+    std::this_thread::yield();
+}
+
+// What the calls of a service have left behind: nothing but what is asked for.
+void expectIdle(RunningServer& running) {
+  waitUntil([&] { return running.server().tagManager().size() <= 9; });
+}
+
+// Sends bytes that need not be a message, as the only or the second item of a call.
+class Raw {
+ public:
+  Raw(const std::shared_ptr<grpc::Channel>& channel, const std::string& method)
+      : stream_(grpc::GenericStub(channel).PrepareCall(&context_, method, &queue_)) {
+    stream_->StartCall(this);
+    next();
+  }
+  ~Raw() {
+    context_.TryCancel();
+    queue_.Shutdown();
+    void* tag = nullptr;
+    bool ok = false;
+    while (queue_.Next(&tag, &ok)) {
+    }
+  }
+  Raw(const Raw&) = delete;
+  Raw& operator=(const Raw&) = delete;
+
+  void write(const std::string& bytes) {
+    const grpc::Slice slice(bytes);
+    stream_->Write(grpc::ByteBuffer(&slice, 1), this);
+    next();
+  }
+  grpc::Status finish() {
+    stream_->WritesDone(this);
+    next();
+    grpc::Status status;
+    stream_->Finish(&status, this);
+    next();
+    return status;
+  }
+
+ private:
+  void next() {
+    void* tag = nullptr;
+    bool ok = false;
+    queue_.Next(&tag, &ok);
+  }
+
+  grpc::ClientContext context_;
+  grpc::CompletionQueue queue_;
+  std::unique_ptr<grpc::GenericClientAsyncReaderWriter> stream_;
+};
+
+// Heartbeats from the client at any time, notices from the server at any time, and an end when no
+// heartbeat has come for three seconds, however many notices there were.
+TEST(RpcCall, WaitsForWhicheverComesFirst) {
+  rpc::Event notice;
+  const auto service = std::make_shared<Scripted>();
+  service->method(&Async::RequestChat, [&](Chat& session) -> rpc::Task<> {
+    Text beat;
+    auto last = session.now();
+    for (;;) {
+      const rpc::Woke woke = co_await session.read(beat, notice, last + 3s);
+      if (woke == rpc::Woke::time) co_return grpc::Status(StatusCode::DEADLINE_EXCEEDED, "silent");
+      if (!woke) co_return grpc::Status::OK;
+      if (woke == rpc::Woke::message) last = session.now();
+      if (woke == rpc::Woke::event) beat.set_text("notice");
+      if (!co_await session.write(beat)) break;
+    }
+    co_return grpc::Status::CANCELLED;
+  });
+  RunningServer running({service});
+  const auto stub = running.stub();
+  Text text;
+  {
+    grpc::ClientContext context;
+    const auto session = stub->Chat(&context);
+    for (int second = 0; second < 10; ++second) {
+      service->timeIs(Scripted::kStart + std::chrono::seconds(second));
+      ASSERT_TRUE(session->Write(textOf(std::to_string(second))));
+      ASSERT_TRUE(session->Read(&text));
+      EXPECT_EQ(text.text(), std::to_string(second)) << "no message is lost across waits";
+      notice.set();
+      ASSERT_TRUE(session->Read(&text));
+      EXPECT_EQ(text.text(), "notice");
+    }
+    service->timeIs(Scripted::kStart + 12s);
+    EXPECT_FALSE(session->Read(&text));
+    EXPECT_EQ(session->Finish().error_message(), "silent");
+  }
+  grpc::ClientContext context;
+  const auto session = stub->Chat(&context);
+  session->WritesDone();
+  EXPECT_TRUE(session->Finish().ok()) << "the end of the stream is told";
+  expectIdle(running);
+}
+
+// The event is set exactly once a round, by another thread: one that is lost would hang the test.
+TEST(RpcCall, AnEventBeatsATimeThatIsFarAndLosesToOneThatHasCome) {
+  rpc::Event event;
+  const auto service = std::make_shared<Scripted>();
+  std::atomic<int> waiting = 0;
+  service->method(&Async::RequestEcho,
+                  [&](rpc::Call& call, const Text&, Text& reply) -> rpc::Task<> {
+                    ++waiting;
+                    const rpc::Woke woke = co_await call.wait(event, 1h);
+                    reply.set_text(woke == rpc::Woke::event  ? "event"
+                                   : woke == rpc::Woke::time ? "time"
+                                                             : "neither");
+                    co_return grpc::Status::OK;
+                  });
+  RunningServer running({service});
+  const auto stub = running.stub();
+  for (int round = 1; round <= 200; ++round) {
+    Text reply;
+    const bool early = round % 2 == 0;
+    std::jthread waker([&] {
+      if (!early) waitUntil([&] { return waiting == round; });
+      event.set();
+    });
+    grpc::ClientContext context;
+    ASSERT_TRUE(stub->Echo(&context, Text(), &reply).ok());
+    EXPECT_EQ(reply.text(), "event");
+  }
+  std::jthread clock([&] {
+    waitUntil([&] { return waiting == 201; });
+    service->timeIs(Scripted::kStart + 1h);
+  });
+  grpc::ClientContext context;
+  Text reply;
+  ASSERT_TRUE(stub->Echo(&context, Text(), &reply).ok());
+  EXPECT_EQ(reply.text(), "time");
+}
+
+TEST(RpcCall, BytesThatAreNoMessageEndTheCallAndAreAccounted) {
+  const Capture log(Kiv::platformLogger());
+  const auto service = std::make_shared<Scripted>();
+  std::atomic<int> ended = 0;
+  service->method(&Async::RequestEcho, [](const Text&, Text&) { return grpc::Status::OK; });
+  service->method(&Async::RequestTick, [](rpc::Writer<Text>&, const Count&) -> rpc::Task<> {
+    ADD_FAILURE() << "nothing to serve";
+    co_return grpc::Status::OK;
+  });
+  service->method(&Async::RequestCollect, [&](rpc::Reader<Text>& texts, Count&) -> rpc::Task<> {
+    Text text;
+    while (co_await texts.read(text)) {
+    }
+    EXPECT_EQ(texts.endedBy(), rpc::EndedBy::malformed);
+    EXPECT_FALSE(co_await texts.wait(1h)) << "and so does everything that is awaited after it";
+    ++ended;
+    co_return grpc::Status::OK;
+  });
+  service->method(&Async::RequestChat, [&](Chat& chat) -> rpc::Task<> {
+    Text text;
+    while (co_await chat.read(text)) {
+    }
+    EXPECT_FALSE(co_await chat.write(text));
+    ++ended;
+    co_return grpc::Status::OK;
+  });
+  const std::string good = textOf("good").SerializeAsString();
+  const std::string bad = "\x0a\xff";  // a field that is longer than what follows
+  {
+    RunningServer running({service}, true);
+    for (const char* method : {"Echo", "Tick", "Collect", "Chat"}) {
+      Raw raw(running.connection(), std::string("/test.Probe/") + method);
+      if (method[0] == 'C') raw.write(good);
+      raw.write(bad);
+      const grpc::Status status = raw.finish();
+      EXPECT_EQ(status.error_code(), StatusCode::INVALID_ARGUMENT) << method;
+      EXPECT_EQ(status.error_message(), "the request's bytes are no message of its type");
+    }
+    expectIdle(running);
+  }
+  EXPECT_EQ(ended, 2);
+  for (const char* method : {"Echo", "Tick", "Collect", "Chat"}) {
+    EXPECT_EQ(log.count(std::string("rpc: /test.Probe/") + method + ", status: 3"), 1U) << method;
+  }
+}
+
+// A client that never reads holds neither the coroutine nor the call.
+TEST(RpcCall, AWriteHasALimit) {
+  const auto service = std::make_shared<Scripted>();
+  std::atomic<int> written = 0;
+  std::atomic<bool> ended = false;
+  service->method(&Async::RequestTick, [&](rpc::Writer<Text>& ticks, const Count&) -> rpc::Task<> {
+    const Text text = textOf(std::string(100000, 'x'));
+    rpc::Woke woke = rpc::Woke::written;
+    while (woke == rpc::Woke::written) {
+      woke = co_await ticks.write(text, 1s);
+      if (woke == rpc::Woke::written) ++written;
+    }
+    EXPECT_EQ(woke, rpc::Woke::time);
+    ended = true;
+    co_return grpc::Status(StatusCode::RESOURCE_EXHAUSTED, "the client does not read");
+  });
+  const Capture log(Kiv::platformLogger());
+  {
+    RunningServer running({service}, true);
+    grpc::ClientContext context;
+    const auto stub = running.stub();
+    const auto reader = stub->Tick(&context, Count());
+    auto now = Scripted::kStart;
+    waitUntil([&] {
+      service->timeIs(now += 1s);
+      std::this_thread::sleep_for(1ms);
+      return ended.load();
+    });
+    expectIdle(running);
+    Text text;
+    int read = 0;
+    while (reader->Read(&text))
+      ++read;
+    EXPECT_LE(read, written + 1);
+    EXPECT_EQ(reader->Finish().error_code(), StatusCode::CANCELLED);
+  }
+  EXPECT_EQ(log.count("rpc: /test.Probe/Tick, status: 8"), 1U);
+}
+
+// While a write waits for its client, the other side's message arrives.
+TEST(RpcCall, ReadsWhileItWrites) {
+  const auto service = std::make_shared<Scripted>();
+  service->method(&Async::RequestChat, [&](Chat& chat) -> rpc::Task<> {
+    const Text text = textOf(std::string(100000, 'x'));
+    rpc::Event never;
+    Text heard;
+    // The read is outstanding from here on.
+    EXPECT_EQ(co_await chat.read(heard, rpc::Limit(0s)), rpc::Woke::time);
+    int written = 0;
+    for (; written < 100; ++written) {
+      if (!co_await chat.write(text)) break;
+    }
+    EXPECT_EQ(co_await chat.read(heard), rpc::Woke::message);
+    EXPECT_EQ(heard.text(), "in between");
+    co_return grpc::Status(StatusCode::ABORTED, std::to_string(written));
+  });
+  RunningServer running({service});
+  grpc::ClientContext context;
+  const auto stub = running.stub();
+  const auto chat = stub->Chat(&context);
+  Text text;
+  ASSERT_TRUE(chat->Read(&text));
+  ASSERT_TRUE(chat->Write(textOf("in between")));
+  while (chat->Read(&text)) {
+  }
+  EXPECT_EQ(chat->Finish().error_message(), "100");
+  expectIdle(running);
+}
+
+TEST(RpcCall, IsAccountedAsWhatHasEndedIt) {
+  const Capture log(Kiv::platformLogger());
+  const auto service = std::make_shared<Scripted>();
+  std::atomic<int> waiting = 0;
+  std::atomic<rpc::EndedBy> endedBy = rpc::EndedBy::nothing;
+  service->method(
+      &Async::RequestEcho, [&](rpc::Call& call, const Text& text, Text&) -> rpc::Task<> {
+        EXPECT_EQ(call.remaining() == std::chrono::nanoseconds::max(), text.text() == "cancel");
+        EXPECT_GT(call.remaining(), 0s);
+        ++waiting;
+        co_await call.wait(1000h);
+        endedBy = call.endedBy();
+        EXPECT_TRUE(text.text() == "cancel" || call.remaining() < 100ms);
+        co_return grpc::Status::OK;
+      });
+  {
+    RunningServer running({service}, true);
+    const auto stub = running.stub();
+    Text reply;
+    grpc::ClientContext late;
+    late.set_deadline(std::chrono::system_clock::now() + 500ms);
+    EXPECT_EQ(stub->Echo(&late, textOf("late"), &reply).error_code(),
+              StatusCode::DEADLINE_EXCEEDED);
+    waitUntil([&] { return endedBy != rpc::EndedBy::nothing; });
+    EXPECT_EQ(endedBy, rpc::EndedBy::deadline);
+    endedBy = rpc::EndedBy::nothing;
+    grpc::ClientContext cancelled;
+    std::jthread canceller([&] {
+      waitUntil([&] { return waiting == 2; });
+      cancelled.TryCancel();
+    });
+    EXPECT_EQ(stub->Echo(&cancelled, textOf("cancel"), &reply).error_code(), StatusCode::CANCELLED);
+    waitUntil([&] { return endedBy != rpc::EndedBy::nothing; });
+    EXPECT_EQ(endedBy, rpc::EndedBy::cancelled);
+    expectIdle(running);
+  }
+  EXPECT_EQ(log.count("rpc: /test.Probe/Echo, status: 4"), 1U);
+  EXPECT_EQ(log.count("rpc: /test.Probe/Echo, status: 1"), 1U);
+}
+
+TEST(RpcCall, ADrainWakesWhoWaitsOnce) {
+  const auto service = std::make_shared<Scripted>();
+  std::atomic<int> waiting = 0;
+  std::atomic<bool> stopped = false;
+  service->method(&Async::RequestChat, [&](Chat& chat) -> rpc::Task<> {
+    rpc::Event never;
+    Text text;
+    ++waiting;
+    EXPECT_EQ(co_await chat.read(text, never), rpc::Woke::draining);
+    EXPECT_TRUE(chat.draining());
+    EXPECT_EQ(co_await chat.read(text, never), rpc::Woke::message) << "it is told once";
+    co_return grpc::Status(StatusCode::UNAVAILABLE, "drained");
+  });
+  service->method(&Async::RequestTick, [&](rpc::Writer<Text>& ticks, const Count&) -> rpc::Task<> {
+    struct Told {
+      ~Told() { stopped = call.endedBy() == rpc::EndedBy::drained; }
+      rpc::Writer<Text>& call;
+      std::atomic<bool>& stopped;
+    };
+    const Told told{ticks, stopped};
+    ++waiting;
+    while (co_await ticks.wait(1000h)) {
+    }
+    co_return grpc::Status::OK;
+  });
+  {
+    RunningServer running({service});
+    const auto stub = running.stub();
+    grpc::ClientContext chatting, ticking;
+    const auto chat = stub->Chat(&chatting);
+    const auto ticks = stub->Tick(&ticking, Count());
+    waitUntil([&] { return waiting == 2; });
+    std::jthread drain([&] { running.drain(1s); });
+    waitUntil([&] { return service->draining(); });
+    ASSERT_TRUE(chat->Write(textOf("go on")));
+    EXPECT_EQ(chat->Finish().error_message(), "drained");
+    Text text;
+    EXPECT_FALSE(ticks->Read(&text)) << "what goes on is cancelled after the grace";
+    EXPECT_FALSE(ticks->Finish().ok());
+  }
+  EXPECT_TRUE(stopped) << "the locals of what was destroyed are told why";
+}
+
+TEST(RpcCall, SendsMetadataAtAnyTime) {
+  const auto service = std::make_shared<Scripted>();
+  rpc::Event goOn;
+  service->method(&Async::RequestEcho,
+                  [&](rpc::Call& call, const Text& text, Text& reply) -> rpc::Task<> {
+                    call.context().set_compression_algorithm(GRPC_COMPRESS_GZIP);
+                    call.context().AddInitialMetadata("early", "yes");
+                    EXPECT_EQ(co_await call.sendInitialMetadata(), rpc::Woke::written);
+                    while (co_await call.wait(goOn) != rpc::Woke::event) {
+                    }
+                    call.context().AddTrailingMetadata("late", "too");
+                    reply = text;
+                    if (text.text() == "twice") co_await call.sendInitialMetadata();
+                    co_return grpc::Status::OK;
+                  });
+  RunningServer running({service});
+  const auto stub = running.stub();
+  grpc::CompletionQueue queue;
+  for (const char* text : {"once", "twice"}) {
+    grpc::ClientContext context;
+    Text reply;
+    grpc::Status status;
+    const auto call = stub->AsyncEcho(&context, textOf(text), &queue);
+    void* tag = nullptr;
+    bool ok = false;
+    call->ReadInitialMetadata(&queue);
+    ASSERT_TRUE(queue.Next(&tag, &ok));  // while the coroutine waits
+    EXPECT_EQ(context.GetServerInitialMetadata().count("early"), 1U);
+    goOn.set();
+    call->Finish(&reply, &status, &queue);
+    ASSERT_TRUE(queue.Next(&tag, &ok));
+    EXPECT_EQ(status.error_code(),
+              text == std::string("once") ? StatusCode::OK : StatusCode::INTERNAL);
+    EXPECT_EQ(context.GetServerTrailingMetadata().count("late"), 1U);
+  }
+}
+
+// One coroutine of each operation with a captured string, which g++ 12 must not destroy twice: a
+// sanitizer sees it, and so does the reply.
+TEST(RpcCall, NoOperationHarmsWhatACoroutineHolds) {
+  const auto service = std::make_shared<Scripted>();
+  const std::string kLong(100, 'c');
+  service->method(&Async::RequestChat, [captured = kLong](Chat& chat) -> rpc::Task<> {
+    const std::string local = captured;
+    rpc::Event event;
+    Text text;
+    event.set();
+    EXPECT_EQ(co_await chat.wait(event), rpc::Woke::event);
+    EXPECT_EQ(co_await chat.wait(event, rpc::Limit(0s)), rpc::Woke::time);
+    EXPECT_EQ(co_await chat.wait(rpc::Limit(0s)), rpc::Woke::time);
+    EXPECT_EQ(co_await chat.sendInitialMetadata(), rpc::Woke::written);
+    EXPECT_EQ(co_await chat.write(textOf(captured + local)), rpc::Woke::written);
+    EXPECT_EQ(co_await chat.write(textOf(captured + local), 1h), rpc::Woke::written);
+    EXPECT_EQ(co_await chat.read(text), rpc::Woke::message);
+    EXPECT_EQ(co_await chat.read(text, 1h), rpc::Woke::message);
+    EXPECT_EQ(co_await chat.read(text, event, 1h), rpc::Woke::end);
+    co_return grpc::Status(StatusCode::ABORTED, captured + local);
+  });
+  RunningServer running({service});
+  const auto stub = running.stub();
+  grpc::ClientContext context;
+  const auto chat = stub->Chat(&context);
+  Text text;
+  for (int i = 0; i < 2; ++i) {
+    ASSERT_TRUE(chat->Write(text));
+    ASSERT_TRUE(chat->Read(&text));
+    EXPECT_EQ(text.text(), kLong + kLong);
+  }
+  chat->WritesDone();
+  EXPECT_EQ(chat->Finish().error_message(), kLong + kLong);
+}
+
+}  // namespace
+}  // namespace test
