@@ -7,14 +7,17 @@
 // and what comes back tells why: in a condition it is true as long as there is something to go on
 // with, and compared with one of the reasons it says which.
 //
-//   while (co_await uploads.read(route)) ...            // until the end of the client's stream
-//   if (!co_await call.wait(100ms)) co_return ...;      // false: the call is over
-//
-//   switch (co_await session.read(beat, notices, 3s)) {  // whichever comes first
-//     case rpc::Woke::message: ...
-//     case rpc::Woke::event: ...
-//     case rpc::Woke::time: ...
-//     default: ...
+//   rpc::Task<> follow(rpc::ReaderWriter<ip_route_msg, count_msg>& client, rpc::Event& news) {
+//     ip_route_msg route;
+//     count_msg count;
+//     for (;;) {
+//       const rpc::Woke woke = co_await client.read(route, news, 3s);  // whichever comes first
+//       if (!woke) break;  // the end of the client's stream, or of the call
+//       if (woke == rpc::Woke::time) co_return silent();
+//       if (woke == rpc::Woke::message) count.set_count(count.count() + 1);
+//       if (!co_await client.write(count)) break;
+//     }
+//     co_return grpc::Status::OK;
 //   }
 //
 // Rules. Everything here is for the server's thread, which is asserted, and for the coroutine of
@@ -25,11 +28,12 @@
 // A read or a write that has been started goes on when its wait ends for another reason, and the
 // next read() or write() takes it up; so both sides of a ReaderWriter can be under way at once.
 //
-// Fine print. A drain of the server wakes every wait for a time or an event once, with
-// Woke::draining, also those that a limit was given to; a read or a write without limit goes on.
-// When several reasons hold, the first of this order is told: over, written, message or end, event,
-// draining, time. The others are not lost. A wait for a time that has passed already is a turn for
-// the other calls.
+// Fine print. A wait for one thing comes back when that has come or the call is over, and for no
+// other reason. One for whichever of several comes first is woken by a drain of the server as well,
+// once for each call, with Woke::draining; `wait(event, rpc::forever)` waits for no more than the
+// two. When several reasons hold, the first of this order is told: over, written, message or end,
+// event, draining, time. The others are not lost. A wait for a time that has passed already is a
+// turn for the other calls.
 
 #include <VornSdkRpc/RpcWakeups.h>
 #include <google/protobuf/message_lite.h>
@@ -106,8 +110,6 @@ class Limit {
   Limit(Clock::time_point point)  // NOLINT(google-explicit-constructor)
       : kind_(Kind::point), span_(point.time_since_epoch()) {}
 
-  static Limit none() { return Limit(std::chrono::hours::max()); }
-
  private:
   friend class detail::Exchange;
   enum class Kind : std::uint8_t { none, span, point };
@@ -115,6 +117,7 @@ class Limit {
   Kind kind_ = Kind::none;
   Clock::duration span_{};
 };
+inline const Limit forever = std::chrono::hours::max();
 
 namespace detail {
 
@@ -202,18 +205,18 @@ class VORN_EXPORT Call {
   // The time that waits go by: that of rpc::Clock, unless a test turns it by hand.
   Clock::time_point now() const;
 
-  // Waits for a time to pass, until an event is set, or for whichever comes first. An event that is
-  // set already is taken at once.
-  detail::Wait wait(Limit limit) { return {exchange_, For::wakeup, nullptr, limit, true}; }
-  detail::Wait wait(Event& event, Limit limit = Limit::none()) {
+  // Waits for a time to pass, or until an event is set; one that is set already is taken at once.
+  detail::Wait wait(Limit limit) { return {exchange_, For::wakeup, nullptr, limit, false}; }
+  detail::Wait wait(Event& event) { return {exchange_, For::wakeup, &event, forever, false}; }
+
+  // Waits for whichever comes first of an event, a time and a drain of the server.
+  detail::Wait wait(Event& event, Limit limit) {
     return {exchange_, For::wakeup, &event, limit, true};
   }
 
   // Sends the initial metadata now, instead of with the first message or the status. Throws
   // std::logic_error when they have been sent.
-  detail::Wait sendInitialMetadata() {
-    return {exchange_, For::metadata, nullptr, Limit::none(), false};
-  }
+  detail::Wait sendInitialMetadata() { return {exchange_, For::metadata, nullptr, forever, false}; }
 
  protected:
   explicit Call(detail::Exchange& exchange) : exchange_(exchange) {}
@@ -232,14 +235,14 @@ class Reader : public Call {
   // Reads the next message: answers Woke::message, Woke::end at the end of the client's stream, or
   // Woke::over. `item` is touched by the first alone. Bytes that are no Request end the call with
   // INVALID_ARGUMENT.
-  detail::ReadWait read(Request& item) { return {exchange_, item, nullptr, Limit::none(), false}; }
+  detail::ReadWait read(Request& item) { return {exchange_, item, nullptr, forever, false}; }
 
-  // Reads the next message or waits as Call::wait() does, whichever comes first. A read that is
-  // outstanding then stays so, for the next read.
+  // Waits for whichever comes first of the next message (or the end of the stream), an event, a
+  // time and a drain of the server. A read that is outstanding then stays so, for the next one.
   detail::ReadWait read(Request& item, Limit limit) {
     return {exchange_, item, nullptr, limit, true};
   }
-  detail::ReadWait read(Request& item, Event& event, Limit limit = Limit::none()) {
+  detail::ReadWait read(Request& item, Event& event, Limit limit = forever) {
     return {exchange_, item, &event, limit, true};
   }
 
@@ -256,14 +259,14 @@ class Writer : public Call {
   // Options that ask gRPC to hold the message back for the next one, or for the end of the stream,
   // are passed over.
   detail::WriteWait write(const Reply& item, grpc::WriteOptions options = {}) {
-    return {exchange_, item, Limit::none(), false, options};
+    return {exchange_, item, forever, false, options};
   }
 
   // The same with a limit. A message that was not taken by then is still on its way, and the next
   // write waits for it first. A coroutine that ends before cancels its call, because the status
   // would wait behind the message; the status is what is accounted.
   detail::WriteWait write(const Reply& item, Limit limit, grpc::WriteOptions options = {}) {
-    return {exchange_, item, limit, true, options};
+    return {exchange_, item, limit, false, options};
   }
 
  protected:
@@ -276,18 +279,18 @@ template <typename Request, typename Reply>
 class ReaderWriter : public Call {
  public:
   // As those of Reader and Writer.
-  detail::ReadWait read(Request& item) { return {exchange_, item, nullptr, Limit::none(), false}; }
+  detail::ReadWait read(Request& item) { return {exchange_, item, nullptr, forever, false}; }
   detail::ReadWait read(Request& item, Limit limit) {
     return {exchange_, item, nullptr, limit, true};
   }
-  detail::ReadWait read(Request& item, Event& event, Limit limit = Limit::none()) {
+  detail::ReadWait read(Request& item, Event& event, Limit limit = forever) {
     return {exchange_, item, &event, limit, true};
   }
   detail::WriteWait write(const Reply& item, grpc::WriteOptions options = {}) {
-    return {exchange_, item, Limit::none(), false, options};
+    return {exchange_, item, forever, false, options};
   }
   detail::WriteWait write(const Reply& item, Limit limit, grpc::WriteOptions options = {}) {
-    return {exchange_, item, limit, true, options};
+    return {exchange_, item, limit, false, options};
   }
 
  protected:

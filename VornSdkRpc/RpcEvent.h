@@ -1,10 +1,7 @@
 #pragma once
 
-// How another thread wakes a call.
-//
-//   rpc::Event news;
-//   const auto subscription = table.subscribe(news);  // whose other end calls news.set()
-//   while (co_await call.wait(news)) ...
+// How another thread wakes a call: it sets an event that the call waits for. (RpcEvents.h shows one
+// in use.)
 //
 // Rules. An event stays set until a wait has seen it, so that one which comes between a look and
 // the wait is not lost; several before one wait count once. set() may come from any thread. One

@@ -105,11 +105,7 @@ Task<typename OffloadedWork<Work>::Answer> offloaded(Call& call,
                                                      std::shared_ptr<OffloadedWork<Work>> work) {
   using Answer = typename OffloadedWork<Work>::Answer;
   if (!work) co_return Answer{};
-  for (;;) {
-    const Woke woke = co_await call.wait(work->done);
-    if (woke == Woke::event) break;
-    if (!woke) co_return Answer{};
-  }
+  if (!co_await call.wait(work->done)) co_return Answer{};
   co_return work->take();
 }
 

@@ -1,16 +1,6 @@
 #pragma once
 
-// What an agent derives from: a service, whose RPCs are functions.
-//
-//   class RoutingService : public rpc::Service<Routing> {
-//    public:
-//     RoutingService() : Service("Routing") {
-//       method(&Async::RequestSet, [this](const Route& route, Nothing&) { return set(route); });
-//       method(&Async::RequestLoad, [this](rpc::Reader<Route>& routes, Count& count) {
-//         return load(routes, count);
-//       }, {.limit = 1024});
-//     }
-//   };
+// What an agent derives from: a service, whose RPCs are functions. (Rpc.h shows one.)
 //
 // Rules. Every RPC is named once, in the constructor. Functions and coroutines run on the server's
 // one thread, and none may block. What a service does besides when the server starts, is drained or

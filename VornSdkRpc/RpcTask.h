@@ -6,9 +6,12 @@
 // with a T. An rpc::Task<> serves a call and ends with the call's grpc::Status. Another coroutine
 // awaits a task, runs it that way to its end and gets its result:
 //
-//   rpc::Task<int> measure(rpc::Call& call, int port);
-//   ...
-//   const int first = co_await measure(call, 1);
+//   rpc::Task<int> half(rpc::Call& call, int number);
+//
+//   rpc::Task<int> quarter(rpc::Call& call, int number) {
+//     const int halved = co_await half(call, number);
+//     co_return co_await half(call, halved);
+//   }
 //
 // Rules. A task is used once: it is awaited once, or returned to the kit. It starts when it is
 // awaited; the kit starts the one of a call when the call has arrived. It owns its frame: a task

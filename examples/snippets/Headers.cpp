@@ -201,6 +201,23 @@ rpc::Task<> watch(rpc::Writer<ip_route_msg>& watcher, RouteTable& table) {
 }
 // [RpcEvents]
 
+grpc::Status silent() { return {grpc::StatusCode::DEADLINE_EXCEEDED, "the client is silent"}; }
+
+// [RpcCall]
+rpc::Task<> follow(rpc::ReaderWriter<ip_route_msg, count_msg>& client, rpc::Event& news) {
+  ip_route_msg route;
+  count_msg count;
+  for (;;) {
+    const rpc::Woke woke = co_await client.read(route, news, 3s);  // whichever comes first
+    if (!woke) break;  // the end of the client's stream, or of the call
+    if (woke == rpc::Woke::time) co_return silent();
+    if (woke == rpc::Woke::message) count.set_count(count.count() + 1);
+    if (!co_await client.write(count)) break;
+  }
+  co_return grpc::Status::OK;
+}
+// [RpcCall]
+
 // [RpcTask]
 rpc::Task<int> half(rpc::Call& call, int number);
 
