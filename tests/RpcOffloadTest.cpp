@@ -1,6 +1,7 @@
 #include <Kiv/Trace.h>
 #include <VornSdkRpc/Rpc.h>
 #include <VornSdkRpc/RpcOffload.h>
+#include <VornSdkRpc/Testing.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -25,6 +26,7 @@ namespace test {
 namespace {
 
 namespace rpc = VornSdkRpc::rpc;
+using VornSdkRpc::testing::TestServer;
 using namespace std::chrono_literals;
 using Executor = std::function<void(rpc::Job)>;
 
@@ -143,8 +145,8 @@ TEST(Offload, AnswersOnTheServingThreadWhateverTheExecutorIs) {
       {"at once", [](auto work) { work(); }},
   };
   for (const auto& [name, executor] : executors) {
-    RunningServer running({std::make_shared<OffloadingService>(executor)});
-    const auto stub = running.stub();
+    TestServer running({std::make_shared<OffloadingService>(executor)});
+    const auto stub = running.stub<Probe>();
     for (const std::string text : {"result", "void", "move-only", "references", "two"}) {
       std::string reply;
       EXPECT_TRUE(echo(*stub, text, &reply).ok()) << text << ", " << name;
@@ -162,11 +164,11 @@ TEST(Offload, AnswersOnTheServingThreadWhateverTheExecutorIs) {
 TEST(Offload, TellsACallWhoseWorkIsDropped) {
   const Capture trace(Kiv::traceLogger());
   {
-    RunningServer dropping({std::make_shared<OffloadingService>([](auto) {})});
-    EXPECT_EQ(echo(*dropping.stub(), "result").error_code(), grpc::StatusCode::INTERNAL);
-    RunningServer refusing({std::make_shared<OffloadingService>(
+    TestServer dropping({std::make_shared<OffloadingService>([](auto) {})});
+    EXPECT_EQ(echo(*dropping.stub<Probe>(), "result").error_code(), grpc::StatusCode::INTERNAL);
+    TestServer refusing({std::make_shared<OffloadingService>(
         [](auto) { throw vorn::no_scoped_lock_obtained_error("the pool is full"); })});
-    EXPECT_EQ(echo(*refusing.stub(), "result").error_message(), "the pool is full");
+    EXPECT_EQ(echo(*refusing.stub<Probe>(), "result").error_message(), "the pool is full");
   }
   EXPECT_EQ(trace.count("an executor has dropped a piece of work"), 1U);
   EXPECT_EQ(Alive::count, 0);
@@ -185,8 +187,8 @@ TEST(Offload, OutlivesItsCallAndItsServer) {
       Shelf shelf;
       {
         const auto service = std::make_shared<OffloadingService>(shelf.executor());
-        RunningServer running({service});
-        const auto stub = running.stub();
+        TestServer running({service});
+        const auto stub = running.stub<Probe>();
         EXPECT_EQ(echo(*stub, text, nullptr, 20ms).error_code(),
                   grpc::StatusCode::DEADLINE_EXCEEDED);
         const int arrived = service->waiting;  // it may not have got as far as that
@@ -205,8 +207,8 @@ TEST(Offload, OutlivesItsCallAndItsServer) {
 TEST(Offload, IsWaitedForDuringADrain) {
   Shelf shelf;
   const auto service = std::make_shared<OffloadingService>(shelf.executor());
-  RunningServer running({service});
-  const auto stub = running.stub();
+  TestServer running({service}, {.socket = true});
+  const auto stub = running.stub<Probe>();
   std::string reply;
   std::jthread client([&] { EXPECT_TRUE(echo(*stub, "result", &reply).ok()); });
   while (service->waiting == 0)
@@ -227,9 +229,9 @@ TEST(Offload, IsWaitedForDuringADrain) {
 TEST(Offload, ArrivesOrNotWheneverACallIsGivenUp) {
   asio::thread_pool pool(2);
   {
-    RunningServer running({std::make_shared<OffloadingService>(
+    TestServer running({std::make_shared<OffloadingService>(
         [&](auto work) { asio::post(pool, std::move(work)); })});
-    const auto stub = running.stub();
+    const auto stub = running.stub<Probe>();
     for (int i = 0; i < 400; ++i) {
       std::string reply;
       const auto deadline = i % 2 ? std::chrono::milliseconds(i % 4) : 60s;
@@ -245,11 +247,11 @@ TEST(OffloadDeathTest, AssertsThatWorkIsRunOnce) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_DEATH(
       {
-        RunningServer running({std::make_shared<OffloadingService>([](auto work) {
+        TestServer running({std::make_shared<OffloadingService>([](auto work) {
           work();
           work();
         })});
-        echo(*running.stub(), "result");
+        echo(*running.stub<Probe>(), "result");
       },
       "an executor runs a piece of work once");
 }
