@@ -13,6 +13,11 @@ constexpr std::size_t kMaxSetRoutes = 1024;
 // Each holds a call while it waits.
 constexpr std::size_t kMaxAwaits = 1024;
 
+// The end of a call that has waited in vain: it is over, or the server is about to stop.
+grpc::Status untold() {
+  return {grpc::StatusCode::UNAVAILABLE, "the agent stops before it is known"};
+}
+
 bool settled(const programming_msg& state, bool orWaiting) {
   switch (state.state()) {
     case programming_msg::PROGRAMMED:
@@ -243,7 +248,7 @@ rpc::Task<> RoutingService::await(rpc::Call& call, const await_msg& what, progra
   rpc::Event event;
   std::optional<rpc::Events::Subscription> tried;
   if (kernel_) tried.emplace(kernel_->tried(), event);
-  if (!co_await taken(call)) co_return grpc::Status::CANCELLED;
+  if (!co_await taken(call)) co_return untold();
   for (;;) {
     auto state = stateOf(what);
     if (!state) co_return notFound("such thing");
@@ -251,7 +256,7 @@ rpc::Task<> RoutingService::await(rpc::Call& call, const await_msg& what, progra
       reply = std::move(*state);
       co_return grpc::Status::OK;
     }
-    if (!co_await call.wait(event)) co_return grpc::Status::CANCELLED;
+    if (co_await call.wait(event) != rpc::Woke::event) co_return untold();
   }
 }
 
@@ -259,9 +264,9 @@ rpc::Task<> RoutingService::awaitAll(rpc::Call& call, summary_msg& reply) {
   rpc::Event event;
   std::optional<rpc::Events::Subscription> tried;
   if (kernel_) tried.emplace(kernel_->tried(), event);
-  if (!co_await taken(call)) co_return grpc::Status::CANCELLED;
+  if (!co_await taken(call)) co_return untold();
   while (kernel_ && kernel_->waiting() != 0) {
-    if (!co_await call.wait(event)) co_return grpc::Status::CANCELLED;
+    if (co_await call.wait(event) != rpc::Woke::event) co_return untold();
   }
   const auto others = tables_.mplsRoutes.size() + tables_.redirects.size();
   if (kernel_) {
@@ -278,7 +283,7 @@ rpc::Task<bool> RoutingService::taken(rpc::Call& call) {
   const rpc::Events::Subscription subscription(backlog_.room(), room);
   Backlog::Answer mark;
   while (!backlog_.mark(mark)) {
-    if (!co_await call.wait(room)) co_return false;
+    if (co_await call.wait(room) != rpc::Woke::event) co_return false;
   }
   for (;;) {  // also during a drain
     const rpc::Woke woke = co_await call.wait(mark.event());
