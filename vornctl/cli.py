@@ -447,6 +447,13 @@ def add_policy(top: Level) -> None:
         lines("policy show", "policy show --json | jq .rules"),
         policy.show,
     )
+    level.add(
+        "withdraw",
+        "end the calls of clients whose certificates are not accepted any more",
+        lines("policy withdraw"),
+        policy.withdraw,
+        more="For when an authority is gone from the agent's files, or has revoked somebody, and connections last.",
+    )
     leaf = level.add(
         "check",
         "have the agent say whether a file is a policy that it would take",

@@ -57,6 +57,14 @@ def show(agent: Agent, args: argparse.Namespace) -> None:
     print_table(["RULE", "EFFECT", "DECIDED"], [*rules, ("(none matched)", "deny", policy.unmatched)])
 
 
+def withdraw(agent: Agent, args: argparse.Namespace) -> None:
+    withdrawn = agent.policy.Withdraw(agent.policy_messages.withdraw_msg(), **agent.unary)
+    if args.json:
+        print_json({"calls": withdrawn.calls})
+    else:
+        print(f"{withdrawn.calls} calls ended")
+
+
 def asked(agent: Agent, args: argparse.Namespace, methods: list[str], text: str) -> list[Any]:
     """What the agent answers about each method."""
     return [

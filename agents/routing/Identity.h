@@ -52,7 +52,7 @@ class Access {
   const VornSdkRpc::PolicyFile* policy() const { return policy_.get(); }
 
   // Null without TLS.
-  const VornSdkRpc::Certificates* certificates() const { return certificates_.get(); }
+  VornSdkRpc::Certificates* certificates() const { return certificates_.get(); }
 
  private:
   const bool loopback_;

@@ -5,10 +5,10 @@
 #include <Kiv/StderrSink.h>
 #include <Kiv/Trace.h>
 #include <VornSdkRpc/GrpcServer.h>
-#include <VornSdkRpc/InstallAccounting.h>
 #include <VornSdkRpc/NamespaceCheck.h>
 #include <VornSdkRpc/ServerArguments.h>
 #include <VornSdkRpc/StopOnSignal.h>
+#include <VornSdkRpc/VornSdkRpcAgentRpcLogger.h>
 #include <grpcpp/ext/proto_server_reflection_plugin.h>
 #include <sys/stat.h>
 #include <vorn/error.h>
@@ -19,6 +19,8 @@
 #include <functional>
 #include <memory>
 #include <system_error>
+#include <utility>
+#include <vector>
 
 #include "agents/routing/Backlog.h"
 #include "agents/routing/GrpcLog.h"
@@ -147,6 +149,15 @@ std::vector<int> listen(VornSdkRpc::Listener& listener, const Options& options,
   throw UsageError(error.what());
 }
 
+void installInterceptors(grpc::ServerBuilder& builder, const Options& options,
+                         const Access& access) {
+  std::vector<std::unique_ptr<grpc::experimental::ServerInterceptorFactoryInterface>> creators;
+  if (access.certificates()) creators.push_back(access.certificates()->interceptors());
+  if (options.accounting)
+    creators.push_back(std::make_unique<VornSdkRpc::LoggingInterceptorFactory>());
+  builder.experimental().SetInterceptorCreators(std::move(creators));
+}
+
 // Whether the agent could start like this, as far as it can be told without a trace of it left.
 void check(const Options& options) {
   applyTrace(options);
@@ -168,7 +179,7 @@ void serve(const Options& options, const std::function<Options()>& readAgain) {
   VornSdkRpc::installArguments(builder, {.keepaliveTime = options.keepalive,
                                          .handshakeTimeout = options.keepalive,
                                          .maxConcurrentStreams = 16384});
-  if (options.accounting) VornSdkRpc::installAccounting(builder);
+  installInterceptors(builder, options, access);
   VornSdkRpc::ServerProperties properties{options.netns};
   const auto listener = std::make_shared<VornSdkRpc::Listener>(builder, properties);
   const auto ports = listen(*listener, options, access);
@@ -183,7 +194,7 @@ void serve(const Options& options, const std::function<Options()>& readAgain) {
       {std::make_shared<RoutingService>(tables, backlog, options.listen, kernel.get()),
        std::make_shared<SbfdService>(monitor, backlog, options.listen),
        std::make_shared<StateService>(tables, backlog, options.listen),
-       std::make_shared<PolicyService>(access.policy()), announcement},
+       std::make_shared<PolicyService>(access.policy(), access.certificates()), announcement},
       properties, options.accounting);
   const auto supervision = std::make_shared<Supervision>(
       [&backlog] { return statusOf(backlog); },

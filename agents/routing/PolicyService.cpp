@@ -21,13 +21,19 @@ VornSdkRpc::PolicyPeer peerOf(const policy_probe_msg& asked) {
 
 }  // namespace
 
-PolicyService::PolicyService(const VornSdkRpc::PolicyFile* file) : Service("Policy"), file_(file) {
+PolicyService::PolicyService(const VornSdkRpc::PolicyFile* file,
+                             VornSdkRpc::Certificates* certificates)
+    : Service("Policy"), file_(file), certificates_(certificates) {
   method(&Async::RequestProbe, [this](const policy_probe_msg& asked, policy_answer_msg& answer) {
     answer = probe(asked);
     return grpc::Status::OK;
   });
   method(&Async::RequestGet, [this](const get_policy_msg&, policy_msg& policy) {
     policy = get();
+    return grpc::Status::OK;
+  });
+  method(&Async::RequestWithdraw, [this](const withdraw_msg&, withdrawn_msg& withdrawn) {
+    withdrawn = withdraw();
     return grpc::Status::OK;
   });
 }
@@ -61,6 +67,15 @@ policy_msg PolicyService::get() const {
   message.set_unmatched(state.unmatched);
   message.set_dry_run(state.dryRun);
   message.set_error(file_->error());
+  return message;
+}
+
+// What has just been written is looked at first: who asks means that.
+withdrawn_msg PolicyService::withdraw() const {
+  if (!certificates_) throw vorn::configuration_error("the agent has no TLS");
+  if (!certificates_->reload()) throw vorn::configuration_error(certificates_->error());
+  withdrawn_msg message;
+  message.set_calls(certificates_->withdraw());
   return message;
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <VornSdkRpc/Certificates.h>
 #include <VornSdkRpc/PolicyGuard.h>
 #include <VornSdkRpc/Rpc.h>
 
@@ -7,18 +8,20 @@
 
 namespace routing_agent {
 
-// Serves what the policy says.
+// Serves what the policy says, and the end of those who are not accepted any more.
 class PolicyService : public VornSdkRpc::rpc::Service<Policy> {
  public:
-  // `file` must outlive the server; null when there is no policy.
-  explicit PolicyService(const VornSdkRpc::PolicyFile* file);
+  // Both must outlive the server; null when there is no policy, or no TLS.
+  PolicyService(const VornSdkRpc::PolicyFile* file, VornSdkRpc::Certificates* certificates);
 
  private:
   policy_answer_msg probe(const policy_probe_msg& asked) const;
   policy_msg get() const;
+  withdrawn_msg withdraw() const;
   const VornSdkRpc::PolicyFile& inForce() const;
 
   const VornSdkRpc::PolicyFile* file_;
+  VornSdkRpc::Certificates* certificates_;
 };
 
 }  // namespace routing_agent
