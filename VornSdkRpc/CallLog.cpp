@@ -108,6 +108,11 @@ std::uint64_t CallLog::next() const {
   return next_;
 }
 
+std::uint64_t CallLog::oldest() const {
+  const std::lock_guard lock(mutex_);
+  return blocks_.empty() ? next_ : blocks_.front()->first();
+}
+
 std::size_t CallLog::memory() const {
   const std::lock_guard lock(mutex_);
   return memory_;

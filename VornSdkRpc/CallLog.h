@@ -56,6 +56,9 @@ class VORN_EXPORT CallLog {
   // The number that the next record gets.
   std::uint64_t next() const;
 
+  // The number of the oldest record that is kept, or of the next one.
+  std::uint64_t oldest() const;
+
   // What the records take by now.
   std::size_t memory() const;
 

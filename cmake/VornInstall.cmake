@@ -3,7 +3,7 @@
 set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/VornSdkRpcLib)
 
 install(
-  TARGETS VornSdkRpcLib VornSdkRpcProtos VornPlatform VornSdkRpcCertificates VornSdkRpcTesting
+  TARGETS VornSdkRpcLib VornSdkRpcProtos VornPlatform VornSdkRpcCertificates VornSdkRpcAccounting VornSdkRpcTesting
   EXPORT VornSdkRpcLibTargets
   LIBRARY COMPONENT runtime NAMELINK_COMPONENT dev
   ARCHIVE COMPONENT dev
@@ -37,7 +37,9 @@ install(FILES ${PROJECT_BINARY_DIR}/platform/generated/vorn/export.h DESTINATION
         COMPONENT dev
 )
 set(messages_dir ${PROJECT_BINARY_DIR}/VornSdkRpcProtos/generated/VornSdkRpcProtos/VornSdkRpcProtos)
-install(FILES VornSdkRpcProtos/VornSdkRpc.proto ${messages_dir}/VornSdkRpc.pb.h
+set(accounting_dir ${PROJECT_BINARY_DIR}/VornSdkRpc/generated/VornSdkRpcAccounting/VornSdkRpcProtos)
+install(FILES VornSdkRpcProtos/VornSdkRpc.proto ${messages_dir}/VornSdkRpc.pb.h VornSdkRpcProtos/Accounting.proto
+              ${accounting_dir}/Accounting.pb.h ${accounting_dir}/Accounting.grpc.pb.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/VornSdkRpcProtos COMPONENT dev
 )
 

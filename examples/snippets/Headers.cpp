@@ -7,6 +7,7 @@
 #include <VornSdkRpc/CallAccounting.h>
 #include <VornSdkRpc/CallJson.h>
 #include <VornSdkRpc/CallNote.h>
+#include <VornSdkRpc/CallWatch.h>
 #include <VornSdkRpc/Certificates.h>
 #include <VornSdkRpc/GrpcServer.h>
 #include <VornSdkRpc/InsecureCredentials.h>
@@ -65,6 +66,18 @@ void recordedCalls(grpc::ServerBuilder& builder,
   accounting.install(builder);
   credentials->SetAuthMetadataProcessor(accounting.recorded(identity));
   // [CallAccounting]
+}
+
+grpc::Status mayWatch(const grpc::ServerContext&) { return grpc::Status::OK; }
+
+void watchedCalls(grpc::ServerBuilder& builder, VornSdkRpc::ServerProperties& properties,
+                  const std::shared_ptr<VornSdkRpc::GrpcService>& routes) {
+  // [CallWatch]
+  VornSdkRpc::CallAccounting accounting({.log = {.history = 16 << 20}});
+  accounting.install(builder);
+  const auto watch = VornSdkRpc::callWatchService(accounting.log(), mayWatch);
+  VornSdkRpc::GrpcServer server(builder, {routes, watch}, properties);
+  // [CallWatch]
 }
 
 void noted(const grpc::ServerContext& context, const Route& route) {
