@@ -65,7 +65,7 @@ class RecordedProcessor : public grpc::AuthMetadataProcessor {
     };
     const std::string user = firstOf(connection, "peer-authenticated");
     const std::string session = firstOf(connection, "session-id");
-    const std::string reason = status.error_message();
+    const std::string reason = reasonOf(status);
     CallRecord denied;
     denied.end = CallEnd::denied;
     denied.status = status.error_code();
@@ -76,6 +76,12 @@ class RecordedProcessor : public grpc::AuthMetadataProcessor {
     denied.traceparent = header("traceparent");
     denied.reason = reason;
     log_->append(denied);
+  }
+
+  // With the details, which the client is not told: a policy's name and rule, for example.
+  static std::string reasonOf(const grpc::Status& status) {
+    const std::string details = status.error_details();
+    return details.empty() ? status.error_message() : status.error_message() + ": " + details;
   }
 
   static std::string firstOf(const grpc::AuthContext& connection, const char* name) {

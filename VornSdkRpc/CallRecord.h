@@ -70,7 +70,7 @@ struct CallRecord {
   std::string_view peer = {};  // as in the accounting line; empty for a denied call
   std::string_view traceparent =
       {};                        // the client's metadata of that name, which says what caused it
-  std::string_view reason = {};  // why a denied call was denied
+  std::string_view reason = {};  // why a denied call was denied: the status's text and details
 
   // What the handler has added (CallNote.h): "delete", "10.1.0.0/16", 1.
   std::string_view operation = {};

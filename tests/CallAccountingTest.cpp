@@ -224,7 +224,7 @@ class Doorkeeper : public grpc::AuthMetadataProcessor {
                        OutputMetadata*, OutputMetadata*) override {
     const auto say = metadata.find("say");
     if (say == metadata.end() || say->second != "let me in")
-      return {grpc::PERMISSION_DENIED, "nobody \"asked\"\n"};
+      return {grpc::PERMISSION_DENIED, "nobody \"asked\"\n", "rule 1"};
     connection->AddProperty("peer-authenticated", "alice");
     connection->AddProperty("peer-proof", "a word");
     return grpc::Status::OK;
@@ -252,7 +252,7 @@ TEST(CallAccounting, TellsOfACallThatIsDeniedAndWhy) {
     EXPECT_EQ(callEcho(*stub, "x"), grpc::PERMISSION_DENIED);
   }
   const std::string denied = "/test.Probe/Echo denied 7 messages 0/0 bytes -1/0 ";
-  const std::string reason = " [nobody \"asked\"\n] [] []";
+  const std::string reason = " [nobody \"asked\"\n: rule 1] [] []";
   EXPECT_THAT(kept.lines(),
               ElementsAre(denied + "[unknown] [unknown] [] [00-1]" + reason,
                           "/test.Probe/Echo answered 0 messages 1/1 bytes 3/3 [alice] [unknown] "
