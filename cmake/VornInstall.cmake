@@ -3,7 +3,8 @@
 set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/VornSdkRpcLib)
 
 install(
-  TARGETS VornSdkRpcLib VornSdkRpcProtos VornPlatform VornSdkRpcCertificates VornSdkRpcAccounting VornSdkRpcTesting
+  TARGETS VornSdkRpcLib VornSdkRpcProtos VornPlatform VornSdkRpcCertificates VornSdkRpcAccounting VornSdkRpcJournal
+          VornSdkRpcTesting
   EXPORT VornSdkRpcLibTargets
   LIBRARY COMPONENT runtime NAMELINK_COMPONENT dev
   ARCHIVE COMPONENT dev

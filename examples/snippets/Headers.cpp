@@ -5,6 +5,7 @@
 #include <Kiv/QueuedSink.h>
 #include <Kiv/Trace.h>
 #include <VornSdkRpc/CallAccounting.h>
+#include <VornSdkRpc/CallJournal.h>
 #include <VornSdkRpc/CallJson.h>
 #include <VornSdkRpc/CallNote.h>
 #include <VornSdkRpc/CallWatch.h>
@@ -66,6 +67,12 @@ void recordedCalls(grpc::ServerBuilder& builder,
   accounting.install(builder);
   credentials->SetAuthMetadataProcessor(accounting.recorded(identity));
   // [CallAccounting]
+}
+
+void journal(VornSdkRpc::CallAccounting& accounting) {
+  // [CallJournal]
+  accounting.add(VornSdkRpc::callJournal());
+  // [CallJournal]
 }
 
 grpc::Status mayWatch(const grpc::ServerContext&) { return grpc::Status::OK; }
