@@ -10,15 +10,19 @@
 //
 //   accounting.add(VornSdkRpc::callJournal());
 //
+// The fields of an entry:
+//
 //   MESSAGE       "/package.Service/Method of alice at ipv4:10.0.0.1:4711: NOT_FOUND, answered"
-//   MESSAGE_ID    2317cef469314e32a5fad6c40af333bb; of a gap 48c02c68e4174dfc9da507003bf5ec95
-//   PRIORITY      by the outcome: 6, info; 5, notice, for calls without an answer; 4, warning, for
-//                 denied and refused ones, and for a gap; 3, error, for UNKNOWN, INTERNAL and
+//   MESSAGE_ID    2317cef469314e32a5fad6c40af333bb, and 48c02c68e4174dfc9da507003bf5ec95 for a gap
+//   PRIORITY      by the outcome: 6 (info), 5 (notice) for calls without an answer, 4 (warning) for
+//                 denied and refused ones and for a gap, 3 (error) for UNKNOWN, INTERNAL and
 //                 DATA_LOSS
 //   CALL_RUN, CALL_NUMBER, CALL_END, ...
-//                 the fields of CallJson.h in capital letters, start as CALL_START_US (microseconds
-//                 since 1970) and deadline as CALL_DEADLINE_US; of a gap CALL_RUN, CALL_GAP_FIRST
-//                 and CALL_GAP_COUNT
+//                 those of CallJson.h in capital letters, with start as CALL_START_US (microseconds
+//                 since 1970) and deadline as CALL_DEADLINE_US, and for a gap CALL_RUN,
+//                 CALL_GAP_FIRST and CALL_GAP_COUNT
+//
+// They are asked for as every journal's are:
 //
 //   journalctl -t agent MESSAGE_ID=2317cef469314e32a5fad6c40af333bb CALL_USER=alice -o json
 //
