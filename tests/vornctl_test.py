@@ -39,8 +39,12 @@ def listing(kind: Any, field: str, table: str) -> Callable[..., Iterator[Any]]:
 
     def answer(self: "FakeAgent", request: Any, context: Any) -> Iterator[Any]:
         items = list(getattr(self, table).values())
+        states = [self.programming] * len(items) if self.programming else []
+        if request.failed and (not states or states[0].state == states[0].PROGRAMMED):
+            items = []
         for begin in range(0, len(items) + 1, 2):
-            yield kind(waiting=self.waiting, **{field: items[begin : begin + 2]})
+            part = slice(begin, begin + 2)
+            yield kind(waiting=self.waiting, programming=states[part], **{field: items[part]})
 
     return answer
 
@@ -77,6 +81,8 @@ class FakeAgent(pb.rpc.RoutingServicer, pb.rpc.SbfdServicer, pb.rpc.StateService
         self.state: dict[str, str] = {}
         self.users: list[str | None] = []
         self.waiting = 0
+        self.programming: Any = None  # what becomes of everything; None: this agent does not say
+        self.synced = False
         self.room_in = 0  # changes that are refused before there is room
         self.answer = pb.sdk.rpc_status_msg()
         self.news: queue.Queue[Any] = queue.Queue()  # of a watch; None ends it, and so does a status
@@ -103,6 +109,17 @@ class FakeAgent(pb.rpc.RoutingServicer, pb.rpc.SbfdServicer, pb.rpc.StateService
             context.abort(grpc.StatusCode.NOT_FOUND, "no such route")
         return self.answer
 
+    def Await(self, request: Any, context: Any) -> Any:
+        assert str(request.route) in self.routes or request.group in self.groups
+        return self.programming
+
+    def AwaitAll(self, request: Any, context: Any) -> Any:
+        return pb.agent.summary_msg(failed=2)
+
+    def EndSync(self, request: Any, context: Any) -> Any:
+        self.synced = True
+        return self.answer
+
     def WatchSessions(self, request: Any, context: Any) -> Iterator[Any]:
         updates = self.news
         context.add_callback(lambda: updates.put(None))
@@ -126,6 +143,10 @@ class FakeAgent(pb.rpc.RoutingServicer, pb.rpc.SbfdServicer, pb.rpc.StateService
         if request.key:
             texts = [self.state.get(key, "") for key in request.key]
         return pb.sdk.rpc_server_state_status_msg(value=[{"value": text} for text in texts])
+
+    def ReadAll(self, request: Any, context: Any) -> Iterator[Any]:
+        for key, value in sorted(self.state.items()):
+            yield pb.sdk.rpc_server_state_status_msg(value=[{"value": f"{key}={value}"}])
 
 
 class VornctlTest(unittest.TestCase):
@@ -377,8 +398,8 @@ class VornctlTest(unittest.TestCase):
         self.succeed("set route 10.50.0.0/16 group gone --tag 7")
         self.assertEqual(
             self.succeed("show route 10.51.0.1"),
-            "PREFIX      GROUP  TAG  NEXT HOP\n"
-            "10.0.0.0/8  core   0    192.0.2.1\n"
+            "PREFIX      GROUP  TAG  NEXT HOP          STATE\n"
+            "10.0.0.0/8  core   0    192.0.2.1         -\n"
             "                        none interface e\n",
         )
         self.assertIn("10.50.0.0/16  gone   7    (there is no such group)", self.succeed("show route 10.50.3.4"))
@@ -386,6 +407,28 @@ class VornctlTest(unittest.TestCase):
         self.assertEqual([route["prefix"] for route in routes], ["10.0.0.0/8", "10.50.0.0/16"])
         self.refuse(1, "no route for 11.0.0.1", "show", "route", "11.0.0.1")
         self.assertEqual(json.loads(self.succeed("show summary --json"))["ipv4_routes"], 2)
+
+    def test_what_became_of_it_in_the_kernel(self) -> None:
+        refused = pb.agent.programming_msg(state="FAILED", reason="Network is unreachable", time=10**18)
+        done = pb.agent.programming_msg(state="PROGRAMMED", time=10**18)
+        for programming, code, failed in ((done, 0, 0), (refused, 1, 1)):
+            self.agent.programming = programming
+            for line in ("route ::/0 group core --wait", "group core nexthop ::1 --wait"):
+                self.assertEqual(self.call("set", *line.split())[0], code)
+            self.assertEqual(len(json.loads(self.succeed("list routes --failed --json"))["routes"]), failed)
+            shown = self.succeed("list routes")
+            self.assertEqual(self.succeed(f"set routes --file {self.file('again', shown)}"), "1 routes set\n")
+        self.assertRegex(shown, r"(?m)^::/0 +core +0 +failed: Network is unreachable \(since 2001-09-09 .*\)$")
+        saved = self.file("listed", self.succeed("list routes --json"))
+        self.assertEqual(self.succeed(f"apply {saved}"), "0 set, 0 deleted\n")
+        self.refuse(1, "2 of what the agent holds could not be programmed", "apply", saved, "--wait")
+        self.assertEqual(json.loads(self.succeed("show summary --json"))["states"], {"failed": 2})
+        self.agent.programming = pb.agent.programming_msg(state="ADOPTED")
+        self.assertEqual(json.loads(self.succeed("save"))["routes"], [])
+        adopted = self.file("adopted", self.succeed("list routes"))
+        self.assertEqual(self.succeed(f"delete routes --file {adopted}"), "0 routes deleted\n")
+        self.succeed("end-sync")
+        self.assertTrue(self.agent.synced)
 
     def test_state(self) -> None:
         self.succeed("state set owner=lab=3 window= b=1")

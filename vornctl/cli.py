@@ -222,6 +222,13 @@ def make_parser() -> Parser:
     add_policy(top)
     add_show(top)
     add_documents(top)
+    top.add(
+        "end-sync",
+        "tell an agent that was started anew that everything has been set again",
+        lines("apply agent.json && vornctl end-sync"),
+        commands.end_sync,
+        more="What it has found in the kernel and nobody has set since is removed.",
+    )
     return parser
 
 
@@ -247,6 +254,7 @@ def add_set(top: Level) -> None:
     leaf.add_argument("word", metavar="group", choices=["group"], help="the word group")
     leaf.add_argument("group", metavar="GROUP", help="the next-hop group to forward to")
     leaf.add_argument("--tag", metavar="N", type=values.number, default=0, help="the route's tag")
+    add_wait(leaf)
 
     leaf = level.add(
         "routes",
@@ -259,6 +267,7 @@ group in double quotes is a JSON string. The file is read to its end before the 
 agent refuses a route, those before it are set.""",
     )
     leaf.add_argument("--file", metavar="FILE", required=True, help="the file; - is standard input")
+    add_wait(leaf)
 
     leaf = level.add(
         "group",
@@ -271,7 +280,7 @@ agent refuses a route, those before it are set.""",
         commands.set_group,
         more=NEXTHOP_HELP,
     )
-    leaf.usage = "%(prog)s [-h] NAME [nexthop ADDRESS ... | backup ADDRESS ...]..."
+    leaf.usage = "%(prog)s [-h] [--wait] NAME [nexthop ADDRESS ... | backup ADDRESS ...]..."
     leaf.add_argument("name", metavar="NAME", help="the group's name")
     leaf.add_argument(
         "nexthops",
@@ -279,6 +288,7 @@ agent refuses a route, those before it are set.""",
         nargs="*",
         help="the next hops in order, and those that take over from them",
     )
+    add_wait(leaf)
 
     leaf = level.add(
         "mpls",
@@ -298,9 +308,10 @@ Forwarding is one of:
 """
         + NEXTHOP_HELP,
     )
-    leaf.usage = "%(prog)s [-h] LABEL {nexthop ADDRESS ... | group NAME [pop|swap] | vrf NAME}"
+    leaf.usage = "%(prog)s [-h] [--wait] LABEL {nexthop ADDRESS ... | group NAME [pop|swap] | vrf NAME}"
     leaf.add_argument("label", metavar="LABEL", type=values.number, help="the incoming label")
     leaf.add_argument("forwarding", metavar="nexthop|group|vrf ...", nargs="+", help="where to")
+    add_wait(leaf)
 
     leaf = level.add(
         "redirect",
@@ -319,6 +330,7 @@ Forwarding is one of:
             default=[],
             help=f"the DSCP values matched on {family} traffic",
         )
+    add_wait(leaf)
 
     leaf = level.add(
         "session",
@@ -347,6 +359,13 @@ Forwarding is one of:
         help="how many missed echoes in a row make the session DOWN",
     )
     leaf.add_argument("--track-interface", action="store_true", help="go down with the interface")
+
+
+def add_wait(*leaves: Parser) -> None:
+    for leaf in leaves:
+        leaf.add_argument(
+            "--wait", action="store_true", help="wait until it is programmed; exit code 1 when it is refused"
+        )
 
 
 def add_session_key(leaf: Parser, options: str = "") -> None:
@@ -400,7 +419,9 @@ def add_list(top: Level) -> None:
         ("redirects", "list the class-based-forwarding redirects", commands.list_redirects),
         ("sessions", "list the SBFD echo sessions with their status", commands.list_sessions),
     ):
-        level.add(name, text, lines(f"list {name}", f"list {name} --json"), run)
+        leaf = level.add(name, text, lines(f"list {name}", f"list {name} --json"), run)
+        if name != "sessions":
+            leaf.add_argument("--failed", action="store_true", help="only what is not programmed, and why")
 
 
 def add_state(top: Level) -> None:
@@ -550,6 +571,7 @@ Groups are set first. It can be applied again after a failure.""",
     leaf.add_argument(
         "--prune", action="store_true", help="delete what the agent holds and the document does not, of its kinds"
     )
+    add_wait(leaf)
     leaf.add_argument("--dry-run", action="store_true", help="only show what would be changed, as diff does")
 
 

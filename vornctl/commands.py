@@ -17,21 +17,38 @@ from values import UsageError, Words
 
 PROGRESS_FROM = 1000  # routes in a file from which on a bar is shown
 ROUTE_HEADER = ["PREFIX", "GROUP", "TAG"]
+STATES = ("waiting", "programmed", "failed", "adopted")  # behind them a line of a list says more
 
 
 # ----------------------------------------------------------------------------------------------------------
 # set and delete
 
 
-def changed(agent: Agent, args: argparse.Namespace, method: Any, request: Any) -> None:
+def changed(agent: Agent, args: argparse.Namespace, method: Any, request: Any, **named: Any) -> None:
+    """Makes a change. With --wait it also waits until what is `named` is in the kernel."""
     answer = agent.change(method, request)
+    if getattr(args, "wait", False):
+        programming = agent.routing.Await(agent.messages.await_msg(or_waiting=True, **named), **agent.stream)
+        if programming.state != programming.PROGRAMMED:
+            raise Refused(values.programming_text(programming))
     if args.json:
         print_json({"result": answer})
 
 
+def all_programmed(agent: Agent) -> None:
+    """Waits until every change has been tried, and fails when one was refused."""
+    summary = agent.routing.AwaitAll(agent.messages.await_all_msg(), **agent.stream)
+    if summary.failed:
+        raise Refused(f"{summary.failed} of what the agent holds could not be programmed: see list --failed")
+
+
+def end_sync(agent: Agent, args: argparse.Namespace) -> None:
+    changed(agent, args, agent.routing.EndSync, agent.messages.end_sync_msg())
+
+
 def set_route(agent: Agent, args: argparse.Namespace) -> None:
     route = agent.sdk.ip_route_msg(prefix=args.prefix, nexthop_group=args.group, tag=args.tag)
-    changed(agent, args, agent.routing.SetRoute, route)
+    changed(agent, args, agent.routing.SetRoute, route, route=route.prefix)
 
 
 def set_routes(agent: Agent, args: argparse.Namespace) -> None:
@@ -41,6 +58,8 @@ def set_routes(agent: Agent, args: argparse.Namespace) -> None:
         reply = agent.routing.SetRoutes(progress.counted(routes), **agent.stream)
     if reply.accepted != len(routes):
         raise Refused(f"the agent took {reply.accepted} of {len(routes)} routes")
+    if args.wait:
+        all_programmed(agent)
     if args.json:
         print_json({"accepted": reply.accepted})
     else:
@@ -64,12 +83,16 @@ def route_lines(file: Any, name: str) -> Iterator[tuple[str, list[str]]]:
     """The place and the words of each line that holds a route."""
     for position, line in enumerate(file, start=1):
         words = list(itertools.takewhile(lambda word: word[0] != "#", values.WORD.findall(line)))
-        if words and words != ROUTE_HEADER:
+        if words[3:4] == ["adopted"]:  # what an earlier run of the agent has left is nobody's wish
+            continue
+        if words and words[:3] != ROUTE_HEADER:
             yield f"{name}:{position}", words
 
 
 def read_route(agent: Agent, place: str, words: list[str], with_group: bool) -> Any:
     try:
+        if words[3:4] and words[3].rstrip(":") in STATES:
+            words = words[:3]
         if len(words) > 3 or len(words) < 1 + with_group:
             raise UsageError("expected PREFIX GROUP [TAG]" if with_group else "expected PREFIX [GROUP [TAG]]")
         route = agent.sdk.ip_route_msg(prefix=values.prefix(words[0]))
@@ -89,7 +112,7 @@ def set_group(agent: Agent, args: argparse.Namespace) -> None:
         if words.peek() not in hops:
             raise words.unexpected()
         values.fill_nexthop(hops[words.take("")].add(), words)
-    changed(agent, args, agent.routing.SetNexthopGroup, group)
+    changed(agent, args, agent.routing.SetNexthopGroup, group, group=args.name)
 
 
 def set_mpls(agent: Agent, args: argparse.Namespace) -> None:
@@ -110,7 +133,7 @@ def set_mpls(agent: Agent, args: argparse.Namespace) -> None:
         raise UsageError(f"{kind!r} is none of nexthop, group and vrf")
     if words:
         raise words.unexpected()
-    changed(agent, args, agent.routing.SetMplsRoute, route)
+    changed(agent, args, agent.routing.SetMplsRoute, route, mpls_label=args.label)
 
 
 def set_redirect(agent: Agent, args: argparse.Namespace) -> None:
@@ -120,7 +143,7 @@ def set_redirect(agent: Agent, args: argparse.Namespace) -> None:
         match_ipv4_dscp=args.ipv4_dscp,
         match_ipv6_dscp=args.ipv6_dscp,
     )
-    changed(agent, args, agent.routing.SetRedirect, redirect)
+    changed(agent, args, agent.routing.SetRedirect, redirect, redirect=args.group)
 
 
 def session_message(agent: Agent, args: argparse.Namespace) -> Any:
@@ -189,6 +212,21 @@ def delete_session(agent: Agent, args: argparse.Namespace) -> None:
 # list and watch
 
 
+Item = tuple[Any, Any]  # a thing, and what became of it in the kernel: None where the agent does not say
+
+
+def parts_of(agent: Agent, method: Any, field: str, **request: Any) -> Iterator[tuple[list[Item], int]]:
+    """The parts of a list, each with how many changes are waiting; `field` is where a part holds its things."""
+    for part in method(agent.messages.get_msg(**request), **agent.stream):
+        states = itertools.chain(part.programming, itertools.repeat(None))
+        yield list(zip(getattr(part, field), states)), part.waiting
+
+
+def items_of(agent: Agent, method: Any, field: str) -> Iterator[Item]:
+    for items, _ in parts_of(agent, method, field):
+        yield from items
+
+
 def listed(
     agent: Agent,
     args: argparse.Namespace,
@@ -198,15 +236,23 @@ def listed(
     header: list[str],
     to_rows: Callable[[Any], list[list[Any]]],
 ) -> None:
-    """Reads every part of a list and prints it; `field` is where a part holds its items."""
-    items, waiting = [], 0
-    for part in method(agent.messages.get_msg(), **agent.stream):
-        items += getattr(part, field)
-        waiting = part.waiting
+    """Reads every part of a list and prints it."""
+    items: list[Item] = []
+    waiting = 0
+    for part, waiting in parts_of(agent, method, field, failed=args.failed):
+        items += part
     if args.json:
-        print_json({args.what: [to_json(item) for item in items], "waiting": waiting})
+        things = [{**to_json(thing), **values.programming_json(programming)} for thing, programming in items]
+        print_json({args.what: things, "waiting": waiting})
         return
-    print_table(header, (row for item in items for row in to_rows(item)))
+    told = any(programming is not None for _, programming in items)  # an older agent says nothing
+
+    def rows(thing: Any, programming: Any) -> Iterator[list[Any]]:
+        for position, row in enumerate(to_rows(thing)):
+            state = "" if position else values.programming_text(programming)
+            yield [*row, state] if told else row
+
+    print_table([*header, "STATE"] if told else header, (row for item in items for row in rows(*item)))
     if waiting:
         complain(f"{waiting} changes are still waiting to be programmed")
 
@@ -253,58 +299,63 @@ def list_redirects(agent: Agent, args: argparse.Namespace) -> None:
 
 def show_route(agent: Agent, args: argparse.Namespace) -> None:
     wanted, is_address = args.wanted
-    found: list[Any] = []
-    for route in parts_of(agent, agent.routing.GetRoutes, "route"):
+    found: list[Item] = []
+    for route, programming in items_of(agent, agent.routing.GetRoutes, "route"):
         network = values.network(route.prefix)
         if network is None or network.version != wanted.version:
             continue
         if not is_address and network.subnet_of(wanted):
-            found.append(route)
+            found.append((route, programming))
         elif is_address and wanted.subnet_of(network):
-            found = [route]  # lists are in order of prefix, so a longer one comes later
+            found = [(route, programming)]  # lists are in order of prefix, so a longer one comes later
     if not found:
         raise Refused(f"no route for {wanted.network_address if is_address else wanted}")
-    names = {route.nexthop_group for route in found}
-    groups = {g.name: g for g in parts_of(agent, agent.routing.GetNexthopGroups, "group") if g.name in names}
+    names = {route.nexthop_group for route, _ in found}
+    groups = {g.name: g for g, _ in items_of(agent, agent.routing.GetNexthopGroups, "group") if g.name in names}
     if args.json:
         used = [values.group_json(group) for group in groups.values()]
-        print_json({"routes": [values.route_json(route) for route in found], "groups": used})
+        routes = [{**values.route_json(route), **values.programming_json(state)} for route, state in found]
+        print_json({"routes": routes, "groups": used})
         return
     rows = []
-    for route in found:
+    for route, programming in found:
         group = groups.get(route.nexthop_group)
         hops = [values.nexthop_text(hop) for hop in group.nexthop] if group else ["(there is no such group)"]
         name = values.name_text(route.nexthop_group) if route.nexthop_group else "-"
         first = [values.prefix_text(route.prefix), name, route.tag]
-        rows += [[*(["", "", ""] if position else first), hop] for position, hop in enumerate(hops or ["-"])]
-    print_table([*ROUTE_HEADER, "NEXT HOP"], rows)
-
-
-def parts_of(agent: Agent, method: Any, field: str) -> Iterator[Any]:
-    for part in method(agent.messages.get_msg(), **agent.stream):
-        yield from getattr(part, field)
+        for position, hop in enumerate(hops or ["-"]):
+            state = "" if position else values.programming_text(programming)
+            rows.append([*(["", "", ""] if position else first), hop, state])
+    print_table([*ROUTE_HEADER, "NEXT HOP", "STATE"], rows)
 
 
 def show_summary(agent: Agent, args: argparse.Namespace) -> None:
-    counts: dict[str, int] = {}
-    for route in parts_of(agent, agent.routing.GetRoutes, "route"):
-        family = "IPv6 routes" if len(route.prefix.addr) == 16 else "IPv4 routes"
-        counts[family] = counts.get(family, 0) + 1
+    counts: dict[str, int] = {"IPv4 routes": 0, "IPv6 routes": 0}
+    states: dict[str, int] = {}
     waiting = 0
     for what, method, field in (
+        ("routes", agent.routing.GetRoutes, "route"),
         ("next-hop groups", agent.routing.GetNexthopGroups, "group"),
         ("MPLS routes", agent.routing.GetMplsRoutes, "route"),
         ("redirects", agent.routing.GetRedirects, "redirect"),
     ):
-        counts[what] = 0
-        for part in method(agent.messages.get_msg(), **agent.stream):
-            counts[what] += len(getattr(part, field))
-            waiting = part.waiting
-    counts["changes waiting"] = waiting
+        for items, waiting in parts_of(agent, method, field):
+            for thing, programming in items:
+                kind = what
+                if what == "routes":
+                    kind = "IPv6 routes" if len(thing.prefix.addr) == 16 else "IPv4 routes"
+                counts[kind] = counts.get(kind, 0) + 1
+                if programming is not None:
+                    state = values.enum_name(programming, "state").lower()
+                    states[state] = states.get(state, 0) + 1
+        counts.setdefault(what, 0)
+    del counts["routes"]
     if args.json:
-        print_json({what.lower().replace(" ", "_").replace("-", "_"): count for what, count in counts.items()})
+        named = {what.lower().replace(" ", "_").replace("-", "_"): count for what, count in counts.items()}
+        print_json({**named, "states": states, "changes_waiting": waiting})
     else:
-        print_table(["WHAT", "COUNT"], counts.items())
+        told = {f"of all: {state}": count for state, count in sorted(states.items())}
+        print_table(["WHAT", "COUNT"], {**counts, **told, "changes waiting": waiting}.items())
 
 
 def updates(items: Any) -> Iterator[Any]:
@@ -429,8 +480,12 @@ def state_delete(agent: Agent, args: argparse.Namespace) -> None:
 
 
 def state_get(agent: Agent, args: argparse.Namespace) -> None:
-    reply = agent.state.Read(agent.messages.state_keys_msg(key=args.keys), **agent.unary)
-    found = [item.value for item in reply.value]
+    if args.keys:
+        reply = agent.state.Read(agent.messages.state_keys_msg(key=args.keys), **agent.unary)
+        found = [item.value for item in reply.value]
+    else:
+        parts = agent.state.ReadAll(agent.messages.read_all_msg(), **agent.stream)
+        found = [item.value for part in parts for item in part.value]
     if args.keys and len(found) != len(args.keys):
         raise Refused(f"the agent answered {len(found)} values for {len(args.keys)} keys")
     if args.keys:

@@ -15,6 +15,7 @@ from collections.abc import Callable, Iterable, Iterator
 from dataclasses import dataclass
 from typing import Any
 
+import commands
 import values
 from agent import Agent
 from output import complain, print_json, printable
@@ -86,6 +87,8 @@ def apply(agent: Agent, args: argparse.Namespace) -> None:
         unwanted = [change.now for change in changes if change.kind is kind and change.then is None]
         if unwanted:
             kind.delete(agent, unwanted)
+    if args.wait:
+        commands.all_programmed(agent)
     deleted = sum(change.then is None for change in changes)
     counts = {"set": len(changes) - deleted, "deleted": deleted}
     if args.json:
@@ -176,11 +179,13 @@ def differences(agent: Agent, document: dict[str, list[Any]], prune: bool) -> li
 
 
 def parts(method: str, field: str) -> Callable[[Agent], Iterator[Any]]:
-    """Reads a list in parts."""
+    """Reads a list."""
 
     def read(agent: Agent) -> Iterator[Any]:
-        for part in getattr(agent.routing, method)(agent.messages.get_msg(), **agent.stream):
-            yield from getattr(part, field)
+        for thing, programming in commands.items_of(agent, getattr(agent.routing, method), field):
+            # What an earlier run of the agent has left in the kernel is nobody's wish.
+            if programming is None or programming.state != programming.ADOPTED:
+                yield thing
 
     return read
 
@@ -212,10 +217,10 @@ def delete_routes(agent: Agent, routes: list[Any]) -> None:
 
 
 def read_state(agent: Agent) -> Iterator[tuple[str, str]]:
-    reply = agent.state.Read(agent.messages.state_keys_msg(), **agent.unary)
-    for item in reply.value:
-        key, _, value = item.value.partition("=")
-        yield key, value
+    for part in agent.state.ReadAll(agent.messages.read_all_msg(), **agent.stream):
+        for item in part.value:
+            key, _, value = item.value.partition("=")
+            yield key, value
 
 
 def entry_from_json(_: Agent, entry: tuple[str, Any]) -> tuple[str, str]:

@@ -6,6 +6,7 @@ file.
 """
 
 import argparse
+import datetime
 import functools
 import ipaddress
 import json
@@ -293,6 +294,30 @@ def redirect_json(redirect: Any) -> dict[str, Any]:
     }
 
 
+def programming_json(programming: Any) -> dict[str, Any]:
+    """What became of something in the kernel; nothing where the agent does not say."""
+    if programming is None:
+        return {}
+    since = time_text(programming.time) if programming.time else None
+    return {"state": enum_name(programming, "state").lower(), "reason": programming.reason, "since": since}
+
+
+def programming_text(programming: Any) -> str:
+    if programming is None:
+        return "-"
+    text = enum_name(programming, "state").lower()
+    if programming.reason:
+        text += f": {programming.reason}"
+    if programming.time and programming.state != programming.PROGRAMMED:
+        text += f" (since {time_text(programming.time)})"
+    return text
+
+
+def time_text(nanoseconds: int) -> str:
+    """A time since 1970, in this host's zone."""
+    return datetime.datetime.fromtimestamp(nanoseconds // 10**9).astimezone().isoformat(sep=" ")
+
+
 def rtt_json(rtt: Any) -> dict[str, int]:
     """Microseconds."""
     return {field.name.replace("_rtt", ""): getattr(rtt, field.name) for field in rtt.DESCRIPTOR.fields}
@@ -301,6 +326,9 @@ def rtt_json(rtt: Any) -> dict[str, int]:
 # ----------------------------------------------------------------------------------------------------------
 # From JSON, as the functions above write it. They throw UsageError, and KeyError, TypeError or ValueError when a
 # field is missing or of another type; a field that they don't know is an error as well.
+
+
+PROGRAMMING = ("state", "reason", "since")  # what lists add to a thing, and nobody sets
 
 
 def known_fields(document: dict[str, Any], *names: str) -> None:
@@ -337,7 +365,7 @@ def nexthop_from_json(hop: Any, document: dict[str, Any]) -> None:
 
 
 def route_from_json(agent: Any, document: dict[str, Any]) -> Any:
-    known_fields(document, "prefix", "group", "tag")
+    known_fields(document, "prefix", "group", "tag", *PROGRAMMING)
     route = agent.sdk.ip_route_msg(prefix=prefix(document["prefix"]), tag=document.get("tag", 0))
     if document.get("group") is not None:
         route.nexthop_group = document["group"]
@@ -345,7 +373,7 @@ def route_from_json(agent: Any, document: dict[str, Any]) -> Any:
 
 
 def group_from_json(agent: Any, document: dict[str, Any]) -> Any:
-    known_fields(document, "name", "nexthops", "backups")
+    known_fields(document, "name", "nexthops", "backups", *PROGRAMMING)
     group = agent.sdk.nexthop_group_msg(name=document["name"])
     for hop in document["nexthops"]:
         nexthop_from_json(group.nexthop.add(), hop)
@@ -355,7 +383,7 @@ def group_from_json(agent: Any, document: dict[str, Any]) -> Any:
 
 
 def mpls_route_from_json(agent: Any, document: dict[str, Any]) -> Any:
-    known_fields(document, "label", "nexthop", "group", "vrf")
+    known_fields(document, "label", "nexthop", "group", "vrf", *PROGRAMMING)
     route = agent.sdk.mpls_route_msg(label=document["label"])
     if document.get("nexthop") is not None:
         nexthop_from_json(route.nexthop, document["nexthop"])
@@ -370,7 +398,7 @@ def mpls_route_from_json(agent: Any, document: dict[str, Any]) -> Any:
 
 
 def redirect_from_json(agent: Any, document: dict[str, Any]) -> Any:
-    known_fields(document, "group", "to", "ipv4_dscp", "ipv6_dscp")
+    known_fields(document, "group", "to", "ipv4_dscp", "ipv6_dscp", *PROGRAMMING)
     return agent.sdk.cbf_nexthop_group_redirect_msg(
         match_nexthop_group=document["group"],
         redirect_nexthop_group=document["to"],
