@@ -2,6 +2,7 @@
 // work posted to an asio io_context in the same run of the program. The ratio of two rows is the
 // result; the times alone say more about the machine.
 #include <VornSdkRpc/StreamingToolkit.h>
+#include <VornSdkRpc/WorkQueue.h>
 #include <benchmark/benchmark.h>
 
 #define ASIO_STANDALONE
@@ -9,6 +10,7 @@
 #include <asio/io_context.hpp>
 #include <asio/post.hpp>
 #include <atomic>
+#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <thread>
@@ -91,6 +93,24 @@ class Posts {
       asio::make_work_guard(context_);
 };
 
+// Work that is queued with its limit, its clock and its figures: what the pieces cost more than a
+// post.
+class Queue {
+ public:
+  explicit Queue(Work& work) : work_(work) {}
+
+  void ask(std::size_t /*index*/) {
+    if (!queue_.add([this] { work_.done(); }, 0)) std::abort();
+  }
+  void run() { scheduler_->run(); }
+  void stop() { scheduler_->stop(); }
+
+ private:
+  Work& work_;
+  const Velm::Ptr<Tarsk::TaskScheduler> scheduler_{new Tarsk::TaskScheduler("bench")};
+  VornSdkRpc::WorkQueue queue_{"bench", scheduler_};
+};
+
 // One thread asks for a run and runs it.
 template <typename Subject>
 void sameThread(benchmark::State& state, Subject& subject) {
@@ -167,6 +187,13 @@ void BM_AcrossThreads_Asio(benchmark::State& state) {
   acrossThreads(state, posts, work);
 }
 BENCHMARK(BM_AcrossThreads_Asio)->Arg(1)->Arg(1'000)->UseRealTime();
+
+void BM_AcrossThreads_WorkQueue(benchmark::State& state) {
+  Work work;
+  Queue queue(work);
+  acrossThreads(state, queue, work);
+}
+BENCHMARK(BM_AcrossThreads_WorkQueue)->Arg(1)->Arg(1'000)->UseRealTime();
 
 void BM_AmongRunnable_Backlog(benchmark::State& state) {
   Backlogs backlogs(static_cast<std::size_t>(state.range(0)),
