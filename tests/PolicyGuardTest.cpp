@@ -152,16 +152,23 @@ bool isDenied(const std::shared_ptr<grpc::Channel>& channel, const std::string& 
 }
 
 // What a guard has told of denials: "METHOD: RULE", with "(dry)" where it was not enforced.
-struct Denials {
+class Denials {
+ public:
   PolicyOptions options(bool dryRun = false) {
     return {.dryRun = dryRun, .denied = [this](const PolicyDenial& denial) {
-              const std::lock_guard lock(mutex);
-              told.push_back(std::string(denial.method) + ": " + std::string(denial.rule) +
-                             (denial.enforced ? "" : "(dry)"));
+              const std::lock_guard lock(mutex_);
+              told_.push_back(std::string(denial.method) + ": " + std::string(denial.rule) +
+                              (denial.enforced ? "" : "(dry)"));
             }};
   }
-  std::vector<std::string> told;
-  std::mutex mutex;
+  std::vector<std::string> told() {
+    const std::lock_guard lock(mutex_);
+    return told_;
+  }
+
+ private:
+  std::vector<std::string> told_;
+  std::mutex mutex_;
 };
 
 class PolicyGuardTest : public testing::Test {
@@ -215,7 +222,7 @@ TEST_F(PolicyGuardTest, ADeniedCallReachesNoHandlerAndIsToldWithItsRule) {
   EXPECT_EQ(status("stranger").error_code(), grpc::StatusCode::UNAUTHENTICATED);
   EXPECT_EQ(server.probe->made, made);
   EXPECT_TRUE(status("harmless").ok());
-  EXPECT_THAT(denials.told, ElementsAre("/test.Probe/Echo: no secrets", "/test.Probe/Echo: "));
+  EXPECT_THAT(denials.told(), ElementsAre("/test.Probe/Echo: no secrets", "/test.Probe/Echo: "));
 }
 
 TEST_F(PolicyGuardTest, ADryRunOnlyTells) {
@@ -223,7 +230,7 @@ TEST_F(PolicyGuardTest, ADryRunOnlyTells) {
   const auto guard = std::make_shared<PolicyGuard>(Policy::parse(kPolicy), denials.options(true));
   const GuardedServer server(guard);
   EXPECT_EQ(test::callEcho(*test::Probe::NewStub(server.stranger()), ""), grpc::StatusCode::OK);
-  EXPECT_THAT(denials.told, ElementsAre("/test.Probe/Echo: (dry)"));
+  EXPECT_THAT(denials.told(), ElementsAre("/test.Probe/Echo: (dry)"));
   EXPECT_EQ(guard->state().unmatched, 1U);
 }
 

@@ -67,10 +67,11 @@ def withdraw(agent: Agent, args: argparse.Namespace) -> None:
 
 def asked(agent: Agent, args: argparse.Namespace, methods: list[str], text: str) -> list[Any]:
     """What the agent answers about each method."""
+    headers = [{"key": key, "value": value} for key, value in args.headers]
     return [
         agent.policy.Probe(
             agent.policy_messages.policy_probe_msg(
-                principal=args.principals, method=method, header=dict(args.headers), policy=text
+                principal=args.principals, method=method, header=headers, policy=text
             ),
             **agent.unary,
         )

@@ -41,8 +41,8 @@ PolicyService::PolicyService(const VornSdkRpc::PolicyFile* file,
 policy_answer_msg PolicyService::probe(const policy_probe_msg& asked) const {
   const auto policy = asked.policy().empty() ? inForce().guard()->policy() : parsed(asked.policy());
   VornSdkRpc::PolicyRequest::Headers headers;
-  for (const auto& [key, value] : asked.header())
-    headers.emplace(key, value);
+  for (const auto& header : asked.header())
+    headers.emplace(header.key(), header.value());
   const auto [allowed, rule] = policy.decide({peerOf(asked), asked.method(), headers});
   policy_answer_msg answer;
   answer.set_allowed(allowed);
