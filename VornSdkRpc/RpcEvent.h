@@ -38,10 +38,10 @@ class VORN_EXPORT Event {
   friend class detail::Exchange;
 
   // Whether it was set; it no longer is.
-  bool take();
+  VORN_NO_EXPORT bool take();
 
   // From now on set() wakes this one, and at once when it is set; null: nobody.
-  void wakes(detail::Sleeper* sleeper);
+  VORN_NO_EXPORT void wakes(detail::Sleeper* sleeper);
 
   std::mutex mutex_;
   bool set_ = false;

@@ -51,7 +51,7 @@ class VORN_EXPORT Limits {
   std::optional<Claim> claim(const grpc::ServerContext& context);
 
  private:
-  bool take(Claim& claim, std::string key, std::size_t limit);
+  VORN_NO_EXPORT bool take(Claim& claim, std::string key, std::size_t limit);
 
   const Options options_;
   std::unordered_map<std::string, std::size_t> used_;

@@ -119,18 +119,18 @@ class VORN_EXPORT Exchange : public RequestHandler, public std::enable_shared_fr
 
   // For Call and Wait. begin() answers whether the wait has ended already.
   grpc::ServerContext& context() { return context_; }
-  EndedBy endedBy() const;
-  std::chrono::nanoseconds remaining() const;
-  bool begin(Wait& wait);
-  void suspend(Wait& wait, std::coroutine_handle<> awaiting);
-  void forget(Wait& wait) noexcept;
+  VORN_NO_EXPORT EndedBy endedBy() const;
+  VORN_NO_EXPORT std::chrono::nanoseconds remaining() const;
+  VORN_NO_EXPORT bool begin(Wait& wait);
+  VORN_NO_EXPORT void suspend(Wait& wait, std::coroutine_handle<> awaiting);
+  VORN_NO_EXPORT void forget(Wait& wait) noexcept;
 
   // For the service.
   ServiceBase& service() const { return method_.service(); }
   const Method& method() const { return method_; }
   Clock::time_point arrivedAt() const { return arrivedAt_; }
-  const char* waitsFor() const;
-  void look();  // goes on when what it waits for has come
+  VORN_NO_EXPORT const char* waitsFor() const;
+  VORN_NO_EXPORT void look();  // goes on when what it waits for has come
   Sleeper& sleeper() { return sleeper_; }
 
  protected:
@@ -149,22 +149,22 @@ class VORN_EXPORT Exchange : public RequestHandler, public std::enable_shared_fr
  private:
   friend class rpc::ServiceBase;
 
-  void arrived();
-  std::optional<grpc::Status> refusal();
-  void enter();
-  void leave() noexcept;
-  void mayBeIdle();
-  grpc::Status outcome();
-  void conclude(grpc::Status status);
-  void finish(const grpc::Status& status);
-  EndedBy whyGone() const;
-  void over(EndedBy why);
-  std::optional<Woke> reasonOf(Wait& wait);
-  std::optional<Woke> readReason(Wait& wait);
-  bool isWritten(Wait& wait);
-  void readDone(bool ok);
-  void writeDone(bool ok);
-  void active();
+  VORN_NO_EXPORT void arrived();
+  VORN_NO_EXPORT std::optional<grpc::Status> refusal();
+  VORN_NO_EXPORT void enter();
+  VORN_NO_EXPORT void leave() noexcept;
+  VORN_NO_EXPORT void mayBeIdle();
+  VORN_NO_EXPORT grpc::Status outcome();
+  VORN_NO_EXPORT void conclude(grpc::Status status);
+  VORN_NO_EXPORT void finish(const grpc::Status& status);
+  VORN_NO_EXPORT EndedBy whyGone() const;
+  VORN_NO_EXPORT void over(EndedBy why);
+  VORN_NO_EXPORT std::optional<Woke> reasonOf(Wait& wait);
+  VORN_NO_EXPORT std::optional<Woke> readReason(Wait& wait);
+  VORN_NO_EXPORT bool isWritten(Wait& wait);
+  VORN_NO_EXPORT void readDone(bool ok);
+  VORN_NO_EXPORT void writeDone(bool ok);
+  VORN_NO_EXPORT void active();
 
   Method& method_;
   grpc::ServerContext context_;
@@ -217,7 +217,7 @@ class VORN_EXPORT FunctionCall : public RequestHandler {
   Method& method_;
 
  private:
-  grpc::Status outcome();
+  VORN_NO_EXPORT grpc::Status outcome();
 
   grpc::ServerContext context_;
   Stream stream_{&context_};

@@ -98,15 +98,17 @@ class VORN_EXPORT ServiceBase : public GrpcService {
 
   void hostIs(grpc::Service& generated, const char* name, int methods);
   void add(std::unique_ptr<detail::Method> method);
-  void ask(const detail::Method& method, grpc::ServerContext& context, detail::Arriving* request,
-           detail::Stream& stream, OpaqueId tag) const;
+  VORN_NO_EXPORT void ask(const detail::Method& method, grpc::ServerContext& context,
+                          detail::Arriving* request, detail::Stream& stream, OpaqueId tag) const;
 
-  std::optional<grpc::Status> refusal(grpc::ServerContext& context, const detail::Method& method,
-                                      const detail::Mark& mark);
+  VORN_NO_EXPORT std::optional<grpc::Status> refusal(grpc::ServerContext& context,
+                                                     const detail::Method& method,
+                                                     const detail::Mark& mark);
   // The status that ends a call whose function has thrown. Called in a catch block.
-  grpc::Status thrown(const grpc::ServerContext& context, const detail::Method& method) const;
-  void traceFailure(const grpc::ServerContext& context, const detail::Method& method,
-                    const grpc::Status& status) const;
+  VORN_NO_EXPORT grpc::Status thrown(const grpc::ServerContext& context,
+                                     const detail::Method& method) const;
+  VORN_NO_EXPORT void traceFailure(const grpc::ServerContext& context, const detail::Method& method,
+                                   const grpc::Status& status) const;
 
   grpc::Service* generated_ = nullptr;
   const google::protobuf::ServiceDescriptor* descriptor_ = nullptr;

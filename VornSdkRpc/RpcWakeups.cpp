@@ -71,6 +71,10 @@ Wakeups::Turn::~Turn() {
   wakeups_.inTurn_ = false;
 }
 
+void Wakeups::Turn::finish() {
+  if (wakeups_.readyOnes_.load(std::memory_order_relaxed) != 0) wakeups_.wakeReady();
+}
+
 void Wakeups::proceed(OpaqueId) {
   Turn turn(*this);
   {

@@ -76,10 +76,10 @@ class VORN_EXPORT Wakeups final : public RequestHandler {
   explicit Wakeups(GrpcService& service) : service_(service) {}
 
   // The server runs: a tag of the service, under which this is registered. Serving thread.
-  void open(grpc::ServerCompletionQueue& queue, OpaqueId tag);
+  VORN_NO_EXPORT void open(grpc::ServerCompletionQueue& queue, OpaqueId tag);
 
   // No alarm is set any more, and none is pending. Any thread.
-  void close();
+  VORN_NO_EXPORT void close();
 
   // The time by which sleepers are woken. Any thread.
   Clock::time_point now() const;
@@ -95,9 +95,7 @@ class VORN_EXPORT Wakeups final : public RequestHandler {
     Turn(const Turn&) = delete;
     Turn& operator=(const Turn&) = delete;
     ~Turn();
-    void finish() {
-      if (wakeups_.readyOnes_.load(std::memory_order_relaxed) != 0) wakeups_.wakeReady();
-    }
+    void finish();
 
    private:
     Wakeups& wakeups_;
@@ -111,12 +109,12 @@ class VORN_EXPORT Wakeups final : public RequestHandler {
  private:
   friend class Sleeper;
 
-  void wakeReady();
-  void wakeLate();
-  void settle() noexcept;
-  void unlink(Sleeper& sleeper) noexcept;  // under the lock
-  void ring() noexcept;                    // under the lock
-  void setAlarm(Clock::time_point time) noexcept;
+  VORN_NO_EXPORT void wakeReady();
+  VORN_NO_EXPORT void wakeLate();
+  VORN_NO_EXPORT void settle() noexcept;
+  VORN_NO_EXPORT void unlink(Sleeper& sleeper) noexcept;  // under the lock
+  VORN_NO_EXPORT void ring() noexcept;                    // under the lock
+  VORN_NO_EXPORT void setAlarm(Clock::time_point time) noexcept;
 
   GrpcService& service_;
   grpc::ServerCompletionQueue* queue_ = nullptr;
