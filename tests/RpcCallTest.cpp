@@ -26,9 +26,12 @@ class Scripted : public rpc::Service<Probe> {
  public:
   Scripted() : Service("Scripted") { timeIs(kStart); }
 
+  using Service::async;
   using Service::byHand;
   using Service::limitsAre;
   using Service::method;
+
+  grpc::ServerCompletionQueue* queue() { return cq_; }
 
   std::function<std::optional<grpc::Status>(grpc::ServerContext&, const std::string&)> gate;
 
@@ -453,6 +456,202 @@ TEST(RpcCall, NoOperationHarmsWhatACoroutineHolds) {
   }
   chat->WritesDone();
   EXPECT_EQ(chat->Finish().error_message(), kLong + kLong);
+}
+
+// ------------------------------------------------------------------------------------------------
+// What a call has to pass, and how it is shown
+
+TEST(RpcCall, EveryCallPassesOnePlaceBeforeItsFunction) {
+  const auto service = std::make_shared<Scripted>();
+  service->gate = [](grpc::ServerContext& context,
+                     const std::string& method) -> std::optional<grpc::Status> {
+    if (context.client_metadata().count("throw") != 0)
+      throw vorn::no_scoped_lock_obtained_error("no policy");
+    if (context.client_metadata().count("let-in") != 0) return std::nullopt;
+    return grpc::Status(StatusCode::PERMISSION_DENIED, method);
+  };
+  std::atomic<int> served = 0;
+  service->method(&Async::RequestEcho, [&](const Text&, Text&) {
+    ++served;
+    return grpc::Status::OK;
+  });
+  service->method(&Async::RequestTick, [&](rpc::Writer<Text>&, const Count&) -> rpc::Task<> {
+    ++served;
+    co_return grpc::Status::OK;
+  });
+  RunningServer running({service});
+  const auto stub = running.stub();
+  const auto echoed = [&](const char* key) {
+    grpc::ClientContext context;
+    Text reply;
+    context.AddMetadata(key, "");
+    return stub->Echo(&context, Text(), &reply);
+  };
+  EXPECT_EQ(echoed("no-key").error_message(), "/test.Probe/Echo");
+  EXPECT_EQ(echoed("throw").error_message(), "no policy");
+  grpc::ClientContext context;
+  EXPECT_EQ(stub->Tick(&context, Count())->Finish().error_message(), "/test.Probe/Tick");
+  EXPECT_EQ(served, 0);
+  EXPECT_TRUE(echoed("let-in").ok());
+  EXPECT_EQ(served, 1);
+}
+
+TEST(RpcCall, OneClientDoesNotHoldEveryCall) {
+  const auto service = std::make_shared<Scripted>();
+  const auto limits =
+      std::make_shared<rpc::Limits>(rpc::Limits::Options{.perConnection = 2, .perAddress = 3});
+  service->limitsAre(limits);
+  std::atomic<int> held = 0;
+  service->method(&Async::RequestTick, [&](rpc::Writer<Text>& ticks, const Count&) -> rpc::Task<> {
+    ++held;
+    co_await ticks.wait(rpc::forever);
+    co_return grpc::Status::OK;
+  });
+  RunningServer running({service});
+  const auto one = running.stub(), other = running.stub();
+  struct Held {
+    explicit Held(Probe::Stub& stub) : stream(stub.Tick(&context, Count())) {}
+    grpc::ClientContext context;
+    std::unique_ptr<grpc::ClientReader<Text>> stream;
+  };
+  for (int round = 0; round < 3; ++round) {
+    held = 0;
+    Held first(*one), second(*one), third(*other);
+    waitUntil([&] { return held == 3; });
+    EXPECT_EQ(Held(*one).stream->Finish().error_code(), StatusCode::RESOURCE_EXHAUSTED)
+        << "the connection's";
+    EXPECT_EQ(Held(*other).stream->Finish().error_code(), StatusCode::RESOURCE_EXHAUSTED)
+        << "the address's";
+    for (auto* call : {&first, &second, &third})
+      call->context.TryCancel();
+    expectIdle(running);
+  }
+}
+
+TEST(RpcCall, AStreamThatDoesNothingIsEnded) {
+  const auto service = std::make_shared<Scripted>();
+  std::atomic<int> read = 0;
+  service->method(&Async::RequestCollect,
+                  [&](rpc::Reader<Text>& texts, Count&) -> rpc::Task<> {
+                    Text text;
+                    while (co_await texts.read(text))
+                      ++read;
+                    EXPECT_EQ(texts.endedBy(), rpc::EndedBy::idle);
+                    co_return grpc::Status::OK;
+                  },
+                  {.idle = 10s});
+  RunningServer running({service});
+  const auto stub = running.stub();
+  grpc::ClientContext context;
+  Count count;
+  const auto texts = stub->Collect(&context, &count);
+  for (int i = 1; i <= 5; ++i) {
+    ASSERT_TRUE(texts->Write(Text()));
+    waitUntil([&] { return read == i; });
+    service->timeIs(Scripted::kStart + i * 9s);  // a moment before its time
+  }
+  service->timeIs(Scripted::kStart + 4 * 9s + 10s);
+  EXPECT_EQ(texts->Finish().error_code(), StatusCode::DEADLINE_EXCEEDED);
+  expectIdle(running);
+}
+
+TEST(RpcCall, TheCallsInProgressCanBeListed) {
+  const Capture trace(Kiv::traceLogger());
+  const auto service = std::make_shared<Scripted>();
+  rpc::Event event;
+  std::atomic<int> waiting = 0;
+  service->method(&Async::RequestTick, [&](rpc::Writer<Text>& ticks, const Count&) -> rpc::Task<> {
+    ++waiting;
+    co_await ticks.wait(event);
+    co_return grpc::Status::OK;
+  });
+  service->method(&Async::RequestCollect, [&](rpc::Reader<Text>& texts, Count&) -> rpc::Task<> {
+    Text text;
+    ++waiting;
+    co_await texts.read(text);
+    co_return grpc::Status::OK;
+  });
+  std::vector<rpc::CallInProgress> calls;
+  service->method(&Async::RequestEcho, [&](const Text&, Text&) {
+    calls = service->calls();
+    service->traceCalls();
+    return grpc::Status::OK;
+  });
+  RunningServer running({service});
+  const auto stub = running.stub();
+  grpc::ClientContext ticking, collecting, asking;
+  Count count;
+  Text reply;
+  const auto ticks = stub->Tick(&ticking, count);
+  waitUntil([&] { return waiting == 1; });
+  service->timeIs(Scripted::kStart + 5s);
+  const auto texts = stub->Collect(&collecting, &count);
+  waitUntil([&] { return waiting == 2; });
+  ASSERT_TRUE(stub->Echo(&asking, Text(), &reply).ok());
+  ASSERT_EQ(calls.size(), 2U);
+  EXPECT_EQ(calls[0].method, "/test.Probe/Tick");
+  EXPECT_EQ(calls[0].age, 5s);
+  EXPECT_EQ(calls[0].waitsFor, "an event");
+  EXPECT_EQ(calls[1].method, "/test.Probe/Collect");
+  EXPECT_EQ(calls[1].waitsFor, "a message");
+  EXPECT_TRUE(calls[1].peer.starts_with("ipv4:127.0.0.1:"));
+  EXPECT_EQ(trace.count(": 5.000 s, waits for an event"), 1U);
+  event.set();
+  EXPECT_TRUE(ticks->Finish().ok());
+}
+
+TEST(RpcCall, ACoroutineThatEndsWithoutAStatusEndsItsCall) {
+  const Capture trace(Kiv::traceLogger());
+  const auto service = std::make_shared<Scripted>();
+  service->method(&Async::RequestEcho, [](rpc::Call& call, const Text& text, Text&) -> rpc::Task<> {
+    co_await call.wait(rpc::Limit(0s));
+    if (text.text() == "status") co_return grpc::Status::OK;
+  });
+  RunningServer running({service});
+  const auto stub = running.stub();
+  grpc::ClientContext context;
+  Text reply;
+  EXPECT_EQ(stub->Echo(&context, Text(), &reply).error_code(), StatusCode::INTERNAL);
+  EXPECT_EQ(trace.count("a coroutine ended without co_return"), 1U);
+}
+
+// An RPC by hand beside those of the kit.
+class HandEcho : public VornSdkRpc::RequestHandler {
+ public:
+  HandEcho(Scripted& service, grpc::ServerCompletionQueue* queue, VornSdkRpc::OpaqueId tag)
+      : service_(service), queue_(queue) {
+    opaqueId_ = tag;
+    service.async().RequestEcho(&context_, &text_, &writer_, queue, queue, tag);
+  }
+  VornSdkRpc::RequestHandlerPtr spawn(VornSdkRpc::OpaqueId tag) override {
+    return std::make_shared<HandEcho>(service_, queue_, tag);
+  }
+  void proceed(VornSdkRpc::OpaqueId tag) override {
+    text_.set_text("by hand: " + text_.text());
+    writer_.Finish(text_, grpc::Status::OK, tag);
+  }
+
+ private:
+  Scripted& service_;
+  grpc::ServerCompletionQueue* const queue_;
+  grpc::ServerContext context_;
+  Text text_;
+  grpc::ServerAsyncResponseWriter<Text> writer_{&context_};
+};
+
+TEST(RpcCall, OneRpcMayBeServedByHand) {
+  const auto service = std::make_shared<Scripted>();
+  service->byHand(&Async::RequestEcho, [&](VornSdkRpc::OpaqueId tag) {
+    return std::make_shared<HandEcho>(*service, service->queue(), tag);
+  });
+  RunningServer running({service});
+  const auto stub = running.stub();
+  for (int i = 0; i < 3; ++i) {
+    grpc::ClientContext context;
+    Text reply;
+    ASSERT_TRUE(stub->Echo(&context, textOf("text"), &reply).ok());
+    EXPECT_EQ(reply.text(), "by hand: text");
+  }
 }
 
 }  // namespace
