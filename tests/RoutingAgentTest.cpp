@@ -1,10 +1,12 @@
 #include <VornSdkRpc/MessagePrinters.h>
 #include <gmock/gmock.h>
 #include <google/protobuf/text_format.h>
+#include <unistd.h>
 #include <vorn/error.h>
 
 #include <latch>
 #include <map>
+#include <mutex>
 #include <set>
 #include <string>
 
@@ -411,6 +413,37 @@ TEST(RoutingAgent, TellsWatchersWhatChanges) {
     EXPECT_EQ(rtts != 0, rtt);
     context.TryCancel();
   }
+}
+
+// A session that tracks its interface is down with it alone, not for want of descriptors, and says
+// so to who wants to know.
+TEST(SbfdMonitor, TellsAnInterfaceThatIsGoneFromOneThatIsNotKnown) {
+  std::map<std::string, bool> down;  // by interface
+  std::mutex mutex;
+  SbfdMonitor monitor({}, [&](const sbfd_echo_session_key_msg& key, bool isDown) {
+    const std::lock_guard lock(mutex);
+    down[key.outgoing_interface()] = isDown;
+  });
+  const auto status = [&](const std::string& interface) {
+    const auto item =
+        monitor.statuses().find(sessionOf(interface).session_key().SerializeAsString());
+    return item ? item->status().status() : sbfd_echo_session_oper_status_msg::UNKNOWN;
+  };
+  std::vector<int> taken;
+  for (int fd = dup(0); fd >= 0; fd = dup(0))
+    taken.push_back(fd);
+  for (const char* interface : {"lo", "no-such-one"}) {
+    auto session = sessionOf(interface);
+    session.set_track_interface_state(true);
+    monitor.set(session);
+  }
+  while (status("lo") != sbfd_echo_session_oper_status_msg::UP ||
+         status("no-such-one") != sbfd_echo_session_oper_status_msg::DOWN)
+    std::this_thread::yield();
+  for (const int fd : taken)
+    close(fd);
+  const std::lock_guard lock(mutex);
+  EXPECT_EQ(down, (std::map<std::string, bool>{{"no-such-one", true}}));
 }
 
 // ------------------------------------------------------------------------------------------------

@@ -186,7 +186,9 @@ void serve(const Options& options, const std::function<Options()>& readAgain) {
 
   Tables tables;
   const auto kernel = kernelSync(options);
-  SbfdMonitor monitor;
+  SbfdMonitor monitor(options.netns, [&kernel](const sbfd_echo_session_key_msg& key, bool down) {
+    if (kernel) kernel->sessionIsDown(key, down);
+  });
   Backlog backlog(options.stepTime, options.backlogMib << 20);
   const auto announcement = std::make_shared<Announcement>(options, ports);
   VornSdkRpc::GrpcServer server(

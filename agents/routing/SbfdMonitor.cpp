@@ -1,6 +1,8 @@
 #include "agents/routing/SbfdMonitor.h"
 
+#include <VornSdkRpc/ScopedNamespace.h>
 #include <net/if.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -23,9 +25,14 @@ std::chrono::microseconds intervalOf(const sbfd_echo_session_msg& config) {
 
 }  // namespace
 
-SbfdMonitor::SbfdMonitor() {
-  if (socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, sockets_) != 0) {
-    throw std::system_error(errno, std::generic_category(), "socketpair");
+SbfdMonitor::SbfdMonitor(const std::string& netns, DownChanged downChanged)
+    : downChanged_(std::move(downChanged)) {
+  {
+    const VornSdkRpc::ScopedNamespace inside(netns);
+    interfaces_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  }
+  if (interfaces_ < 0 || socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, sockets_) != 0) {
+    throw std::system_error(errno, std::generic_category(), "cannot open a socket");
   }
   thread_ = std::thread([this] { run(); });
 }
@@ -37,7 +44,7 @@ SbfdMonitor::~SbfdMonitor() {
   }
   wake_.notify_one();
   thread_.join();
-  for (const int fd : sockets_)
+  for (const int fd : {interfaces_, sockets_[0], sockets_[1]})
     close(fd);
 }
 
@@ -45,7 +52,11 @@ void SbfdMonitor::set(const sbfd_echo_session_msg& session) {
   const std::string id = idOf(session.session_key());
   const std::lock_guard lock(mutex_);
   if (session.request_delete()) {
-    sessions_.erase(id);
+    const auto entry = sessions_.find(id);
+    if (entry == sessions_.end()) return;
+    if (entry->second.status == Status::DOWN && downChanged_)
+      downChanged_(session.session_key(), false);
+    sessions_.erase(entry);
     statuses_.remove(id);
     roundTripTimes_.remove(id);
   } else {
@@ -84,16 +95,35 @@ void SbfdMonitor::run() {
 
 void SbfdMonitor::echo(const std::string& id, Session& session) {
   session.nextEcho += intervalOf(session.config);
-  const bool linked =
-      !session.config.track_interface_state() ||
-      if_nametoindex(session.config.session_key().outgoing_interface().c_str()) != 0;
-  const auto rtt = linked ? roundTrip() : std::nullopt;
-  const auto before = session.status;
-  session.status = !rtt ? Status::DOWN : before == Status::DOWN ? Status::INIT : Status::UP;
-  if (session.status != before) publishStatus(id, session);
-  if (!rtt || !session.config.rtt_enabled()) return;
+  const auto& interface = session.config.session_key().outgoing_interface();
+  const Link link = session.config.track_interface_state() ? this->link(interface) : Link::up;
+  if (link == Link::unknown) return;
+  const auto rtt = link == Link::up ? roundTrip() : std::nullopt;
+  if (!rtt) return statusIs(id, session, Status::DOWN);
+  statusIs(id, session, session.status == Status::DOWN ? Status::INIT : Status::UP);
+  if (!session.config.rtt_enabled()) return;
   account(session, *rtt);
   publishRoundTripTimes(id, session);
+}
+
+void SbfdMonitor::statusIs(const std::string& id, Session& session, Status::status_enum status) {
+  const auto before = std::exchange(session.status, status);
+  if (before == status) return;
+  publishStatus(id, session);
+  const bool down = status == Status::DOWN;
+  if (downChanged_ && down != (before == Status::DOWN))
+    downChanged_(session.config.session_key(), down);
+}
+
+// A shortage of anything is not taken for an interface that is gone.
+SbfdMonitor::Link SbfdMonitor::link(const std::string& interface) const {
+  ifreq request{};
+  if (interface.size() >= sizeof request.ifr_name) return Link::down;
+  std::copy(interface.begin(), interface.end(), request.ifr_name);
+  if (ioctl(interfaces_, SIOCGIFFLAGS, &request) != 0)
+    return errno == ENODEV ? Link::down : Link::unknown;
+  const bool up = (request.ifr_flags & IFF_UP) != 0 && (request.ifr_flags & IFF_RUNNING) != 0;
+  return up ? Link::up : Link::down;
 }
 
 void SbfdMonitor::account(Session& session, std::uint32_t rtt) {

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -19,11 +20,16 @@ using namespace VornSdkRpc::pb;
 // Runs the SBFD echo sessions and publishes what changes. This example has no data
 // plane: an echo goes through a socket pair of the monitor's own, so the round-trip times are real
 // ones of that path, and a session comes up with its second echo. A session that tracks its
-// interface is down while this host has no interface of that name. Any thread may call any
-// operation.
+// interface is down while there is no interface of that name, or it is down or has no carrier; when
+// that can't be told, the session stays as it is. Any thread may call any operation.
 class SbfdMonitor {
  public:
-  SbfdMonitor();
+  // Told whenever a session goes down or is no longer down, with the session's key.
+  using DownChanged = std::function<void(const sbfd_echo_session_key_msg& key, bool down)>;
+
+  // Looks for interfaces in the namespace `netns`, as `ip netns` knows it; empty: the calling
+  // thread's own. `downChanged` is called on any thread, and must not call back.
+  explicit SbfdMonitor(const std::string& netns = {}, DownChanged downChanged = {});
   ~SbfdMonitor();
   SbfdMonitor(const SbfdMonitor&) = delete;
   SbfdMonitor& operator=(const SbfdMonitor&) = delete;
@@ -54,6 +60,9 @@ class SbfdMonitor {
 
   void run();
   void echo(const std::string& id, Session& session);
+  void statusIs(const std::string& id, Session& session, Status::status_enum status);
+  enum class Link : std::uint8_t { up, down, unknown };
+  Link link(const std::string& interface) const;
   void publishStatus(const std::string& id, const Session& session);
   void publishRoundTripTimes(const std::string& id, const Session& session);
   static void account(Session& session, std::uint32_t rtt);
@@ -65,6 +74,8 @@ class SbfdMonitor {
   std::map<std::string, Session> sessions_;
   Sessions statuses_;
   Sessions roundTripTimes_;
+  const DownChanged downChanged_;
+  int interfaces_ = -1;  // a socket to ask for interfaces, so that this takes no new descriptor
   int sockets_[2] = {-1, -1};
   std::thread thread_;
 };
