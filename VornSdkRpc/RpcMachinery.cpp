@@ -278,9 +278,9 @@ std::chrono::nanoseconds Exchange::remaining() const {
 EndedBy Exchange::whyGone() const {
   constexpr std::chrono::nanoseconds kWay = std::chrono::milliseconds(20);
   const auto left = remaining();
+  if (left == std::chrono::nanoseconds::max()) return EndedBy::cancelled;
   const auto given = left + (service().now() - arrivedAt_);
-  const bool deadline = left != std::chrono::nanoseconds::max() && left <= kWay + given / 32;
-  return deadline ? EndedBy::deadline : EndedBy::cancelled;
+  return left <= kWay + given / 32 ? EndedBy::deadline : EndedBy::cancelled;
 }
 
 void Exchange::over(EndedBy why) {
