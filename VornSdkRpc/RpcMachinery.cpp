@@ -20,13 +20,13 @@ grpc::WriteOptions atOnce(grpc::WriteOptions options) {
   return options.clear_buffer_hint().clear_last_message();
 }
 
-// Ends a call; one that has one reply sends it with an OK only.
-void finishWith(Stream& stream, const MessageLite* reply, const grpc::Status& status,
+// Ends a call that has one reply, which a client is sent only with an OK.
+void finishWith(Answer& answer, const MessageLite& reply, const grpc::Status& status,
                 OpaqueId tag) {
-  if (reply && status.ok()) {
-    stream.WriteAndFinish(*reply, {}, status, tag);
+  if (status.ok()) {
+    answer.Finish(reply, status, tag);
   } else {
-    stream.Finish(status, tag);
+    answer.FinishWithError(status, tag);
   }
 }
 
@@ -34,8 +34,6 @@ grpc::Status overLimit(const grpc::ServerContext& context, const char* text) {
   noteLimit(context);
   return {grpc::StatusCode::RESOURCE_EXHAUSTED, text};
 }
-
-bool hasOneReply(Kind kind) { return kind == Kind::unary || kind == Kind::clientStreaming; }
 
 // One call of a method that nothing serves.
 class UnservedCall final : public RequestHandler {
@@ -78,7 +76,7 @@ Method::Method(ServiceBase& service, Kind kind_, int number_, MethodOptions opti
 
 Method::~Method() = default;
 
-void Method::ask(grpc::ServerContext& context, Arriving* request, Stream& stream,
+void Method::ask(grpc::ServerContext& context, Arriving* request, AnyStream& stream,
                  OpaqueId tag) const {
   service_.ask(*this, context, request, stream, tag);
 }
@@ -103,7 +101,7 @@ void FunctionCall::proceed(OpaqueId tag) {
   Wakeups::Turn turn(*service.wakeups_);
   const grpc::Status status = outcome();
   if (!status.ok()) service.traceFailure(context_, method_, status);
-  finishWith(stream_, &reply(), status, tag);
+  finishWith(answer_, reply(), status, tag);
   turn.finish();
 }
 
@@ -253,7 +251,7 @@ void Exchange::conclude(grpc::Status status) {
 void Exchange::finish(const grpc::Status& status) {
   state_ = FINISHED;
   if (readTag_ && !reading_) service().removeHandler(readTag_);
-  finishWith(stream_, hasOneReply(method_.kind) ? &reply() : nullptr, status, opaqueId_);
+  sendStatus(status, opaqueId_);
 }
 
 // ------------------------------------------------------------------------------------------------
@@ -352,7 +350,7 @@ std::optional<Woke> Exchange::readReason(Wait& wait) {
   if (streamEnded_) return Woke::end;
   if (!std::exchange(reading_, true)) {
     if (!readTag_) readTag_ = service().assignExtraTag(shared_from_this());
-    stream_.Read(arriving(), readTag_);
+    startRead(readTag_);
   }
   return std::nullopt;
 }
@@ -381,9 +379,9 @@ bool Exchange::isWritten(Wait& wait) {
   if (std::exchange(wait.started_, true)) return true;
   if (wait.what_ == Wait::For::metadata) {
     if (metadataSent_) throw std::logic_error("the initial metadata have been sent");
-    stream_.SendInitialMetadata(opaqueId_);
+    wire().SendInitialMetadata(opaqueId_);
   } else {
-    stream_.Write(*wait.item_, atOnce(wait.options_), opaqueId_);
+    startWrite(*wait.item_, atOnce(wait.options_), opaqueId_);
   }
   writing_ = metadataSent_ = true;
   return false;
@@ -399,6 +397,39 @@ void Exchange::writeDone(bool ok) {
 
 void Exchange::active() {
   if (idle_) activeAt_ = service().now();
+}
+
+// ------------------------------------------------------------------------------------------------
+// UnaryExchange, StreamExchange
+
+UnaryExchange::UnaryExchange(Method& method, OpaqueId tag) : Exchange(method, tag) {}
+UnaryExchange::~UnaryExchange() = default;
+
+AnyStream& UnaryExchange::wire() { return answer_; }
+void UnaryExchange::startRead(OpaqueId) {}
+void UnaryExchange::startWrite(const MessageLite&, grpc::WriteOptions, OpaqueId) {}
+
+void UnaryExchange::sendStatus(const grpc::Status& status, OpaqueId tag) {
+  finishWith(answer_, reply(), status, tag);
+}
+
+StreamExchange::StreamExchange(Method& method, OpaqueId tag) : Exchange(method, tag) {}
+StreamExchange::~StreamExchange() = default;
+
+AnyStream& StreamExchange::wire() { return stream_; }
+
+void StreamExchange::startRead(OpaqueId tag) { stream_.Read(arriving(), tag); }
+
+void StreamExchange::startWrite(const MessageLite& item, grpc::WriteOptions options, OpaqueId tag) {
+  stream_.Write(item, options, tag);
+}
+
+void StreamExchange::sendStatus(const grpc::Status& status, OpaqueId tag) {
+  if (method().kind == Kind::clientStreaming && status.ok()) {
+    stream_.WriteAndFinish(reply(), {}, status, tag);
+  } else {
+    stream_.Finish(status, tag);
+  }
 }
 
 const char* Exchange::waitsFor() const {

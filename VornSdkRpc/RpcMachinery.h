@@ -16,6 +16,7 @@
 #include <grpcpp/grpcpp.h>
 #include <grpcpp/impl/codegen/proto_utils.h>
 #include <grpcpp/support/async_stream.h>
+#include <grpcpp/support/async_unary_call.h>
 #include <vorn/export.h>
 
 #include <concepts>
@@ -24,6 +25,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -77,6 +79,8 @@ struct Received {
 };
 
 using Stream = grpc::ServerAsyncReaderWriter<MessageLite, Arriving>;
+using Answer = grpc::ServerAsyncResponseWriter<MessageLite>;  // a unary call's: less than a stream
+using AnyStream = grpc::internal::ServerAsyncStreamingInterface;
 
 enum class Kind : std::uint8_t { unary, clientStreaming, serverStreaming, bidirectional };
 
@@ -92,7 +96,7 @@ class VORN_EXPORT Method {
   virtual RequestHandlerPtr make(OpaqueId tag) = 0;
 
   // Asks gRPC for a call, to arrive under the tag; a request that is null is not read.
-  void ask(grpc::ServerContext& context, Arriving* request, Stream& stream, OpaqueId tag) const;
+  void ask(grpc::ServerContext& context, Arriving* request, AnyStream& stream, OpaqueId tag) const;
 
   // "/package.Service/Method"
   const std::string& path() const { return path_; }
@@ -137,14 +141,23 @@ class VORN_EXPORT Exchange : public RequestHandler, public std::enable_shared_fr
   Exchange(Method& method, OpaqueId tag);
 
   // What derived classes hold is asked for and given up by them.
-  void ask(Arriving* request) { method_.ask(context_, request, stream_, opaqueId_); }
+  void ask(Arriving* request, AnyStream& stream) {
+    method_.ask(context_, request, stream, opaqueId_);
+  }
   void abandon() noexcept { task_ = {}; }
+
+  virtual AnyStream& wire() = 0;
+  virtual void startRead(OpaqueId tag) = 0;
+  virtual void startWrite(const MessageLite& item, grpc::WriteOptions options, OpaqueId tag) = 0;
+  virtual void sendStatus(const grpc::Status& status, OpaqueId tag) = 0;
 
   virtual Task<> serve() = 0;
   virtual Mark& mark() = 0;
   virtual Arriving* arriving() = 0;
   virtual void giveTo(MessageLite& item) = 0;
   virtual const MessageLite& reply() const = 0;
+
+  grpc::ServerContext context_;
 
  private:
   friend class rpc::ServiceBase;
@@ -167,8 +180,6 @@ class VORN_EXPORT Exchange : public RequestHandler, public std::enable_shared_fr
   VORN_NO_EXPORT void active();
 
   Method& method_;
-  grpc::ServerContext context_;
-  Stream stream_{&context_};
   const OpaqueId endTag_;       // completes when the call is over on the wire
   OpaqueId readTag_ = nullptr;  // made when it is needed
 
@@ -197,6 +208,35 @@ class VORN_EXPORT Exchange : public RequestHandler, public std::enable_shared_fr
   Exchange* previous_ = nullptr;
 };
 
+// The two kinds of exchange that there are on the wire.
+class VORN_EXPORT UnaryExchange : public Exchange {
+ protected:
+  UnaryExchange(Method& method, OpaqueId tag);
+  ~UnaryExchange() override;
+
+  AnyStream& wire() final;
+  void startRead(OpaqueId tag) final;
+  void startWrite(const MessageLite& item, grpc::WriteOptions options, OpaqueId tag) final;
+  void sendStatus(const grpc::Status& status, OpaqueId tag) final;
+
+ private:
+  Answer answer_{&context_};
+};
+
+class VORN_EXPORT StreamExchange : public Exchange {
+ protected:
+  StreamExchange(Method& method, OpaqueId tag);
+  ~StreamExchange() override;
+
+  AnyStream& wire() final;
+  void startRead(OpaqueId tag) final;
+  void startWrite(const MessageLite& item, grpc::WriteOptions options, OpaqueId tag) final;
+  void sendStatus(const grpc::Status& status, OpaqueId tag) final;
+
+ private:
+  Stream stream_{&context_};
+};
+
 // One call of a unary method that is served by a plain function.
 class VORN_EXPORT FunctionCall : public RequestHandler {
  public:
@@ -208,7 +248,7 @@ class VORN_EXPORT FunctionCall : public RequestHandler {
  protected:
   FunctionCall(Method& method, OpaqueId tag);
 
-  void ask(Arriving* request) { method_.ask(context_, request, stream_, opaqueId_); }
+  void ask(Arriving* request) { method_.ask(context_, request, answer_, opaqueId_); }
 
   virtual grpc::Status serve(grpc::ServerContext& context) = 0;
   virtual const Mark& mark() const = 0;
@@ -220,7 +260,7 @@ class VORN_EXPORT FunctionCall : public RequestHandler {
   VORN_NO_EXPORT grpc::Status outcome();
 
   grpc::ServerContext context_;
-  Stream stream_{&context_};
+  Answer answer_{&context_};
 };
 
 // A method that nothing serves. Without it, gRPC would keep its calls for as long as their clients
@@ -250,12 +290,14 @@ class CoroutineMethod final : public Method {
   RequestHandlerPtr make(OpaqueId tag) override { return std::make_shared<One>(*this, tag); }
 
  private:
-  class One final : public Exchange {
+  using Base = std::conditional_t<std::same_as<View, Call>, UnaryExchange, StreamExchange>;
+
+  class One final : public Base {
    public:
-    One(CoroutineMethod& method, OpaqueId tag) : Exchange(method, tag), handler_(method.handler_) {
-      ask(request_.arriving());
+    One(CoroutineMethod& method, OpaqueId tag) : Base(method, tag), handler_(method.handler_) {
+      this->ask(request_.arriving(), this->wire());
     }
-    ~One() override { abandon(); }
+    ~One() override { this->abandon(); }
 
    private:
     Task<> serve() override {

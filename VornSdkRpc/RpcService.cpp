@@ -133,7 +133,7 @@ void ServiceBase::drainingChanged() {
 }
 
 void ServiceBase::ask(const detail::Method& method, grpc::ServerContext& context,
-                      detail::Arriving* request, detail::Stream& stream, OpaqueId tag) const {
+                      detail::Arriving* request, detail::AnyStream& stream, OpaqueId tag) const {
   using detail::Kind;
   switch (method.kind) {
     case Kind::unary:

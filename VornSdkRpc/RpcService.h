@@ -99,7 +99,7 @@ class VORN_EXPORT ServiceBase : public GrpcService {
   void hostIs(grpc::Service& generated, const char* name, int methods);
   void add(std::unique_ptr<detail::Method> method);
   VORN_NO_EXPORT void ask(const detail::Method& method, grpc::ServerContext& context,
-                          detail::Arriving* request, detail::Stream& stream, OpaqueId tag) const;
+                          detail::Arriving* request, detail::AnyStream& stream, OpaqueId tag) const;
 
   VORN_NO_EXPORT std::optional<grpc::Status> refusal(grpc::ServerContext& context,
                                                      const detail::Method& method,
