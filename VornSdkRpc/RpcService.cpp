@@ -165,8 +165,12 @@ grpc::Status ServiceBase::thrown(const grpc::ServerContext& context,
                                  const detail::Method& method) const {
   try {
     throw;
+  } catch (const StatusError& error) {
+    return error.status();
   } catch (const vorn::invalid_argument_error& error) {
-    return {grpc::StatusCode::INVALID_ARGUMENT, textOf(error)};
+    return StatusError(grpc::StatusCode::INVALID_ARGUMENT, error.what())
+        .wrongField(error.argument(), error.what())
+        .status();
   } catch (const vorn::unsupported_error& error) {
     return {grpc::StatusCode::UNIMPLEMENTED, textOf(error)};
   } catch (const vorn::configuration_error& error) {

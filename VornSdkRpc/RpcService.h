@@ -14,6 +14,7 @@
 #include <VornSdkRpc/RpcCall.h>
 #include <VornSdkRpc/RpcLimits.h>
 #include <VornSdkRpc/RpcMachinery.h>
+#include <VornSdkRpc/RpcStatus.h>
 #include <VornSdkRpc/RpcTask.h>
 #include <VornSdkRpc/RpcWakeups.h>
 #include <grpcpp/grpcpp.h>

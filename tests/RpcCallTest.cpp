@@ -615,6 +615,48 @@ TEST(RpcCall, ACoroutineThatEndsWithoutAStatusEndsItsCall) {
   EXPECT_EQ(trace.count("a coroutine ended without co_return"), 1U);
 }
 
+TEST(RpcCall, AStatusNamesTheFieldsThatAreWrongAndWhenToTryAgain) {
+  const auto service = std::make_shared<Scripted>();
+  service->method(&Async::RequestEcho, [](const Text& text, Text&) -> grpc::Status {
+    if (text.text() == "argument") throw vorn::invalid_argument_error("no such text", "text");
+    rpc::StatusError error(StatusCode::UNAVAILABLE, "busy");
+    if (text.text() == "many") {
+      for (int i = 0; i < 1000; ++i)
+        error.wrongField(std::string(1000, 'f'), std::string(1000, 'd'));
+    }
+    throw error.retryAfter(1500ms);
+  });
+  RunningServer running({service});
+  const auto stub = running.stub();
+  const auto detailsOf = [&](const char* text) {
+    grpc::ClientContext context;
+    Text reply;
+    const grpc::Status status = stub->Echo(&context, textOf(text), &reply);
+    Details details;
+    EXPECT_TRUE(details.ParseFromString(status.error_details())) << text;
+    EXPECT_EQ(details.code(), status.error_code()) << text;
+    EXPECT_EQ(details.message(), status.error_message()) << text;
+    return details;
+  };
+  const auto argument = detailsOf("argument");
+  ASSERT_EQ(argument.details_size(), 1);
+  EXPECT_EQ(argument.code(), StatusCode::INVALID_ARGUMENT);
+  EXPECT_EQ(argument.details(0).type_url(), "type.googleapis.com/google.rpc.BadRequest");
+  BadRequest bad;
+  ASSERT_TRUE(bad.ParseFromString(argument.details(0).value()));
+  ASSERT_EQ(bad.field_violations_size(), 1);
+  EXPECT_EQ(bad.field_violations(0).field(), "text");
+  EXPECT_EQ(bad.field_violations(0).description(), "no such text");
+  const auto retry = detailsOf("retry");
+  ASSERT_EQ(retry.details_size(), 1);
+  EXPECT_EQ(retry.details(0).type_url(), "type.googleapis.com/google.rpc.RetryInfo");
+  RetryInfo info;
+  ASSERT_TRUE(info.ParseFromString(retry.details(0).value()));
+  EXPECT_EQ(info.retry_delay().seconds(), 1);
+  EXPECT_EQ(info.retry_delay().nanos(), 500000000);
+  EXPECT_EQ(detailsOf("many").details_size(), 2) << "and no more than the client takes";
+}
+
 // An RPC by hand beside those of the kit.
 class HandEcho : public VornSdkRpc::RequestHandler {
  public:

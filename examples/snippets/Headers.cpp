@@ -223,6 +223,12 @@ rpc::Task<> watch(rpc::Writer<ip_route_msg>& watcher, RouteTable& table) {
 
 grpc::Status silent() { return {grpc::StatusCode::DEADLINE_EXCEEDED, "the client is silent"}; }
 
+void restarting() {
+  // [RpcStatus]
+  throw rpc::StatusError(grpc::StatusCode::UNAVAILABLE, "the hardware restarts").retryAfter(2s);
+  // [RpcStatus]
+}
+
 // [RpcCall]
 rpc::Task<> follow(rpc::ReaderWriter<ip_route_msg, count_msg>& client, rpc::Event& news) {
   ip_route_msg route;
