@@ -151,6 +151,11 @@ def swap(channel: grpc.Channel) -> None:
     check(code == grpc.StatusCode.UNAUTHENTICATED, "a call that claims to be mallory is refused")
 
 
+def became(stub: Any) -> Any:
+    """What became of the route for the kernel."""
+    return stub.Await(agent.await_msg(route=prefix("198.51.100.0/24"), or_waiting=True), timeout=60)
+
+
 def kernel(channel: grpc.Channel) -> None:
     """Sets a group and a route through it, for the kernel."""
     stub = agent_grpc.RoutingStub(channel)
@@ -158,8 +163,32 @@ def kernel(channel: grpc.Channel) -> None:
     group.nexthop.add().nexthop_ip.addr = ipaddress.ip_address("192.0.2.1").packed
     stub.SetNexthopGroup(group)
     stub.SetRoute(route("198.51.100.0/24"))
-    table(stub)
-    check(True, "a next-hop group and a route through it set over gRPC")
+    state = became(stub)
+    check(state.state == agent.programming_msg.PROGRAMMED, "a group and a route through it set, and in the kernel")
+
+
+def waits(channel: grpc.Channel) -> None:
+    """Is told why the route is not in the kernel."""
+    stub = agent_grpc.RoutingStub(channel)
+    while (state := became(stub)).state != agent.programming_msg.WAITING:
+        pass
+    check(state.reason != "", f"the route waits: {state.reason}")
+
+
+def back(channel: grpc.Channel) -> None:
+    """Waits for the route without setting anything."""
+    stub = agent_grpc.RoutingStub(channel)
+    state = stub.Await(agent.await_msg(route=prefix("198.51.100.0/24")), timeout=60)
+    check(state.state == agent.programming_msg.PROGRAMMED, "the route is back, and nobody has set it")
+
+
+def adopted(channel: grpc.Channel) -> None:
+    """Finds what the killed run has left, and sets it again."""
+    stub = agent_grpc.RoutingStub(channel)
+    states = [state.state for part in stub.GetRoutes(agent.get_msg()) for state in part.programming]
+    check(states == [agent.programming_msg.ADOPTED], "the killed agent's route is adopted")
+    kernel(channel)
+    stub.EndSync(agent.end_sync_msg())
 
 
 def sbfd(channel: grpc.Channel) -> None:
@@ -196,7 +225,10 @@ def standard(channel: grpc.Channel) -> None:
     check(len(named) == 3, "gRPC reflection names the services " + ", ".join(named))
 
 
-STEPS = {step.__name__: step for step in (routes, load, hold, closed, account, swap, kernel, sbfd, standard)}
+STEPS = {
+    step.__name__: step
+    for step in (routes, load, hold, closed, account, swap, kernel, waits, back, adopted, sbfd, standard)
+}
 
 
 def connect(address: str, files: list[str]) -> grpc.Channel:
