@@ -103,9 +103,9 @@ class OffloadedWork final : public Offloaded {
 template <typename Work>
 Task<typename OffloadedWork<Work>::Answer> offloaded(Call& call,
                                                      std::shared_ptr<OffloadedWork<Work>> work) {
-  using Answer = typename OffloadedWork<Work>::Answer;
-  if (!work) co_return Answer{};
-  if (!co_await call.wait(work->done)) co_return Answer{};
+  typename OffloadedWork<Work>::Answer none{};
+  if (!work) co_return none;
+  if (!co_await call.wait(work->done)) co_return none;
   co_return work->take();
 }
 
