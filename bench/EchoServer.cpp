@@ -1,7 +1,7 @@
 // One of the servers that scripts/bench measures, in a process of its own:
 //
 //   EchoServer MODE [--ahead N] [--accounting FILE | --spdlog FILE] [--count-allocations]
-//   [--keepalive]
+//   [--keepalive] [--listener]
 //
 // MODE is handwritten, frame, kit, coroutine, callback or synchronous. Tells the port of the
 // loopback address that it listens on, then answers every line of its standard input with one line
@@ -36,6 +36,7 @@ struct Options {
   std::string spdlogFile;
   bool countAllocations = false;
   bool keepalive = false;
+  bool listener = false;
 };
 
 Options parse(int argc, char** argv) {
@@ -57,6 +58,8 @@ Options parse(int argc, char** argv) {
       options.countAllocations = true;
     } else if (option == "--keepalive") {
       options.keepalive = true;
+    } else if (option == "--listener") {
+      options.listener = true;
     } else {
       throw std::invalid_argument(fmt::format("unknown option {}", option));
     }
@@ -90,9 +93,10 @@ std::string report(const bench::Counts& counts) {
   getrusage(RUSAGE_SELF, &usage);
   const auto heap = mallinfo2();
   return fmt::format(
-      R"({{"cpu_us": {}, "allocations": {}, "heap_bytes": {}, "resident_bytes": {}, "held": {}, "written": {}}})",
+      R"({{"cpu_us": {}, "allocations": {}, "heap_bytes": {}, "resident_bytes": {}, "held": {}, "written": {}, "longest_poll_ms": {:.1f}}})",
       microseconds(usage.ru_utime) + microseconds(usage.ru_stime), allocations(),
-      heap.uordblks + heap.hblkhd, residentBytes(), counts.held.load(), counts.written.load());
+      heap.uordblks + heap.hblkhd, residentBytes(), counts.held.load(), counts.written.load(),
+      counts.longestPollMs.load());
 }
 
 // Until "stop" or the end of the input.
@@ -105,7 +109,15 @@ void answerReports(const bench::Counts& counts) {
 void serve(const Options& options) {
   int port = 0;
   grpc::ServerBuilder builder;
-  builder.AddListeningPort("127.0.0.1:0", grpc::InsecureServerCredentials(), &port);
+  const std::string address = "127.0.0.1:0";
+  const auto credentials = grpc::InsecureServerCredentials();
+  const auto listener =
+      std::make_shared<VornSdkRpc::Listener>(builder, VornSdkRpc::ServerProperties());
+  if (options.listener) {
+    port = listener->add(address, credentials);
+  } else {
+    builder.AddListeningPort(address, credentials, &port);
+  }
   if (!options.accountingFile.empty())
     bench::accountThroughLibrary(builder, options.accountingFile);
   if (!options.spdlogFile.empty()) bench::accountThroughSpdlog(builder, options.spdlogFile);
@@ -115,6 +127,7 @@ void serve(const Options& options) {
 
   bench::Counts counts;
   const auto server = make(options, counts);
+  if (options.listener) server->listenerIs(listener);
   Clock::time_point stopped;
   std::thread control;
   server->run(builder, [&] {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <VornSdkRpc/Listener.h>
 #include <grpcpp/grpcpp.h>
 
 #include <atomic>
@@ -7,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 
 // The servers that are measured beside each other: one service, written once for the server frame
@@ -17,6 +19,7 @@ namespace bench {
 struct Counts {
   std::atomic<std::uint64_t> held = 0;     // open Hold streams
   std::atomic<std::uint64_t> written = 0;  // writes to them that are out
+  std::atomic<double> longestPollMs = 0;   // and its step; of a server on the frame
 };
 
 class Server {
@@ -28,6 +31,11 @@ class Server {
 
   // Serves until stop(); calls `listening` once the port is open.
   virtual void run(grpc::ServerBuilder& builder, const std::function<void()>& listening) = 0;
+
+  // Who accepts, where it is not gRPC; before run().
+  virtual void listenerIs(std::shared_ptr<VornSdkRpc::Listener>) {
+    throw std::invalid_argument("this server has no listener");
+  }
 
   // Ends run(), with whatever is open. From another thread.
   virtual void stop() = 0;

@@ -2,6 +2,8 @@
 
 #include <VornSdkRpc/GrpcServer.h>
 
+#include <algorithm>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <utility>
@@ -23,12 +25,28 @@ class OnFrame : public Server {
         std::vector<std::shared_ptr<VornSdkRpc::GrpcService>>{service_,
                                                               std::make_shared<Last>(listening)},
         properties_);
-    server_->run();
+    server_->listenerIs(listener_);
+    server_->setup();
+    while (!server_->stopRequested())
+      poll();
+    server_->teardown();
+  }
+
+  void listenerIs(std::shared_ptr<VornSdkRpc::Listener> listener) override {
+    listener_ = std::move(listener);
   }
 
   void stop() override { server_->stop(); }
 
  private:
+  void poll() {
+    const auto before = std::chrono::steady_clock::now();
+    server_->dequeue();
+    const std::chrono::duration<double, std::milli> took =
+        std::chrono::steady_clock::now() - before;
+    counts_.longestPollMs = std::max(counts_.longestPollMs.load(), took.count());
+  }
+
   // Started after the others, when the server is ready.
   class Last : public VornSdkRpc::GrpcService {
    public:
@@ -43,6 +61,7 @@ class OnFrame : public Server {
   };
 
   std::shared_ptr<VornSdkRpc::GrpcService> service_;
+  std::shared_ptr<VornSdkRpc::Listener> listener_;
   VornSdkRpc::ServerProperties properties_;
   std::unique_ptr<VornSdkRpc::GrpcServer> server_;
 };

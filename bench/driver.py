@@ -41,17 +41,20 @@ class Server:
     """One server process: Server("frame", "--ahead", "64"). Ends with the with statement."""
 
     def __init__(self, *arguments: str, under: Sequence[str] = ()) -> None:
+        self.errors = tempfile.TemporaryFile("w+")  # a pipe that nobody reads would hold gRPC's log up
         self.process = subprocess.Popen(
             [*under, BUILD / "EchoServer", *arguments],
             stdin=subprocess.PIPE,
             stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE,
+            stderr=self.errors,
             text=True,
         )
         self.commands, self.answers = cast(IO[str], self.process.stdin), cast(IO[str], self.process.stdout)
         line = self.answers.readline()
         if not line:
-            raise RuntimeError(f"EchoServer {arguments}: {self.process.communicate()[1]}")
+            self.process.wait()
+            self.errors.seek(0)
+            raise RuntimeError(f"EchoServer {arguments}: {self.errors.read()}")
         self.port = int(line)
 
     def ask(self, command: str) -> Report:
