@@ -2,6 +2,7 @@
 
 #include <Kiv/Trace.h>
 #include <VornSdkRpc/Completion.h>
+#include <VornSdkRpc/GrpcLog.h>
 #include <VornSdkRpc/ProtobufLog.h>
 #include <VornSdkRpc/ScopedNamespace.h>
 #include <grpc/grpc.h>
@@ -147,6 +148,7 @@ GrpcServer::GrpcServer(grpc::ServerBuilder& builder,
   keepGrpcUp();
   builder.SetOption(std::make_unique<BuildsOnce>());
   protobufLogToTrace();
+  grpcLogToTrace();
   Kiv::traceLogger();  // whose thread is to begin outside of the agent's namespace
   for (std::size_t id = 0; id < services_.size(); ++id) {
     claim(id);

@@ -21,7 +21,7 @@
 namespace VornSdkRpc {
 
 // Thrown when the gRPC server can't be built: a port that is taken, say, or a second setup() of one
-// GrpcServer. Carries no text; gRPC's own log says why.
+// GrpcServer. Carries no text; the trace handle "grpc" says why.
 class VORN_EXPORT ServerFailedError : public std::exception {
  public:
   const char* what() const noexcept override;

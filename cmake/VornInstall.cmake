@@ -20,7 +20,9 @@ foreach(folder VornSdkRpc vorn)
     FILES_MATCHING
     PATTERN "*.h"
     PATTERN FileWatch.h EXCLUDE
+    PATTERN GrpcLog.h EXCLUDE
     PATTERN ListeningSocket.h EXCLUDE
+    PATTERN MessageLimit.h EXCLUDE
     PATTERN OwnDescriptor.h EXCLUDE
     PATTERN CertificateSet.h EXCLUDE
     PATTERN Withdrawal.h EXCLUDE

@@ -142,6 +142,7 @@ TEST(QueuedSink, DropsWhatIsTooMuchAndTellsIt) {
 }
 
 // What a thread that serves has to say about its clients, it says to nobody here: protobuf's
+// and gRPC's
 // complaints, every trace there is and the log. In a process of its own, which must end.
 TEST(FullStderrDeathTest, HoldsUpNeitherCallsNorAStopNorTheExit) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
@@ -154,10 +155,28 @@ TEST(FullStderrDeathTest, HoldsUpNeitherCallsNorAStopNorTheExit) {
     int answered = 0;
     for (int i = 0; i < 100; ++i)
       answered += callEcho(*stub, "\xff") == grpc::INTERNAL ? 1 : 0;
+    for (int i = 0; i < 1000; ++i)
+      gpr_log(GPR_ERROR, "what a client has made it say");
     running.stop();
     std::exit(answered);
   };
   EXPECT_EXIT(serve(), testing::ExitedWithCode(100), "");
+}
+
+TEST(GrpcLog, GoesToTheTraceAtALimitedRate) {
+  const Capture trace(Kiv::traceLogger());
+  grpc::ServerBuilder builder;
+  VornSdkRpc::ServerProperties properties;
+  const VornSdkRpc::GrpcServer server(builder, {}, properties);
+  const auto complain = [] { gpr_log(GPR_ERROR, "what a client has made it say"); };
+  for (int i = 0; i < 20; ++i)
+    complain();
+  EXPECT_EQ(trace.count("grpc/0: what a client has made it say (0 messages were left out"), 1U);
+  EXPECT_EQ(trace.lines().size(), 1U);
+  Kiv::traceSettingIs("grpc/8");
+  complain();
+  Kiv::traceSettingIs("");
+  EXPECT_EQ(trace.lines().back(), "grpc/8: what a client has made it say");
 }
 
 TEST(ProtobufLog, GoesToTheTraceAtALimitedRate) {

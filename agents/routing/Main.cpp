@@ -23,7 +23,6 @@
 #include <vector>
 
 #include "agents/routing/Backlog.h"
-#include "agents/routing/GrpcLog.h"
 #include "agents/routing/Options.h"
 #include "agents/routing/PolicyService.h"
 #include "agents/routing/ReloadOnSignal.h"
@@ -227,7 +226,6 @@ int main(int argc, char** argv) {
   ReloadOnSignal::holdSignal();
   std::signal(SIGPIPE, SIG_IGN);
   umask(0177);  // socket and log files are the agent's own, mode 0600
-  grpcLogToTrace();
   try {
     const Options options = parseOptions(argc, argv);
     if (options.help || options.version) {
