@@ -108,7 +108,8 @@ class Namespace {
   Namespace() : name_("rpc-test-k" + std::to_string(getpid())) {
     refusal_ = output("ip netns add " + name_);
     if (!refusal_.empty()) return;
-    undertaker_ = popen(("cat >/dev/null; ip netns delete " + name_).c_str(), "we");
+    undertaker_ =
+        popen(("exec setsid sh -c 'cat >/dev/null; ip netns delete " + name_ + "'").c_str(), "we");
     for (const char* command : {
              "link add d0 type veth peer name d1",
              "link set d0 addrgenmode none",  // no link-local routes that come when they like

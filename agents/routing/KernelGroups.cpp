@@ -81,13 +81,18 @@ void KernelSync::resolve() {
       for (auto& entry : groups_)
         entry.second.resolved = false;
     }
-    asked = questions();
+    for (const auto* const group : toResolve())
+      asked.merge(questions(*group));
   }
   const auto answers = ask(asked);
   const std::lock_guard lock(mutex_);
   for (auto* const entry : toResolve()) {
     Group& group = entry->second;
-    group.resolved = true;
+    // One that was set while the kernel was asked has its turn in the next step.
+    group.resolved = std::ranges::all_of(
+        questions(*entry), [&](const Question& one) { return answers.contains(one); });
+    unresolved_ = unresolved_ || !group.resolved;
+    if (!group.resolved) continue;
     // What the kernel has refused is tried again.
     bool changed = std::ranges::any_of(group.refused, &Trouble::operator bool) ||
                    std::ranges::any_of(group.trouble, &Trouble::operator bool);
@@ -107,15 +112,13 @@ std::vector<KernelSync::NamedGroup*> KernelSync::toResolve() {
   return groups;
 }
 
-std::set<KernelSync::Question> KernelSync::questions() {
+std::set<KernelSync::Question> KernelSync::questions(const NamedGroup& group) const {
   std::set<Question> all;
-  for (const auto* const entry : toResolve()) {
-    for (const auto* const hops : {&entry->second.primary, &entry->second.backup}) {
-      for (const auto& hop : *hops) {
-        int interface = 0;
-        Trouble trouble;
-        if (auto asked = question(hop.message, interface, trouble)) all.insert(*asked);
-      }
+  for (const auto* const hops : {&group.second.primary, &group.second.backup}) {
+    for (const auto& hop : *hops) {
+      int interface = 0;
+      Trouble trouble;
+      if (auto asked = question(hop.message, interface, trouble)) all.insert(*asked);
     }
   }
   return all;
@@ -270,16 +273,20 @@ bool KernelSync::programGroups() {
   std::vector<Plan> planned;
   {
     const std::lock_guard lock(mutex_);
-    while (!dirtyGroups_.empty() && groups.size() < kGroupsPerStep) {
+    for (auto left = dirtyGroups_.size(); left != 0 && groups.size() < kGroupsPerStep; --left) {
       auto* const group = dirtyGroups_.front();
       dirtyGroups_.pop_front();
+      if (group->second.set && !group->second.resolved) {
+        dirtyGroups_.push_back(group);  // whose next hops have not been looked for
+        continue;
+      }
       group->second.pending = {false, true};
       groups.push_back(group);
     }
     flying_ += groups.size();
     planned = plans(groups);
+    if (groups.empty()) return !dirtyGroups_.empty();
   }
-  if (groups.empty()) return false;
   makeHops(planned);
   makeObjects(planned);
   dropUnused_ = true;

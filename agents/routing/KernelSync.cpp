@@ -167,12 +167,14 @@ bool KernelSync::step() {
     readRoutes();
     more = true;
   }
+  // What may be gone is looked for first: what is forgotten would not be missed then.
+  more = more || readAll_ || readNexthops_ || readRoutes_;
   if (!more) {
     dropUnused();
     more = sweepWhenDue();
   }
   tried_.set();
-  return more || readAll_ || readNexthops_ || readRoutes_;
+  return more;
 }
 
 bool KernelSync::sweepWhenDue() {

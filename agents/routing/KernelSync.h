@@ -222,7 +222,7 @@ class KernelSync {
   // KernelGroups.cpp
   void resolve();
   std::vector<NamedGroup*> toResolve();
-  std::set<Question> questions();
+  std::set<Question> questions(const NamedGroup& group) const;
   void tellOf(NamedGroup& group);
   Answers ask(const std::set<Question>& questions);
   std::optional<Question> question(const nexthop_msg& hop, int& interface, Trouble& trouble) const;
