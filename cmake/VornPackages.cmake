@@ -29,6 +29,13 @@ install(
 )
 install(FILES examples/minimal_agent/CMakeLists.txt DESTINATION ${doc_dir}/examples/minimal_agent COMPONENT dev)
 
+# Links to headers lead to where those are installed.
+cmake_path(ABSOLUTE_PATH doc_dir BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX} OUTPUT_VARIABLE full_doc_dir)
+cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_INCLUDEDIR BASE_DIRECTORY ${full_doc_dir} OUTPUT_VARIABLE include_dir)
+install(CODE "file(CREATE_LINK ${include_dir}/VornSdkRpc
+    \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${doc_dir}/VornSdkRpc\" SYMBOLIC)" COMPONENT dev
+)
+
 set(CPACK_GENERATOR DEB)
 set(CPACK_COMPONENTS_ALL runtime dev)
 set(CPACK_DEB_COMPONENT_INSTALL ON)

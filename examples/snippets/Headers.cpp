@@ -12,6 +12,7 @@
 #include <VornSdkRpc/Certificates.h>
 #include <VornSdkRpc/GrpcServer.h>
 #include <VornSdkRpc/InsecureCredentials.h>
+#include <VornSdkRpc/Listener.h>
 #include <VornSdkRpc/PolicyGuard.h>
 #include <VornSdkRpc/Rpc.h>
 #include <VornSdkRpc/RpcOffload.h>
@@ -131,6 +132,20 @@ void serveUntilSignal() {
   builder.AddListeningPort("127.0.0.1:50051", grpc::InsecureServerCredentials());
   VornSdkRpc::serve(builder, {std::make_shared<MyService>()}, {.grace = 2s});
   // [Serve]
+}
+
+int listensItself(const std::shared_ptr<grpc::ServerCredentials>& credentials,
+                  const std::vector<std::shared_ptr<VornSdkRpc::GrpcService>>& services,
+                  VornSdkRpc::ServerProperties& properties) {
+  // [Listener]
+  grpc::ServerBuilder builder;
+  const auto listener = std::make_shared<VornSdkRpc::Listener>(builder, properties);
+  const int port = listener->add("[::]:0", credentials);  // instead of AddListeningPort()
+  VornSdkRpc::GrpcServer server(builder, services, properties);
+  server.listenerIs(listener);
+  server.run();
+  // [Listener]
+  return port;
 }
 
 void limitStreams(grpc::ServerBuilder& builder) {
