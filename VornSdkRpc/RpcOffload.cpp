@@ -26,7 +26,9 @@ void Offloaded::run() {
 
 void Offloaded::jobGone() noexcept {
   if (begun_.exchange(true)) return;
-  over(std::make_exception_ptr(std::runtime_error("an executor has dropped a piece of work")));
+  auto dropped =
+      std::make_exception_ptr(std::runtime_error("an executor has dropped a piece of work"));
+  over(std::move(dropped));  // by now nothing here shares its text
 }
 
 // Keeps no reference, so that what was thrown ends on the thread that catches it.
