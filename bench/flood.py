@@ -15,6 +15,7 @@ import multiprocessing.sharedctypes
 import socket
 import struct
 import time
+from typing import Any
 from collections.abc import Callable, Iterator
 
 from driver import Server
@@ -186,7 +187,7 @@ def measure(kind: str, options: argparse.Namespace) -> str:
     if options.keepalive:
         arguments.append("--keepalive")
     with Server("frame", *arguments) as server:
-        sent = multiprocessing.Value("q", 0)
+        sent: Any = multiprocessing.Value("q", 0)
         each = options.connections // options.processes
         flooders = [
             multiprocessing.Process(

@@ -90,7 +90,7 @@ rpc::Task<> SbfdService::watch(rpc::Writer<Item>& watcher,
       if (!co_await watcher.write(*item)) co_return grpc::Status::CANCELLED;
     }
     if (watcher.draining()) co_return {grpc::StatusCode::UNAVAILABLE, "the agent is stopping"};
-  } while (co_await watcher.wait(news));
+  } while (co_await watcher.wait(news, rpc::forever));
   co_return grpc::Status::CANCELLED;
 }
 

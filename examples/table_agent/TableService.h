@@ -81,7 +81,7 @@ class TableService : public rpc::Service<Table> {
   rpc::Task<> tell(rpc::Writer<change_msg>& watch) {
     rpc::Event news;
     decltype(entries_)::Watcher watcher(entries_, news);
-    while (co_await watch.wait(news) == rpc::Woke::event) {
+    while (co_await watch.wait(news, rpc::forever) == rpc::Woke::event) {
       while (const auto item = watcher.next()) {
         change_msg change;
         change.set_folded(item->folded());
