@@ -2,9 +2,12 @@
 # building one needs), also when it installs a project that this one is a subfolder of.
 set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/VornSdkRpcLib)
 
+set(libraries VornSdkRpcLib VornSdkRpcProtos VornPlatform VornSdkRpcCertificates VornSdkRpcAccounting VornSdkRpcJournal
+              VornSdkRpcTesting
+)
+add_custom_target(vorn_libraries DEPENDS ${libraries}) # what is to be built before an installation
 install(
-  TARGETS VornSdkRpcLib VornSdkRpcProtos VornPlatform VornSdkRpcCertificates VornSdkRpcAccounting VornSdkRpcJournal
-          VornSdkRpcTesting
+  TARGETS ${libraries}
   EXPORT VornSdkRpcLibTargets
   LIBRARY COMPONENT runtime NAMELINK_COMPONENT dev
   ARCHIVE COMPONENT dev

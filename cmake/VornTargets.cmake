@@ -29,9 +29,6 @@ if(PROJECT_VERSION_MAJOR EQUAL 0)
   string(APPEND VORN_ABI_VERSION .${PROJECT_VERSION_MINOR})
 endif()
 
-# Every shared library.
-add_custom_target(vorn_libraries)
-
 # vorn_shared_library(NAME [EXPORTS map] sources...): a shared library that agents link. It exports what cmake/exports.map,
 # or another map there, lets through and its sources mark; tests/exports lists it. Assertions are on in every build type. It
 # is never unloaded: what it tells protobuf and the platform's introspection about itself can't be taken back.
@@ -43,7 +40,6 @@ function(vorn_shared_library target)
   endif()
   add_library(${target} SHARED ${arg_UNPARSED_ARGUMENTS})
   add_library(VornSdkRpc::${target} ALIAS ${target})
-  add_dependencies(vorn_libraries ${target})
   set_target_properties(
     ${target}
     PROPERTIES CXX_VISIBILITY_PRESET hidden
