@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "agents/routing/KernelSync.h"
+#include "tests/OwnNetns.h"
 
 namespace test {
 namespace {
@@ -101,15 +102,12 @@ bool eventually(const std::function<bool()>& holds) {
   return true;
 }
 
-// A namespace of the test's own with two interfaces, d0 and d1, for as long as the process lives,
-// however it ends.
+// A namespace of the test's own with two interfaces, d0 and d1.
 class Namespace {
  public:
   Namespace() : name_("rpc-test-k" + std::to_string(getpid())) {
     refusal_ = output("ip netns add " + name_);
     if (!refusal_.empty()) return;
-    undertaker_ =
-        popen(("exec setsid sh -c 'cat >/dev/null; ip netns delete " + name_ + "'").c_str(), "we");
     for (const char* command : {
              "link add d0 type veth peer name d1",
              "link set d0 addrgenmode none",  // no link-local routes that come when they like
@@ -124,9 +122,7 @@ class Namespace {
       EXPECT_EQ(ip(command), "") << command;
     }
   }
-  ~Namespace() {
-    if (undertaker_) pclose(undertaker_);
-  }
+  ~Namespace() { output("ip netns delete " + name_); }
   Namespace(const Namespace&) = delete;
   Namespace& operator=(const Namespace&) = delete;
 
@@ -139,7 +135,6 @@ class Namespace {
  private:
   const std::string name_;
   std::string refusal_;
-  FILE* undertaker_ = nullptr;
 };
 
 // A process of its own, which ends with this one.
