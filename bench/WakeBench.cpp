@@ -13,6 +13,7 @@
 
 #include <atomic>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -42,12 +43,14 @@ class Served {
  public:
   explicit Served(std::shared_ptr<VornSdkRpc::GrpcService> service)
       : server_(builder_, {std::move(service)}, properties_) {
-    server_.setup();
     thread_ = std::thread([this] {
+      server_.setup();
+      ready_.set_value();
       while (!stop_)
         server_.dequeue();
       server_.teardown();
     });
+    ready_.get_future().wait();
   }
   ~Served() {
     server_.stop();
@@ -64,6 +67,7 @@ class Served {
   VornSdkRpc::ServerProperties properties_;
   VornSdkRpc::GrpcServer server_;
   std::atomic<bool> stop_ = false;
+  std::promise<void> ready_;
   std::thread thread_;
 };
 
