@@ -13,10 +13,6 @@ Clock::time_point Call::now() const { return exchange_.service().now(); }
 
 namespace detail {
 
-Wait::~Wait() {
-  if (waiting_) exchange_.forget(*this);
-}
-
 bool Wait::await_ready() { return exchange_.begin(*this); }
 
 void Wait::await_suspend(std::coroutine_handle<> awaiting) { exchange_.suspend(*this, awaiting); }

@@ -121,7 +121,8 @@ inline const Limit forever = std::chrono::hours::max();
 
 namespace detail {
 
-// What an operation of a call answers, to be awaited at once.
+// What an operation of a call answers, to be awaited at once. Its destruction does nothing, so that
+// it does no harm either where g++ 12 destroys a temporary too often.
 class [[nodiscard]] Wait {
  public:
   enum class For : std::uint8_t { wakeup, message, write, metadata };
@@ -130,7 +131,6 @@ class [[nodiscard]] Wait {
       : exchange_(exchange), what_(what), event_(event), limit_(limit), toldOfDrain_(toldOfDrain) {}
   Wait(const Wait&) = delete;
   Wait& operator=(const Wait&) = delete;
-  VORN_EXPORT ~Wait();
 
   VORN_EXPORT bool await_ready();
   VORN_EXPORT void await_suspend(std::coroutine_handle<> awaiting);
@@ -150,7 +150,6 @@ class [[nodiscard]] Wait {
   const Limit limit_;
   const bool toldOfDrain_;
   bool started_ = false;
-  bool waiting_ = false;
   Clock::time_point end_ = Clock::time_point::max();
   Woke woke_ = Woke::over;
 };

@@ -21,7 +21,7 @@ grpc::WriteOptions atOnce(grpc::WriteOptions options) {
 }
 
 // Ends a call that has one reply, which a client is sent only with an OK.
-void finishWith(Answer& answer, const MessageLite& reply, const grpc::Status& status,
+void finishWith(UnaryStream& answer, const MessageLite& reply, const grpc::Status& status,
                 OpaqueId tag) {
   if (status.ok()) {
     answer.Finish(reply, status, tag);
@@ -299,7 +299,6 @@ bool Exchange::begin(Wait& wait) {
 
 void Exchange::suspend(Wait& wait, std::coroutine_handle<> awaiting) {
   wait_ = &wait;
-  wait.waiting_ = true;
   suspended_ = awaiting;
   if (wait.limit_.kind_ != Limit::Kind::none) {
     wait.end_ = wait.limit_.kind_ == Limit::Kind::span ? service().now() + wait.limit_.span_
@@ -310,10 +309,14 @@ void Exchange::suspend(Wait& wait, std::coroutine_handle<> awaiting) {
 }
 
 void Exchange::forget(Wait& wait) noexcept {
-  wait.waiting_ = false;
   wait_ = nullptr;
   if (wait.event_) wait.event_->wakes(nullptr);
   sleeper_.cancel();
+}
+
+void Exchange::abandon() noexcept {
+  if (wait_) forget(*wait_);
+  task_ = {};
 }
 
 void Exchange::look() {

@@ -79,7 +79,8 @@ struct Received {
 };
 
 using Stream = grpc::ServerAsyncReaderWriter<MessageLite, Arriving>;
-using Answer = grpc::ServerAsyncResponseWriter<MessageLite>;  // a unary call's: less than a stream
+using UnaryStream =
+    grpc::ServerAsyncResponseWriter<MessageLite>;  // a unary call's: less than a stream
 using AnyStream = grpc::internal::ServerAsyncStreamingInterface;
 
 enum class Kind : std::uint8_t { unary, clientStreaming, serverStreaming, bidirectional };
@@ -144,7 +145,7 @@ class VORN_EXPORT Exchange : public RequestHandler, public std::enable_shared_fr
   void ask(Arriving* request, AnyStream& stream) {
     method_.ask(context_, request, stream, opaqueId_);
   }
-  void abandon() noexcept { task_ = {}; }
+  void abandon() noexcept;  // destroys the coroutine, wherever it is
 
   virtual AnyStream& wire() = 0;
   virtual void startRead(OpaqueId tag) = 0;
@@ -220,7 +221,7 @@ class VORN_EXPORT UnaryExchange : public Exchange {
   void sendStatus(const grpc::Status& status, OpaqueId tag) final;
 
  private:
-  Answer answer_{&context_};
+  UnaryStream answer_{&context_};
 };
 
 class VORN_EXPORT StreamExchange : public Exchange {
@@ -260,7 +261,7 @@ class VORN_EXPORT FunctionCall : public RequestHandler {
   VORN_NO_EXPORT grpc::Status outcome();
 
   grpc::ServerContext context_;
-  Answer answer_{&context_};
+  UnaryStream answer_{&context_};
 };
 
 // A method that nothing serves. Without it, gRPC would keep its calls for as long as their clients
