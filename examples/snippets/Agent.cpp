@@ -25,6 +25,7 @@
 
 #include "examples/snippets/ChangeService.h"
 #include "examples/snippets/NapService.h"
+#include "examples/snippets/SessionService.h"
 #include "examples/snippets/UserOfConnection.h"
 
 namespace snippets {
@@ -157,7 +158,7 @@ void serve(const Options& options, RouteTable& table, const std::function<void()
   VornSdkRpc::GrpcServer server(
       builder,
       {std::make_shared<RouteService>(table, onPool, onThread), std::make_shared<NapService>(),
-       std::make_shared<ChangeService>(table)},
+       std::make_shared<ChangeService>(table), std::make_shared<SessionService>()},
       properties, true);
   // [serve]
   // [listening]

@@ -125,6 +125,28 @@ void changesRoutes(Changes::Stub& changes) {
 }
 
 // Programming one change waits for those that were accepted before.
+grpc::Status session(Sessions::Stub& sessions, bool named) {
+  grpc::ClientContext context;
+  if (named) context.AddMetadata("client", "snippets");
+  const auto stream = sessions.Session(&context);
+  stream->Write(beat_msg());
+  stream->WritesDone();
+  return stream->Finish();
+}
+
+void holdsSessions(Sessions::Stub& sessions) {
+  require(session(sessions, false).error_code() == grpc::UNAUTHENTICATED, "admit() refuses");
+  require(session(sessions, true).ok(), "a session lasts as long as its client wants");
+  grpc::ClientContext describing, pinging;
+  notice_msg notice;
+  beat_msg beat;
+  require(sessions.Describe(&describing, beat, &notice).ok() && !notice.text().empty() &&
+              describing.GetServerInitialMetadata().count("schema") == 1 &&
+              describing.GetServerTrailingMetadata().count("cost") == 1,
+          "metadata come with the answer");
+  require(sessions.Ping(&pinging, beat, &beat).ok(), "one RPC is served by hand");
+}
+
 void allAreProgrammed(Routes::Stub& routes) {
   grpc::ClientContext context;
   count_msg count;
@@ -174,6 +196,7 @@ void callEverything(const std::string& address) {
        {setsRoutes, loadsRoutes, awaitsRoutes, watchesRoutes, savesRoutes, echoesRoutes})
     calls(*routeStub);
   changesRoutes(*Changes::NewStub(channel));
+  holdsSessions(*Sessions::NewStub(channel));
   allAreProgrammed(*routeStub);
   const auto napStub = Naps::NewStub(channel);
   naps(*napStub);
