@@ -22,7 +22,9 @@
 // outlive the task, so a coroutine takes what is not its caller's own by value. An exception that
 // leaves a coroutine is thrown where its task is awaited. A coroutine that ends without co_return
 // although it owes a T ends with a std::logic_error. g++ 12 destroys a temporary in a co_await
-// expression twice when it is an aggregate or a lambda with captures: give it a name before.
+// expression twice when it is an aggregate or a lambda with captures: give it a name before. Until
+// 12.3 it spoils the frame of a coroutine whose outermost block declares no variable and has a
+// co_await in the condition of an if: keep what is awaited in a variable there.
 
 #include <grpcpp/support/status.h>
 #include <vorn/export.h>
