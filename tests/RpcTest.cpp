@@ -229,7 +229,8 @@ TEST(Rpc, LivesBesideAServiceWrittenByHand) {
     MirrorService() : Service("Mirror") {
       method(&Async::RequestReflect,
              [](rpc::Call& call, const Text& text, Text& reply) -> rpc::Task<> {
-               if (!co_await call.wait(1ms)) co_return grpc::Status::CANCELLED;
+               const rpc::Woke woke = co_await call.wait(1ms);
+               if (!woke) co_return grpc::Status::CANCELLED;
                reply.set_text({text.text().rbegin(), text.text().rend()});
                co_return grpc::Status::OK;
              });

@@ -64,7 +64,8 @@ class SessionService : public rpc::Service<Sessions> {
   static rpc::Task<> describe(rpc::Call& call, notice_msg& notice) {
     call.context().set_compression_algorithm(GRPC_COMPRESS_GZIP);  // of the messages of this call
     call.context().AddInitialMetadata("schema", "2");
-    if (!co_await call.sendInitialMetadata()) co_return grpc::Status::CANCELLED;
+    const rpc::Woke sent = co_await call.sendInitialMetadata();
+    if (!sent) co_return grpc::Status::CANCELLED;
     notice.set_text("a long text");
     call.context().AddTrailingMetadata("cost", "1");
     co_return grpc::Status::OK;
