@@ -1,6 +1,7 @@
 #include <VornSdkRpc/Listener.h>
 
 #include <VornSdkRpc/ListeningSocket.h>
+#include <VornSdkRpc/LocalCaller.h>
 #include <VornSdkRpc/OwnDescriptor.h>
 #include <VornSdkRpc/ScopedNamespace.h>
 #include <fcntl.h>
@@ -177,6 +178,18 @@ class Refusals {
   Clock::time_point nextWord_ = Clock::time_point::min();
 };
 
+// What hands connections over to gRPC. gRPC tells a processor nothing of the one connection that a
+// call came over but what its client has chosen; what it can tell apart are acceptors, each with
+// credentials of its own. So a connection whose caller is to be known has an acceptor for itself.
+struct Entrance {
+  std::shared_ptr<Acceptor> acceptor;
+  std::shared_ptr<LocalIdentity> identity;  // null: any number of connections, of anybody
+  int connection = -1;
+  FileIdentity file{-1};  // of the connection, which is open as long as its descriptor is this file
+
+  bool isFree() const { return !identity || !file.exists() || FileIdentity(connection) != file; }
+};
+
 bool isShortage(int error) {
   return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
@@ -202,10 +215,10 @@ class Listener::Accepting {
 
   bool started() const { return started_; }
 
-  int add(std::vector<ListeningSocket> sockets, const std::shared_ptr<Acceptor>& acceptor) {
+  int add(std::vector<ListeningSocket> sockets, std::vector<Entrance> entrances) {
     const int port = sockets.front().port();
     for (auto& socket : sockets)
-      places_.push_back({std::move(socket), acceptor});
+      places_.push_back({std::move(socket), entrances});
     return port;
   }
 
@@ -230,14 +243,26 @@ class Listener::Accepting {
     if (started_ && !thread_.joinable()) connections_.closeAll();
   }
 
-  Figures figures() const { return {accepted_, forDescriptors_.count(), forPeer_.count()}; }
+  Figures figures() const {
+    return {accepted_, forDescriptors_.count(), forCallers_.count(), forPeer_.count()};
+  }
 
  private:
   // A place to listen; broken when somebody has taken the socket away.
   struct Place {
     ListeningSocket socket;
-    std::shared_ptr<Acceptor> acceptor;
+    std::vector<Entrance> entrances;
     bool broken = false;
+    std::size_t next = 0;  // among the entrances, to be looked at
+
+    // Null when none is free.
+    Entrance* freeEntrance() {
+      for (std::size_t i = 0; i < entrances.size(); ++i) {
+        auto& entrance = entrances[next++ % entrances.size()];
+        if (entrance.isFree()) return &entrance;
+      }
+      return nullptr;
+    }
   };
 
   void run() {
@@ -247,10 +272,10 @@ class Listener::Accepting {
       for (std::size_t i = 0; i < places_.size() && !paused; ++i) {
         if (polled_[i + 1].revents != 0) paused = !acceptFrom(places_[i]);
       }
-      for (auto* cause : {&forDescriptors_, &forPeer_})
+      for (auto* cause : causes_)
         cause->tellWhenDue();
     }
-    for (auto* cause : {&forDescriptors_, &forPeer_})
+    for (auto* cause : causes_)
       cause->tell();
   }
 
@@ -267,7 +292,8 @@ class Listener::Accepting {
     for (std::size_t i = 0; i < places_.size(); ++i) {
       if (!places_[i].broken) polled_[i + 1].fd = places_[i].socket.fd();
     }
-    const bool untold = forDescriptors_.untold() || forPeer_.untold();
+    const bool untold = std::any_of(std::begin(causes_), std::end(causes_),
+                                    [](const auto* cause) { return cause->untold(); });
     const int ready = poll(polled_.data(), polled_.size(), untold ? 1000 : -1);
     if (ready < 0 && errno != EINTR) std::this_thread::sleep_for(kShortagePause);
     return polled_[0].revents == 0;
@@ -302,26 +328,34 @@ class Listener::Accepting {
                    SOCK_NONBLOCK | SOCK_CLOEXEC);
   }
 
-  void welcome(const Place& place, int connection, const Peer& peer) {
+  void welcome(Place& place, int connection, const Peer& peer) {
     helpless_ = false;
-    if (auto* cause = refusal(connection, peer)) return refuse(connection, *cause);
+    auto* const entrance = place.freeEntrance();
+    auto* const cause = entrance ? refusal(connection, peer, *entrance) : &forCallers_;
+    if (cause) return refuse(connection, *cause);
     if (!peer.isUnix()) setTcpOptions(connection);
     ++accepted_;
     try {
       Acceptor::NewConnectionParameters parameters;
       parameters.listener_fd = place.socket.fd();
       parameters.fd = connection;
-      place.acceptor->HandleNewConnection(&parameters);  // which closes it from here on
+      entrance->acceptor->HandleNewConnection(&parameters);  // which closes it from here on
     } catch (const std::exception& error) {
       tracer_.trace0("Lost a connection: %s", error.what());
     }
   }
 
-  // Why a connection can't be had; null when it can.
-  Refusals* refusal(int connection, const Peer& peer) try {
+  // Why a connection can't be had; null when it can, and has the entrance now.
+  Refusals* refusal(int connection, const Peer& peer, Entrance& entrance) try {
     if (connection >= descriptorLimit() - kKeptBack) return &forDescriptors_;
     const auto key = keyOf(peer, connection);
-    return connections_.add(key, connection, connectionsPerPeer_) ? nullptr : &forPeer_;
+    if (!connections_.add(key, connection, connectionsPerPeer_)) return &forPeer_;
+    if (entrance.identity) {
+      entrance.identity->callerIs(callers_.of(connection));
+      entrance.connection = connection;
+      entrance.file = FileIdentity(connection);
+    }
+    return nullptr;
   } catch (const std::bad_alloc&) {
     return &forDescriptors_;
   }
@@ -377,7 +411,10 @@ class Listener::Accepting {
   bool helpless_ = false;  // neither a descriptor nor the reserve, and that has been said
   std::atomic<std::uint64_t> accepted_ = 0;
   Refusals forDescriptors_{tracer_, "the process is short of file descriptors or memory"};
+  LocalCallers callers_;
+  Refusals forCallers_{tracer_, "there are as many local callers as there may be"};
   Refusals forPeer_{tracer_, "their peer has as many as it may have"};
+  Refusals* const causes_[3] = {&forDescriptors_, &forCallers_, &forPeer_};
 };
 
 Listener::Listener(grpc::ServerBuilder& builder, const ServerProperties& properties)
@@ -393,19 +430,36 @@ std::shared_ptr<Acceptor> Listener::acceptor(std::shared_ptr<grpc::ServerCredent
 
 int Listener::add(const std::string& address,
                   std::shared_ptr<grpc::ServerCredentials> credentials) {
+  auto sockets = listenInNamespace(address);
+  return accepting_->add(std::move(sockets), {{acceptor(std::move(credentials)), nullptr}});
+}
+
+int Listener::addLocal(const std::string& address,
+                       std::shared_ptr<grpc::AuthMetadataProcessor> next, std::size_t connections) {
+  if (!address.starts_with("unix:") && !address.starts_with("unix-abstract:"))
+    throw std::invalid_argument("cannot listen on " + address + ": it is no Unix socket");
+  auto sockets = listenInNamespace(address);
+  std::vector<Entrance> entrances;
+  for (std::size_t i = 0; i < connections; ++i) {
+    const auto identity = std::make_shared<LocalIdentity>(next);
+    const auto credentials = grpc::experimental::LocalServerCredentials(UDS);
+    credentials->SetAuthMetadataProcessor(identity);
+    entrances.push_back({acceptor(credentials), identity});
+  }
+  return accepting_->add(std::move(sockets), std::move(entrances));
+}
+
+std::vector<ListeningSocket> Listener::listenInNamespace(const std::string& address) {
   mustNotHaveStarted("cannot listen on " + address);
-  auto sockets = [&] {
-    const ScopedNamespace scope(nsName_);
-    return listenOn(address);
-  }();
-  return accepting_->add(std::move(sockets), acceptor(std::move(credentials)));
+  const ScopedNamespace scope(nsName_);
+  return listenOn(address);
 }
 
 int Listener::addInherited(int fd, std::shared_ptr<grpc::ServerCredentials> credentials) {
   mustNotHaveStarted("cannot listen on descriptor " + std::to_string(fd));
   std::vector<ListeningSocket> sockets;
   sockets.push_back(ListeningSocket::inherited(fd));
-  return accepting_->add(std::move(sockets), acceptor(std::move(credentials)));
+  return accepting_->add(std::move(sockets), {{acceptor(std::move(credentials)), nullptr}});
 }
 
 void Listener::mustNotHaveStarted(const std::string& what) const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <VornSdkRpc/ServerProperties.h>
+#include <grpcpp/security/auth_metadata_processor.h>
 #include <grpcpp/server_builder.h>
 #include <vorn/export.h>
 
@@ -9,8 +10,11 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace VornSdkRpc {
+
+class ListeningSocket;
 
 // Listens for a server in place of gRPC's own listeners, which never accept again once a process
 // has run out of file descriptors (gRPC up to 1.53.1). It also limits the connections of one peer,
@@ -40,6 +44,7 @@ class VORN_EXPORT Listener {
   struct Figures {
     std::uint64_t accepted = 0;               // handed to gRPC
     std::uint64_t refusedForDescriptors = 0;  // for want of descriptors or memory
+    std::uint64_t refusedForCallers = 0;      // over the number of addLocal()
     std::uint64_t refusedForPeer = 0;         // over the limit of their peer
 
     bool operator==(const Figures&) const = default;
@@ -82,7 +87,26 @@ class VORN_EXPORT Listener {
   // them name the address. Before the server is built.
   int add(const std::string& address, std::shared_ptr<grpc::ServerCredentials> credentials);
 
-  // The same for a stream socket that listens already and was handed to the process, by its
+  // Listens on a Unix socket (unix:PATH or unix-abstract:NAME) whose callers the kernel proves, and
+  // gives each connection these properties of its authentication context:
+  //
+  //   peer-authenticated           the name of the user, or uid:NUMBER for one without a name
+  //   peer-proof                   kernel
+  //   session-id                   a name that no other connection of any agent has
+  //   local-uid, local-user        the process that has connected: its effective user,
+  //   local-gid, local-group       its effective group and supplementary groups, one value each,
+  //   local-pid                    and its number, 0 in another process namespace
+  //
+  // A client can't choose any of them: what it binds its own end of the connection to, and what it
+  // says in its metadata, is not looked at. `next` is asked after that, if there is one: a policy
+  // (policyProcessor) for example. Transport security is gRPC's local one. Names are looked up on
+  // the listener's thread, and kept for a minute. There are `connections` of them at most, each at
+  // the price of about 5 KiB from the start; one more is closed at once. Throws as add() does, and
+  // std::invalid_argument for another kind of address.
+  int addLocal(const std::string& address, std::shared_ptr<grpc::AuthMetadataProcessor> next = {},
+               std::size_t connections = 256);
+
+  // add() for a stream socket that listens already and was handed to the process, by its
   // supervisor for example. The listener owns the descriptor from here on; it is closed in the end,
   // and the socket's file is not removed. The socket becomes non-blocking for everybody who shares
   // it. Throws std::invalid_argument, and leaves the descriptor alone, when it is no such socket.
@@ -108,6 +132,7 @@ class VORN_EXPORT Listener {
   class VORN_NO_EXPORT Accepting;
 
   VORN_NO_EXPORT void mustNotHaveStarted(const std::string& what) const;
+  VORN_NO_EXPORT std::vector<ListeningSocket> listenInNamespace(const std::string& address);
   VORN_NO_EXPORT std::shared_ptr<grpc::experimental::ExternalConnectionAcceptor> acceptor(
       std::shared_ptr<grpc::ServerCredentials> credentials);
 

@@ -25,6 +25,7 @@ foreach(folder VornSdkRpc vorn)
     PATTERN FileWatch.h EXCLUDE
     PATTERN GrpcLog.h EXCLUDE
     PATTERN ListeningSocket.h EXCLUDE
+    PATTERN LocalCaller.h EXCLUDE
     PATTERN MessageLimit.h EXCLUDE
     PATTERN OwnDescriptor.h EXCLUDE
     PATTERN CertificateSet.h EXCLUDE

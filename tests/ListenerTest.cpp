@@ -2,13 +2,17 @@
 #include <VornSdkRpc/GrpcServer.h>
 #include <VornSdkRpc/Listener.h>
 #include <gmock/gmock.h>
+#include <grpcpp/create_channel_posix.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <map>
+#include <optional>
 #include <regex>
 #include <stdexcept>
 
@@ -36,7 +40,22 @@ class Directory {
   char path_[32] = "/tmp/listener-XXXXXX";
 };
 
-// An agent behind a Listener, which answers an Echo with the caller's peer text.
+// What a call's connection says of its caller, as "name=value ..." in the order of the names.
+std::string identityOf(const grpc::ServerContext& context) {
+  std::multimap<std::string, std::string> properties;
+  for (const auto& [name, value] : *context.auth_context())
+    properties.emplace(std::string(name.data(), name.size()),
+                       std::string(value.data(), value.size()));
+  std::string text;
+  for (const auto& [name, value] : properties) {
+    if (name.starts_with("peer-") || name.starts_with("local-"))
+      text.append(text.empty() ? "" : " ").append(name).append("=").append(value);
+  }
+  return text;
+}
+
+// An agent behind a Listener, which answers an Echo with the caller's peer text, or with what the
+// connection says of the caller to who asks "who?".
 class Agent {
  public:
   explicit Agent(const std::function<void(Listener&, grpc::ServerBuilder&)>& prepare) {
@@ -66,8 +85,8 @@ class Agent {
 
  private:
   struct Service : Probe::Service {
-    grpc::Status Echo(grpc::ServerContext* context, const Text*, Text* reply) override {
-      reply->set_text(context->peer());
+    grpc::Status Echo(grpc::ServerContext* context, const Text* request, Text* reply) override {
+      reply->set_text(request->text() == "who?" ? identityOf(*context) : context->peer());
       return grpc::Status::OK;
     }
     grpc::Status Chat(grpc::ServerContext*, grpc::ServerReaderWriter<Text, Text>* stream) override {
@@ -295,6 +314,119 @@ TEST(Listener, HoldsAPeerToItsLimitAndTakesItAgainAfterwards) {
   EXPECT_EQ(agent.figures(), (Listener::Figures{.accepted = 9, .refusedForPeer = refused}));
   EXPECT_GE(trace.count("their peer has as many as it may have"), 1U);
 }
+
+// ------------------------------------------------------------------------------------------------
+// Local callers
+
+struct User {
+  uid_t uid;
+  gid_t gid;
+  std::vector<gid_t> groups;
+};
+
+// A connection that `user` makes, or this process's own without one, from a socket that is bound to
+// `name` unless that is empty. A thread of its own becomes the user, which libc hides: it would
+// change all threads.
+int connectedAs(const std::optional<User>& user, const std::string& path, const std::string& name) {
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  std::thread([&] {
+    if (user) {
+      if (syscall(SYS_setgroups, user->groups.size(), user->groups.data()) != 0 ||
+          syscall(SYS_setresgid, user->gid, user->gid, user->gid) != 0 ||
+          syscall(SYS_setresuid, user->uid, user->uid, user->uid) != 0)
+        std::abort();
+    }
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (!name.empty()) {
+      std::copy(name.begin(), name.end(), address.sun_path);
+      bind(fd, reinterpret_cast<const sockaddr*>(&address),
+           static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size()));
+    }
+    std::memset(address.sun_path, 0, sizeof address.sun_path);
+    std::strcpy(address.sun_path, path.c_str());
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) std::abort();
+  }).join();
+  fcntl(fd, F_SETFL, O_NONBLOCK);
+  return fd;
+}
+
+// Who the agent takes for the caller of a connection, which ends with this.
+std::string whoIs(int connection) {
+  const auto stub = Probe::NewStub(grpc::CreateInsecureChannelFromFd("agent", connection));
+  grpc::ClientContext context;
+  context.AddMetadata("username", "root");
+  context.AddMetadata("local-uid", "0");
+  Text request, reply;
+  request.set_text("who?");
+  const auto status = stub->Echo(&context, request, &reply);
+  return status.ok() ? reply.text() : status.error_message();
+}
+
+TEST(Listener, HasTheKernelProveLocalCallersWhateverTheyClaim) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can become somebody else";
+  const Directory directory;
+  std::filesystem::permissions(directory.path(""), std::filesystem::perms::all);
+  Agent agent([&](Listener& listener, auto&) {
+    const auto mask = umask(0);
+    listener.addLocal(directory.socket("agent"), nullptr, 1);
+    umask(mask);
+  });
+  const std::string pid = " local-pid=" + std::to_string(getpid());
+  const struct {
+    std::optional<User> user;
+    std::string boundTo, who;
+  } cases[] = {
+      {{}, "", ""},
+      {User{65534, 65534, {}}, "",
+       "local-gid=65534 local-group=nogroup" + pid +
+           " local-uid=65534 local-user=nobody peer-authenticated=nobody peer-proof=kernel"},
+      {User{54321, 65534, {54322, 0, 65534}}, "",
+       "local-gid=65534 local-gid=0 local-gid=54322 local-group=nogroup local-group=root" + pid +
+           " local-uid=54321 peer-authenticated=uid:54321 peer-proof=kernel"},
+      {User{65534, 65534, {}}, directory.path("user root, local-uid 0"),
+       "local-gid=65534 local-group=nogroup" + pid +
+           " local-uid=65534 local-user=nobody peer-authenticated=nobody peer-proof=kernel"},
+      {User{65534, 65534, {}}, std::string("\0peer-authenticated=root", 24),
+       "local-gid=65534 local-group=nogroup" + pid +
+           " local-uid=65534 local-user=nobody peer-authenticated=nobody peer-proof=kernel"},
+  };
+  for (int round = 0; round < 3; ++round) {  // of one place for a connection, used by all in turn
+    for (const auto& c : cases) {
+      SCOPED_TRACE(c.boundTo);
+      std::string who;
+      while (who.find("peer-proof") == who.npos) {  // the one before may not have gone
+        std::filesystem::remove(c.boundTo);
+        who = whoIs(connectedAs(c.user, directory.path("agent"), c.boundTo));
+      }
+      if (c.user) {
+        EXPECT_EQ(who, c.who);
+      } else {
+        EXPECT_THAT(who, HasSubstr(" local-uid=0 local-user=root peer-authenticated=root "));
+      }
+    }
+  }
+}
+
+TEST(Listener, TakesNoMoreLocalCallersThanItWasTold) {
+  const Directory directory;
+  Agent agent([&](Listener& listener, auto&) {
+    EXPECT_THROW(listener.addLocal("127.0.0.1:0"), std::invalid_argument);
+    listener.addLocal(directory.socket("agent"), nullptr, 3);
+  });
+  std::vector<RawClient> clients(5);
+  for (std::size_t i = 0; i < clients.size(); ++i) {
+    ASSERT_TRUE(clients[i].connectTo(directory.socket("agent")));
+    EXPECT_EQ(clients[i].isServed(), i < 3);
+  }
+  EXPECT_EQ(agent.figures(), (Listener::Figures{.accepted = 3, .refusedForCallers = 2}));
+  clients.clear();
+  while (whoIs(connectedAs({}, directory.path("agent"), "")).find("kernel") == std::string::npos) {
+  }
+}
+
+// ------------------------------------------------------------------------------------------------
+// Descriptors
 
 // From here to its end, the process has only so many descriptors more.
 class FewDescriptors {

@@ -154,6 +154,9 @@ void serve(const Options& options, RouteTable& table, const std::function<void()
   listener->connectionsPerPeerIs(100);
   listener->add(address + ".limited", grpc::InsecureServerCredentials());
   // [listener]
+  // [local]
+  listener->addLocal(address + ".proven", policyProcessor(policy.guard()));
+  // [local]
   // [serve]
   VornSdkRpc::GrpcServer server(
       builder,

@@ -200,6 +200,7 @@ void callEverything(const std::string& address) {
   allAreProgrammed(*routeStub);
   const auto napStub = Naps::NewStub(channel);
   naps(*napStub);
+  isGuarded(address + ".proven", grpc::InsecureChannelCredentials());
   isGuarded(address + ".guarded", grpc::InsecureChannelCredentials());
   isGuarded(address + ".tls", grpc::SslCredentials({contentOf("ca.pem"), contentOf("key.pem"),
                                                     contentOf("cert.pem")}));
