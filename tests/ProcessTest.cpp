@@ -144,9 +144,9 @@ TEST_F(NamespaceTest, AServerListensInItAndLeavesTheProcessOutside) {
     again.AddListeningPort(address, grpc::InsecureServerCredentials());
     VornSdkRpc::installArguments(again);
     VornSdkRpc::ServerProperties where{name};
-    const auto listens = [&, &name = name] {
+    const auto listens = [&, &netns = name] {
       grpc::ServerBuilder spare;
-      VornSdkRpc::ServerProperties there{name};
+      VornSdkRpc::ServerProperties there{netns};
       VornSdkRpc::Listener(spare, there).add(address, grpc::InsecureServerCredentials());
     };
     if (taken) {
