@@ -16,7 +16,6 @@ import struct
 import time
 from typing import Any
 from collections.abc import Callable, Iterator
-from typing import Any
 
 from driver import Server
 

@@ -1,5 +1,5 @@
-// What an author gets wrong: compiled once for each MISTAKE, by tests/mistakes_test, which looks for
-// the sentence behind it.
+// What an author gets wrong: compiled once for each MISTAKE, by tests/mistakes_test, which looks
+// for the sentence behind it.
 #include <VornSdkRpc/Rpc.h>
 
 #include "tests/Test.grpc.pb.h"
