@@ -96,7 +96,8 @@ bool isStale(const Address& name, const std::string& path) {
   struct stat file;
   if (lstat(path.c_str(), &file) != 0 || !S_ISSOCK(file.st_mode)) return false;
   const OwnDescriptor probe(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  return connect(probe.get(), name.get(), name.size) != 0 && errno == ECONNREFUSED;
+  return probe.get() >= 0 && connect(probe.get(), name.get(), name.size) != 0 &&
+         errno == ECONNREFUSED;
 }
 
 OwnDescriptor listenOnUnix(const std::string& address, const Address& name,
