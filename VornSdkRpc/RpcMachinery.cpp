@@ -212,6 +212,7 @@ void Exchange::leave() noexcept {
 
 void Exchange::mayBeIdle() {
   const auto end = activeAt_ + method_.options.idle;
+  // NOLINTNEXTLINE(bugprone-unchecked-optional-access): it is idle_ that calls this
   if (service().now() < end) return idle_->at(end);
   settled_ = grpc::Status(grpc::StatusCode::DEADLINE_EXCEEDED,
                           "the stream did nothing for longer than it may");
@@ -393,6 +394,7 @@ bool Exchange::isWritten(Wait& wait) {
 void Exchange::writeDone(bool ok) {
   writing_ = false;
   active();
+  // NOLINTNEXTLINE(bugprone-unchecked-optional-access): set with concluding_
   if (concluding_) return finish(*settled_);
   if (!ok) return over(whyGone());
   look();

@@ -76,6 +76,7 @@ class OffloadedWork final : public Offloaded {
   // What the call is answered: empty or false when it is over.
   using Answer = std::conditional_t<std::is_void_v<Result>, bool, std::optional<Result>>;
 
+  // NOLINTNEXTLINE(bugprone-forwarding-reference-overload): nobody copies one
   template <typename Function>
   explicit OffloadedWork(Function&& function) : work_(std::forward<Function>(function)) {}
 

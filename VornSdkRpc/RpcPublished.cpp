@@ -49,6 +49,7 @@ std::shared_ptr<const void> PublishedTable::publish(PublishedEntry& entry,
   ++entry.changes;
   entry.change.swap(change);
   tell(entry, before);
+  // NOLINTNEXTLINE(bugprone-unchecked-optional-access): enlist() has given it one
   order_.splice(order_.end(), order_, *entry.place);
   if (removed_.size() > removals_) forgetOldest();
   return change;
@@ -60,7 +61,8 @@ void PublishedTable::enlist(PublishedEntry& entry, bool removal) {
   if (removal) {
     entry.removedPlace = removed_.insert(removed_.end(), &entry);
   } else if (entry.removedPlace) {
-    removed_.erase(*std::exchange(entry.removedPlace, std::nullopt));
+    removed_.erase(*entry.removedPlace);
+    entry.removedPlace.reset();
   }
 }
 
@@ -100,8 +102,10 @@ void PublishedTable::forgetOldest() {
       if (watcher->resuming_ && watcher->awaits(oldest.changed)) watcher->lose();
     }
   }
+  // NOLINTBEGIN(bugprone-unchecked-optional-access): what was removed stands in both lists
   order_.erase(*std::exchange(oldest.place, std::nullopt));
   removed_.erase(*std::exchange(oldest.removedPlace, std::nullopt));
+  // NOLINTEND(bugprone-unchecked-optional-access)
   release(oldest);
 }
 
@@ -241,6 +245,7 @@ void PublishedWatcher::tell(PublishedEntry& entry, const PublishedTable::Before&
   const bool awaited = awaits(before.changed);
   const bool known = awaited ? resuming_ : !before.removed;
   const bool owed = awaited && (known || !before.removed);
+  // NOLINTNEXTLINE(bugprone-unchecked-optional-access): what has changed has a place
   if (awaited && next_ == *entry.place) {
     ++next_;
     settle();

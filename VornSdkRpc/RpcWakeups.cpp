@@ -24,13 +24,15 @@ void Sleeper::ready() noexcept {
 }
 
 void Sleeper::at(Clock::time_point time) {
-  if (timer_) wakeups_.timers_.erase(*std::exchange(timer_, std::nullopt));
+  if (timer_) wakeups_.timers_.erase(*timer_);
+  timer_.reset();  // should the next line throw
   timer_ = wakeups_.timers_.emplace(time, this);
   wakeups_.newTimer_ = true;
 }
 
 void Sleeper::cancel() noexcept {
-  if (timer_) wakeups_.timers_.erase(*std::exchange(timer_, std::nullopt));
+  if (timer_) wakeups_.timers_.erase(*timer_);
+  timer_.reset();
   if (!ready_) return;
   const std::lock_guard lock(wakeups_.mutex_);
   wakeups_.unlink(*this);
