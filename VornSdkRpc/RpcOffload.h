@@ -76,8 +76,8 @@ class OffloadedWork final : public Offloaded {
   // What the call is answered: empty or false when it is over.
   using Answer = std::conditional_t<std::is_void_v<Result>, bool, std::optional<Result>>;
 
-  // NOLINTNEXTLINE(bugprone-forwarding-reference-overload): nobody copies one
   template <typename Function>
+  // NOLINTNEXTLINE(bugprone-forwarding-reference-overload): nobody copies one
   explicit OffloadedWork(Function&& function) : work_(std::forward<Function>(function)) {}
 
   // Throws what the work has thrown. Once.

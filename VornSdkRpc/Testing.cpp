@@ -52,8 +52,11 @@ class SayIdentity : public grpc::experimental::Interceptor {
   void Intercept(grpc::experimental::InterceptorBatchMethods* methods) override {
     if (methods->QueryInterceptionHookPoint(
             grpc::experimental::InterceptionHookPoints::PRE_SEND_INITIAL_METADATA)) {
-      for (const auto& [name, value] : identity_)
-        methods->GetSendInitialMetadata()->insert({kIdentityKey, name + '\0' + value});
+      for (const auto& [name, value] : identity_) {
+        std::string both = name;
+        both.append(1, '\0').append(value);
+        methods->GetSendInitialMetadata()->insert({kIdentityKey, both});
+      }
     }
     methods->Proceed();
   }
