@@ -141,6 +141,7 @@ std::vector<int> listen(VornSdkRpc::Listener& listener, const Options& options,
                         const Access& access) try {
   listener.connectionsPerPeerIs(options.peerConnections);
   std::vector<int> ports;
+  ports.reserve(options.listen.size());
   for (const auto& address : options.listen)
     ports.push_back(listener.add(address, access.credentials(address)));
   return ports;
