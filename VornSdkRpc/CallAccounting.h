@@ -30,6 +30,7 @@ struct CallAccountingOptions {
   bool streamStarts = false;
 };
 
+// Makes the completion records of a server, and hands them to its sinks.
 class VORN_EXPORT CallAccounting {
  public:
   explicit CallAccounting(CallAccountingOptions options = {});

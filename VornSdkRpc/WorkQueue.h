@@ -71,6 +71,7 @@ struct WorkQueueOptions {
   std::function<std::chrono::steady_clock::time_point()> now = std::chrono::steady_clock::now;
 };
 
+// The queue. Any thread may add; the scheduler's does the work.
 class VORN_EXPORT WorkQueue {
  public:
   using Options = WorkQueueOptions;
