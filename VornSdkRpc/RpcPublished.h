@@ -240,6 +240,7 @@ class Published : private detail::PublishedTable {
     const Key& key() const { return change().key; }
 
     // Of a value.
+    // NOLINTNEXTLINE(bugprone-unchecked-optional-access): as said
     const Value& value() const { return *change().value; }
 
     // How many further changes of this key there have been since the watcher was last told of it,

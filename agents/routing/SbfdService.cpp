@@ -63,6 +63,7 @@ grpc::Status SbfdService::set(grpc::ServerContext& context, const sbfd_echo_sess
   const std::string key = session.session_key().SerializeAsString();
   if (!session.request_delete() && sessions_.size() >= kMaxSessions && !sessions_.contains(key))
     return {grpc::StatusCode::RESOURCE_EXHAUSTED, "there are 4096 sessions already"};
+  // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): std::function frees it
   return change(context, session, sessions_, key, session.request_delete(), "session of this key",
                 [this, session] { monitor_.set(session); });
 }
@@ -76,6 +77,7 @@ rpc::Task<> SbfdService::watch(rpc::Writer<Item>& watcher,
   if (config.request_rtt_updates())
     times.emplace(monitor_.roundTripTimes(), news, rpc::WatchOptions{.updatesOnly = true});
 
+  // NOLINTNEXTLINE(bugprone-unchecked-optional-access): `synced` comes before there is none
   for (auto first = statuses.next(); first->kind() != rpc::News::synced; first = statuses.next()) {
     const auto item = itemOf(*first);
     if (!item) continue;
