@@ -34,12 +34,12 @@ struct Character {
 // The character that `text`, which isn't empty, begins with.
 Character firstOf(std::string_view text) {
   struct Form {
-    std::uint8_t leadMask, lead;
     std::size_t size;
     char32_t least;  // a smaller code has a shorter form
+    std::uint8_t leadMask, lead;
   };
   static constexpr Form forms[] = {
-      {0x80, 0x00, 1, 0}, {0xe0, 0xc0, 2, 0x80}, {0xf0, 0xe0, 3, 0x800}, {0xf8, 0xf0, 4, 0x10000}};
+      {1, 0, 0x80, 0x00}, {2, 0x80, 0xe0, 0xc0}, {3, 0x800, 0xf0, 0xe0}, {4, 0x10000, 0xf8, 0xf0}};
   const std::uint8_t lead = byteAt(text, 0);
   for (const auto& form : forms) {
     if ((lead & form.leadMask) != form.lead) continue;
