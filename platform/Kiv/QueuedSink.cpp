@@ -141,7 +141,7 @@ QueuedSink::QueuedSink(spdlog::sink_ptr behind)
 }
 
 QueuedSink::~QueuedSink() {
-  flush();
+  QueuedSink::flush();
   queue_->close();
 }
 
