@@ -20,6 +20,7 @@
 #include "tests/Certificates.h"
 #include "tests/ProbeService.h"
 #include "tests/RawClient.h"
+#include "tests/Thrown.h"
 
 namespace test {
 namespace {
@@ -183,17 +184,6 @@ TEST(Listener, ServesEveryKindOfAddressAndTellsThePeerAsGrpcDoes) {
   }
   EXPECT_EQ(peers[true], peers[false]);
   EXPECT_THAT(peers[true], Contains("ipv4:127.0.0.1:PORT"));
-}
-
-// What `action` throws, as text.
-template <typename Error, typename Action>
-std::string thrown(Action action) {
-  try {
-    action();
-  } catch (const Error& error) {
-    return error.what();
-  }
-  return "nothing";
 }
 
 TEST(Listener, SaysWhyItCannotListen) {

@@ -13,6 +13,7 @@
 
 #include "tests/Capture.h"
 #include "tests/ProbeService.h"
+#include "tests/Thrown.h"
 
 namespace test {
 namespace {
@@ -498,17 +499,6 @@ TEST(Server, ATakenPortIsAnErrorAndStartsNoService) {
   }
   EXPECT_EQ(second.service->startedCalls, 0);
   EXPECT_THROW(second.server.setup(), VornSdkRpc::ServerFailedError);
-}
-
-// What `action` throws, as text.
-template <typename Error, typename Action>
-std::string thrown(Action action) {
-  try {
-    action();
-  } catch (const Error& error) {
-    return error.what();
-  }
-  return "nothing";
 }
 
 TEST(Server, RefusesAServiceThatIsNullOrAnothers) {
