@@ -77,21 +77,27 @@ class Announcement : public VornSdkRpc::GrpcService {
   std::weak_ptr<Supervision> supervision_;  // which ends before the server that it looks at
 };
 
-void applyTrace(const Options& options) try {
-  Kiv::traceSettingIs(options.trace);
+// Runs a step that follows the user's options: what it throws is what is wrong with them.
+template <typename Step>
+auto asAsked(Step step) try {
+  return step();
 } catch (const std::exception& error) {
   throw UsageError(error.what());
 }
 
+void applyTrace(const Options& options) {
+  asAsked([&] { Kiv::traceSettingIs(options.trace); });
+}
+
 // Answers the log's file, null where it goes elsewhere.
-std::shared_ptr<Kiv::FileSink> openLog(const Options& options) try {
-  if (options.log == "-") Kiv::platformLogger().sinks() = {std::make_shared<Kiv::StderrSink>()};
-  if (options.log == "-" || options.log.empty()) return nullptr;
-  auto file = std::make_shared<Kiv::FileSink>(options.log);
-  Kiv::platformLogger().sinks() = {file};
-  return file;
-} catch (const std::exception& error) {
-  throw UsageError(error.what());
+std::shared_ptr<Kiv::FileSink> openLog(const Options& options) {
+  return asAsked([&]() -> std::shared_ptr<Kiv::FileSink> {
+    if (options.log == "-") Kiv::platformLogger().sinks() = {std::make_shared<Kiv::StderrSink>()};
+    if (options.log == "-" || options.log.empty()) return nullptr;
+    auto file = std::make_shared<Kiv::FileSink>(options.log);
+    Kiv::platformLogger().sinks() = {file};
+    return file;
+  });
 }
 
 // Reads again what can be read again while the agent runs.
@@ -121,10 +127,8 @@ void checkNetns(const std::string& name) try {
   throw UsageError(error.what());
 }
 
-Access accessFor(const IdentityOptions& options) try {
-  return Access(options);
-} catch (const std::exception& error) {
-  throw UsageError(error.what());
+Access accessFor(const IdentityOptions& options) {
+  return asAsked([&] { return Access(options); });
 }
 
 // Null when the agent is to program no kernel.
