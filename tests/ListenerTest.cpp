@@ -32,7 +32,10 @@ using VornSdkRpc::Listener;
 // A directory for sockets, short enough for their names.
 class Directory {
  public:
-  Directory() { mkdtemp(path_); }
+  Directory() {
+    if (!mkdtemp(path_))
+      throw std::system_error(errno, std::generic_category(), path_);
+  }
   ~Directory() { std::filesystem::remove_all(path_); }
   std::string path(const std::string& name) const { return std::string(path_) + "/" + name; }
   std::string socket(const std::string& name) const { return "unix:" + path(name); }
