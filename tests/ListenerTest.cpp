@@ -33,8 +33,7 @@ using VornSdkRpc::Listener;
 class Directory {
  public:
   Directory() {
-    if (!mkdtemp(path_))
-      throw std::system_error(errno, std::generic_category(), path_);
+    if (!mkdtemp(path_)) throw std::system_error(errno, std::generic_category(), path_);
   }
   ~Directory() { std::filesystem::remove_all(path_); }
   std::string path(const std::string& name) const { return std::string(path_) + "/" + name; }
