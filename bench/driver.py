@@ -50,17 +50,20 @@ class Server:
             text=True,
         )
         self.commands, self.answers = cast(IO[str], self.process.stdin), cast(IO[str], self.process.stdout)
+        self.port = int(self.answer())
+
+    def answer(self) -> str:
         line = self.answers.readline()
         if not line:
-            self.process.wait()
+            status = self.process.wait()
             self.errors.seek(0)
-            raise RuntimeError(f"EchoServer {arguments}: {self.errors.read()}")
-        self.port = int(line)
+            raise RuntimeError(f"EchoServer ended with {status}: {self.errors.read()}")
+        return line
 
     def ask(self, command: str) -> Report:
         self.commands.write(command + "\n")
         self.commands.flush()
-        report: Report = json.loads(self.answers.readline())
+        report: Report = json.loads(self.answer())
         return report
 
     def report(self) -> Report:
