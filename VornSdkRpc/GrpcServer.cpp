@@ -3,6 +3,7 @@
 #include <Kiv/Trace.h>
 #include <VornSdkRpc/Completion.h>
 #include <VornSdkRpc/GrpcLog.h>
+#include <VornSdkRpc/Later.h>
 #include <VornSdkRpc/ProtobufLog.h>
 #include <VornSdkRpc/ScopedNamespace.h>
 #include <grpc/grpc.h>
@@ -62,39 +63,22 @@ class BuildsOnce : public grpc::ServerBuilderOption {
   bool built_ = false;
 };
 
-constexpr std::chrono::milliseconds kLongest = std::chrono::hours(24 * 365);
-
-// Does something after a while, unless it is destroyed before, on a thread that gRPC can't hold up.
-class Later {
- public:
-  Later(const vorn::tracer& tracer, std::chrono::milliseconds delay, std::function<void()> action) {
-    try {
-      thread_ = std::jthread([delay, action = std::move(action)](const std::stop_token& dropped) {
-        std::mutex mutex;
-        std::unique_lock lock(mutex);
-        std::condition_variable_any never;
-        never.wait_for(lock, dropped, std::min(delay, kLongest), [] { return false; });
-        if (!dropped.stop_requested()) action();
-      });
-    } catch (const std::exception& error) {
-      tracer.trace0("The stop has no timeout, for want of a thread: %s", error.what());
-    }
-  }
-
- private:
-  std::jthread thread_;
-};
-
 // Sees to it that what has been cancelled ends, unless it is destroyed before.
 class EndsInTime {
  public:
-  EndsInTime(const vorn::tracer& tracer, Listener* listener, std::chrono::milliseconds timeout) {
-    // gRPC waits for every connection to close, and to one whose peer does not read it can't even
-    // say so.
+  EndsInTime(const vorn::tracer& tracer, grpc_server* server, Listener* listener,
+             std::chrono::milliseconds timeout) {
+    // A flood may keep gRPC from cancelling what it was told to. And it waits for every connection
+    // to close, when it can't even tell a peer that does not read.
     constexpr std::chrono::milliseconds kToHearOfIt{300};
-    if (listener) cut_.emplace(tracer, kToHearOfIt, [listener] { listener->closeConnections(); });
+    cut_.emplace(kToHearOfIt, [server, listener] {
+      grpc_server_cancel_all_calls(server);
+      if (listener) listener->closeConnections();
+    });
     if (timeout > timeout.zero())
-      abort_.emplace(tracer, timeout, [&tracer, timeout] { abandon(tracer, timeout); });
+      abort_.emplace(timeout, [&tracer, timeout] { abandon(tracer, timeout); });
+    if (!cut_->planned() || (abort_ && !abort_->planned()))
+      tracer.trace0("The stop has no timeout, for want of a thread.");
   }
 
  private:
@@ -124,8 +108,8 @@ std::exception_ptr tellAll(const std::vector<std::shared_ptr<GrpcService>>& serv
 
 }  // namespace
 
-// What gRPC puts on the queue when a server that is being drained has no call and no connection
-// left.
+// What gRPC puts on the queue when a server that takes no calls any more has no call and no
+// connection left.
 class GrpcServer::Emptied : public grpc::internal::CompletionQueueTag {
  public:
   bool FinalizeResult(void** tag, bool*) override {
@@ -176,8 +160,9 @@ GrpcServer::~GrpcServer() {
   } catch (...) {
     tracer_.trace0("A service failed to stop.");
   }
+  leaveLoop();
   stopListening();
-  const EndsInTime limits(tracer_, listener_.get(), stopTimeout_);
+  const EndsInTime limits(tracer_, server_->c_server(), listener_.get(), stopTimeout_);
   server_->Shutdown(std::chrono::system_clock::now());
   shutQueue();
   OpaqueId tag = nullptr;
@@ -197,12 +182,34 @@ void GrpcServer::run() {
 void GrpcServer::stop() {
   const auto failure = tellAll(services_, [](auto& service) { service.stoppingIs(true); });
   stopRequested_ = true;
+  cancelUnlessTurning();
   if (failure) std::rethrow_exception(failure);
+}
+
+// gRPC accepts and reads on the thread that polls, and goes on for as long as a flood of
+// connections or calls does: the poll never returns, and the loop never sees the stop.
+void GrpcServer::cancelUnlessTurning() {
+  constexpr std::chrono::milliseconds kMoreThanAPoll{250};
+  const std::lock_guard lock(loopMutex_);
+  if (!looping_ || cancelling_) return;
+  cancelling_ = std::make_unique<Later>(kMoreThanAPoll, [this, turn = turns()] {
+    if (turns() != turn) return;
+    grpc_server_shutdown_and_notify(server_->c_server(), cq_->cq(), cancelled_.get());
+    grpc_server_cancel_all_calls(server_->c_server());
+  });
+}
+
+// From here on the thread that calls this ends the server.
+void GrpcServer::leaveLoop() {
+  std::unique_ptr<Later> cancelling;  // ends with the lock released
+  const std::lock_guard lock(loopMutex_);
+  looping_ = false;
+  cancelling = std::move(cancelling_);
 }
 
 void GrpcServer::stop(std::chrono::milliseconds grace) {
   if (grace <= grace.zero()) return stop();
-  const auto end = Clock::now() + std::min(grace, kLongest);
+  const auto end = Clock::now() + std::min(grace, Later::kLongest);
   auto before = drainEnd_.load();
   while (end < before && !drainEnd_.compare_exchange_weak(before, end)) {
   }
@@ -232,6 +239,9 @@ void GrpcServer::setup() {
   for (const auto& service : services_)
     service->started(*this, *cq_, *properties_);
   if (listener_) listener_->start();
+  cancelled_ = std::make_unique<Emptied>();
+  const std::lock_guard lock(loopMutex_);
+  looping_ = true;
 }
 
 // What is handed to a server that is going down would be lost, or worse.
@@ -272,6 +282,7 @@ bool GrpcServer::dequeue() {
 }
 
 void GrpcServer::handleTag(OpaqueId tag, bool ok) try {
+  if (cancelled_ && tag == cancelled_.get()) return;
   if (emptied_ && tag == emptied_.get()) {
     emptied_->come = true;
     return;
@@ -303,8 +314,9 @@ void GrpcServer::teardown() {
   // A service that is not stopping would ask for a new call in place of every one that fails,
   // without an end.
   if (!stopRequested_) stop();
+  leaveLoop();
   stopListening();
-  const EndsInTime limits(tracer_, listener_.get(), stopTimeout_);
+  const EndsInTime limits(tracer_, server_->c_server(), listener_.get(), stopTimeout_);
   server_->Shutdown(std::chrono::system_clock::now());
   // Until a poll is quiet, but not for as long as somebody has something to complete.
   constexpr auto kLongEnough = std::chrono::seconds(1);

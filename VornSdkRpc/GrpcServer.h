@@ -15,10 +15,13 @@
 #include <cstddef>
 #include <exception>
 #include <memory>
+#include <mutex>
 #include <utility>
 #include <vector>
 
 namespace VornSdkRpc {
+
+class Later;
 
 // Thrown when the gRPC server can't be built: a port that is taken, say, or a second setup() of one
 // GrpcServer. Carries no text; the trace handle "grpc" says why.
@@ -41,8 +44,8 @@ class VORN_EXPORT ServerFailedError : public std::exception {
 // it. stop() may come from any thread, but not from a signal handler. One object serves once; an
 // agent that wants to serve again makes a new builder, new services and a new GrpcServer.
 //
-// gRPC's own listeners never accept again once the process has run out of file descriptors; a
-// Listener does.
+// gRPC's own listeners never accept again once the process has run out of file descriptors, and
+// serve nobody while connections come faster than they accept. A Listener has neither flaw.
 class VORN_EXPORT GrpcServer {
  public:
   // Gives every service its position in the list as its id, and the builder, through
@@ -67,8 +70,9 @@ class VORN_EXPORT GrpcServer {
   void run();
 
   // Asks the services and the loop to stop, and returns at once. run() returns after at most one
-  // poll (200 ms), the step in progress and the teardown. May be called before run(), and again.
-  // Throws the first exception of a service's stoppingChanged(), when all have been asked.
+  // poll (200 ms), the step in progress and the teardown. A poll or step that takes longer than
+  // 250 ms finds every call cancelled. May be called before run(), and again. Throws the first
+  // exception of a service's stoppingChanged(), when all have been asked.
   void stop();
 
   // Drains the server, and then stops it. gRPC's health service, if the agent has turned it on,
@@ -143,6 +147,8 @@ class VORN_EXPORT GrpcServer {
   VORN_NO_EXPORT void beginDrain();
   VORN_NO_EXPORT void stopListening();
   VORN_NO_EXPORT void shutQueue();
+  VORN_NO_EXPORT void cancelUnlessTurning();
+  VORN_NO_EXPORT void leaveLoop();
 
   grpc::ServerBuilder* builder_;
   std::unique_ptr<grpc::ServerCompletionQueue> cq_;
@@ -160,8 +166,12 @@ class VORN_EXPORT GrpcServer {
   bool queueShut_ = false;  // nothing new may go through the queue
   bool drained_ = false;    // and it has nothing left
   std::atomic<Clock::time_point> drainEnd_ =
-      Clock::time_point::max();       // when no drain is asked for
-  std::unique_ptr<Emptied> emptied_;  // null until a drain begins
+      Clock::time_point::max();         // when no drain is asked for
+  std::unique_ptr<Emptied> emptied_;    // null until a drain begins
+  std::unique_ptr<Emptied> cancelled_;  // by a stop that the loop did not see
+  std::mutex loopMutex_;                // guards what follows
+  bool looping_ = false;                // between setup() and the end of the loop
+  std::unique_ptr<Later> cancelling_;   // since a stop has been asked for meanwhile
 };
 
 }  // namespace VornSdkRpc

@@ -24,6 +24,7 @@ foreach(folder VornSdkRpc vorn)
     PATTERN "*.h"
     PATTERN FileWatch.h EXCLUDE
     PATTERN GrpcLog.h EXCLUDE
+    PATTERN Later.h EXCLUDE
     PATTERN ListeningSocket.h EXCLUDE
     PATTERN LocalCaller.h EXCLUDE
     PATTERN MessageLimit.h EXCLUDE

@@ -460,6 +460,49 @@ TEST(Server, CanBeDestroyedAfterAHandlersExceptionHasLeftTheRun) {
   EXPECT_EQ(probe->stopNotices, 1) << "told after the one that failed";
 }
 
+// As a flood does, which gRPC serves within one poll.
+TEST(Server, AStopCancelsCallsWhileTheServingThreadIsBusy) {
+  struct Busy : GrpcService {
+    struct Handler : ScriptedHandler {
+      Handler(OpaqueId tag, Busy& busy) : ScriptedHandler(tag), busy_(busy) {}
+      void proceed(OpaqueId) override {
+        busy_.begun.set_value();
+        busy_.over.get_future().wait();
+        state_ = FINISHED;
+      }
+      Busy& busy_;
+    };
+    Busy() : GrpcService("Busy") {}
+    void registerWith(grpc::ServerBuilder&) override {}
+    void begin() {
+      const auto handler = std::make_shared<Handler>(nextOpaqueId(), *this);
+      handler->state_ = RequestHandler::IN_PROGRESS;
+      registerHandler(handler);
+      alarm.Set(cq_, gpr_now(GPR_CLOCK_MONOTONIC), handler->opaqueId_);
+    }
+    void serverStarted() override {}
+    std::promise<void> begun, over;
+    grpc::Alarm alarm;
+  };
+  const auto busy = std::make_shared<Busy>();
+  RunningServer running({std::make_shared<ProbeService>(), busy});
+  const auto stub = running.stub();
+  grpc::ClientContext context;
+  context.set_deadline(std::chrono::system_clock::now() + std::chrono::minutes(1));
+  Text reply;
+  const auto ticks = stub->Tick(&context, Count());
+  ASSERT_TRUE(ticks->Read(&reply));
+  busy->begin();
+  busy->begun.get_future().wait();
+  running.server().stop();
+  while (ticks->Read(&reply)) {
+  }
+  const auto status = ticks->Finish();
+  busy->over.set_value();
+  EXPECT_NE(status.error_code(), grpc::StatusCode::OK);
+  EXPECT_NE(status.error_code(), grpc::StatusCode::DEADLINE_EXCEEDED);
+}
+
 TEST(ServerDeathTest, AStopThatCannotEndEndsTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   const auto probe = std::make_shared<ProbeService>();
