@@ -2,6 +2,7 @@
 #include <VornSdkRpc/CallJournal.h>
 
 #include <Kiv/Line.h>
+#include <VornSdkRpc/CallFields.h>
 #include <fmt/format.h>
 #include <sys/uio.h>
 #include <syslog.h>
@@ -39,11 +40,6 @@ int priorityOf(const CallRecord& record) {
   }
   const int status = record.status;
   return status == kUnknown || status == kInternal || status == kDataLoss ? LOG_ERR : LOG_INFO;
-}
-
-template <typename Duration>
-std::int64_t microsOf(Duration duration) {
-  return std::chrono::duration_cast<std::chrono::microseconds>(duration).count();
 }
 
 // An entry of the journal: its fields in one text.
@@ -88,6 +84,33 @@ class Entry {
   std::size_t count_ = 0;
 };
 
+// A record's fields in an entry, by their names there.
+class CallFields {
+ public:
+  explicit CallFields(Entry& entry) : entry_(entry) {}
+
+  template <typename Value>
+  void add(std::string_view name, const Value& value) {
+    entry_.add(nameOf(name), value);
+  }
+
+  void add(std::string_view name, CallRecord::Clock::time_point time) {
+    const auto since = time.time_since_epoch();
+    entry_.add(nameOf(name) + "_US",
+               std::chrono::duration_cast<std::chrono::microseconds>(since).count());
+  }
+
+ private:
+  static std::string nameOf(std::string_view name) {
+    std::string text = "CALL_";
+    for (const char c : name)
+      text += c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
+    return text;
+  }
+
+  Entry& entry_;
+};
+
 class CallJournal : public CallSink {
  private:
   std::size_t write(std::span<const CallRecord* const> records) override {
@@ -102,9 +125,8 @@ class CallJournal : public CallSink {
     entry_.add("MESSAGE", fmt::format("{} records of calls are missing here", gap.count));
     entry_.add("MESSAGE_ID", kGapId);
     entry_.add("PRIORITY", LOG_WARNING);
-    entry_.add("CALL_RUN", gap.run);
-    entry_.add("CALL_GAP_FIRST", gap.first);
-    entry_.add("CALL_GAP_COUNT", gap.count);
+    CallFields fields(entry_);
+    tellFields(gap, fields);
     return isThere() && entry_.send();
   }
 
@@ -113,25 +135,6 @@ class CallJournal : public CallSink {
 
   bool isSent(const CallRecord& record) {
     entry_.clear();
-    addOutcome(record);
-    entry_.add("CALL_METHOD", record.method);
-    entry_.add("CALL_USER", record.user);
-    entry_.add("CALL_SESSION", record.session);
-    entry_.add("CALL_PROOF", record.proof);
-    entry_.add("CALL_PEER", record.peer);
-    entry_.add("CALL_TRACEPARENT", record.traceparent);
-    entry_.add("CALL_REASON", record.reason);
-    entry_.add("CALL_OPERATION", record.operation);
-    entry_.add("CALL_OBJECT", record.object);
-    if (!record.operation.empty()) entry_.add("CALL_COUNT", record.count);
-    entry_.add("CALL_MESSAGES_IN", record.messagesIn);
-    entry_.add("CALL_MESSAGES_OUT", record.messagesOut);
-    if (record.bytesIn != CallRecord::kUnknown) entry_.add("CALL_BYTES_IN", record.bytesIn);
-    entry_.add("CALL_BYTES_OUT", record.bytesOut);
-    return entry_.send();
-  }
-
-  void addOutcome(const CallRecord& record) {
     const std::string_view at = record.peer.empty() ? "" : " at ";
     const bool begun = record.end == CallEnd::begun;
     entry_.add("MESSAGE", fmt::format("{} of {}{}{}: {}{}{}", record.method, record.user, at,
@@ -139,19 +142,9 @@ class CallJournal : public CallSink {
                                       begun ? "" : ", ", textOf(record.end)));
     entry_.add("MESSAGE_ID", kRecordId);
     entry_.add("PRIORITY", priorityOf(record));
-    entry_.add("CALL_RUN", record.run);
-    entry_.add("CALL_NUMBER", record.number);
-    entry_.add("CALL_END", textOf(record.end));
-    entry_.add("CALL_START_US", microsOf(record.start.time_since_epoch()));
-    entry_.add("CALL_DURATION_US", microsOf(record.duration));
-    if (record.deadline != CallRecord::kNoDeadline)
-      entry_.add("CALL_DEADLINE_US", microsOf(record.deadline.time_since_epoch()));
-    if (!begun) {
-      entry_.add("CALL_STATUS", record.status);
-      entry_.add("CALL_CODE", codeText(record.status));
-    }
-    if (record.sent != CallRecord::kNothing && record.sent != record.status)
-      entry_.add("CALL_SENT", record.sent);
+    CallFields fields(entry_);
+    tellFields(record, fields);
+    return entry_.send();
   }
 
   Entry entry_;

@@ -1,6 +1,7 @@
 #include <VornSdkRpc/CallJson.h>
 
 #include <Kiv/Line.h>
+#include <VornSdkRpc/CallFields.h>
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
@@ -71,40 +72,12 @@ class Object {
 
 void appendJson(std::string& text, const CallRecord& record) {
   Object object(text);
-  object.add("run", record.run);
-  object.add("number", record.number);
-  object.add("end", textOf(record.end));
-  object.add("start", record.start);
-  object.add("duration_us",
-             std::chrono::duration_cast<std::chrono::microseconds>(record.duration).count());
-  if (record.deadline != CallRecord::kNoDeadline) object.add("deadline", record.deadline);
-  if (record.end != CallEnd::begun) {
-    object.add("status", record.status);
-    object.add("code", codeText(record.status));
-  }
-  if (record.sent != CallRecord::kNothing && record.sent != record.status)
-    object.add("sent", record.sent);
-  object.add("method", record.method);
-  object.add("user", record.user);
-  object.add("session", record.session);
-  object.add("proof", record.proof);
-  object.add("peer", record.peer);
-  object.add("traceparent", record.traceparent);
-  object.add("reason", record.reason);
-  object.add("operation", record.operation);
-  object.add("object", record.object);
-  if (!record.operation.empty()) object.add("count", record.count);
-  object.add("messages_in", record.messagesIn);
-  object.add("messages_out", record.messagesOut);
-  if (record.bytesIn != CallRecord::kUnknown) object.add("bytes_in", record.bytesIn);
-  object.add("bytes_out", record.bytesOut);
+  tellFields(record, object);
 }
 
 void appendJson(std::string& text, const CallGap& gap) {
   Object object(text);
-  object.add("run", gap.run);
-  object.add("gap_first", gap.first);
-  object.add("gap_count", gap.count);
+  tellFields(gap, object);
 }
 
 CallJsonFile::CallJsonFile(std::string path)

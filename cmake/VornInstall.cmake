@@ -22,6 +22,7 @@ foreach(folder VornSdkRpc vorn)
     COMPONENT dev
     FILES_MATCHING
     PATTERN "*.h"
+    PATTERN CallFields.h EXCLUDE
     PATTERN FileWatch.h EXCLUDE
     PATTERN GrpcLog.h EXCLUDE
     PATTERN Later.h EXCLUDE

@@ -16,6 +16,7 @@
 
 #include "tests/Capture.h"
 #include "tests/FullAt.h"
+#include "tests/FullRecord.h"
 #include "tests/ProbeService.h"
 
 namespace test {
@@ -284,33 +285,9 @@ std::string contentOf(const std::string& path) {
   return content.str();
 }
 
-// Every field, and texts that would end a line or a string.
 TEST(CallJson, IsOneLineForEveryReader) {
-  using namespace std::string_view_literals;
   std::string text;
-  VornSdkRpc::appendJson(text,
-                         CallRecord{.run = "r1",
-                                    .number = 7,
-                                    .end = VornSdkRpc::CallEnd::refused,
-                                    .status = 8,
-                                    .sent = 0,
-                                    .start = CallRecord::Clock::time_point(1764067190123456us),
-                                    .duration = 1500us,
-                                    .deadline = CallRecord::Clock::time_point(1764067191s),
-                                    .messagesIn = 1,
-                                    .messagesOut = 2,
-                                    .bytesIn = 3,
-                                    .bytesOut = 4,
-                                    .method = "/x/\u2028",
-                                    .user = "CORP\\al\"ice",
-                                    .session = "\n\0"sv,
-                                    .proof = "tls",
-                                    .peer = "unix:",
-                                    .traceparent = "00-1",
-                                    .reason = "caf\xe9\\x0a",
-                                    .operation = "set",
-                                    .object = "é",
-                                    .count = 5});
+  VornSdkRpc::appendJson(text, fullRecord());
   EXPECT_EQ(text, R"({"run":"r1","number":7,"end":"refused","start":"2025-11-25T10:39:50.123456Z",)"
                   R"("duration_us":1500,"deadline":"2025-11-25T10:39:51.000000Z","status":8,)"
                   R"("code":"RESOURCE_EXHAUSTED","sent":0,"method":"/x/\\xe2\\x80\\xa8",)"

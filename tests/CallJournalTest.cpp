@@ -10,10 +10,10 @@
 #include <filesystem>
 #include <string>
 
+#include "tests/FullRecord.h"
+
 namespace {
 
-using namespace std::chrono_literals;
-using namespace std::string_view_literals;
 using VornSdkRpc::CallEnd;
 using VornSdkRpc::CallRecord;
 
@@ -52,28 +52,7 @@ bool hasRunOfItsOwn() {
 TEST(CallJournal, SendsEveryFieldAndWaitsForAJournal) {
   if (!hasRunOfItsOwn()) GTEST_SKIP() << "a mount namespace takes CAP_SYS_ADMIN";
   const auto sink = VornSdkRpc::callJournal();
-  const CallRecord full{.run = "r1",
-                        .number = 7,
-                        .end = CallEnd::refused,
-                        .status = 8,
-                        .sent = 0,
-                        .start = CallRecord::Clock::time_point(1764067190123456us),
-                        .duration = 1500us,
-                        .deadline = CallRecord::Clock::time_point(1764067191s),
-                        .messagesIn = 1,
-                        .messagesOut = 2,
-                        .bytesIn = 3,
-                        .bytesOut = 4,
-                        .method = "/x/y",
-                        .user = "al\nice",
-                        .session = "\0"sv,
-                        .proof = "tls",
-                        .peer = "unix:",
-                        .traceparent = "00-1",
-                        .reason = "caf\xe9",
-                        .operation = "set",
-                        .object = "é",
-                        .count = 5};
+  const CallRecord full = test::fullRecord();
   const CallRecord begun{.run = "r1", .number = 8, .end = CallEnd::begun, .method = "/x/z"};
   const CallRecord* const records[] = {&full, &begun};
   EXPECT_EQ(sink->write(records), 0U);
@@ -86,12 +65,13 @@ TEST(CallJournal, SendsEveryFieldAndWaitsForAJournal) {
             "MESSAGE_ID=48c02c68e4174dfc9da507003bf5ec95\nPRIORITY=4\nCALL_RUN=r1\n"
             "CALL_GAP_FIRST=1\nCALL_GAP_COUNT=6\nSYSLOG_IDENTIFIER=CallJournalTest\n");
   EXPECT_EQ(journal.entry(),
-            "MESSAGE=/x/y of al\\x0aice at unix:: RESOURCE_EXHAUSTED, refused\n"
+            "MESSAGE=/x/\\xe2\\x80\\xa8 of CORP\\al\"ice at unix:: RESOURCE_EXHAUSTED, refused\n"
             "MESSAGE_ID=2317cef469314e32a5fad6c40af333bb\nPRIORITY=4\nCALL_RUN=r1\nCALL_NUMBER=7\n"
             "CALL_END=refused\nCALL_START_US=1764067190123456\nCALL_DURATION_US=1500\n"
             "CALL_DEADLINE_US=1764067191000000\nCALL_STATUS=8\nCALL_CODE=RESOURCE_EXHAUSTED\n"
-            "CALL_SENT=0\nCALL_METHOD=/x/y\nCALL_USER=al\\x0aice\nCALL_SESSION=\\x00\n"
-            "CALL_PROOF=tls\nCALL_PEER=unix:\nCALL_TRACEPARENT=00-1\nCALL_REASON=caf\\xe9\n"
+            "CALL_SENT=0\nCALL_METHOD=/x/\\xe2\\x80\\xa8\nCALL_USER=CORP\\al\"ice\n"
+            "CALL_SESSION=\\x0a\\x00\n"
+            "CALL_PROOF=tls\nCALL_PEER=unix:\nCALL_TRACEPARENT=00-1\nCALL_REASON=caf\\xe9\\x5cx0a\n"
             "CALL_OPERATION=set\nCALL_OBJECT=é\nCALL_COUNT=5\nCALL_MESSAGES_IN=1\n"
             "CALL_MESSAGES_OUT=2\nCALL_BYTES_IN=3\nCALL_BYTES_OUT=4\n"
             "SYSLOG_IDENTIFIER=CallJournalTest\n");
