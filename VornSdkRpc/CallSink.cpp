@@ -18,6 +18,7 @@ class AccountingLines : public CallSink {
   std::size_t write(std::span<const CallRecord* const> records) override {
     std::size_t taken = 0;
     try {
+      if (trace_.enabled(8)) trace_.write(8, fmt::format("{} records are written", records.size()));
       for (; taken < records.size(); ++taken)
         writeLineOf(*records[taken]);
     } catch (const std::bad_alloc&) {

@@ -461,7 +461,7 @@ TEST(Options, AreReadOrRefusedInOneLine) {
   const Options options =
       parsed({"--listen", "a:1", "--no-accounting", "--listen", "unix:/b", "--step-ms", "7"});
   EXPECT_THAT(options.listen, testing::ElementsAre("a:1", "unix:/b"));
-  EXPECT_FALSE(options.accounting);
+  EXPECT_THAT(options.accounting.to, testing::IsEmpty());
   EXPECT_EQ(options.stepTime.count(), 7);
   for (const auto& [words, message] :
        std::initializer_list<std::pair<std::vector<std::string>, const char*>>{
@@ -492,7 +492,7 @@ TEST(Options, OfAFileNameTheirLinesWhenTheyAreWrong) {
       "no-accounting = true\nprogram-kernel = false\n");
   EXPECT_THAT(options.listen, testing::ElementsAre("a:1", "unix:/b"));
   EXPECT_EQ(options.stepTime.count(), 7);
-  EXPECT_FALSE(options.accounting);
+  EXPECT_THAT(options.accounting.to, testing::IsEmpty());
   EXPECT_FALSE(options.programKernel);
   for (const auto& [text, message] : std::initializer_list<std::pair<const char*, const char*>>{
            {"\nbogus = 1", "agent.conf:2: unknown key bogus"},

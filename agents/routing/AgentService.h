@@ -1,5 +1,6 @@
 #pragma once
 
+#include <VornSdkRpc/CallNote.h>
 #include <VornSdkRpc/MessagePrinters.h>
 #include <VornSdkRpc/PeerInfo.h>
 #include <VornSdkRpc/Rpc.h>
@@ -27,6 +28,12 @@ inline bool mayChange(const grpc::ServerContext& context, const std::vector<std:
   }
   const auto identity = context.auth_context();
   return identity && !identity->FindPropertyValues("peer-authenticated").empty();
+}
+
+// The operation of a message that sets or deletes something, as records of calls have it.
+template <typename Message>
+const char* operationOf(const Message& message) {
+  return message.request_delete() ? "delete" : "set";
 }
 
 inline grpc::Status ok() { return grpc::Status::OK; }

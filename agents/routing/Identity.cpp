@@ -100,19 +100,21 @@ Access::Access(const IdentityOptions& options)
       certificates_(certificatesOf(options)),
       policy_(policyOf(options)) {}
 
-std::shared_ptr<grpc::ServerCredentials> Access::credentials(const std::string& address) const {
-  const auto withPolicy = [this](std::shared_ptr<grpc::AuthMetadataProcessor> identity) {
-    return policy_ ? policyProcessor(policy_->guard(), std::move(identity)) : identity;
+std::shared_ptr<grpc::ServerCredentials> Access::credentials(
+    const std::string& address, VornSdkRpc::CallAccounting* accounting) const {
+  const auto checked = [&](std::shared_ptr<grpc::AuthMetadataProcessor> identity) {
+    auto all = policy_ ? policyProcessor(policy_->guard(), std::move(identity)) : identity;
+    return accounting ? accounting->recorded(std::move(all)) : all;
   };
   const bool unixSocket = address.starts_with("unix:") || address.starts_with("unix-abstract:");
   if (unixSocket || (loopback_ && isLoopback(address))) {
     auto local = grpc::experimental::LocalServerCredentials(unixSocket ? UDS : LOCAL_TCP);
-    local->SetAuthMetadataProcessor(withPolicy(std::make_shared<ConnectionIdentity>()));
+    local->SetAuthMetadataProcessor(checked(std::make_shared<ConnectionIdentity>()));
     return local;
   }
   if (certificates_)
-    return certificates_->credentials(withPolicy(std::make_shared<ConnectionIdentity>()));
-  return policy_ ? VornSdkRpc::insecureServerCredentials(withPolicy(nullptr))
+    return certificates_->credentials(checked(std::make_shared<ConnectionIdentity>()));
+  return policy_ ? VornSdkRpc::insecureServerCredentials(checked(nullptr))
                  : grpc::InsecureServerCredentials();
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <VornSdkRpc/CallAccounting.h>
 #include <VornSdkRpc/Certificates.h>
 #include <VornSdkRpc/PolicyGuard.h>
 #include <grpcpp/security/auth_metadata_processor.h>
@@ -46,7 +47,10 @@ class Access {
   //   any other, with the three TLS files TLS, client certificate  the certificate's name, proven
   //                                       required
   //   any other, without                  none                     unknown
-  std::shared_ptr<grpc::ServerCredentials> credentials(const std::string& address) const;
+  //
+  // What they refuse is recorded by `accounting`, if there is one.
+  std::shared_ptr<grpc::ServerCredentials> credentials(
+      const std::string& address, VornSdkRpc::CallAccounting* accounting = nullptr) const;
 
   // Null without a policy.
   const VornSdkRpc::PolicyFile* policy() const { return policy_.get(); }

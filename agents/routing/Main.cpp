@@ -4,11 +4,11 @@
 #include <Kiv/Log.h>
 #include <Kiv/StderrSink.h>
 #include <Kiv/Trace.h>
+#include <VornSdkRpc/CallWatch.h>
 #include <VornSdkRpc/GrpcServer.h>
 #include <VornSdkRpc/NamespaceCheck.h>
 #include <VornSdkRpc/ServerArguments.h>
 #include <VornSdkRpc/StopOnSignal.h>
-#include <VornSdkRpc/VornSdkRpcAgentRpcLogger.h>
 #include <grpcpp/ext/proto_server_reflection_plugin.h>
 #include <sys/stat.h>
 #include <vorn/error.h>
@@ -22,6 +22,7 @@
 #include <utility>
 #include <vector>
 
+#include "agents/routing/Accounting.h"
 #include "agents/routing/Backlog.h"
 #include "agents/routing/Options.h"
 #include "agents/routing/PolicyService.h"
@@ -101,7 +102,8 @@ std::shared_ptr<Kiv::FileSink> openLog(const Options& options) {
 }
 
 // Reads again what can be read again while the agent runs.
-void reload(const Options& before, const std::function<Options()>& read, Kiv::FileSink* log) {
+void reload(const Options& before, const std::function<Options()>& read, Kiv::FileSink* log,
+            Accounting* accounting) {
   const vorn::tracer tracer("Agent");
   try {
     const Options now = read();
@@ -109,6 +111,7 @@ void reload(const Options& before, const std::function<Options()>& read, Kiv::Fi
     if (now.withoutTrace() != before.withoutTrace())
       tracer.trace0("reload: options other than the trace wait for the next start");
     if (log) log->reopen();
+    if (accounting) accounting->reopen();
     tracer.trace0("reload: done");
   } catch (const std::exception& error) {
     tracer.trace0("reload: %s", error.what());
@@ -131,6 +134,12 @@ Access accessFor(const IdentityOptions& options) {
   return asAsked([&] { return Access(options); });
 }
 
+// Null when no call is to be recorded.
+std::unique_ptr<Accounting> accountingFor(const Options& options) {
+  if (options.accounting.to.empty()) return nullptr;
+  return asAsked([&] { return std::make_unique<Accounting>(options.accounting); });
+}
+
 // Null when the agent is to program no kernel.
 std::unique_ptr<KernelSync> kernelSync(const Options& options) try {
   if (!options.programKernel) return nullptr;
@@ -142,24 +151,34 @@ std::unique_ptr<KernelSync> kernelSync(const Options& options) try {
 
 // Listens on every address of the options, and answers the ports.
 std::vector<int> listen(VornSdkRpc::Listener& listener, const Options& options,
-                        const Access& access) try {
+                        const Access& access, VornSdkRpc::CallAccounting* accounting) try {
   listener.connectionsPerPeerIs(options.peerConnections);
   std::vector<int> ports;
   ports.reserve(options.listen.size());
   for (const auto& address : options.listen)
-    ports.push_back(listener.add(address, access.credentials(address)));
+    ports.push_back(listener.add(address, access.credentials(address, accounting)));
   return ports;
 } catch (const std::exception& error) {
   throw UsageError(error.what());
 }
 
-void installInterceptors(grpc::ServerBuilder& builder, const Options& options,
-                         const Access& access) {
+void installInterceptors(grpc::ServerBuilder& builder, const Access& access,
+                         VornSdkRpc::CallAccounting* accounting) {
   std::vector<std::unique_ptr<grpc::experimental::ServerInterceptorFactoryInterface>> creators;
   if (access.certificates()) creators.push_back(access.certificates()->interceptors());
-  if (options.accounting)
-    creators.push_back(std::make_unique<VornSdkRpc::LoggingInterceptorFactory>());
+  if (accounting) creators.push_back(accounting->interceptors());
   builder.experimental().SetInterceptorCreators(std::move(creators));
+}
+
+// Serves the records of calls to those who may change something, as far as the policy lets them.
+std::shared_ptr<VornSdkRpc::GrpcService> watchService(const VornSdkRpc::CallAccounting& calls,
+                                                      const Options& options) {
+  return VornSdkRpc::callWatchService(calls.log(), [&options](const grpc::ServerContext& context) {
+    return mayChange(context, options.listen)
+               ? grpc::Status::OK
+               : grpc::Status(grpc::StatusCode::PERMISSION_DENIED,
+                              "only local and authenticated peers may watch the accounting");
+  });
 }
 
 // Whether the agent could start like this, as far as it can be told without a trace of it left.
@@ -179,14 +198,16 @@ void serve(const Options& options, const std::function<Options()>& readAgain) {
   grpc::reflection::InitProtoReflectionServerBuilderPlugin();
 
   const Access access = accessFor(options.identity);
+  const auto accounting = accountingFor(options);
+  auto* const calls = accounting ? &accounting->calls() : nullptr;
   grpc::ServerBuilder builder;
   VornSdkRpc::installArguments(builder, {.keepaliveTime = options.keepalive,
                                          .handshakeTimeout = options.keepalive,
                                          .maxConcurrentStreams = 16384});
-  installInterceptors(builder, options, access);
+  installInterceptors(builder, access, calls);
   VornSdkRpc::ServerProperties properties{options.netns};
   const auto listener = std::make_shared<VornSdkRpc::Listener>(builder, properties);
-  const auto ports = listen(*listener, options, access);
+  const auto ports = listen(*listener, options, access, calls);
 
   Tables tables;
   const auto kernel = kernelSync(options);
@@ -195,13 +216,14 @@ void serve(const Options& options, const std::function<Options()>& readAgain) {
   });
   Backlog backlog(options.stepTime, options.backlogMib << 20);
   const auto announcement = std::make_shared<Announcement>(options, ports);
-  VornSdkRpc::GrpcServer server(
-      builder,
-      {std::make_shared<RoutingService>(tables, backlog, options.listen, kernel.get()),
-       std::make_shared<SbfdService>(monitor, backlog, options.listen),
-       std::make_shared<StateService>(tables, backlog, options.listen),
-       std::make_shared<PolicyService>(access.policy(), access.certificates()), announcement},
-      properties, options.accounting);
+  std::vector<std::shared_ptr<VornSdkRpc::GrpcService>> services{
+      std::make_shared<RoutingService>(tables, backlog, options.listen, kernel.get()),
+      std::make_shared<SbfdService>(monitor, backlog, options.listen),
+      std::make_shared<StateService>(tables, backlog, options.listen),
+      std::make_shared<PolicyService>(access.policy(), access.certificates())};
+  if (calls) services.push_back(watchService(*calls, options));
+  services.push_back(announcement);
+  VornSdkRpc::GrpcServer server(builder, std::move(services), properties, calls != nullptr);
   const auto supervision = std::make_shared<Supervision>(
       [&backlog] { return statusOf(backlog); },
       std::vector<Moving>{
@@ -215,7 +237,7 @@ void serve(const Options& options, const std::function<Options()>& readAgain) {
   const VornSdkRpc::StopOnSignal stopOnSignal(server, options.grace);
   const ReloadOnSignal reloadOnSignal([&] {
     supervision->reloading();
-    reload(options, readAgain, log.get());
+    reload(options, readAgain, log.get(), accounting.get());
     supervision->ready();
   });
   server.run();

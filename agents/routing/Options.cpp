@@ -37,6 +37,12 @@ int number(const std::string& text, int min, int max) {
   return result;
 }
 
+void checkPlace(const std::string& place) try {
+  checkAccountingPlace(place);
+} catch (const std::invalid_argument& error) {
+  throw UsageError(error.what());
+}
+
 // In the order of the help.
 const Option kOptions[] = {
     {"--listen", "ADDRESS",
@@ -107,8 +113,31 @@ const Option kOptions[] = {
      [](Options& options, const Values& values) {
        options.peerConnections = static_cast<std::size_t>(number(values[0], 0, 1 << 20));
      }},
-    {"--no-accounting", "", "do not write a log record for every call",
-     [](Options& options, const Values&) { options.accounting = false; }},
+    {"--accounting", "WHERE",
+     "where the record of every call goes: line, a line of the log;\n"
+     "json:FILE; journal, with a field each; may be given again\n"
+     "(default: line)",
+     [](Options& options, const Values& values) {
+       for (const auto& place : values)
+         checkPlace(place);
+       options.accounting.to = values;
+     },
+     true},
+    {"--accounting-mib", "NUMBER",
+     "mebibytes that records may take; beyond that the oldest that\n"
+     "are not written yet are lost, and counted; 0 is any number\n"
+     "(default: 0)",
+     [](Options& options, const Values& values) {
+       options.accounting.memoryMib = static_cast<std::size_t>(number(values[0], 0, 1 << 20));
+     }},
+    {"--accounting-history-mib", "NUMBER",
+     "mebibytes of records that are kept for those who watch them\n"
+     "(default: 4)",
+     [](Options& options, const Values& values) {
+       options.accounting.historyMib = static_cast<std::size_t>(number(values[0], 0, 1 << 20));
+     }},
+    {"--no-accounting", "", "make no record of calls",
+     [](Options& options, const Values&) { options.accounting.to.clear(); }},
     {"--log", "FILE",
      "write the log to this file, - for standard error (default:\n"
      "syslog where there is one, standard error otherwise)",
@@ -272,7 +301,7 @@ std::string help() {
     text += line + "\n";
   }
   return text + R"(
-SIGINT and SIGTERM stop the agent. SIGHUP has it open its log file again, for logrotate,
+SIGINT and SIGTERM stop the agent. SIGHUP has it open its log and record files again, for logrotate,
 and read the trace setting of the configuration file. It exits with 0 after a clean stop, with 2 when an
 option is wrong or it can't listen, and with 1 when something else fails.
 )";

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "agents/routing/Accounting.h"
 #include "agents/routing/Identity.h"
 
 // What the agent is told at its start: by its command line, and by a configuration file whose keys
@@ -16,7 +17,7 @@ struct Options {
   std::vector<std::string> listen{"127.0.0.1:50051"};  // addresses, as gRPC writes them
   std::string netns;  // network namespace to listen in; empty: the agent's own
   IdentityOptions identity;
-  bool accounting = true;
+  AccountingOptions accounting;
   bool programKernel = false;
   std::chrono::seconds kernelGrace{60};   // how long what was found in the kernel is kept
   bool keepRoutes = false;                // leave the routes in the kernel when the agent ends

@@ -1,5 +1,6 @@
 #include "agents/routing/PolicyService.h"
 
+#include <VornSdkRpc/CallNote.h>
 #include <vorn/error.h>
 
 namespace routing_agent {
@@ -24,18 +25,25 @@ VornSdkRpc::PolicyPeer peerOf(const policy_probe_msg& asked) {
 PolicyService::PolicyService(const VornSdkRpc::PolicyFile* file,
                              VornSdkRpc::Certificates* certificates)
     : Service("Policy"), file_(file), certificates_(certificates) {
-  method(&Async::RequestProbe, [this](const policy_probe_msg& asked, policy_answer_msg& answer) {
+  method(&Async::RequestProbe, [this](grpc::ServerContext& context, const policy_probe_msg& asked,
+                                      policy_answer_msg& answer) {
+    VornSdkRpc::noteOperation(context, "probe", asked.method());
     answer = probe(asked);
     return grpc::Status::OK;
   });
-  method(&Async::RequestGet, [this](const get_policy_msg&, policy_msg& policy) {
-    policy = get();
-    return grpc::Status::OK;
-  });
-  method(&Async::RequestWithdraw, [this](const withdraw_msg&, withdrawn_msg& withdrawn) {
-    withdrawn = withdraw();
-    return grpc::Status::OK;
-  });
+  method(&Async::RequestGet,
+         [this](grpc::ServerContext& context, const get_policy_msg&, policy_msg& policy) {
+           VornSdkRpc::noteOperation(context, "get", "policy");
+           policy = get();
+           return grpc::Status::OK;
+         });
+  method(&Async::RequestWithdraw,
+         [this](grpc::ServerContext& context, const withdraw_msg&, withdrawn_msg& withdrawn) {
+           VornSdkRpc::noteOperation(context, "withdraw", "callers", 0);
+           withdrawn = withdraw();
+           VornSdkRpc::noteOperation(context, "withdraw", "callers", withdrawn.calls());
+           return grpc::Status::OK;
+         });
 }
 
 policy_answer_msg PolicyService::probe(const policy_probe_msg& asked) const {

@@ -32,15 +32,32 @@ bool isProgrammed(const programming_msg& state) {
   return state.state() == programming_msg::PROGRAMMED || state.state() == programming_msg::ADOPTED;
 }
 
+// What is awaited, as records of calls have it.
+std::string objectOf(const await_msg& what) {
+  switch (what.what_case()) {
+    case await_msg::kRoute:
+      return toString(what.route());
+    case await_msg::kGroup:
+      return what.group();
+    case await_msg::kMplsLabel:
+      return std::to_string(what.mpls_label());
+    case await_msg::kRedirect:
+      return what.redirect();
+    case await_msg::WHAT_NOT_SET:
+      break;
+  }
+  return "";
+}
+
 // Sends a table in parts, each taken when the one before is out: a client that reads slowly costs
 // one part of memory, whatever the table's size. `add` answers the place of a further item in a
 // part, `stateOf` what became of it.
 template <typename Part, typename Key, typename Value, typename Add, typename StateOf,
           typename Waiting>
-rpc::Task<> sendTable(rpc::Writer<Part>& writer, const get_msg& request,
+rpc::Task<> sendTable(rpc::Writer<Part>& writer, const get_msg& request, std::string_view name,
                       const Table<Key, Value>& table, Waiting waiting, Add add, StateOf stateOf) {
   std::optional<Key> last;
-  for (;;) {
+  for (std::size_t sent = 0;;) {
     auto items = table.part(last);
     Part part;
     part.set_waiting(waiting());
@@ -51,6 +68,8 @@ rpc::Task<> sendTable(rpc::Writer<Part>& writer, const get_msg& request,
       *part.add_programming() = std::move(state);
     }
     if (!co_await writer.write(part)) co_return grpc::Status::CANCELLED;
+    sent += static_cast<std::size_t>(part.programming_size());
+    VornSdkRpc::noteOperation(writer.context(), "get", name, sent);
     if (items.empty()) co_return grpc::Status::OK;
     last = std::move(items.back().first);
   }
@@ -61,8 +80,11 @@ rpc::Task<> sendTable(rpc::Writer<Part>& writer, const get_msg& request,
 RoutingService::RoutingService(Tables& tables, Backlog& backlog,
                                const std::vector<std::string>& listen, KernelSync* kernel)
     : AgentService("Routing", backlog, listen), tables_(tables), kernel_(kernel) {
-  method(&Async::RequestSetRoute, [this](grpc::ServerContext& context, const ip_route_msg& route,
-                                         rpc_status_msg&) { return set(context, route); });
+  method(&Async::RequestSetRoute,
+         [this](grpc::ServerContext& context, const ip_route_msg& route, rpc_status_msg&) {
+           VornSdkRpc::noteOperation(context, "set", toString(route.prefix()));
+           return set(context, route);
+         });
   method(&Async::RequestSetRoutes,
          [this](rpc::Reader<ip_route_msg>& routes, set_routes_reply_msg& reply) {
            return setAll(routes, reply);
@@ -84,30 +106,31 @@ RoutingService::RoutingService(Tables& tables, Backlog& backlog,
          [this](grpc::ServerContext& context, const cbf_nexthop_group_redirect_msg& redirect,
                 rpc_status_msg&) { return set(context, redirect); });
   const auto waits = [this] { return waiting(); };
-  method(&Async::RequestGetRoutes, [this, waits](rpc::Writer<routes_msg>& parts,
-                                                 const get_msg& request) {
-    return sendTable(
-        parts, request, tables_.routes, waits, [](routes_msg& part) { return part.add_route(); },
-        [this](const PrefixKey& prefix) { return stateOf(prefix); });
-  });
+  method(&Async::RequestGetRoutes,
+         [this, waits](rpc::Writer<routes_msg>& parts, const get_msg& request) {
+           return sendTable(
+               parts, request, "routes", tables_.routes, waits,
+               [](routes_msg& part) { return part.add_route(); },
+               [this](const PrefixKey& prefix) { return stateOf(prefix); });
+         });
   method(&Async::RequestGetNexthopGroups,
          [this, waits](rpc::Writer<nexthop_groups_msg>& parts, const get_msg& request) {
            return sendTable(
-               parts, request, tables_.groups, waits,
+               parts, request, "groups", tables_.groups, waits,
                [](nexthop_groups_msg& part) { return part.add_group(); },
                [this](const std::string& name) { return stateOfGroup(name); });
          });
   method(&Async::RequestGetMplsRoutes,
          [this, waits](rpc::Writer<mpls_routes_msg>& parts, const get_msg& request) {
            return sendTable(
-               parts, request, tables_.mplsRoutes, waits,
+               parts, request, "MPLS routes", tables_.mplsRoutes, waits,
                [](mpls_routes_msg& part) { return part.add_route(); },
                [this](std::uint32_t) { return stateOfOther(); });
          });
   method(&Async::RequestGetRedirects,
          [this, waits](rpc::Writer<redirects_msg>& parts, const get_msg& request) {
            return sendTable(
-               parts, request, tables_.redirects, waits,
+               parts, request, "redirects", tables_.redirects, waits,
                [](redirects_msg& part) { return part.add_redirect(); },
                [this](const std::string&) { return stateOfOther(); });
          });
@@ -148,6 +171,7 @@ grpc::Status RoutingService::set(grpc::ServerContext& context, const ip_route_ms
 }
 
 grpc::Status RoutingService::remove(grpc::ServerContext& context, const ip_prefix_msg& prefix) {
+  VornSdkRpc::noteOperation(context, "delete", toString(prefix));
   const PrefixKey key(prefix);
   const auto route = tables_.routes.find(key);
   if (route && route->nexthop_group().empty()) routes_.insert(key);  // adopted
@@ -160,7 +184,10 @@ rpc::Task<> RoutingService::setAll(rpc::Reader<ip_route_msg>& routes, set_routes
   rpc::Event room;
   const rpc::Events::Subscription subscription(backlog_.room(), room);
   ip_route_msg route;
-  while (co_await routes.read(route)) {
+  const auto note = [&] {
+    VornSdkRpc::noteOperation(routes.context(), "set", "routes", reply.accepted());
+  };
+  for (note(); co_await routes.read(route); note()) {
     // A client that sends faster than can be programmed is held up by what gRPC holds for it.
     while (!backlog_.hasRoom(Backlog::bulk)) {
       if (!co_await routes.wait(room)) co_return grpc::Status::CANCELLED;
@@ -178,12 +205,14 @@ rpc::Task<> RoutingService::setAll(rpc::Reader<ip_route_msg>& routes, set_routes
 }
 
 grpc::Status RoutingService::set(grpc::ServerContext& context, const nexthop_group_msg& group) {
+  VornSdkRpc::noteOperation(context, operationOf(group), group.name());
   // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): std::function frees it
   return change(context, group, groups_, group.name(), group.request_delete(),
                 "next-hop group of this name", [this, group] { program(group); });
 }
 
 grpc::Status RoutingService::set(grpc::ServerContext& context, const mpls_route_msg& route) {
+  VornSdkRpc::noteOperation(context, operationOf(route), std::to_string(route.label()));
   // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): std::function frees it
   return change(context, route, mplsRoutes_, route.label(), route.request_delete(),
                 "MPLS route of this label", [this, route] {
@@ -194,6 +223,7 @@ grpc::Status RoutingService::set(grpc::ServerContext& context, const mpls_route_
 
 grpc::Status RoutingService::set(grpc::ServerContext& context,
                                  const cbf_nexthop_group_redirect_msg& redirect) {
+  VornSdkRpc::noteOperation(context, operationOf(redirect), redirect.match_nexthop_group());
   // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): std::function frees it
   return change(context, redirect, redirects_, redirect.match_nexthop_group(),
                 redirect.request_delete(), "redirect of this group", [this, redirect] {
@@ -204,6 +234,7 @@ grpc::Status RoutingService::set(grpc::ServerContext& context,
 }
 
 grpc::Status RoutingService::endSync(grpc::ServerContext& context) {
+  VornSdkRpc::noteOperation(context, "end sync", "routes");
   if (!mayChange(context, listen_)) return mayNot();
   if (!kernel_) return ok();
   return backlog_.add([this] { kernel_->sweep(); }, 0) ? ok() : tooMuchWaits();
@@ -250,6 +281,7 @@ std::optional<programming_msg> RoutingService::stateOf(const await_msg& what) co
 }
 
 rpc::Task<> RoutingService::await(rpc::Call& call, const await_msg& what, programming_msg& reply) {
+  VornSdkRpc::noteOperation(call.context(), "await", objectOf(what));
   rpc::Event event;
   std::optional<rpc::Events::Subscription> tried;
   if (kernel_) tried.emplace(kernel_->tried(), event);
@@ -266,6 +298,7 @@ rpc::Task<> RoutingService::await(rpc::Call& call, const await_msg& what, progra
 }
 
 rpc::Task<> RoutingService::awaitAll(rpc::Call& call, summary_msg& reply) {
+  VornSdkRpc::noteOperation(call.context(), "await", "everything", waiting());
   rpc::Event event;
   std::optional<rpc::Events::Subscription> tried;
   if (kernel_) tried.emplace(kernel_->tried(), event);

@@ -60,7 +60,10 @@ SbfdService::SbfdService(SbfdMonitor& monitor, Backlog& backlog,
 }
 
 grpc::Status SbfdService::set(grpc::ServerContext& context, const sbfd_echo_session_msg& session) {
-  const std::string key = session.session_key().SerializeAsString();
+  const auto& named = session.session_key();
+  VornSdkRpc::noteOperation(context, operationOf(session),
+                            named.outgoing_interface() + " " + toString(named.nexthop()));
+  const std::string key = named.SerializeAsString();
   if (!session.request_delete() && sessions_.size() >= kMaxSessions && !sessions_.contains(key))
     return {grpc::StatusCode::RESOURCE_EXHAUSTED, "there are 4096 sessions already"};
   // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): std::function frees it
@@ -71,6 +74,7 @@ grpc::Status SbfdService::set(grpc::ServerContext& context, const sbfd_echo_sess
 rpc::Task<> SbfdService::watch(rpc::Writer<Item>& watcher,
                                const watch_sbfd_echo_session_config_msg& config) {
   traceArrival(config);
+  VornSdkRpc::noteOperation(watcher.context(), "watch", "sessions");
   rpc::Event news;
   Sessions::Watcher statuses(monitor_.statuses(), news);
   std::optional<Sessions::Watcher> times;

@@ -9,6 +9,17 @@ namespace {
 
 constexpr std::size_t kMaxRead = std::size_t{1} << 20;
 
+// The key that is set or deleted, where it is one alone.
+void note(const grpc::ServerContext& context, const rpc_server_state_config_msg& config) {
+  const auto sets = static_cast<std::uint64_t>(config.set_size());
+  const auto deletes = static_cast<std::uint64_t>(config.delete__size());
+  const char* const operation = deletes == 0 ? "set" : sets == 0 ? "delete" : "set and delete";
+  const std::string object = sets + deletes != 1 ? "state"
+                             : sets == 1         ? config.set(0).key()
+                                                 : config.delete_(0).key();
+  VornSdkRpc::noteOperation(context, operation, object, sets + deletes);
+}
+
 }  // namespace
 
 StateService::StateService(Tables& tables, Backlog& backlog, const std::vector<std::string>& listen)
@@ -16,17 +27,23 @@ StateService::StateService(Tables& tables, Backlog& backlog, const std::vector<s
   method(&Async::RequestConfigure,
          [this](grpc::ServerContext& context, const rpc_server_state_config_msg& config,
                 rpc_status_msg&) { return configure(context, config); });
-  method(&Async::RequestRead,
-         [this](const state_keys_msg& keys, rpc_server_state_status_msg& reply) {
-           return read(keys, reply);
+  method(&Async::RequestRead, [this](grpc::ServerContext& context, const state_keys_msg& keys,
+                                     rpc_server_state_status_msg& reply) {
+    VornSdkRpc::noteOperation(context, "read", keys.key_size() == 1 ? keys.key(0) : "state",
+                              static_cast<std::uint64_t>(keys.key_size()));
+    return read(keys, reply);
+  });
+  method(&Async::RequestReadAll,
+         [this](rpc::Writer<rpc_server_state_status_msg>& parts, const read_all_msg&) {
+           VornSdkRpc::noteOperation(parts.context(), "read", "state", tables_.state.size());
+           return readAll(parts);
          });
-  method(&Async::RequestReadAll, [this](rpc::Writer<rpc_server_state_status_msg>& parts,
-                                        const read_all_msg&) { return readAll(parts); });
 }
 
 grpc::Status StateService::configure(grpc::ServerContext& context,
                                      const rpc_server_state_config_msg& config) {
   traceArrival(config);
+  note(context, config);
   if (!mayChange(context, listen_)) return mayNot();
   check(config);
   auto program = [this, config] {
