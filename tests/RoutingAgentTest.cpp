@@ -133,12 +133,12 @@ struct Agent {
   mutable Tables tables;
   SbfdMonitor monitor;
   Backlog backlog;
-  const std::vector<std::string> listen{host_};
-  test::RunningServer running{{std::make_shared<RoutingService>(tables, backlog, listen, nullptr),
-                               std::make_shared<SbfdService>(monitor, backlog, listen),
-                               std::make_shared<StateService>(tables, backlog, listen)},
-                              false,
-                              host_};
+  const Workings workings{tables, backlog, {host_}};
+  test::RunningServer running{
+      {std::make_shared<RoutingService>(workings, nullptr),
+       std::make_shared<SbfdService>(workings, monitor), std::make_shared<StateService>(workings)},
+      false,
+      host_};
   const StopBacklog stopBacklog{backlog};
 };
 

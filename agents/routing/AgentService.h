@@ -14,6 +14,7 @@
 #include "agents/routing/Backlog.h"
 #include "agents/routing/Check.h"
 #include "agents/routing/RoutingAgent.grpc.pb.h"
+#include "agents/routing/StateFile.h"
 #include "agents/routing/Tables.h"
 
 namespace routing_agent {
@@ -48,12 +49,35 @@ inline grpc::Status tooMuchWaits() {
   return {grpc::StatusCode::RESOURCE_EXHAUSTED, "too many changes wait to be programmed"};
 }
 
+// Records of the state file, by their messages.
+inline StateFile::Kind kindOf(const ip_route_msg&) { return StateFile::kRoute; }
+inline StateFile::Kind kindOf(const ip_prefix_msg&) { return StateFile::kRouteRemoved; }
+inline StateFile::Kind kindOf(const nexthop_group_msg&) { return StateFile::kGroup; }
+inline StateFile::Kind kindOf(const mpls_route_msg&) { return StateFile::kMplsRoute; }
+inline StateFile::Kind kindOf(const cbf_nexthop_group_redirect_msg&) {
+  return StateFile::kRedirect;
+}
+inline StateFile::Kind kindOf(const sbfd_echo_session_msg&) { return StateFile::kSession; }
+inline StateFile::Kind kindOf(const rpc_server_state_config_msg&) { return StateFile::kState; }
+
+// What every service of the agent works on.
+struct Workings {
+  Tables& tables;
+  Backlog& backlog;
+  const std::vector<std::string> listen;  // the addresses that the agent listens on
+  StateFile* file = nullptr;              // keeps what clients have set; null: nothing does
+};
+
 // What the agent's services have in common.
 template <typename Generated>
 class AgentService : public rpc::Service<Generated> {
  protected:
-  AgentService(std::string name, Backlog& backlog, const std::vector<std::string>& listen)
-      : rpc::Service<Generated>(std::move(name)), backlog_(backlog), listen_(listen) {}
+  AgentService(std::string name, const Workings& workings)
+      : rpc::Service<Generated>(std::move(name)),
+        tables_(workings.tables),
+        backlog_(workings.backlog),
+        listen_(workings.listen),
+        file_(workings.file) {}
 
   // One line for each message that arrives, at level 8.
   template <typename Message>
@@ -73,16 +97,54 @@ class AgentService : public rpc::Service<Generated> {
     check(message);
     if (deletes && !wanted.contains(key)) return notFound(what);
     const bool isNew = !deletes && wanted.insert(key).second;
-    if (!backlog_.add(std::move(program), message.SpaceUsedLong(), kind)) {
-      if (isNew) wanted.erase(key);
-      return tooMuchWaits();
-    }
-    if (deletes) wanted.erase(key);
-    return ok();
+    const auto status = keepAndProgram(message, std::move(program), kind);
+    if (status.ok() ? deletes : isNew) wanted.erase(key);
+    return status;
   }
 
+  // Puts a change on the backlog, once it is in the state file; a bulk one may be in the file only
+  // after keepAll().
+  template <typename Message>
+  grpc::Status keepAndProgram(const Message& message, Backlog::Change program,
+                              Backlog::Kind kind = Backlog::single) try {
+    if (!backlog_.hasRoom(kind)) return tooMuchWaits();
+    if (file_ && kind == Backlog::single) file_->keep(kindOf(message), message);
+    if (file_ && kind == Backlog::bulk) file_->add(kindOf(message), message);
+    if (file_ && file_->isFull()) file_->flush();
+    if (!backlog_.add(std::move(program), message.SpaceUsedLong(), kind)) return tooMuchWaits();
+    rewriteFile();
+    return ok();
+  } catch (const StateFile::Error& error) {
+    return notKept(error);
+  }
+
+  // Has every change so far in the state file.
+  grpc::Status keepAll() try {
+    if (file_) file_->flush();
+    return ok();
+  } catch (const StateFile::Error& error) {
+    return notKept(error);
+  }
+
+  Tables& tables_;
   Backlog& backlog_;
   const std::vector<std::string> listen_;
+
+ private:
+  // When the file has grown: behind all changes that are in it.
+  void rewriteFile() {
+    if (!file_ || !file_->grown()) return;
+    file_->flush();
+    file_->markRewrite();
+    if (!backlog_.add([file = file_] { file->rewrite(); }, 0)) file_->rewriteLater();
+  }
+
+  grpc::Status notKept(const StateFile::Error& error) const {
+    this->tracer_.trace0("%s", error.what());
+    return {grpc::StatusCode::RESOURCE_EXHAUSTED, error.what()};
+  }
+
+  StateFile* const file_;
 };
 
 }  // namespace routing_agent

@@ -29,6 +29,7 @@
 #include "agents/routing/ReloadOnSignal.h"
 #include "agents/routing/RoutingService.h"
 #include "agents/routing/SbfdService.h"
+#include "agents/routing/StateFile.h"
 #include "agents/routing/StateService.h"
 #include "agents/routing/Supervision.h"
 #include "agents/routing/Tables.h"
@@ -149,6 +150,14 @@ std::unique_ptr<KernelSync> kernelSync(const Options& options) try {
   throw UsageError(std::string("cannot program the kernel: ") + error.what());
 }
 
+// Null when nothing keeps what clients have set.
+std::unique_ptr<StateFile> stateFile(const Options& options, Tables& tables) try {
+  if (options.stateFile.empty()) return nullptr;
+  return std::make_unique<StateFile>(options.stateFile, tables);
+} catch (const StateFile::Error& error) {
+  throw UsageError(error.what());
+}
+
 // Listens on every address of the options, and answers the ports.
 std::vector<int> listen(VornSdkRpc::Listener& listener, const Options& options,
                         const Access& access, VornSdkRpc::CallAccounting* accounting) try {
@@ -210,16 +219,17 @@ void serve(const Options& options, const std::function<Options()>& readAgain) {
   const auto ports = listen(*listener, options, access, calls);
 
   Tables tables;
+  const auto file = stateFile(options, tables);
   const auto kernel = kernelSync(options);
   SbfdMonitor monitor(options.netns, [&kernel](const sbfd_echo_session_key_msg& key, bool down) {
     if (kernel) kernel->sessionIsDown(key, down);
   });
   Backlog backlog(options.stepTime, options.backlogMib << 20);
   const auto announcement = std::make_shared<Announcement>(options, ports);
+  const Workings workings{tables, backlog, options.listen, file.get()};
   std::vector<std::shared_ptr<VornSdkRpc::GrpcService>> services{
-      std::make_shared<RoutingService>(tables, backlog, options.listen, kernel.get()),
-      std::make_shared<SbfdService>(monitor, backlog, options.listen),
-      std::make_shared<StateService>(tables, backlog, options.listen),
+      std::make_shared<RoutingService>(workings, kernel.get()),
+      std::make_shared<SbfdService>(workings, monitor), std::make_shared<StateService>(workings),
       std::make_shared<PolicyService>(access.policy(), access.certificates())};
   if (calls) services.push_back(watchService(*calls, options));
   services.push_back(announcement);

@@ -63,6 +63,10 @@ const Option kOptions[] = {
      }},
     {"--keep-routes", "", "leave the routes in the kernel at a clean stop as well",
      [](Options& options, const Values&) { options.keepRoutes = true; }},
+    {"--state", "FILE",
+     "keep what clients have set in this file, so that it is there\n"
+     "again after a restart, also after a kill (default: it is not)",
+     [](Options& options, const Values& values) { options.stateFile = values[0]; }},
     {"--step-ms", "NUMBER",
      "programming 64 changes takes this long, as on slow\n"
      "hardware (default: 0)",

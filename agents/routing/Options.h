@@ -21,6 +21,7 @@ struct Options {
   bool programKernel = false;
   std::chrono::seconds kernelGrace{60};   // how long what was found in the kernel is kept
   bool keepRoutes = false;                // leave the routes in the kernel when the agent ends
+  std::string stateFile;                  // keeps what clients have set; empty: nothing does
   std::chrono::milliseconds stepTime{0};  // what programming a step takes
   std::size_t backlogMib = 64;            // mebibytes of changes that may wait to be programmed
   // Silence after which a peer is asked whether it lives.

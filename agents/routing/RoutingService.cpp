@@ -77,9 +77,15 @@ rpc::Task<> sendTable(rpc::Writer<Part>& writer, const get_msg& request, std::st
 
 }  // namespace
 
-RoutingService::RoutingService(Tables& tables, Backlog& backlog,
-                               const std::vector<std::string>& listen, KernelSync* kernel)
-    : AgentService("Routing", backlog, listen), tables_(tables), kernel_(kernel) {
+RoutingService::RoutingService(const Workings& workings, KernelSync* kernel)
+    : AgentService("Routing", workings), kernel_(kernel) {
+  const auto keysOf = [](const auto& table, auto& keys) {
+    table.forEach([&](const auto& key, const auto&) { keys.insert(keys.end(), key); });
+  };
+  keysOf(tables_.routes, routes_);
+  keysOf(tables_.groups, groups_);
+  keysOf(tables_.mplsRoutes, mplsRoutes_);
+  keysOf(tables_.redirects, redirects_);
   method(&Async::RequestSetRoute,
          [this](grpc::ServerContext& context, const ip_route_msg& route, rpc_status_msg&) {
            VornSdkRpc::noteOperation(context, "set", toString(route.prefix()));
@@ -155,11 +161,20 @@ void RoutingService::opened() {
     tables_.routes.removeIf(
         prefix, [](const ip_route_msg& route) { return route.nexthop_group().empty(); });
   });
-  for (const auto& prefix : adopted) {
-    ip_route_msg route;
-    *route.mutable_prefix() = prefix.message();
-    tables_.routes.set(prefix, std::move(route));
-  }
+  tables_.groups.forEach(
+      [this](const std::string&, const nexthop_group_msg& group) { kernel_->groupChanged(group); });
+  tables_.routes.forEach(
+      [this](const PrefixKey&, const ip_route_msg& route) { kernel_->routeSet(route); });
+  for (const auto& prefix : adopted)
+    adopt(prefix);
+}
+
+// A route of the kernel that nobody has set.
+void RoutingService::adopt(const PrefixKey& prefix) {
+  if (routes_.contains(prefix)) return;
+  ip_route_msg route;
+  *route.mutable_prefix() = prefix.message();
+  tables_.routes.set(prefix, std::move(route));
 }
 
 grpc::Status RoutingService::set(grpc::ServerContext& context, const ip_route_msg& route,
@@ -201,7 +216,7 @@ rpc::Task<> RoutingService::setAll(rpc::Reader<ip_route_msg>& routes, set_routes
     reply.set_accepted(reply.accepted() + 1);
   }
   if (routes.cancelled()) co_return grpc::Status::CANCELLED;
-  co_return grpc::Status::OK;
+  co_return keepAll();
 }
 
 grpc::Status RoutingService::set(grpc::ServerContext& context, const nexthop_group_msg& group) {

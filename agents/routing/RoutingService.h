@@ -13,13 +13,14 @@ namespace routing_agent {
 // IP and MPLS routes, next-hop groups and redirects.
 class RoutingService : public AgentService<Routing> {
  public:
-  // `kernel` is started with the server, and told of IP routes and groups as they are taken from
-  // the backlog; null: there is none, and what is taken from the backlog is programmed.
-  RoutingService(Tables& tables, Backlog& backlog, const std::vector<std::string>& listen,
-                 KernelSync* kernel);
+  // Begins with what is in the tables. `kernel` is started with the server, and told of IP routes
+  // and groups as they are taken from the backlog; null: there is none, and what is taken from the
+  // backlog is programmed.
+  RoutingService(const Workings& workings, KernelSync* kernel);
 
  private:
   void opened() override;
+  void adopt(const PrefixKey& prefix);
 
   grpc::Status set(grpc::ServerContext& context, const ip_route_msg& route,
                    Backlog::Kind kind = Backlog::single);
@@ -47,7 +48,6 @@ class RoutingService : public AgentService<Routing> {
   void unprogram(const ip_prefix_msg& prefix);
   void program(const nexthop_group_msg& group);
 
-  Tables& tables_;
   KernelSync* const kernel_;
   // What has been asked for, programmed or still on the backlog. Serving thread.
   std::set<PrefixKey> routes_;

@@ -46,9 +46,12 @@ std::optional<Item> nextOf(Sessions::Watcher& statuses, std::optional<Sessions::
 
 }  // namespace
 
-SbfdService::SbfdService(SbfdMonitor& monitor, Backlog& backlog,
-                         const std::vector<std::string>& listen)
-    : AgentService("Sbfd", backlog, listen), monitor_(monitor) {
+SbfdService::SbfdService(const Workings& workings, SbfdMonitor& monitor)
+    : AgentService("Sbfd", workings), monitor_(monitor) {
+  tables_.sessions.forEach([this](const std::string& key, const sbfd_echo_session_msg& session) {
+    sessions_.insert(key);
+    monitor_.set(session);
+  });
   method(&Async::RequestSetSession,
          [this](grpc::ServerContext& context, const sbfd_echo_session_msg& session,
                 rpc_status_msg&) { return set(context, session); });
@@ -68,7 +71,14 @@ grpc::Status SbfdService::set(grpc::ServerContext& context, const sbfd_echo_sess
     return {grpc::StatusCode::RESOURCE_EXHAUSTED, "there are 4096 sessions already"};
   // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): std::function frees it
   return change(context, session, sessions_, key, session.request_delete(), "session of this key",
-                [this, session] { monitor_.set(session); });
+                [this, key, session] {
+                  if (session.request_delete()) {
+                    tables_.sessions.remove(key);
+                  } else {
+                    tables_.sessions.set(key, session);
+                  }
+                  monitor_.set(session);
+                });
 }
 
 rpc::Task<> SbfdService::watch(rpc::Writer<Item>& watcher,

@@ -11,7 +11,8 @@ namespace routing_agent {
 // SBFD echo sessions and their watchers.
 class SbfdService : public AgentService<Sbfd> {
  public:
-  SbfdService(SbfdMonitor& monitor, Backlog& backlog, const std::vector<std::string>& listen);
+  // Begins with the sessions that are in the tables.
+  SbfdService(const Workings& workings, SbfdMonitor& monitor);
 
  private:
   grpc::Status set(grpc::ServerContext& context, const sbfd_echo_session_msg& session);

@@ -22,8 +22,7 @@ void note(const grpc::ServerContext& context, const rpc_server_state_config_msg&
 
 }  // namespace
 
-StateService::StateService(Tables& tables, Backlog& backlog, const std::vector<std::string>& listen)
-    : AgentService("State", backlog, listen), tables_(tables) {
+StateService::StateService(const Workings& workings) : AgentService("State", workings) {
   method(&Async::RequestConfigure,
          [this](grpc::ServerContext& context, const rpc_server_state_config_msg& config,
                 rpc_status_msg&) { return configure(context, config); });
@@ -46,13 +45,8 @@ grpc::Status StateService::configure(grpc::ServerContext& context,
   note(context, config);
   if (!mayChange(context, listen_)) return mayNot();
   check(config);
-  auto program = [this, config] {
-    for (const auto& entry : config.set())
-      tables_.state.set(entry.key(), entry.value());
-    for (const auto& removed : config.delete_())
-      tables_.state.remove(removed.key());
-  };
-  return backlog_.add(std::move(program), config.SpaceUsedLong()) ? ok() : tooMuchWaits();
+  // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): std::function frees it
+  return keepAndProgram(config, [this, config] { tables_.configureState(config); });
 }
 
 grpc::Status StateService::read(const state_keys_msg& keys,

@@ -85,6 +85,17 @@ class Table {
     return items_.size();
   }
 
+  // Gives `take` every item, in order. The table may change meanwhile, as between two parts.
+  template <typename Take>
+  void forEach(Take take) const {
+    std::optional<Key> last;
+    for (auto items = part(last); !items.empty(); items = part(last)) {
+      for (const auto& [key, value] : items)
+        take(key, value);
+      last = std::move(items.back().first);
+    }
+  }
+
   // At most kItemsPerPart items behind the key `after`, and no more when they take kBytesPerPart,
   // in order; from the start without a key. A reader goes on from the last key that it was given,
   // so the table may change between two parts. Empty: that was all.
@@ -111,7 +122,15 @@ struct Tables {
   Table<std::string, nexthop_group_msg> groups;
   Table<std::uint32_t, mpls_route_msg> mplsRoutes;
   Table<std::string, cbf_nexthop_group_redirect_msg> redirects;
+  Table<std::string, sbfd_echo_session_msg> sessions;  // by their serialized keys
   Table<std::string, std::string> state;
+
+  void configureState(const rpc_server_state_config_msg& config) {
+    for (const auto& entry : config.set())
+      state.set(entry.key(), entry.value());
+    for (const auto& removed : config.delete_())
+      state.remove(removed.key());
+  }
 };
 
 }  // namespace routing_agent
