@@ -2,8 +2,16 @@
 add_library(vorn_build_flags INTERFACE)
 target_compile_features(vorn_build_flags INTERFACE cxx_std_20)
 target_compile_options(
-  vorn_build_flags INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wnon-virtual-dtor -Woverloaded-virtual -Wformat=2
-                             $<$<BOOL:${VORNSDKRPC_WERROR}>:-Werror>
+  vorn_build_flags
+  INTERFACE -Wall
+            -Wextra
+            -Wpedantic
+            -Wshadow
+            -Wnon-virtual-dtor
+            -Woverloaded-virtual
+            -Wformat=2
+            $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
+            $<$<BOOL:${VORNSDKRPC_WERROR}>:-Werror>
 )
 if(VORNSDKRPC_SANITIZE)
   # g++ takes what a sanitizer adds to the standard library's std::regex for uses of uninitialized members.

@@ -6,12 +6,12 @@
 #include <Kiv/TraceHandle.h>
 #include <spdlog/sinks/base_sink.h>
 #include <syslog.h>
+#include <vorn/mutex.h>
 
 #include <algorithm>
 #include <chrono>
 #include <deque>
 #include <filesystem>
-#include <mutex>
 #include <string>
 #include <system_error>
 #include <unordered_set>
@@ -142,7 +142,7 @@ class LogHandle::Suppressor {
   explicit Suppressor(Velm::Duration interval) : interval_(interval) {}
 
   bool admit(std::uint32_t key) {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     const auto now = Clock::now();
     while (!written_.empty() && now - written_.front().first >= interval_)
       forgetOldest();
@@ -156,15 +156,15 @@ class LogHandle::Suppressor {
  private:
   static constexpr std::size_t kKeysMax = 4096;
 
-  void forgetOldest() {
+  void forgetOldest() VORN_REQUIRES(mutex_) {
     keys_.erase(written_.front().second);
     written_.pop_front();
   }
 
   const Velm::Duration interval_;
-  std::mutex mutex_;
-  std::deque<std::pair<Clock::time_point, std::uint32_t>> written_;
-  std::unordered_set<std::uint32_t> keys_;
+  vorn::mutex mutex_;
+  std::deque<std::pair<Clock::time_point, std::uint32_t>> written_ VORN_GUARDED_BY(mutex_);
+  std::unordered_set<std::uint32_t> keys_ VORN_GUARDED_BY(mutex_);
 };
 
 LogHandle::LogHandle(const LogDescriptor* descriptor, Velm::Duration interval, double /*factor*/,

@@ -3,11 +3,11 @@
 #include <fmt/format.h>
 #include <signal.h>
 #include <spdlog/details/log_msg_buffer.h>
+#include <vorn/mutex.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -43,7 +43,7 @@ class QueuedSink::Queue {
   explicit Queue(spdlog::sink_ptr behind) : behind_(std::move(behind)) {}
 
   void push(const spdlog::details::log_msg& message) {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     ++missing_;  // until it is known better
     if (lines_.size() == kLinesMax || bytes_ + message.payload.size() > kBytesMax) return;
     lines_.emplace_back(message);
@@ -54,15 +54,16 @@ class QueuedSink::Queue {
   }
 
   void flush() {
-    std::unique_lock lock(mutex_);
+    vorn::unique_lock lock(mutex_);
     if (done_ == stuckAt_) return;
     const auto last = pushed_;
-    if (!changed_.wait_for(lock, std::chrono::seconds(1), [&] { return done_ >= last; }))
+    if (!changed_.wait_for(lock, std::chrono::seconds(1),
+                           [&]() VORN_REQUIRES(mutex_) { return done_ >= last; }))
       stuckAt_ = done_;
   }
 
   void close() {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     closed_ = true;
     changed_.notify_all();
   }
@@ -83,8 +84,8 @@ class QueuedSink::Queue {
   // Waits for lines, and takes those that are queued together with the number of those that are
   // missing behind them. Answers false when there will be none any more.
   bool take(std::vector<spdlog::details::log_msg_buffer>& batch, std::uint64_t& missing) {
-    std::unique_lock lock(mutex_);
-    changed_.wait(lock, [this] { return closed_ || !lines_.empty(); });
+    vorn::unique_lock lock(mutex_);
+    changed_.wait(lock, [this]() VORN_REQUIRES(mutex_) { return closed_ || !lines_.empty(); });
     std::swap(batch, lines_);
     bytes_ = 0;
     missing = std::exchange(missing_, 0);
@@ -92,7 +93,7 @@ class QueuedSink::Queue {
   }
 
   void finish(std::vector<spdlog::details::log_msg_buffer>& batch, std::uint64_t untold) {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     done_ += batch.size();
     missing_ += untold;
     batch.clear();
@@ -123,15 +124,16 @@ class QueuedSink::Queue {
   }
 
   const spdlog::sink_ptr behind_;
-  std::mutex mutex_;
+  vorn::mutex mutex_;
   std::condition_variable changed_;
-  std::vector<spdlog::details::log_msg_buffer> lines_;
-  std::size_t bytes_ = 0;
-  std::uint64_t missing_ = 0;
-  std::uint64_t pushed_ = 0;
-  std::uint64_t done_ = 0;
-  std::uint64_t stuckAt_ = UINT64_MAX;  // what done_ was when a wait for more was in vain
-  bool closed_ = false;
+  std::vector<spdlog::details::log_msg_buffer> lines_ VORN_GUARDED_BY(mutex_);
+  std::size_t bytes_ VORN_GUARDED_BY(mutex_) = 0;
+  std::uint64_t missing_ VORN_GUARDED_BY(mutex_) = 0;
+  std::uint64_t pushed_ VORN_GUARDED_BY(mutex_) = 0;
+  std::uint64_t done_ VORN_GUARDED_BY(mutex_) = 0;
+  // What done_ was when a wait for more was in vain.
+  std::uint64_t stuckAt_ VORN_GUARDED_BY(mutex_) = UINT64_MAX;
+  bool closed_ VORN_GUARDED_BY(mutex_) = false;
 };
 
 QueuedSink::QueuedSink(spdlog::sink_ptr behind)

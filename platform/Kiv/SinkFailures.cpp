@@ -20,7 +20,7 @@ void SinkFailures::tellOf(spdlog::logger& logger, std::string what, Tell tell) {
 }
 
 void SinkFailures::handle(const std::vector<spdlog::sink_ptr>& sinks, const std::string& why) {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   const auto now = std::chrono::steady_clock::now();
   const bool known = isToldOf(sinks);
   count_ = known ? count_ + 1 : 1;

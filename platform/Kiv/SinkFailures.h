@@ -1,12 +1,12 @@
 #pragma once
 
 #include <spdlog/logger.h>
+#include <vorn/mutex.h>
 
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,14 +26,14 @@ class SinkFailures {
   SinkFailures(std::string what, Tell tell) : what_(std::move(what)), tell_(std::move(tell)) {}
 
   void handle(const std::vector<spdlog::sink_ptr>& sinks, const std::string& why);
-  bool isToldOf(const std::vector<spdlog::sink_ptr>& sinks) const;
+  bool isToldOf(const std::vector<spdlog::sink_ptr>& sinks) const VORN_REQUIRES(mutex_);
 
   const std::string what_;
   const Tell tell_;
-  std::mutex mutex_;
-  std::vector<std::weak_ptr<spdlog::sinks::sink>> toldOf_;
-  std::chrono::steady_clock::time_point toldAt_;
-  std::uint64_t count_ = 0;
+  vorn::mutex mutex_;
+  std::vector<std::weak_ptr<spdlog::sinks::sink>> toldOf_ VORN_GUARDED_BY(mutex_);
+  std::chrono::steady_clock::time_point toldAt_ VORN_GUARDED_BY(mutex_);
+  std::uint64_t count_ VORN_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace Kiv

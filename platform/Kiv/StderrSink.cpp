@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <vorn/mutex.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -17,9 +18,9 @@ using Clock = std::chrono::steady_clock;
 
 // Whose turn it is to write to standard error.
 struct Turns {
-  std::mutex mutex;
+  vorn::mutex mutex;
   std::condition_variable free;
-  bool taken = false;
+  bool taken VORN_GUARDED_BY(mutex) = false;
 };
 
 // Never destroyed: what is written at the end of the process goes through it, too.
@@ -32,13 +33,14 @@ Turns& turns() {
 class Turn {
  public:
   explicit Turn(Clock::time_point deadline) {
-    std::unique_lock lock(turns().mutex);
-    mine_ = turns().free.wait_until(lock, deadline, [] { return !turns().taken; });
-    if (mine_) turns().taken = true;
+    auto& [mutex, free, taken] = turns();
+    vorn::unique_lock lock(mutex);
+    mine_ = free.wait_until(lock, deadline, [&]() VORN_REQUIRES(mutex) { return !taken; });
+    if (mine_) taken = true;
   }
   ~Turn() {
     if (!mine_) return;
-    const std::lock_guard lock(turns().mutex);
+    const vorn::lock_guard lock(turns().mutex);
     turns().taken = false;
     turns().free.notify_one();
   }

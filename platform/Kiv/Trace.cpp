@@ -5,13 +5,13 @@
 #include <Kiv/SinkFailures.h>
 #include <Kiv/StderrSink.h>
 #include <fmt/format.h>
+#include <vorn/mutex.h>
 
 #include <atomic>
 #include <charconv>
 #include <chrono>
 #include <cstdlib>
 #include <memory>
-#include <mutex>
 #include <stdexcept>
 #include <unordered_set>
 #include <utility>
@@ -86,25 +86,25 @@ class TraceRegistry {
   }
 
   void add(TraceHandle& handle) {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     handles_.insert(&handle);
     apply(handle);
   }
 
   void remove(TraceHandle& handle) {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     handles_.erase(&handle);
   }
 
   void rulesAre(std::vector<TraceRule> rules) {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     rules_ = std::move(rules);
     for (auto* handle : handles_)
       apply(*handle);
   }
 
  private:
-  void apply(TraceHandle& handle) const {
+  void apply(TraceHandle& handle) const VORN_REQUIRES(mutex_) {
     std::uint32_t mask = 1;
     for (const auto& rule : rules_) {
       if (rule.name == "*" || rule.name == handle.name_) mask |= rule.mask;
@@ -112,9 +112,9 @@ class TraceRegistry {
     handle.mask_.store(mask, std::memory_order_relaxed);
   }
 
-  std::mutex mutex_;
-  std::vector<TraceRule> rules_;
-  std::unordered_set<TraceHandle*> handles_;
+  vorn::mutex mutex_;
+  std::vector<TraceRule> rules_ VORN_GUARDED_BY(mutex_);
+  std::unordered_set<TraceHandle*> handles_ VORN_GUARDED_BY(mutex_);
 };
 
 namespace {

@@ -35,7 +35,7 @@ std::pair<const Velm::ModuleInspectData*, unsigned> TaskScheduler::typeData() co
 }
 
 bool TaskScheduler::runOne() {
-  std::unique_lock lock(mutex_);
+  vorn::unique_lock lock(mutex_);
   Task* const task = takeNext();
   lock.unlock();
   if (task == nullptr) return false;
@@ -44,7 +44,7 @@ bool TaskScheduler::runOne() {
 }
 
 void TaskScheduler::run() {
-  std::unique_lock lock(mutex_);
+  vorn::unique_lock lock(mutex_);
   for (int idle = 0; !std::exchange(stopRequested_, false);) {
     if (Task* const task = takeNext()) {
       lock.unlock();
@@ -65,13 +65,13 @@ void TaskScheduler::run() {
 
 void TaskScheduler::stop() {
   // Woken with the lock held: once it is released, run() may return and its caller drop this.
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   stopRequested_ = true;
   wake_.notify_one();
 }
 
 void TaskScheduler::taskRunnableIs(Task& task, bool runnable) {
-  std::unique_lock lock(mutex_);
+  vorn::unique_lock lock(mutex_);
   if (task.runnable_ == runnable) return;
   if (!runnable) {
     unlink(task);
@@ -84,7 +84,7 @@ void TaskScheduler::taskRunnableIs(Task& task, bool runnable) {
 }
 
 void TaskScheduler::taskPriorityIs(Task& task, TaskPriority priority) {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   if (task.priority_ == priority) return;
   const bool runnable = task.runnable_;
   if (runnable) unlink(task);

@@ -4,11 +4,11 @@
 #include <Velm/Node.h>
 #include <Velm/String.h>
 #include <vorn/export.h>
+#include <vorn/mutex.h>
 
 #include <array>
 #include <condition_variable>
 #include <cstdint>
-#include <mutex>
 
 // The record of the type in the platform's introspection.
 extern "C" VORN_EXPORT const Velm::ModuleInspectData _TaskScheduler_731e0cc2f103bfdb_kivModule;
@@ -59,19 +59,21 @@ class VORN_EXPORT TaskScheduler : public Velm::Node {
   void taskPriorityIs(Task& task, TaskPriority priority);
 
   // With the mutex held.
-  void push(Task& task);
-  void unlink(Task& task);
-  Task* takeNext();
+  void push(Task& task) VORN_REQUIRES(mutex_);
+  void unlink(Task& task) VORN_REQUIRES(mutex_);
+  Task* takeNext() VORN_REQUIRES(mutex_);
 
   static void runTask(Task& task);
 
   const Velm::String name_;
-  std::mutex mutex_;  // guards what follows, and the place of every task in it
+  vorn::mutex mutex_;  // guards the place of every task as well
   std::condition_variable wake_;
-  bool sleeping_ = false;  // run() waits, and nobody has woken it yet
-  bool stopRequested_ = false;
-  std::array<std::uint64_t, 4> occupied_ = {};  // one bit per queue: it is not empty
-  std::array<Queue, 256> queues_ = {};          // one per priority, in order of arrival
+  bool sleeping_ VORN_GUARDED_BY(mutex_) = false;  // run() waits, and nobody has woken it yet
+  bool stopRequested_ VORN_GUARDED_BY(mutex_) = false;
+  std::array<std::uint64_t, 4> occupied_
+      VORN_GUARDED_BY(mutex_) = {};  // one bit per queue: it is not empty
+  std::array<Queue, 256> queues_
+      VORN_GUARDED_BY(mutex_) = {};  // one per priority, in order of arrival
 };
 
 }  // namespace Tarsk

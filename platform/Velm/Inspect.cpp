@@ -1,7 +1,8 @@
 #include <Velm/Inspect.h>
 
+#include <vorn/mutex.h>
+
 #include <algorithm>
-#include <mutex>
 #include <vector>
 
 namespace Velm {
@@ -9,8 +10,8 @@ namespace Velm {
 namespace {
 
 struct Modules {
-  std::mutex mutex;
-  std::vector<const ModuleInspectData*> records;
+  vorn::mutex mutex;
+  std::vector<const ModuleInspectData*> records VORN_GUARDED_BY(mutex);
 };
 
 // Made by the first module that is announced, and never destroyed.
@@ -28,13 +29,13 @@ int Inspect::opResEncRelNode(const Node* node, void* result) {
 
 void ModuleInspectData::loaded() const {
   auto& known = modules();
-  const std::lock_guard lock(known.mutex);
+  const vorn::lock_guard lock(known.mutex);
   known.records.push_back(this);
 }
 
 const ModuleInspectData* ModuleInspectData::find(std::string_view name) {
   auto& known = modules();
-  const std::lock_guard lock(known.mutex);
+  const vorn::lock_guard lock(known.mutex);
   const auto found =
       std::ranges::find(known.records, name, [](const auto* record) { return record->name(); });
   return found == known.records.end() ? nullptr : *found;
