@@ -84,7 +84,7 @@ CallJsonFile::CallJsonFile(std::string path)
     : file_(std::move(path)), torn_(file_.openedWithinLine()) {}
 
 void CallJsonFile::reopen() {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   file_.reopen();
   torn_ = file_.openedWithinLine();
 }
@@ -115,7 +115,7 @@ bool CallJsonFile::writeGap(const CallGap& gap) {
 
 // Writes the text, and answers how many of its lines are in the file as a whole.
 std::size_t CallJsonFile::linesWritten() {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   if (torn_) text_.insert(text_.begin(), '\n');
   const auto written = std::string_view(text_).substr(0, file_.append(text_));
   if (written.empty()) return 0;

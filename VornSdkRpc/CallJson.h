@@ -5,8 +5,8 @@
 #include <VornSdkRpc/CallRecord.h>
 #include <VornSdkRpc/CallSink.h>
 #include <vorn/export.h>
+#include <vorn/mutex.h>
 
-#include <mutex>
 #include <string>
 
 // Records as JSON, an object a line. A field that is not known, or empty, is left out.
@@ -50,9 +50,9 @@ class VORN_EXPORT CallJsonFile : public CallSink {
  private:
   VORN_NO_EXPORT std::size_t linesWritten();
 
-  std::mutex mutex_;
-  Kiv::AppendFile file_;
-  bool torn_;
+  vorn::mutex mutex_;
+  Kiv::AppendFile file_ VORN_GUARDED_BY(mutex_);
+  bool torn_ VORN_GUARDED_BY(mutex_);
   std::string text_;
 };
 

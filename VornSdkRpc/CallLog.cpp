@@ -97,24 +97,24 @@ CallLog::CallLog(CallLogOptions options)
 CallLog::~CallLog() = default;
 
 void CallLog::append(const CallRecord& record) noexcept {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   store(record);
   ++next_;
   wakeWhoWaits();
 }
 
 std::uint64_t CallLog::next() const {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   return next_;
 }
 
 std::uint64_t CallLog::oldest() const {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   return blocks_.empty() ? next_ : blocks_.front()->first();
 }
 
 std::size_t CallLog::memory() const {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   return memory_;
 }
 
@@ -166,7 +166,7 @@ void CallLog::wakeWhoWaits() {
   for (auto* reader : readers_) {
     if (reader->waits_) reader->changed_.notify_one();
   }
-  std::erase_if(wishes_, [this](const Wish& wish) {
+  std::erase_if(wishes_, [this](const Wish& wish) VORN_REQUIRES(mutex_) {
     if (wish.from >= next_) return false;
     wish.wake();
     return true;
@@ -174,7 +174,7 @@ void CallLog::wakeWhoWaits() {
 }
 
 std::uint64_t CallLog::read(std::uint64_t from, std::size_t max, Batch& batch) const {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   return readLocked(from, max, batch);
 }
 
@@ -198,7 +198,7 @@ std::uint64_t CallLog::readLocked(std::uint64_t from, std::size_t max, Batch& ba
 }
 
 std::uint64_t CallLog::wakeAt(std::uint64_t from, std::function<void()> wake) {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   if (from < next_) {
     wake();
     return 0;
@@ -208,55 +208,56 @@ std::uint64_t CallLog::wakeAt(std::uint64_t from, std::function<void()> wake) {
 }
 
 void CallLog::unwake(std::uint64_t wish) {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   std::erase_if(wishes_, [wish](const Wish& one) { return one.name == wish; });
 }
 
 CallLog::Reader::Reader(std::shared_ptr<CallLog> log) : log_(std::move(log)) {
-  const std::lock_guard lock(log_->mutex_);
+  const vorn::lock_guard lock(log_->mutex_);
   place_ = log_->blocks_.empty() ? log_->next_ : log_->blocks_.front()->first();
   log_->readers_.push_back(this);
 }
 
 CallLog::Reader::~Reader() {
-  const std::lock_guard lock(log_->mutex_);
+  const vorn::lock_guard lock(log_->mutex_);
   log_->readers_.remove(this);
   log_->forgetWhatIsRead();
 }
 
 bool CallLog::Reader::read(std::size_t max, Batch& batch) {
-  std::unique_lock lock(log_->mutex_);
+  vorn::unique_lock lock(log_->mutex_);
   waits_ = true;
-  changed_.wait(lock, [this] { return closed_ || place_ < log_->next_; });
+  changed_.wait(lock,
+                [this]() VORN_REQUIRES(log_->mutex_) { return closed_ || place_ < log_->next_; });
   waits_ = false;
   log_->readLocked(place_, max, batch);
   return place_ < log_->next_;
 }
 
 void CallLog::Reader::advance(const Batch& batch, std::size_t records) {
-  const std::lock_guard lock(log_->mutex_);
+  const vorn::lock_guard lock(log_->mutex_);
   place_ += batch.gap.count + records;
   missed_ += batch.gap.count;
   log_->forgetWhatIsRead();
 }
 
 bool CallLog::Reader::rest(std::chrono::milliseconds time) {
-  std::unique_lock lock(log_->mutex_);
+  vorn::unique_lock lock(log_->mutex_);
   return !changed_.wait_for(lock, time, [this] { return closed_; });
 }
 
 std::uint64_t CallLog::Reader::left() const {
-  const std::lock_guard lock(log_->mutex_);
+  const vorn::lock_guard lock(log_->mutex_);
   return log_->next_ - place_;
 }
 
 std::uint64_t CallLog::Reader::missed() const {
-  const std::lock_guard lock(log_->mutex_);
+  const vorn::lock_guard lock(log_->mutex_);
   return missed_;
 }
 
 void CallLog::Reader::close() {
-  const std::lock_guard lock(log_->mutex_);
+  const vorn::lock_guard lock(log_->mutex_);
   closed_ = true;
   changed_.notify_all();
 }

@@ -2,6 +2,7 @@
 
 #include <VornSdkRpc/CallRecord.h>
 #include <vorn/export.h>
+#include <vorn/mutex.h>
 
 #include <chrono>
 #include <condition_variable>
@@ -11,7 +12,6 @@
 #include <functional>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -136,24 +136,25 @@ class VORN_EXPORT CallLog {
     std::function<void()> wake;
   };
 
-  VORN_NO_EXPORT void store(const CallRecord& record) noexcept;
-  VORN_NO_EXPORT void makeRoom();
-  VORN_NO_EXPORT void forgetOldest();
-  VORN_NO_EXPORT void forgetWhatIsRead();
-  VORN_NO_EXPORT std::uint64_t placeOfSlowest() const;
-  VORN_NO_EXPORT std::uint64_t readLocked(std::uint64_t from, std::size_t max, Batch& batch) const;
-  VORN_NO_EXPORT void wakeWhoWaits();
+  VORN_NO_EXPORT void store(const CallRecord& record) noexcept VORN_REQUIRES(mutex_);
+  VORN_NO_EXPORT void makeRoom() VORN_REQUIRES(mutex_);
+  VORN_NO_EXPORT void forgetOldest() VORN_REQUIRES(mutex_);
+  VORN_NO_EXPORT void forgetWhatIsRead() VORN_REQUIRES(mutex_);
+  VORN_NO_EXPORT std::uint64_t placeOfSlowest() const VORN_REQUIRES(mutex_);
+  VORN_NO_EXPORT std::uint64_t readLocked(std::uint64_t from, std::size_t max, Batch& batch) const
+      VORN_REQUIRES(mutex_);
+  VORN_NO_EXPORT void wakeWhoWaits() VORN_REQUIRES(mutex_);
 
   const CallLogOptions options_;
   const std::size_t blockSize_;
   const std::string run_;
-  mutable std::mutex mutex_;
-  std::uint64_t next_ = 1;
-  std::size_t memory_ = 0;
-  Blocks blocks_;
-  std::list<Reader*> readers_;
-  std::vector<Wish> wishes_;
-  std::uint64_t nextWish_ = 1;
+  mutable vorn::mutex mutex_;
+  std::uint64_t next_ VORN_GUARDED_BY(mutex_) = 1;
+  std::size_t memory_ VORN_GUARDED_BY(mutex_) = 0;
+  Blocks blocks_ VORN_GUARDED_BY(mutex_);
+  std::list<Reader*> readers_ VORN_GUARDED_BY(mutex_);
+  std::vector<Wish> wishes_ VORN_GUARDED_BY(mutex_);
+  std::uint64_t nextWish_ VORN_GUARDED_BY(mutex_) = 1;
 };
 
 }  // namespace VornSdkRpc

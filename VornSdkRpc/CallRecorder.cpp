@@ -7,13 +7,13 @@
 #include <grpc/grpc.h>
 #include <grpc/support/alloc.h>
 #include <grpcpp/server_context.h>
+#include <vorn/mutex.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <utility>
 
 namespace VornSdkRpc {
@@ -46,8 +46,8 @@ bool isStream(const grpc::experimental::ServerRpcInfo& info) {
 // NotedCall
 
 struct NotedCall::Bucket {
-  std::mutex mutex;
-  NotedCall* first = nullptr;
+  vorn::mutex mutex;
+  NotedCall* first VORN_GUARDED_BY(mutex) = nullptr;
 };
 
 NotedCall::Bucket& NotedCall::bucketOf(const grpc::ServerContextBase* call) {
@@ -59,13 +59,13 @@ NotedCall::Bucket& NotedCall::bucketOf(const grpc::ServerContextBase* call) {
 NotedCall::NotedCall(const grpc::ServerContextBase* call) : call_(call) {
   if (!anyNoted.load(std::memory_order_relaxed)) anyNoted = true;
   auto& bucket = bucketOf(call_);
-  const std::lock_guard lock(bucket.mutex);
+  const vorn::lock_guard lock(bucket.mutex);
   next_ = std::exchange(bucket.first, this);
 }
 
 CallNote NotedCall::take() {
   auto& bucket = bucketOf(call_);
-  const std::lock_guard lock(bucket.mutex);
+  const vorn::lock_guard lock(bucket.mutex);
   if (std::exchange(listed_, false)) {
     auto** link = &bucket.first;
     while (*link != this)
@@ -80,7 +80,7 @@ template <typename Change>
 void NotedCall::change(const grpc::ServerContextBase* call, Change change) {
   if (!anyNoted.load(std::memory_order_relaxed)) return;
   auto& bucket = bucketOf(call);
-  const std::lock_guard lock(bucket.mutex);
+  const vorn::lock_guard lock(bucket.mutex);
   for (auto* noted = bucket.first; noted != nullptr; noted = noted->next_) {
     if (noted->call_ == call) return change(noted->note_);
   }

@@ -11,11 +11,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vorn/error.h>
+#include <vorn/mutex.h>
 #include <vorn/tracer.h>
 
 #include <cerrno>
 #include <exception>
-#include <mutex>
 #include <optional>
 #include <system_error>
 #include <utility>
@@ -85,7 +85,7 @@ class InUse {
 
   void setIs(std::shared_ptr<const CertificateSet> set) {
     auto state = set->state();
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     state.generation = state_.generation + 1;
     state.loaded = system_clock::now();
     state_ = std::move(state);
@@ -93,18 +93,18 @@ class InUse {
   }
 
   std::shared_ptr<const CertificateSet> set() const {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     return set_;
   }
   CertificateState state() const {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     return state_;
   }
 
  private:
-  mutable std::mutex mutex_;
-  std::shared_ptr<const CertificateSet> set_;
-  CertificateState state_{};
+  mutable vorn::mutex mutex_;
+  std::shared_ptr<const CertificateSet> set_ VORN_GUARDED_BY(mutex_);
+  CertificateState state_ VORN_GUARDED_BY(mutex_){};
 };
 
 // Fails the handshake of a certificate that has been revoked.
@@ -225,7 +225,7 @@ class Certificates::Impl {
 
   // A change is taken when it is good; on the watch's thread, not before it has been seen twice.
   bool look(bool twice) {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     try {
       take(CertificateTexts::read(files_), twice);
     } catch (const vorn::configuration_error& error) {
@@ -238,14 +238,14 @@ class Certificates::Impl {
   }
 
   std::string error() const {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     return error_;
   }
 
   CertificateState state() const { return inUse_->state(); }
 
  private:
-  void take(CertificateTexts texts, bool twice) {
+  void take(CertificateTexts texts, bool twice) VORN_REQUIRES(mutex_) {
     if (texts == used_) return error_.clear();
     const bool seen = texts == seen_;
     seen_ = texts;
@@ -262,7 +262,7 @@ class Certificates::Impl {
   }
 
   // Tells once what is wrong, however often it is seen.
-  void refused(const char* why) {
+  void refused(const char* why) VORN_REQUIRES(mutex_) {
     if (error_ == why) return;
     error_ = why;
     tracer().trace0("the certificates stay as they were: %s", why);
@@ -270,15 +270,15 @@ class Certificates::Impl {
 
   const CertificateFiles files_;
   const CertificateOptions options_;
-  mutable std::mutex mutex_;  // guards what follows; inUse_ guards itself
-  CertificateTexts used_;
-  CertificateTexts seen_;
-  std::string error_;
+  mutable vorn::mutex mutex_;
+  CertificateTexts used_ VORN_GUARDED_BY(mutex_);
+  CertificateTexts seen_ VORN_GUARDED_BY(mutex_);
+  std::string error_ VORN_GUARDED_BY(mutex_);
   const std::shared_ptr<InUse> inUse_;
   const std::shared_ptr<Withdrawal> withdrawal_ = std::make_shared<Withdrawal>();
   SwitchedFile identity_;
   SwitchedFile authorities_;
-  Expiry expiry_;
+  Expiry expiry_ VORN_GUARDED_BY(mutex_);
   std::optional<FileWatch> watch_;  // last: its thread uses the others
 };
 

@@ -10,6 +10,7 @@
 #include <poll.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <vorn/mutex.h>
 #include <vorn/tracer.h>
 
 #include <algorithm>
@@ -18,7 +19,6 @@
 #include <cstring>
 #include <exception>
 #include <limits>
-#include <mutex>
 #include <stdexcept>
 #include <system_error>
 #include <thread>
@@ -223,7 +223,7 @@ class Listener::Accepting {
   }
 
   void start(std::size_t connectionsPerPeer, std::chrono::milliseconds unacknowledgedTime) {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     if (started_.exchange(true)) return;
     unacknowledgedTime_ = unacknowledgedTime;
     connectionsPerPeer_ = connectionsPerPeer;
@@ -231,7 +231,7 @@ class Listener::Accepting {
   }
 
   void stop() {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     started_ = true;  // a start comes too late
     running_.close();
     if (thread_.joinable()) thread_.join();
@@ -239,7 +239,7 @@ class Listener::Accepting {
   }
 
   void closeConnections() {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     if (started_ && !thread_.joinable()) connections_.closeAll();
   }
 
@@ -395,7 +395,7 @@ class Listener::Accepting {
   }
 
   const vorn::tracer tracer_{"Listener"};
-  std::mutex mutex_;  // of start() and stop()
+  vorn::mutex mutex_;  // of start() and stop()
   std::atomic<bool> started_ = false;
   OwnDescriptor stopped_;  // the end of a pipe that hangs up when `running_`, the other one, closes
   OwnDescriptor running_;

@@ -94,14 +94,14 @@ void LocalCallers::forgetOldNames() {
 }
 
 void LocalIdentity::callerIs(LocalCaller caller) {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   caller_ = std::move(caller);
 }
 
 grpc::Status LocalIdentity::Process(const InputMetadata& metadata, grpc::AuthContext* connection,
                                     OutputMetadata* consumed, OutputMetadata* response) {
   {
-    const std::lock_guard lock(mutex_);  // calls of one connection come on several threads
+    const vorn::lock_guard lock(mutex_);  // calls of one connection come on several threads
     if (connection->FindPropertyValues(kProof).empty()) {
       if (caller_.empty()) return {grpc::StatusCode::UNAUTHENTICATED, "the caller is not known"};
       for (const auto& [name, value] : caller_)

@@ -2,12 +2,12 @@
 
 #include <grpcpp/security/auth_metadata_processor.h>
 #include <sys/types.h>
+#include <vorn/mutex.h>
 
 #include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 
@@ -52,8 +52,8 @@ class LocalIdentity : public grpc::AuthMetadataProcessor {
 
  private:
   const std::shared_ptr<grpc::AuthMetadataProcessor> next_;
-  std::mutex mutex_;
-  LocalCaller caller_;
+  vorn::mutex mutex_;
+  LocalCaller caller_ VORN_GUARDED_BY(mutex_);
 };
 
 }  // namespace VornSdkRpc

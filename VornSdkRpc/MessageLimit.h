@@ -1,8 +1,9 @@
 #pragma once
 
+#include <vorn/mutex.h>
+
 #include <chrono>
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <utility>
 
@@ -13,7 +14,7 @@ class MessageLimit {
  public:
   // The number of messages that were held back before this one, or nothing when it is held back.
   std::optional<std::uint64_t> admit() {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     const auto now = std::chrono::steady_clock::now();
     if (next_ && now < *next_) {
       ++heldBack_;
@@ -24,9 +25,9 @@ class MessageLimit {
   }
 
  private:
-  std::mutex mutex_;
-  std::optional<std::chrono::steady_clock::time_point> next_;
-  std::uint64_t heldBack_ = 0;
+  vorn::mutex mutex_;
+  std::optional<std::chrono::steady_clock::time_point> next_ VORN_GUARDED_BY(mutex_);
+  std::uint64_t heldBack_ VORN_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace VornSdkRpc

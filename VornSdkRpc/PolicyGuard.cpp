@@ -2,12 +2,12 @@
 
 #include <VornSdkRpc/FileWatch.h>
 #include <vorn/error.h>
+#include <vorn/mutex.h>
 #include <vorn/tracer.h>
 
 #include <atomic>
 #include <exception>
 #include <map>
-#include <mutex>
 #include <utility>
 
 namespace VornSdkRpc {
@@ -78,7 +78,7 @@ class PolicyGuard::Impl {
   void policyIs(Policy policy) {
     auto next = std::make_shared<InForce>(
         InForce{std::move(policy), 1, std::chrono::system_clock::now(), {}});
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     for (const auto& rule : next->policy.rules())
       next->hits.push_back(counterOf(rule));
     if (inForce_) next->generation = inForce_->generation + 1;
@@ -86,7 +86,7 @@ class PolicyGuard::Impl {
   }
 
   std::shared_ptr<const InForce> inForce() const {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     return inForce_;
   }
 
@@ -127,7 +127,7 @@ class PolicyGuard::Impl {
 
  private:
   // A rule's counter; that of the rule of the same name in the policy before, if there is one.
-  Counter counterOf(const PolicyRule& rule) const {
+  Counter counterOf(const PolicyRule& rule) const VORN_REQUIRES(mutex_) {
     if (inForce_) {
       const auto& before = inForce_->policy.rules();
       for (std::size_t i = 0; i < before.size(); ++i) {
@@ -151,8 +151,8 @@ class PolicyGuard::Impl {
 
   const PolicyOptions options_;
   const Counter unmatched_ = newCounter();
-  mutable std::mutex mutex_;  // guards the pointer, for the time of a copy
-  std::shared_ptr<const InForce> inForce_;
+  mutable vorn::mutex mutex_;  // guards the pointer, for the time of a copy
+  std::shared_ptr<const InForce> inForce_ VORN_GUARDED_BY(mutex_);
 };
 
 PolicyGuard::PolicyGuard(Policy policy, PolicyOptions options)
@@ -221,6 +221,7 @@ class PolicyFile::Impl {
 
   // What the file holds now.
   Policy read() {
+    const vorn::lock_guard lock(mutex_);
     seen_ = readFile(path_, kLongest);
     return parsed();
   }
@@ -231,7 +232,7 @@ class PolicyFile::Impl {
   }
 
   bool look() {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     try {
       auto text = readFile(path_, kLongest);
       if (text == seen_ && readable_) return error_.empty();
@@ -251,29 +252,29 @@ class PolicyFile::Impl {
   }
 
   std::string error() const {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     return error_;
   }
 
  private:
-  Policy parsed() const try {
+  Policy parsed() const VORN_REQUIRES(mutex_) try {
     return Policy::parse(seen_);
   } catch (const vorn::configuration_error& error) {
     throw vorn::configuration_error(path_ + ": " + error.what());
   }
 
   // Tells once what is wrong, however often it is seen.
-  void refused(const char* why) {
+  void refused(const char* why) VORN_REQUIRES(mutex_) {
     if (error_ == why) return;
     error_ = why;
     tracer().trace0("the policy stays as it was: %s", why);
   }
 
   const std::string path_;
-  mutable std::mutex mutex_;
-  std::string seen_;
-  bool readable_ = true;
-  std::string error_;
+  mutable vorn::mutex mutex_;
+  std::string seen_ VORN_GUARDED_BY(mutex_);
+  bool readable_ VORN_GUARDED_BY(mutex_) = true;
+  std::string error_ VORN_GUARDED_BY(mutex_);
   std::shared_ptr<PolicyGuard> guard_;
   std::unique_ptr<FileWatch> watch_;  // last: its thread uses the others
 };

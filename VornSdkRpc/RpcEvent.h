@@ -11,8 +11,7 @@
 // synchronisation. Whoever calls set() must have stopped doing so when the event is destroyed.
 
 #include <vorn/export.h>
-
-#include <mutex>
+#include <vorn/mutex.h>
 
 namespace VornSdkRpc::rpc {
 
@@ -43,9 +42,9 @@ class VORN_EXPORT Event {
   // From now on set() wakes this one, and at once when it is set; null: nobody.
   VORN_NO_EXPORT void wakes(detail::Sleeper* sleeper);
 
-  std::mutex mutex_;
-  bool set_ = false;
-  detail::Sleeper* waiting_ = nullptr;
+  vorn::mutex mutex_;
+  bool set_ VORN_GUARDED_BY(mutex_) = false;
+  detail::Sleeper* waiting_ VORN_GUARDED_BY(mutex_) = nullptr;
 };
 
 }  // namespace VornSdkRpc::rpc

@@ -5,12 +5,12 @@
 namespace VornSdkRpc::rpc {
 
 Events::Subscription::Subscription(Events& hub, Event& event) : hub_(hub) {
-  const std::lock_guard lock(hub_.mutex_);
+  const vorn::lock_guard lock(hub_.mutex_);
   place_ = hub_.events_.insert(hub_.events_.end(), &event);
 }
 
 Events::Subscription::~Subscription() {
-  const std::lock_guard lock(hub_.mutex_);
+  const vorn::lock_guard lock(hub_.mutex_);
   hub_.events_.erase(place_);
 }
 
@@ -19,13 +19,13 @@ Events::Events() = default;
 Events::~Events() { assert(events_.empty() && "a subscription outlives its hub"); }
 
 void Events::set() {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   for (Event* event : events_)
     event->set();
 }
 
 std::size_t Events::subscriptions() const {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   return events_.size();
 }
 

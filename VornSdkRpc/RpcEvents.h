@@ -24,10 +24,10 @@
 
 #include <VornSdkRpc/RpcEvent.h>
 #include <vorn/export.h>
+#include <vorn/mutex.h>
 
 #include <cstddef>
 #include <list>
-#include <mutex>
 
 namespace VornSdkRpc::rpc {
 
@@ -68,8 +68,8 @@ class VORN_EXPORT Events {
   std::size_t subscriptions() const;
 
  private:
-  mutable std::mutex mutex_;
-  std::list<Event*> events_;
+  mutable vorn::mutex mutex_;
+  std::list<Event*> events_ VORN_GUARDED_BY(mutex_);
 };
 
 }  // namespace VornSdkRpc::rpc

@@ -28,12 +28,12 @@ PublishedTable::~PublishedTable() {
 }
 
 std::size_t PublishedTable::size() const {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   return size_;
 }
 
 PublishedVersion PublishedTable::version() const {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   return {run_, version_};
 }
 
@@ -73,12 +73,14 @@ void PublishedTable::tell(PublishedEntry& entry, const Before& before) {
     for (PublishedRecord* record : entry.records)
       record->watcher.seen_ = version_;
     for (PublishedWatcher* watcher : behind_) {
+      watcher->table_.mutex_.assert_held();
       if (watcher->seen_ != version_) watcher->tell(entry, before);
     }
   }
   if (entry.removed) dropUnknown(entry);
   while (!idle_.empty()) {
     PublishedWatcher* const watcher = idle_.front();
+    watcher->table_.mutex_.assert_held();
     watcher->idleIs(false);
     watcher->tell(entry, before);
   }
@@ -88,6 +90,7 @@ void PublishedTable::tell(PublishedEntry& entry, const Before& before) {
 void PublishedTable::dropUnknown(PublishedEntry& entry) {
   for (std::size_t i = entry.records.size(); i-- > 0;) {
     PublishedRecord& record = *entry.records[i];
+    record.watcher.table_.mutex_.assert_held();
     if (!record.known) record.watcher.drop(record);
   }
 }
@@ -99,6 +102,7 @@ void PublishedTable::forgetOldest() {
   forgotten_ = oldest.changed;
   if (resuming_ != 0) {
     for (PublishedWatcher* watcher : behind_) {
+      watcher->table_.mutex_.assert_held();
       if (watcher->resuming_ && watcher->awaits(oldest.changed)) watcher->lose();
     }
   }
@@ -118,7 +122,7 @@ void PublishedTable::release(PublishedEntry& entry) {
 
 PublishedWatcher::PublishedWatcher(PublishedTable& table, Event& news, const WatchOptions& options)
     : table_(table), news_(news) {
-  const std::lock_guard lock(table_.mutex_);
+  const vorn::lock_guard lock(table_.mutex_);
   place_ = table_.behind_.insert(table_.behind_.end(), this);
   const auto& resume = options.resume;
   if (resume && resume->run == table_.run_ && resume->number <= table_.version_ &&
@@ -133,14 +137,14 @@ PublishedWatcher::PublishedWatcher(PublishedTable& table, Event& news, const Wat
 }
 
 PublishedWatcher::~PublishedWatcher() {
-  const std::lock_guard lock(table_.mutex_);
+  const vorn::lock_guard lock(table_.mutex_);
   clear();
   idleIs(false);
   table_.behind_.erase(place_);
 }
 
 std::optional<PublishedWatcher::Item> PublishedWatcher::next() {
-  const std::lock_guard lock(table_.mutex_);
+  const vorn::lock_guard lock(table_.mutex_);
   if (std::exchange(lost_, false)) begin();
   if (!std::exchange(begun_, true)) return Item{News::snapshot, nullptr, 0, version()};
   if (walked_ < until_) return walk();
@@ -151,7 +155,7 @@ std::optional<PublishedWatcher::Item> PublishedWatcher::next() {
 }
 
 std::size_t PublishedWatcher::waiting() const {
-  const std::lock_guard lock(table_.mutex_);
+  const vorn::lock_guard lock(table_.mutex_);
   return queue_.size();
 }
 

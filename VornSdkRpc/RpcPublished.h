@@ -41,6 +41,7 @@
 
 #include <VornSdkRpc/RpcEvent.h>
 #include <vorn/export.h>
+#include <vorn/mutex.h>
 
 #include <cassert>
 #include <cstddef>
@@ -49,7 +50,6 @@
 #include <list>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -124,12 +124,12 @@ class VORN_EXPORT PublishedTable {
   // With the lock held. Takes over the last change of a key, and answers the one before. When it
   // throws, nothing has changed, and an entry that is new is to be erased.
   std::shared_ptr<const void> publish(PublishedEntry& entry, std::shared_ptr<const void> change,
-                                      bool removal);
+                                      bool removal) VORN_REQUIRES(mutex_);
 
   // Called with the lock held: the entry is not needed any more.
-  virtual void erase(PublishedEntry& entry) noexcept = 0;
+  virtual void erase(PublishedEntry& entry) noexcept VORN_REQUIRES(mutex_) = 0;
 
-  mutable std::mutex mutex_;
+  mutable vorn::mutex mutex_;
 
  private:
   friend class PublishedWatcher;
@@ -141,22 +141,25 @@ class VORN_EXPORT PublishedTable {
     std::uint64_t changes;
   };
 
-  void enlist(PublishedEntry& entry, bool removal);
-  void tell(PublishedEntry& entry, const Before& before);
-  void dropUnknown(PublishedEntry& entry);
-  void forgetOldest();
-  void release(PublishedEntry& entry);
+  void enlist(PublishedEntry& entry, bool removal) VORN_REQUIRES(mutex_);
+  void tell(PublishedEntry& entry, const Before& before) VORN_REQUIRES(mutex_);
+  void dropUnknown(PublishedEntry& entry) VORN_REQUIRES(mutex_);
+  void forgetOldest() VORN_REQUIRES(mutex_);
+  void release(PublishedEntry& entry) VORN_REQUIRES(mutex_);
 
   const std::uint64_t run_;
   const std::size_t removals_;
-  std::uint64_t version_ = 0;
-  std::uint64_t forgotten_ = 0;  // version of the newest removal that is not remembered
-  std::size_t size_ = 0;
-  std::size_t resuming_ = 0;             // watchers
-  std::list<PublishedEntry*> order_;     // in the order of their last changes
-  std::list<PublishedEntry*> removed_;   // those removed, oldest first
-  std::list<PublishedWatcher*> behind_;  // watchers that have something to take, and
-  std::list<PublishedWatcher*> idle_;    // those that have nothing
+  std::uint64_t version_ VORN_GUARDED_BY(mutex_) = 0;
+  // Version of the newest removal that is not remembered.
+  std::uint64_t forgotten_ VORN_GUARDED_BY(mutex_) = 0;
+  std::size_t size_ VORN_GUARDED_BY(mutex_) = 0;
+  std::size_t resuming_ VORN_GUARDED_BY(mutex_) = 0;  // watchers
+  // In the order of their last changes, and those removed, oldest first.
+  std::list<PublishedEntry*> order_ VORN_GUARDED_BY(mutex_);
+  std::list<PublishedEntry*> removed_ VORN_GUARDED_BY(mutex_);
+  // Watchers that have something to take, and those that have nothing.
+  std::list<PublishedWatcher*> behind_ VORN_GUARDED_BY(mutex_);
+  std::list<PublishedWatcher*> idle_ VORN_GUARDED_BY(mutex_);
 };
 
 // What is the same for watchers of all types.
@@ -181,18 +184,20 @@ class VORN_EXPORT PublishedWatcher {
   friend class PublishedTable;
 
   bool awaits(std::uint64_t changed) const { return walked_ < changed && changed <= until_; }
-  PublishedVersion version() const;
-  void begin();
-  void beginAt(std::uint64_t version);
-  void clear();
-  void lose();
-  void idleIs(bool idle);
-  void settle();
-  Item walk();
-  Item take();
-  void tell(PublishedEntry& entry, const PublishedTable::Before& before);
-  void remember(PublishedEntry& entry, std::uint64_t told, bool known, bool owed);
-  void drop(PublishedRecord& record);
+  PublishedVersion version() const VORN_REQUIRES(table_.mutex_);
+  void begin() VORN_REQUIRES(table_.mutex_);
+  void beginAt(std::uint64_t version) VORN_REQUIRES(table_.mutex_);
+  void clear() VORN_REQUIRES(table_.mutex_);
+  void lose() VORN_REQUIRES(table_.mutex_);
+  void idleIs(bool idle) VORN_REQUIRES(table_.mutex_);
+  void settle() VORN_REQUIRES(table_.mutex_);
+  Item walk() VORN_REQUIRES(table_.mutex_);
+  Item take() VORN_REQUIRES(table_.mutex_);
+  void tell(PublishedEntry& entry, const PublishedTable::Before& before)
+      VORN_REQUIRES(table_.mutex_);
+  void remember(PublishedEntry& entry, std::uint64_t told, bool known, bool owed)
+      VORN_REQUIRES(table_.mutex_);
+  void drop(PublishedRecord& record) VORN_REQUIRES(table_.mutex_);
 
   PublishedTable& table_;
   Event& news_;
@@ -298,7 +303,7 @@ class Published : private detail::PublishedTable {
   void set(Key key, Value value) {
     auto change = std::make_shared<const Change>(Change{std::move(key), std::move(value)});
     std::shared_ptr<const void> before;  // destroyed without the lock
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     const auto [place, added] = entries_.try_emplace(change->key);
     try {
       before = publish(place->second, std::move(change), false);
@@ -312,7 +317,7 @@ class Published : private detail::PublishedTable {
   bool remove(const Key& key) {
     auto change = std::make_shared<const Change>(Change{key, std::nullopt});
     std::shared_ptr<const void> before;  // destroyed without the lock
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     const auto place = entries_.find(key);
     if (place == entries_.end() || place->second.removed) return false;
     before = publish(place->second, std::move(change), true);
@@ -321,7 +326,7 @@ class Published : private detail::PublishedTable {
 
   // The value of a key, or null.
   std::shared_ptr<const Value> find(const Key& key) const {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     const auto place = entries_.find(key);
     if (place == entries_.end() || place->second.removed) return nullptr;
     const auto change = std::static_pointer_cast<const Change>(place->second.change);
@@ -339,11 +344,11 @@ class Published : private detail::PublishedTable {
     return static_cast<const Change*>(entry.change.get())->key;
   }
 
-  void erase(detail::PublishedEntry& entry) noexcept override {
+  void erase(detail::PublishedEntry& entry) noexcept override VORN_REQUIRES(mutex_) {
     entries_.erase(entries_.find(keyOf(entry)));
   }
 
-  std::map<Key, detail::PublishedEntry, Compare> entries_;
+  std::map<Key, detail::PublishedEntry, Compare> entries_ VORN_GUARDED_BY(mutex_);
 };
 
 }  // namespace VornSdkRpc::rpc

@@ -13,7 +13,7 @@ namespace VornSdkRpc::rpc::detail {
 // Sleeper
 
 void Sleeper::ready() noexcept {
-  const std::lock_guard lock(wakeups_.mutex_);
+  const vorn::lock_guard lock(wakeups_.mutex_);
   if (std::exchange(ready_, true)) return;
   previous_ = wakeups_.last_;
   next_ = nullptr;
@@ -34,7 +34,7 @@ void Sleeper::cancel() noexcept {
   if (timer_) wakeups_.timers_.erase(*timer_);
   timer_.reset();
   if (!ready_) return;
-  const std::lock_guard lock(wakeups_.mutex_);
+  const vorn::lock_guard lock(wakeups_.mutex_);
   wakeups_.unlink(*this);
 }
 
@@ -45,13 +45,13 @@ void Wakeups::open(grpc::ServerCompletionQueue& queue, OpaqueId tag) {
   opaqueId_ = tag;
   state_ = IN_PROGRESS;
   thread_ = std::this_thread::get_id();
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   queue_ = &queue;
   open_ = true;
 }
 
 void Wakeups::close() {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   open_ = false;
   if (set_) alarm_.Cancel();
 }
@@ -63,7 +63,7 @@ Clock::time_point Wakeups::now() const {
 
 void Wakeups::timeIs(Clock::time_point now) {
   stoodStill_ = now.time_since_epoch().count();
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   ring();
 }
 
@@ -80,7 +80,7 @@ void Wakeups::Turn::finish() {
 void Wakeups::proceed(OpaqueId) {
   Turn turn(*this);
   {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     set_ = ringing_ = false;
   }
   newTimer_ = true;  // the alarm is to be set for the next one
@@ -95,7 +95,7 @@ void Wakeups::wakeReady() {
   for (auto left = readyOnes_.load(std::memory_order_relaxed); left > 0; --left) {
     Sleeper* sleeper = nullptr;
     {
-      const std::lock_guard lock(mutex_);
+      const vorn::lock_guard lock(mutex_);
       sleeper = first_;
       if (!sleeper) return;
       unlink(*sleeper);
@@ -120,7 +120,7 @@ void Wakeups::wakeLate() {
 // Sees to it that the alarm fires for what is still to be woken.
 void Wakeups::settle() noexcept {
   newTimer_ = false;
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   if (!open_) return;
   if (first_) return ring();
   if (timers_.empty()) return;

@@ -10,12 +10,12 @@
 #include <VornSdkRpc/RequestHandler.h>
 #include <grpcpp/alarm.h>
 #include <vorn/export.h>
+#include <vorn/mutex.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <thread>
 
@@ -112,27 +112,27 @@ class VORN_EXPORT Wakeups final : public RequestHandler {
   VORN_NO_EXPORT void wakeReady();
   VORN_NO_EXPORT void wakeLate();
   VORN_NO_EXPORT void settle() noexcept;
-  VORN_NO_EXPORT void unlink(Sleeper& sleeper) noexcept;  // under the lock
-  VORN_NO_EXPORT void ring() noexcept;                    // under the lock
-  VORN_NO_EXPORT void setAlarm(Clock::time_point time) noexcept;
+  VORN_NO_EXPORT void unlink(Sleeper& sleeper) noexcept VORN_REQUIRES(mutex_);
+  VORN_NO_EXPORT void ring() noexcept VORN_REQUIRES(mutex_);
+  VORN_NO_EXPORT void setAlarm(Clock::time_point time) noexcept VORN_REQUIRES(mutex_);
 
   GrpcService& service_;
-  grpc::ServerCompletionQueue* queue_ = nullptr;
+  grpc::ServerCompletionQueue* queue_ VORN_GUARDED_BY(mutex_) = nullptr;
   std::thread::id thread_;
   bool inTurn_ = false;  // of the serving thread
   bool newTimer_ = false;
   Sleeper::Timers timers_;
   std::atomic<Clock::rep> stoodStill_ = 0;  // where time stands still; 0: it does not
 
-  std::mutex mutex_;
-  Sleeper* first_ = nullptr;  // of those that are ready
-  Sleeper* last_ = nullptr;
+  vorn::mutex mutex_;
+  Sleeper* first_ VORN_GUARDED_BY(mutex_) = nullptr;  // of those that are ready
+  Sleeper* last_ VORN_GUARDED_BY(mutex_) = nullptr;
   std::atomic<std::size_t> readyOnes_ = 0;
-  grpc::Alarm alarm_;
-  bool open_ = false;
-  bool set_ = false;      // the alarm's completion is to come
-  bool ringing_ = false;  // and soon
-  Clock::time_point alarmTime_;
+  grpc::Alarm alarm_ VORN_GUARDED_BY(mutex_);
+  bool open_ VORN_GUARDED_BY(mutex_) = false;
+  bool set_ VORN_GUARDED_BY(mutex_) = false;      // the alarm's completion is to come
+  bool ringing_ VORN_GUARDED_BY(mutex_) = false;  // and soon
+  Clock::time_point alarmTime_ VORN_GUARDED_BY(mutex_);
 };
 
 }  // namespace detail

@@ -2,12 +2,12 @@
 
 #include <semaphore.h>
 #include <signal.h>
+#include <vorn/mutex.h>
 #include <vorn/tracer.h>
 
 #include <array>
 #include <cerrno>
 #include <exception>
-#include <mutex>
 #include <stdexcept>
 
 namespace VornSdkRpc {
@@ -45,7 +45,7 @@ Arrived& arrived() {
 class Handlers {
  public:
   void install() {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     if (installed_) return;
     arrived();  // made here, and not in a signal handler
     struct sigaction ours{};
@@ -62,16 +62,16 @@ class Handlers {
   }
 
   void remove() {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     for (std::size_t i = 0; i < kSignals.size(); ++i)
       sigaction(kSignals[i], &before_[i], nullptr);
     installed_ = false;
   }
 
  private:
-  std::mutex mutex_;
-  bool installed_ = false;
-  std::array<struct sigaction, kSignals.size()> before_ = {};
+  vorn::mutex mutex_;
+  bool installed_ VORN_GUARDED_BY(mutex_) = false;
+  std::array<struct sigaction, kSignals.size()> before_ VORN_GUARDED_BY(mutex_) = {};
 };
 
 Handlers& handlers() {

@@ -105,14 +105,14 @@ Velm::Ptr<Tarsk::Task> GenericBacklogSm::backlogTaskDel() {
 
 // The old task, whose last reference may go with the answer, is not let go under the lock.
 Velm::Ptr<Tarsk::Task> GenericBacklogSm::exchangeTask(Velm::Ptr<Tarsk::Task> task) {
-  const std::lock_guard lock(taskMutex_);
+  const vorn::lock_guard lock(taskMutex_);
   return std::exchange(backlogTask_, std::move(task));
 }
 
 // The lock is held while the task is asked, so that no reference has to be taken, the last one of
 // which would end the task on this thread.
 void GenericBacklogSm::wake() {
-  const std::lock_guard lock(taskMutex_);
+  const vorn::lock_guard lock(taskMutex_);
   if (backlogTask_) backlogTask_->runnableIs(true);
 }
 

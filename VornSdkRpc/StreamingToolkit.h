@@ -9,9 +9,9 @@
 #include <Velm/Publisher.h>
 #include <Velm/String.h>
 #include <vorn/export.h>
+#include <vorn/mutex.h>
 
 #include <cstddef>
-#include <mutex>
 #include <utility>
 
 // Drains an agent's backlog in steps on a cooperative scheduler instead of all at once: derive from
@@ -140,7 +140,7 @@ class VORN_EXPORT GenericBacklogSm : public Velm::Node {
   Velm::Ptr<Tarsk::Task> backlogTask_;
   TaskSubscriber taskSubscriber_{*this};
   bool initialized_ = false;
-  std::mutex taskMutex_;  // held by whoever changes backlogTask_, and by wake(), which reads it
+  vorn::mutex taskMutex_;  // held by whoever changes backlogTask_, and by wake(), which reads it
 };
 
 // What an agent's backlog derives from. Construct and destroy it where the operations of its state

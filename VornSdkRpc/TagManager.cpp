@@ -1,7 +1,8 @@
 #include <VornSdkRpc/TagManager.h>
 
+#include <vorn/mutex.h>
+
 #include <cassert>
-#include <mutex>
 #include <utility>
 
 namespace VornSdkRpc {
@@ -13,7 +14,7 @@ TagManager::~TagManager() {
 }
 
 OpaqueId TagManager::newTag(std::size_t serviceId) {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   auto tag = std::make_unique<Tag>(Tag{serviceId, nullptr});
   const OpaqueId tagId = tag.get();
   // Entering the tag is work, so it stands outside of an assert(); the diagnostic is that of one.
@@ -26,14 +27,14 @@ OpaqueId TagManager::newTag(std::size_t serviceId) {
 }
 
 void TagManager::storeHandler(std::size_t serviceId, OpaqueId tag, RequestHandlerPtr handler) {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   const auto iter = tags_.find(tag);
   assert(iter != tags_.end() && serviceId == iter->second->serviceId);
   iter->second->handler = std::move(handler);
 }
 
 bool TagManager::find(OpaqueId tag, std::size_t& serviceId, RequestHandlerPtr& handler) const {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   const auto iter = tags_.find(tag);
   if (iter == tags_.end()) return false;
   serviceId = iter->second->serviceId;
@@ -42,7 +43,7 @@ bool TagManager::find(OpaqueId tag, std::size_t& serviceId, RequestHandlerPtr& h
 }
 
 void TagManager::removeHandler(std::size_t serviceId, OpaqueId tag) {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   const auto i = tags_.find(tag);
   if (i == tags_.end()) return;
   assert(i->second->serviceId == serviceId);
@@ -50,12 +51,12 @@ void TagManager::removeHandler(std::size_t serviceId, OpaqueId tag) {
 }
 
 void TagManager::clear() {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   tags_.clear();
 }
 
 std::size_t TagManager::size() const {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   return tags_.size();
 }
 

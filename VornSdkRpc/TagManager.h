@@ -3,6 +3,7 @@
 #include <VornSdkRpc/Mutex.h>
 #include <VornSdkRpc/RequestHandler.h>
 #include <vorn/export.h>
+#include <vorn/mutex.h>
 
 #include <cstddef>
 #include <memory>
@@ -54,7 +55,7 @@ class VORN_EXPORT TagManager {
     RequestHandlerPtr handler;
   };
 
-  std::unordered_map<OpaqueId, std::unique_ptr<Tag>> tags_;
+  std::unordered_map<OpaqueId, std::unique_ptr<Tag>> tags_ VORN_GUARDED_BY(mutex_);
   mutable Mutex mutex_;
 };
 

@@ -8,6 +8,7 @@
 #include <grpcpp/support/client_interceptor.h>
 #include <stdlib.h>
 #include <unistd.h>
+#include <vorn/mutex.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -16,7 +17,6 @@
 #include <deque>
 #include <fstream>
 #include <future>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <stdexcept>
@@ -84,7 +84,7 @@ class TakeIdentity : public grpc::AuthMetadataProcessor {
 
   grpc::Status Process(const InputMetadata& metadata, grpc::AuthContext* connection,
                        OutputMetadata* consumed, OutputMetadata*) override {
-    const std::lock_guard lock(mutex_);  // calls of one connection come on several threads
+    const vorn::lock_guard lock(mutex_);  // calls of one connection come on several threads
     const bool isNew = connection->FindPropertyValues(kIdentityKey).empty();
     if (isNew) connection->AddProperty(kIdentityKey, "taken");
     const auto [begin, end] = metadata.equal_range(kIdentityKey);
@@ -98,7 +98,7 @@ class TakeIdentity : public grpc::AuthMetadataProcessor {
   }
 
  private:
-  std::mutex mutex_;
+  vorn::mutex mutex_;
 };
 
 // ------------------------------------------------------------------------------------------------
@@ -261,7 +261,7 @@ class TestServer::Machine {
 
   // A queue that is empty would make its reader wait: there is always something to take out.
   std::vector<LogMessageData> records() {
-    const std::lock_guard lock(recordsMutex_);
+    const vorn::lock_guard lock(recordsMutex_);
     queue_.push({});
     std::deque<LogMessageData> taken;
     queue_.swap(taken);
@@ -336,14 +336,14 @@ class TestServer::Machine {
     std::packaged_task<void()> task(function);
     const auto done = task.get_future();
     {
-      const std::lock_guard lock(tasksMutex_);
+      const vorn::lock_guard lock(tasksMutex_);
       tasks_.push_back(std::move(task));
     }
     done.wait();
   }
 
   void runTasks() {
-    const std::lock_guard lock(tasksMutex_);
+    const vorn::lock_guard lock(tasksMutex_);
     for (auto& task : tasks_)
       task();
     tasks_.clear();
@@ -364,11 +364,11 @@ class TestServer::Machine {
   const std::unique_ptr<Folder> folder_;
   const std::string address_;
   RecordQueue queue_;
-  std::mutex recordsMutex_;
-  std::vector<LogMessageData> records_;
+  vorn::mutex recordsMutex_;
+  std::vector<LogMessageData> records_ VORN_GUARDED_BY(recordsMutex_);
   std::optional<rpc::Clock::time_point> time_;
-  std::mutex tasksMutex_;
-  std::vector<std::packaged_task<void()>> tasks_;
+  vorn::mutex tasksMutex_;
+  std::vector<std::packaged_task<void()>> tasks_ VORN_GUARDED_BY(tasksMutex_);
   ServerProperties properties_;
   std::unique_ptr<grpc::ServerBuilder> builder_;
   std::unique_ptr<GrpcServer> server_;

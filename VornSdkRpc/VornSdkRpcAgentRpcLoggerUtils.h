@@ -1,9 +1,10 @@
 #pragma once
 
+#include <vorn/mutex.h>
+
 #include <cassert>
 #include <condition_variable>
 #include <deque>
-#include <mutex>
 #include <utility>
 
 // An unbounded first-in-first-out queue from any number of producers to one consumer, which takes
@@ -23,7 +24,7 @@ class SynchronizedQueue {
   // Appends a copy of the item and wakes the consumer. Any thread. Throws what copying throws, and
   // the queue is then as before.
   void push(const T& item) {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     items_.push_back(item);
     cond_.notify_one();
   }
@@ -33,7 +34,7 @@ class SynchronizedQueue {
   // taken. Answers false, with `q` empty, once the queue is closed and nothing is left. Consumer.
   bool swap(std::deque<T>& q) {
     assert(q.empty());
-    std::unique_lock lock(mutex_);
+    vorn::unique_lock lock(mutex_);
     if (items_.empty()) {
       if (closed_) return false;
       cond_.wait(lock);
@@ -44,21 +45,21 @@ class SynchronizedQueue {
 
   // Whether close() has been called. Any thread.
   bool isClosed() {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     return closed_;
   }
 
   // Lets the consumer take what is queued and then end. Calling it again changes nothing. Any
   // thread.
   void close() {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     closed_ = true;
     cond_.notify_one();
   }
 
  private:
-  bool closed_ = false;
-  std::mutex mutex_;
-  std::deque<T> items_;
+  vorn::mutex mutex_;
+  bool closed_ VORN_GUARDED_BY(mutex_) = false;
+  std::deque<T> items_ VORN_GUARDED_BY(mutex_);
   std::condition_variable cond_;
 };

@@ -39,7 +39,7 @@ bool isAccepted(grpc_call* call, Accepted& accepted) {
 
 bool Accepted::accepts(const grpc::string_ref& certificate, const grpc::string_ref& chain) {
   if (certificate.empty()) return true;
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   const auto [verdict, added] =
       verdicts_.try_emplace(std::string(certificate.data(), certificate.size()));
   if (!added) return verdict->second;
@@ -54,7 +54,7 @@ std::size_t Withdrawal::withdraw(std::shared_ptr<const CertificateSet> set) {
   const auto accepted = std::make_shared<Accepted>(std::move(set));
   std::vector<grpc_call*> calls;
   {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     accepted_ = accepted;
     any_ = true;
     calls.assign(calls_.begin(), calls_.end());
@@ -82,19 +82,19 @@ grpc::Status Withdrawal::admit(const grpc::AuthContext& connection) const {
 }
 
 std::shared_ptr<Accepted> Withdrawal::accepted() const {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   return accepted_;
 }
 
 void Withdrawal::add(grpc_call* call) {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   calls_.insert(call);
   grpc_call_ref(call);
 }
 
 void Withdrawal::drop(grpc_call* call) {
   {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     calls_.erase(call);
   }
   grpc_call_unref(call);

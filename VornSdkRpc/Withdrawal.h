@@ -5,12 +5,12 @@
 #include <grpc/grpc_security.h>
 #include <grpcpp/security/auth_metadata_processor.h>
 #include <grpcpp/support/server_interceptor.h>
+#include <vorn/mutex.h>
 
 #include <atomic>
 #include <cstddef>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
@@ -27,8 +27,8 @@ class Accepted {
 
  private:
   const std::shared_ptr<const CertificateSet> set_;
-  std::mutex mutex_;
-  std::unordered_map<std::string, bool> verdicts_;
+  vorn::mutex mutex_;
+  std::unordered_map<std::string, bool> verdicts_ VORN_GUARDED_BY(mutex_);
 };
 
 // Which connections may go on, and their calls in progress. Until the first withdraw() it costs a
@@ -49,9 +49,9 @@ class Withdrawal {
   std::shared_ptr<Accepted> accepted() const;
 
   std::atomic<bool> any_ = false;
-  mutable std::mutex mutex_;
-  std::shared_ptr<Accepted> accepted_;
-  std::unordered_set<grpc_call*> calls_;
+  mutable vorn::mutex mutex_;
+  std::shared_ptr<Accepted> accepted_ VORN_GUARDED_BY(mutex_);
+  std::unordered_set<grpc_call*> calls_ VORN_GUARDED_BY(mutex_);
 };
 
 // Refuses the calls of withdrawn connections, and asks the agent's own processor, which may be

@@ -1,13 +1,13 @@
 #include <VornSdkRpc/WorkQueue.h>
 
 #include <VornSdkRpc/StreamingToolkit.h>
+#include <vorn/mutex.h>
 #include <vorn/tracer.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <deque>
-#include <mutex>
 #include <optional>
 #include <thread>
 #include <utility>
@@ -48,38 +48,38 @@ struct WorkQueue::Answer::State {
   explicit State(rpc::Event& waiting) : event(&waiting) {}
 
   void expectOne() {
-    const std::lock_guard lock(mutex);
+    const vorn::lock_guard lock(mutex);
     ++pending;
   }
 
   // Answers whether somebody is there to hear it.
   bool tell(const std::exception_ptr& failure) {
-    const std::lock_guard lock(mutex);
+    const vorn::lock_guard lock(mutex);
     if (!firstFailure) firstFailure = failure;
     if (--pending == 0 && event) event->set();
     return event;
   }
 
-  mutable std::mutex mutex;
-  rpc::Event* event;  // null when the answer is gone
-  std::size_t pending = 0;
-  std::exception_ptr firstFailure;
+  mutable vorn::mutex mutex;
+  rpc::Event* event VORN_GUARDED_BY(mutex);  // null when the answer is gone
+  std::size_t pending VORN_GUARDED_BY(mutex) = 0;
+  std::exception_ptr firstFailure VORN_GUARDED_BY(mutex);
 };
 
 WorkQueue::Answer::Answer() : state_(std::make_shared<State>(event_)) {}
 
 WorkQueue::Answer::~Answer() {
-  const std::lock_guard lock(state_->mutex);
+  const vorn::lock_guard lock(state_->mutex);
   state_->event = nullptr;
 }
 
 std::size_t WorkQueue::Answer::pending() const {
-  const std::lock_guard lock(state_->mutex);
+  const vorn::lock_guard lock(state_->mutex);
   return state_->pending;
 }
 
 void WorkQueue::Answer::get() const {
-  const std::lock_guard lock(state_->mutex);
+  const vorn::lock_guard lock(state_->mutex);
   if (state_->firstFailure) std::rethrow_exception(state_->firstFailure);
 }
 
@@ -127,7 +127,8 @@ class WorkQueue::Queue : private BacklogImplBase {
   void perform(Item item, Tally& tally);
   void count(Tally& tally);
   bool endStep(std::size_t done, bool withinBudget);
-  bool isRoom(Kind kind) const;
+  std::size_t mostInStep() const;
+  bool isRoom(Kind kind) const VORN_REQUIRES(mutex_);
 
   const Options options_;
   const vorn::tracer tracer_;
@@ -135,10 +136,10 @@ class WorkQueue::Queue : private BacklogImplBase {
   rpc::Events room_;
   std::deque<Item> taken_;  // of the scheduler's thread: what no adding thread has to do with
 
-  mutable std::mutex mutex_;  // guards what follows
-  std::deque<Item> waiting_;
-  std::optional<Clock::time_point> oldestTaken_;
-  Figures figures_;  // whose step only the scheduler's thread changes
+  mutable vorn::mutex mutex_;
+  std::deque<Item> waiting_ VORN_GUARDED_BY(mutex_);
+  std::optional<Clock::time_point> oldestTaken_ VORN_GUARDED_BY(mutex_);
+  Figures figures_ VORN_GUARDED_BY(mutex_);
 
   std::atomic<bool> stopped_ = false;
   std::thread thread_;  // when it is the queue's own
@@ -148,7 +149,7 @@ bool WorkQueue::Queue::add(Work work, std::size_t bytes, Kind kind,
                            std::shared_ptr<Answer::State> answer) {
   Item item{std::move(work), sizeof(Item) + bytes, options_.now(), std::move(answer)};
   {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     if (stopped_ || !isRoom(kind)) {
       ++figures_.refused;
       return false;
@@ -163,7 +164,7 @@ bool WorkQueue::Queue::add(Work work, std::size_t bytes, Kind kind,
 }
 
 bool WorkQueue::Queue::hasRoom(Kind kind) const {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   return !stopped_ && isRoom(kind);
 }
 
@@ -175,7 +176,7 @@ bool WorkQueue::Queue::isRoom(Kind kind) const {
 
 WorkQueue::Figures WorkQueue::Queue::figures() const {
   const auto now = options_.now();
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   Figures figures = figures_;
   const auto oldest = oldestTaken_       ? *oldestTaken_
                       : waiting_.empty() ? now
@@ -184,8 +185,13 @@ WorkQueue::Figures WorkQueue::Queue::figures() const {
   return figures;
 }
 
+std::size_t WorkQueue::Queue::mostInStep() const {
+  const vorn::lock_guard lock(mutex_);
+  return figures_.step;
+}
+
 void WorkQueue::Queue::handleBacklog() {
-  const std::size_t most = figures_.step;
+  const std::size_t most = mostInStep();
   const auto begin = options_.now();
   Tally tally;
   std::size_t done = 0;
@@ -203,7 +209,7 @@ void WorkQueue::Queue::handleBacklog() {
 // Takes everything that waits at once, so that neither side holds up the other for each item.
 bool WorkQueue::Queue::takeWaiting() {
   if (!taken_.empty()) return true;
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   if (waiting_.empty()) return false;
   taken_.swap(waiting_);
   oldestTaken_ = taken_.front().added;
@@ -232,7 +238,7 @@ void WorkQueue::Queue::perform(Item item, Tally& tally) {
 void WorkQueue::Queue::count(Tally& tally) {
   bool moreRoom = false;
   {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     const bool before[] = {isRoom(single), isRoom(bulk)};
     // A stop in the middle of an item has counted everything as gone.
     figures_.items -= std::min(tally.items, figures_.items);
@@ -248,7 +254,7 @@ void WorkQueue::Queue::count(Tally& tally) {
 
 // Answers whether more is left to do.
 bool WorkQueue::Queue::endStep(std::size_t done, bool withinBudget) {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   ++figures_.runs;
   figures_.bestStep = std::max(figures_.bestStep, done);
   if (!withinBudget) {
@@ -268,7 +274,7 @@ void WorkQueue::Queue::stop() {
   std::array<std::deque<Item>, 2> dropped;
   dropped[0].swap(taken_);
   {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     dropped[1].swap(waiting_);
     figures_.items = 0;
     figures_.bytes = 0;
