@@ -123,7 +123,7 @@ ConnectionIdentity::ConnectionIdentity() : run_(runName()) {}
 grpc::Status ConnectionIdentity::Process(const InputMetadata& metadata,
                                          grpc::AuthContext* connection, OutputMetadata*,
                                          OutputMetadata*) {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   auto user = propertyOf(*connection, kUser);
   const bool first = !user;
   if (first) user = userOf(*connection, metadata);

@@ -5,10 +5,10 @@
 #include <VornSdkRpc/PolicyGuard.h>
 #include <grpcpp/security/auth_metadata_processor.h>
 #include <grpcpp/security/server_credentials.h>
+#include <vorn/mutex.h>
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 
 // Who calls and what they may: the credentials of a listening address, the name and session that
@@ -87,11 +87,11 @@ class ConnectionIdentity : public grpc::AuthMetadataProcessor {
                        OutputMetadata* consumed, OutputMetadata* response) override;
 
  private:
-  std::string nextSession();
+  std::string nextSession() VORN_REQUIRES(mutex_);
 
-  std::mutex mutex_;  // guards the connections' properties while they are looked up and added
+  vorn::mutex mutex_;  // guards the connections' properties while they are looked up and added
   const std::string run_;
-  std::uint64_t sessions_ = 0;
+  std::uint64_t sessions_ VORN_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace routing_agent

@@ -2,6 +2,7 @@
 #include <linux/if.h>
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
+#include <vorn/mutex.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -75,7 +76,7 @@ void KernelSync::resolve() {
   const bool all = std::exchange(resolve_, false);
   std::set<Question> asked;
   {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     if (!std::exchange(unresolved_, false) && !all) return;
     if (all) {
       for (auto& entry : groups_)
@@ -85,7 +86,7 @@ void KernelSync::resolve() {
       asked.merge(questions(*group));
   }
   const auto answers = ask(asked);
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   for (auto* const entry : toResolve()) {
     Group& group = entry->second;
     // One that was set while the kernel was asked has its turn in the next step.
@@ -272,7 +273,7 @@ bool KernelSync::programGroups() {
   std::vector<NamedGroup*> groups;
   std::vector<Plan> planned;
   {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     for (auto left = dirtyGroups_.size(); left != 0 && groups.size() < kGroupsPerStep; --left) {
       auto* const group = dirtyGroups_.front();
       dirtyGroups_.pop_front();
@@ -290,7 +291,7 @@ bool KernelSync::programGroups() {
   makeHops(planned);
   makeObjects(planned);
   dropUnused_ = true;
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   flying_ -= groups.size();
   for (auto* const group : groups) {
     group->second.pending.flying = false;
@@ -317,7 +318,7 @@ void KernelSync::makeHops(std::vector<Plan>& plans) {
   std::vector<NetlinkRequest> requests;
   std::vector<KernelHop> hops;
   {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     for (const auto& plan : plans) {
       for (const auto& [hop, weight] : plan.hops) {
         HopObject& object = hops_[hop];
@@ -331,7 +332,7 @@ void KernelSync::makeHops(std::vector<Plan>& plans) {
     }
   }
   const auto answers = netlink_.run(requests);
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   for (std::size_t i = 0; i < answers.size(); ++i) {
     HopObject& object = hops_[hops[i]];
     object.present = answers[i].error == 0;
@@ -366,7 +367,7 @@ void KernelSync::makeObjects(std::vector<Plan>& plans) {
   std::vector<const Plan*> asked;
   std::vector<const Plan*> unchanged;
   {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     for (auto& plan : plans) {
       plan.object = objectFor(*plan.group, plan.family);
       const auto& present = objects_[plan.object].members;
@@ -381,7 +382,7 @@ void KernelSync::makeObjects(std::vector<Plan>& plans) {
     }
   }
   const auto answers = netlink_.run(requests);
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   for (std::size_t i = 0; i < answers.size(); ++i)
     objectWritten(*asked[i], answers[i]);
   for (const auto* const plan : unchanged)
@@ -473,7 +474,7 @@ void KernelSync::dropUnused() {
   if (!std::exchange(dropUnused_, false)) return;
   std::vector<std::uint32_t> unused;
   {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     if (grace_) return;
     std::set<std::uint32_t> used;
     for (auto object = objects_.begin(); object != objects_.end();) {

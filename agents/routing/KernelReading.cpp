@@ -1,6 +1,7 @@
 // KernelSync: what is in the kernel, and what others change there.
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
+#include <vorn/mutex.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -69,7 +70,7 @@ void KernelSync::routeNotified(const nlmsghdr& message) {
   if (!route || !route->mainTable) return;
   if (route->protocol != kKernelProtocol) resolve_ = true;
   if (route->metric != kKernelMetric) return;
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   const auto found = routes_.find(route->prefix);
   if (found == routes_.end()) return;
   Route& ours = found->second;
@@ -110,7 +111,7 @@ void KernelSync::readNexthops() {
         SeenNexthop nexthop = nexthopOf(message);
         seen.insert_or_assign(nexthop.id, std::move(nexthop));
       });
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   ids_.clear();
   strays_.clear();
   for (const auto& [id, nexthop] : seen)
@@ -186,7 +187,7 @@ std::vector<std::pair<PrefixKey, std::uint32_t>> KernelSync::dumpRoutes() {
 
 void KernelSync::readRoutes() {
   const auto seen = dumpRoutes();
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   auto next = seen.begin();
   for (auto& entry : routes_) {
     while (next != seen.end() && next->first < entry.first)
@@ -209,7 +210,7 @@ void KernelSync::routeSeen(Routes::value_type& entry, std::uint32_t object) {
 std::vector<PrefixKey> KernelSync::adoptRoutes() {
   const auto seen = dumpRoutes();
   std::vector<PrefixKey> adopted;
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   for (const auto& [prefix, object] : seen) {
     const auto found = objects_.find(object);
     Route& route = routes_[prefix];

@@ -1,4 +1,6 @@
 // KernelSync: routes.
+#include <vorn/mutex.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <utility>
@@ -19,7 +21,7 @@ constexpr const char* kForeign = "another owner's route has this metric";
 bool KernelSync::programRoutes() {
   std::vector<Write> writes;
   {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     markRoutesOfNewObjects();
     if (dirtyRoutes_.empty()) return false;
     writes = takeWrites();
@@ -32,7 +34,7 @@ bool KernelSync::programRoutes() {
                                          : newRoute(write.prefix, write.object, write.replaces));
   }
   const auto answers = netlink_.run(requests);
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   flying_ -= writes.size();
   for (std::size_t i = 0; i < writes.size(); ++i)
     written(writes[i], answers[i]);
@@ -130,7 +132,7 @@ void KernelSync::leaveGroup(const PrefixKey& prefix, Route& route) {
 void KernelSync::removeUnclaimed() {
   std::vector<PrefixKey> swept;
   {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     for (auto& entry : routes_) {
       const auto* const group = entry.second.group;
       if (group && group->second.set) continue;

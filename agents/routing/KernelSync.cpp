@@ -141,7 +141,7 @@ void KernelSync::runStep(bool& more) {
 // What the kernel was working on may be done or not.
 void KernelSync::recover() {
   readAll_ = true;
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   flying_ = 0;
   for (auto& entry : routes_) {
     if (std::exchange(entry.second.pending.flying, false)) markRoute(entry);
@@ -179,7 +179,7 @@ bool KernelSync::step() {
 
 bool KernelSync::sweepWhenDue() {
   {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     if (!grace_ || !(sweep_ || std::chrono::steady_clock::now() >= graceEnd_)) return false;
     if (!dirtyRoutes_.empty() || !dirtyGroups_.empty()) return true;
     grace_ = false;
@@ -217,7 +217,7 @@ void KernelSync::wake() const {
 void KernelSync::routeSet(const ip_route_msg& route) {
   const PrefixKey prefix(route.prefix());
   {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     auto& entry = *routes_.try_emplace(prefix).first;
     auto& group = *groups_.try_emplace(route.nexthop_group()).first;
     if (entry.second.group != &group) {
@@ -233,7 +233,7 @@ void KernelSync::routeSet(const ip_route_msg& route) {
 
 void KernelSync::routeRemoved(const PrefixKey& prefix) {
   {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     const auto entry = routes_.find(prefix);
     if (entry == routes_.end()) return;
     leaveGroup(prefix, entry->second);
@@ -244,7 +244,7 @@ void KernelSync::routeRemoved(const PrefixKey& prefix) {
 
 void KernelSync::groupChanged(const nexthop_group_msg& message) {
   {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     auto& entry = *groups_.try_emplace(message.name()).first;
     Group& group = entry.second;
     group.set = !message.request_delete();
@@ -266,7 +266,7 @@ void KernelSync::groupChanged(const nexthop_group_msg& message) {
 void KernelSync::sessionIsDown(const sbfd_echo_session_key_msg& key, bool down) {
   const auto id = key.SerializeAsString();
   {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     if (down ? !downSessions_.insert(id).second : downSessions_.erase(id) == 0) return;
     const auto watched = [&](const WantedHop& hop) {
       return hop.message.has_sbfd_session_key() &&
@@ -283,7 +283,7 @@ void KernelSync::sessionIsDown(const sbfd_echo_session_key_msg& key, bool down) 
 
 void KernelSync::sweep() {
   {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     sweep_ = true;
   }
   wake();
@@ -293,24 +293,24 @@ void KernelSync::sweep() {
 // What became of it
 
 KernelSync::Programming KernelSync::routeState(const PrefixKey& prefix) const {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   const auto found = routes_.find(prefix);
   return found == routes_.end() ? Programming() : stateOf(found->first, found->second);
 }
 
 KernelSync::Programming KernelSync::groupState(const std::string& name) const {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   const auto found = groups_.find(name);
   return found == groups_.end() ? Programming() : stateOf(*found);
 }
 
 std::size_t KernelSync::waiting() const {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   return dirtyRoutes_.size() + dirtyGroups_.size() + newObjects_.size() + flying_;
 }
 
 void KernelSync::count(summary_msg& summary) const {
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   const auto add = [&](const Programming& programming) {
     switch (programming.state()) {
       case Programming::PROGRAMMED:

@@ -2,6 +2,7 @@
 
 #include <VornSdkRpc/RpcEvents.h>
 #include <VornSdkRpcProtos/VornSdkRpc.pb.h>
+#include <vorn/mutex.h>
 #include <vorn/tracer.h>
 
 #include <array>
@@ -11,7 +12,6 @@
 #include <deque>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -268,7 +268,7 @@ class KernelSync {
   std::function<void(const PrefixKey&)> swept_;
   std::chrono::steady_clock::time_point graceEnd_;
 
-  mutable std::mutex mutex_;  // guards what follows; not held while the kernel works
+  mutable vorn::mutex mutex_;  // guards what follows; not held while the kernel works
   Routes routes_;
   std::map<std::string, Group> groups_;
   std::map<std::uint32_t, Object> objects_;  // by id

@@ -39,7 +39,7 @@ SbfdMonitor::SbfdMonitor(const std::string& netns, DownChanged downChanged)
 
 SbfdMonitor::~SbfdMonitor() {
   {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     stopping_ = true;
   }
   wake_.notify_one();
@@ -50,7 +50,7 @@ SbfdMonitor::~SbfdMonitor() {
 
 void SbfdMonitor::set(const sbfd_echo_session_msg& session) {
   const std::string id = idOf(session.session_key());
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   if (session.request_delete()) {
     const auto entry = sessions_.find(id);
     if (entry == sessions_.end()) return;
@@ -77,7 +77,7 @@ std::string SbfdMonitor::idOf(const sbfd_echo_session_key_msg& key) {
 
 // Sleeps until the next echo is due; without sessions, until there is one.
 void SbfdMonitor::run() {
-  std::unique_lock lock(mutex_);
+  vorn::unique_lock lock(mutex_);
   while (!stopping_) {
     if (sessions_.empty()) {
       wake_.wait(lock);

@@ -2,13 +2,13 @@
 
 #include <VornSdkRpc/RpcPublished.h>
 #include <VornSdkRpcProtos/VornSdkRpc.pb.h>
+#include <vorn/mutex.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <thread>
@@ -59,8 +59,9 @@ class SbfdMonitor {
   static std::string idOf(const sbfd_echo_session_key_msg& key);
 
   void run();
-  void echo(const std::string& id, Session& session);
-  void statusIs(const std::string& id, Session& session, Status::status_enum status);
+  void echo(const std::string& id, Session& session) VORN_REQUIRES(mutex_);
+  void statusIs(const std::string& id, Session& session, Status::status_enum status)
+      VORN_REQUIRES(mutex_);
   enum class Link : std::uint8_t { up, down, unknown };
   Link link(const std::string& interface) const;
   void publishStatus(const std::string& id, const Session& session);
@@ -68,10 +69,10 @@ class SbfdMonitor {
   static void account(Session& session, std::uint32_t rtt);
   std::optional<std::uint32_t> roundTrip() const;  // microseconds; none when the echo was lost
 
-  std::mutex mutex_;
+  vorn::mutex mutex_;
   std::condition_variable wake_;
-  bool stopping_ = false;
-  std::map<std::string, Session> sessions_;
+  bool stopping_ VORN_GUARDED_BY(mutex_) = false;
+  std::map<std::string, Session> sessions_ VORN_GUARDED_BY(mutex_);
   Sessions statuses_;
   Sessions roundTripTimes_;
   const DownChanged downChanged_;

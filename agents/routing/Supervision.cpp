@@ -39,7 +39,7 @@ Supervision::Supervision(std::function<std::string()> status, std::vector<Moving
 Supervision::~Supervision() {
   if (!thread_.joinable()) return;
   {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     over_ = true;
     changed_.notify_one();
   }
@@ -50,7 +50,7 @@ Supervision::~Supervision() {
 void Supervision::ready() {
   if (!thread_.joinable()) return;
   tell("READY=1\nSTATUS=" + status_());
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   ready_ = true;
 }
 
@@ -58,7 +58,7 @@ void Supervision::stopping(std::chrono::milliseconds atMost) {
   if (!thread_.joinable()) return;
   const auto microseconds = std::chrono::microseconds(atMost).count();
   tell("STOPPING=1\nEXTEND_TIMEOUT_USEC=" + std::to_string(microseconds));
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   stopping_ = true;
 }
 
@@ -68,8 +68,8 @@ void Supervision::reloading() {
 }
 
 void Supervision::run() {
-  std::unique_lock lock(mutex_);
-  while (!changed_.wait_for(lock, interval_, [this] { return over_; })) {
+  vorn::unique_lock lock(mutex_);
+  while (!changed_.wait_for(lock, interval_, [this]() VORN_REQUIRES(mutex_) { return over_; })) {
     const bool looks = ready_ && !stopping_;
     lock.unlock();
     if (looks) {

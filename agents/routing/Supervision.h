@@ -1,12 +1,12 @@
 #pragma once
 
+#include <vorn/mutex.h>
 #include <vorn/tracer.h>
 
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -60,11 +60,11 @@ class Supervision {
   const vorn::tracer tracer_{"Supervision"};
   std::chrono::microseconds interval_ = kInterval;
   std::vector<std::uint64_t> last_;  // counts at the last look
-  std::mutex mutex_;                 // guards what follows
+  vorn::mutex mutex_;
   std::condition_variable changed_;
-  bool ready_ = false;
-  bool stopping_ = false;
-  bool over_ = false;
+  bool ready_ VORN_GUARDED_BY(mutex_) = false;
+  bool stopping_ VORN_GUARDED_BY(mutex_) = false;
+  bool over_ VORN_GUARDED_BY(mutex_) = false;
   std::thread thread_;
 };
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <VornSdkRpcProtos/VornSdkRpc.pb.h>
+#include <vorn/mutex.h>
 
 #include <algorithm>
 #include <array>
@@ -8,7 +9,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -57,31 +57,31 @@ class Table {
   using Item = std::pair<Key, Value>;
 
   void set(const Key& key, Value value) {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     items_.insert_or_assign(key, std::move(value));
   }
 
   void remove(const Key& key) {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     items_.erase(key);
   }
 
   // Removes an item that `unwanted` says so of.
   template <typename Predicate>
   void removeIf(const Key& key, Predicate unwanted) {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     const auto item = items_.find(key);
     if (item != items_.end() && unwanted(item->second)) items_.erase(item);
   }
 
   std::optional<Value> find(const Key& key) const {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     const auto item = items_.find(key);
     return item == items_.end() ? std::nullopt : std::optional(item->second);
   }
 
   std::size_t size() const {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     return items_.size();
   }
 
@@ -100,7 +100,7 @@ class Table {
   // in order; from the start without a key. A reader goes on from the last key that it was given,
   // so the table may change between two parts. Empty: that was all.
   std::vector<Item> part(const std::optional<Key>& after) const {
-    const std::lock_guard lock(mutex_);
+    const vorn::lock_guard lock(mutex_);
     std::vector<Item> items;
     auto next = after ? items_.upper_bound(*after) : items_.begin();
     for (std::size_t bytes = 0;
@@ -112,8 +112,8 @@ class Table {
   }
 
  private:
-  mutable std::mutex mutex_;
-  std::map<Key, Value> items_;
+  mutable vorn::mutex mutex_;
+  std::map<Key, Value> items_ VORN_GUARDED_BY(mutex_);
 };
 
 // What the agent has taken, and programmed where there is no kernel to be programmed.
