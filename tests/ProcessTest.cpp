@@ -49,8 +49,8 @@ TEST(MutexDeathTest, TakesAMissedDeadlineForADeadlock) {
   EXPECT_DEATH(
       {
         Mutex mutex(std::chrono::milliseconds(50));
-        mutex.lock();
-        mutex.lock();
+        const std::lock_guard held(mutex);
+        const std::lock_guard again(mutex);
       },
       "std::chrono::steady_clock::now\\(\\) < deadline && \"Unable to acquire the lock during the "
       "specified time\"");
