@@ -69,8 +69,10 @@ std::string claimed(grpc::string_ref username, bool local) {
   return local ? std::string(kLocal) + ":" + name : name;
 }
 
+// Whether nothing but the caller's word tells who it is.
 bool isLocal(const grpc::AuthContext& connection) {
-  return propertyOf(connection, "transport_security_type") == kLocal;
+  return propertyOf(connection, "transport_security_type") == kLocal &&
+         !propertyOf(connection, "peer-proof");
 }
 
 // What a connection's first call and its certificate tell about its user; nothing when nothing
@@ -100,21 +102,30 @@ Access::Access(const IdentityOptions& options)
       certificates_(certificatesOf(options)),
       policy_(policyOf(options)) {}
 
+std::shared_ptr<grpc::AuthMetadataProcessor> Access::checked(
+    std::shared_ptr<grpc::AuthMetadataProcessor> identity,
+    VornSdkRpc::CallAccounting* accounting) const {
+  auto all = policy_ ? policyProcessor(policy_->guard(), std::move(identity)) : identity;
+  return accounting ? accounting->recorded(std::move(all)) : all;
+}
+
+int Access::listen(VornSdkRpc::Listener& listener, const std::string& address,
+                   VornSdkRpc::CallAccounting* accounting) const {
+  if (address.starts_with("unix:") || address.starts_with("unix-abstract:"))
+    return listener.addLocal(address, checked(std::make_shared<ConnectionIdentity>(), accounting));
+  return listener.add(address, credentials(address, accounting));
+}
+
 std::shared_ptr<grpc::ServerCredentials> Access::credentials(
     const std::string& address, VornSdkRpc::CallAccounting* accounting) const {
-  const auto checked = [&](std::shared_ptr<grpc::AuthMetadataProcessor> identity) {
-    auto all = policy_ ? policyProcessor(policy_->guard(), std::move(identity)) : identity;
-    return accounting ? accounting->recorded(std::move(all)) : all;
-  };
-  const bool unixSocket = address.starts_with("unix:") || address.starts_with("unix-abstract:");
-  if (unixSocket || (loopback_ && isLoopback(address))) {
-    auto local = grpc::experimental::LocalServerCredentials(unixSocket ? UDS : LOCAL_TCP);
-    local->SetAuthMetadataProcessor(checked(std::make_shared<ConnectionIdentity>()));
+  if (loopback_ && isLoopback(address)) {
+    auto local = grpc::experimental::LocalServerCredentials(LOCAL_TCP);
+    local->SetAuthMetadataProcessor(checked(std::make_shared<ConnectionIdentity>(), accounting));
     return local;
   }
   if (certificates_)
-    return certificates_->credentials(checked(std::make_shared<ConnectionIdentity>()));
-  return policy_ ? VornSdkRpc::insecureServerCredentials(checked(nullptr))
+    return certificates_->credentials(checked(std::make_shared<ConnectionIdentity>(), accounting));
+  return policy_ ? VornSdkRpc::insecureServerCredentials(checked(nullptr, accounting))
                  : grpc::InsecureServerCredentials();
 }
 

@@ -2,6 +2,7 @@
 
 #include <VornSdkRpc/CallAccounting.h>
 #include <VornSdkRpc/Certificates.h>
+#include <VornSdkRpc/Listener.h>
 #include <VornSdkRpc/PolicyGuard.h>
 #include <grpcpp/security/auth_metadata_processor.h>
 #include <grpcpp/security/server_credentials.h>
@@ -38,17 +39,22 @@ class Access {
   // can't be read or used.
   explicit Access(const IdentityOptions& options);
 
-  // The credentials for a listening address in gRPC's syntax, with a ConnectionIdentity where they
-  // tell anything about the caller, and with the policy if there is one:
+  // Listens on an address in gRPC's syntax, with a ConnectionIdentity where the credentials tell
+  // anything about the caller, and with the policy if there is one. Answers the port, and throws as
+  // Listener::add() does.
   //
   //   address                             credentials              accounted user
-  //   unix:PATH, unix-abstract:NAME       local, Unix socket       local:NAME, a claim
+  //   unix:PATH, unix-abstract:NAME       local, Unix socket       the user, proven by the kernel
   //   loopback, when options.loopback     local, loopback          local:NAME, a claim
   //   any other, with the three TLS files TLS, client certificate  the certificate's name, proven
   //                                       required
   //   any other, without                  none                     unknown
   //
   // What they refuse is recorded by `accounting`, if there is one.
+  int listen(VornSdkRpc::Listener& listener, const std::string& address,
+             VornSdkRpc::CallAccounting* accounting = nullptr) const;
+
+  // The credentials of a TCP address.
   std::shared_ptr<grpc::ServerCredentials> credentials(
       const std::string& address, VornSdkRpc::CallAccounting* accounting = nullptr) const;
 
@@ -59,6 +65,11 @@ class Access {
   VornSdkRpc::Certificates* certificates() const { return certificates_.get(); }
 
  private:
+  // With the policy, and with records of what is refused.
+  std::shared_ptr<grpc::AuthMetadataProcessor> checked(
+      std::shared_ptr<grpc::AuthMetadataProcessor> identity,
+      VornSdkRpc::CallAccounting* accounting) const;
+
   const bool loopback_;
   std::unique_ptr<VornSdkRpc::Certificates> certificates_;
   std::unique_ptr<VornSdkRpc::PolicyFile> policy_;
@@ -69,15 +80,16 @@ class Access {
 //
 // With TLS, the user is what the authority has put into the client's certificate: the common name,
 // or the first subject alternative name when there is no common name. A certificate without either
-// is refused, and so is a name with a NUL in it. With local credentials all that is proven is that
-// the caller is on this host (and may open the Unix socket, whose directory's permissions say who
-// may): the user is "local:" followed by what the first call of the connection puts into its
-// metadata as "username", or "local" when it puts nothing there. The prefix keeps a claim from
-// passing for a proven name.
+// is refused, and so is a name with a NUL in it. On a Unix socket the listener has given the
+// connection both already, as the kernel says. With local credentials on a loopback address all
+// that is proven is that the caller is on this host: the user is "local:" followed by what the
+// first call of the connection puts into its metadata as "username", or "local" when it puts
+// nothing there. The prefix keeps a claim from passing for a proven name.
 //
 // The identity belongs to the connection, so a call whose "username" is another one is refused with
 // UNAUTHENTICATED; a call that claims nothing is let through under the connection's user. So is a
-// call over TLS whose "username" is the certificate's name. gRPC calls Process on any thread.
+// call whose "username" is the name that a certificate or the kernel proves. gRPC calls Process on
+// any thread.
 class ConnectionIdentity : public grpc::AuthMetadataProcessor {
  public:
   ConnectionIdentity();

@@ -165,7 +165,7 @@ std::vector<int> listen(VornSdkRpc::Listener& listener, const Options& options,
   std::vector<int> ports;
   ports.reserve(options.listen.size());
   for (const auto& address : options.listen)
-    ports.push_back(listener.add(address, access.credentials(address, accounting)));
+    ports.push_back(access.listen(listener, address, accounting));
   return ports;
 } catch (const std::exception& error) {
   throw UsageError(error.what());

@@ -95,8 +95,8 @@ const Option kOptions[] = {
     {"--policy-dry-run", "", "the policy denies nothing, and only tells what it would",
      [](Options& options, const Values&) { options.identity.policyDryRun = true; }},
     {"--local-credentials", "",
-     "callers on a loopback address are told apart by gRPC's local\n"
-     "credentials, as those on a Unix socket always are",
+     "callers on a loopback address are told apart by what they say\n"
+     "they are (on a Unix socket, the kernel proves who they are)",
      [](Options& options, const Values&) { options.identity.loopback = true; }},
     {"--keepalive-ms", "NUMBER",
      "a peer that has been silent for so long is pinged, and given up\n"
