@@ -17,7 +17,6 @@
 #include <cstdlib>
 #include <exception>
 #include <functional>
-#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <stop_token>
@@ -190,7 +189,7 @@ void GrpcServer::stop() {
 // connections or calls does: the poll never returns, and the loop never sees the stop.
 void GrpcServer::cancelUnlessTurning() {
   constexpr std::chrono::milliseconds kMoreThanAPoll{250};
-  const std::lock_guard lock(loopMutex_);
+  const vorn::lock_guard lock(loopMutex_);
   if (!looping_ || cancelling_) return;
   cancelling_ = std::make_unique<Later>(kMoreThanAPoll, [this, turn = turns()] {
     if (turns() != turn) return;
@@ -202,7 +201,7 @@ void GrpcServer::cancelUnlessTurning() {
 // From here on the thread that calls this ends the server.
 void GrpcServer::leaveLoop() {
   std::unique_ptr<Later> cancelling;  // ends with the lock released
-  const std::lock_guard lock(loopMutex_);
+  const vorn::lock_guard lock(loopMutex_);
   looping_ = false;
   cancelling = std::move(cancelling_);
 }
@@ -240,7 +239,7 @@ void GrpcServer::setup() {
     service->started(*this, *cq_, *properties_);
   if (listener_) listener_->start();
   cancelled_ = std::make_unique<Emptied>();
-  const std::lock_guard lock(loopMutex_);
+  const vorn::lock_guard lock(loopMutex_);
   looping_ = true;
 }
 

@@ -8,6 +8,7 @@
 #include <VornSdkRpc/TagManager.h>
 #include <grpcpp/grpcpp.h>
 #include <vorn/export.h>
+#include <vorn/mutex.h>
 #include <vorn/tracer.h>
 
 #include <atomic>
@@ -15,7 +16,6 @@
 #include <cstddef>
 #include <exception>
 #include <memory>
-#include <mutex>
 #include <utility>
 #include <vector>
 
@@ -169,9 +169,9 @@ class VORN_EXPORT GrpcServer {
       Clock::time_point::max();         // when no drain is asked for
   std::unique_ptr<Emptied> emptied_;    // null until a drain begins
   std::unique_ptr<Emptied> cancelled_;  // by a stop that the loop did not see
-  std::mutex loopMutex_;                // guards what follows
-  bool looping_ = false;                // between setup() and the end of the loop
-  std::unique_ptr<Later> cancelling_;   // since a stop has been asked for meanwhile
+  vorn::mutex loopMutex_;
+  bool looping_ VORN_GUARDED_BY(loopMutex_) = false;               // after setup(), before the end
+  std::unique_ptr<Later> cancelling_ VORN_GUARDED_BY(loopMutex_);  // since stop(), meanwhile
 };
 
 }  // namespace VornSdkRpc
