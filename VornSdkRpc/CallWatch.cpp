@@ -116,11 +116,9 @@ class CallWatchService : public rpc::Service<Accounting> {
         continue;
       }
       const Wish wish(*log_, place, news);
-      auto woken = co_await watcher.wait(news, rpc::forever);
-      if (woken == rpc::Woke::event) woken = co_await watcher.wait(kRest);
-      if (woken == rpc::Woke::draining)
-        co_return grpc::Status(grpc::StatusCode::UNAVAILABLE, "the agent is being drained");
-      if (!woken) co_return grpc::Status::CANCELLED;
+      auto woken = co_await watcher.wait(news);
+      if (woken) woken = co_await watcher.wait(kRest);
+      if (!woken) co_return watcher.endStatus();
     }
   }
 

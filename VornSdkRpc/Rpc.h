@@ -53,7 +53,7 @@
 //                    ++written;
 //                  }
 //                } while (co_await watch.wait(news));
-//                co_return grpc::Status::OK;
+//                co_return watch.endStatus();
 //              });
 //     }
 //

@@ -9,6 +9,13 @@ grpc::ServerContext& Call::context() { return exchange_.context(); }
 EndedBy Call::endedBy() const { return exchange_.endedBy(); }
 bool Call::draining() const { return exchange_.service().draining(); }
 std::chrono::nanoseconds Call::remaining() const { return exchange_.remaining(); }
+
+grpc::Status Call::endStatus() const {
+  if (cancelled()) return grpc::Status::CANCELLED;
+  if (draining()) return {grpc::StatusCode::UNAVAILABLE, "the server is being drained"};
+  return grpc::Status::OK;
+}
+
 Clock::time_point Call::now() const { return exchange_.service().now(); }
 
 namespace detail {

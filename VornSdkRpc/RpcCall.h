@@ -23,17 +23,18 @@
 // Rules. Everything here is for the server's thread, which is asserted, and for the coroutine of
 // the call, which awaits one thing at a time. When a call is over (its client has cancelled or
 // gone, or its deadline has passed), what is awaited comes back with Woke::over, and so does all
-// that is awaited after it; the coroutine then runs to its end.
+// that is awaited after it; the coroutine then runs to its end. A drain of the server ends a wait
+// for an event as well, so that a watch whose loop goes by what it awaits needs no word for it;
+// endStatus() is what it ends with.
 //
 // A read or a write that has been started goes on when its wait ends for another reason, and the
 // next read() or write() takes it up; so both sides of a ReaderWriter can be under way at once.
 //
-// Fine print. A wait for one thing comes back when that has come or the call is over, and for no
-// other reason. One for whichever of several comes first is woken by a drain of the server as well,
-// once for each call, with Woke::draining; `wait(event, rpc::forever)` waits for no more than the
-// two. When several reasons hold, the first of this order is told: over, written, message or end,
-// event, draining, time. The others are not lost. A wait for a time that has passed already is a
-// turn for the other calls.
+// Fine print. A wait for an event, and one for whichever of several comes first, is told of a drain
+// with Woke::draining, once for each call. One for a message, a write or a time alone is not, nor
+// is waitThroughDrain(). When several reasons hold, the first of this order is told: over, written,
+// message or end, event, draining, time. The others are not lost. A wait for a time that has passed
+// already is a turn for the other calls.
 
 #include <VornSdkRpc/RpcWakeups.h>
 #include <google/protobuf/message_lite.h>
@@ -74,8 +75,11 @@ class Woke {
 
   Woke(Reason reason) : reason_(reason) {}  // NOLINT(google-explicit-constructor)
 
-  // Whether there is something to go on with: neither the call nor the stream is at its end.
-  explicit operator bool() const { return reason_ != over && reason_ != end; }
+  // Whether there is something to go on with: neither the call nor the stream is at its end, nor
+  // does the server want it to be.
+  explicit operator bool() const {
+    return reason_ != over && reason_ != end && reason_ != draining;
+  }
 
   operator Reason() const { return reason_; }  // NOLINT(google-explicit-constructor)
 
@@ -194,8 +198,12 @@ class VORN_EXPORT Call {
   EndedBy endedBy() const;
 
   // Whether the server is being drained: what can end by itself should, with a status that sends
-  // the client elsewhere, UNAVAILABLE say.
+  // the client elsewhere, endStatus() say.
   bool draining() const;
+
+  // What ends a call that has nothing to go on with: CANCELLED when it is over, which endedBy()
+  // makes more exact in the accounting, UNAVAILABLE when the server is being drained, else OK.
+  grpc::Status endStatus() const;
 
   // How much is left until the call's deadline, to hand on: nothing when it has passed, and
   // nanoseconds::max() when it has none.
@@ -204,13 +212,18 @@ class VORN_EXPORT Call {
   // The time that waits go by: that of rpc::Clock, unless a test turns it by hand.
   Clock::time_point now() const;
 
-  // Waits for a time to pass, or until an event is set; one that is set already is taken at once.
+  // Waits for a time to pass.
   detail::Wait wait(Limit limit) { return {exchange_, For::wakeup, nullptr, limit, false}; }
-  detail::Wait wait(Event& event) { return {exchange_, For::wakeup, &event, forever, false}; }
 
-  // Waits for whichever comes first of an event, a time and a drain of the server.
-  detail::Wait wait(Event& event, Limit limit) {
+  // Waits for whichever comes first of an event, a time and a drain of the server. An event that is
+  // set already is taken at once.
+  detail::Wait wait(Event& event, Limit limit = forever) {
     return {exchange_, For::wakeup, &event, limit, true};
+  }
+
+  // The same, but sleeps through a drain: for what is under way and will come to its end.
+  detail::Wait waitThroughDrain(Event& event, Limit limit = forever) {
+    return {exchange_, For::wakeup, &event, limit, false};
   }
 
   // Sends the initial metadata now, instead of with the first message or the status. Throws

@@ -13,7 +13,7 @@
 //         ++written;
 //       }
 //     } while (co_await watcher.wait(news));
-//     co_return grpc::Status::OK;
+//     co_return watcher.endStatus();
 //   }
 //
 // Whoever has changed the table calls `table.changed.set()`, on any thread.

@@ -106,7 +106,7 @@ Task<typename OffloadedWork<Work>::Answer> offloaded(Call& call,
                                                      std::shared_ptr<OffloadedWork<Work>> work) {
   typename OffloadedWork<Work>::Answer none{};
   if (!work) co_return none;
-  if (!co_await call.wait(work->done)) co_return none;
+  if (!co_await call.waitThroughDrain(work->done)) co_return none;
   co_return work->take();
 }
 

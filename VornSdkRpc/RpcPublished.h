@@ -18,7 +18,7 @@
 //         if (!co_await watch.write(update)) co_return grpc::Status::CANCELLED;
 //       }
 //     } while (co_await watch.wait(news));
-//     co_return grpc::Status::CANCELLED;
+//     co_return watch.endStatus();
 //   }
 //
 // What a watcher is told, in this order:

@@ -344,42 +344,65 @@ TEST(RpcCall, IsAccountedAsWhatHasEndedIt) {
   EXPECT_EQ(log.count("rpc: /test.Probe/Echo, status: 1"), 1U);
 }
 
-TEST(RpcCall, ADrainWakesWhoWaitsOnce) {
+TEST(RpcCall, ADrainEndsWhatCanEndByItself) {
   const auto service = std::make_shared<Scripted>();
   std::atomic<int> waiting = 0;
   std::atomic<bool> stopped = false;
+  rpc::Event never, finished;
   service->method(&Async::RequestChat, [&](Chat& chat) -> rpc::Task<> {
-    rpc::Event never;
+    rpc::Event silent;
     Text text;
     ++waiting;
-    EXPECT_EQ(co_await chat.read(text, never), rpc::Woke::draining);
-    EXPECT_TRUE(chat.draining());
-    EXPECT_EQ(co_await chat.read(text, never), rpc::Woke::message) << "it is told once";
-    co_return grpc::Status(StatusCode::UNAVAILABLE, "drained");
+    const rpc::Woke told = co_await chat.read(text, silent);
+    EXPECT_EQ(told, rpc::Woke::draining);
+    EXPECT_FALSE(told) << "there is nothing to go on with";
+    EXPECT_EQ(co_await chat.read(text, silent), rpc::Woke::message) << "it is told once";
+    co_return grpc::Status(StatusCode::ABORTED, "in its own words");
   });
-  service->method(&Async::RequestTick, [&](rpc::Writer<Text>& ticks, const Count&) -> rpc::Task<> {
-    struct Told {
-      ~Told() { stopped = call.endedBy() == rpc::EndedBy::drained; }
-      rpc::Writer<Text>& call;
-      std::atomic<bool>& stopped;
-    };
-    const Told told{ticks, stopped};
-    ++waiting;
-    while (co_await ticks.wait(1000h)) {
-    }
-    co_return grpc::Status::OK;
-  });
+  service->method(&Async::RequestEcho,  // will come to its end
+                  [&](rpc::Call& call, const Text&, Text&) -> rpc::Task<> {
+                    ++waiting;
+                    EXPECT_EQ(co_await call.waitThroughDrain(finished), rpc::Woke::event);
+                    co_return grpc::Status::OK;
+                  });
+  service->method(&Async::RequestTick,
+                  [&](rpc::Writer<Text>& ticks, const Count& forEver) -> rpc::Task<> {
+                    struct Told {
+                      ~Told() { stopped = stopped || call.endedBy() == rpc::EndedBy::drained; }
+                      rpc::Writer<Text>& call;
+                      std::atomic<bool>& stopped;
+                    };
+                    const Told told{ticks, stopped};
+                    ++waiting;
+                    if (forEver.count() == 0) {
+                      while (co_await ticks.wait(never)) {
+                      }
+                    } else {
+                      co_await ticks.wait(1000h);
+                    }
+                    co_return ticks.endStatus();
+                  });
   {
     RunningServer running({service});
     const auto stub = running.stub();
-    grpc::ClientContext chatting, ticking;
+    grpc::ClientContext chatting, watching, ticking;
+    Count forEver;
+    forEver.set_count(1);
     const auto chat = stub->Chat(&chatting);
-    const auto ticks = stub->Tick(&ticking, Count());
-    waitUntil([&] { return waiting == 2; });
+    const auto watch = stub->Tick(&watching, Count());
+    const auto ticks = stub->Tick(&ticking, forEver);
+    std::jthread echo([&] {
+      grpc::ClientContext echoing;
+      Text reply;
+      EXPECT_TRUE(stub->Echo(&echoing, Text(), &reply).ok()) << "slept through the drain";
+    });
+    waitUntil([&] { return waiting == 4; });
     std::jthread drain([&] { running.drain(1s); });
     waitUntil([&] { return service->draining(); });
+    EXPECT_EQ(watch->Finish().error_code(), StatusCode::UNAVAILABLE);
+    finished.set();
     ASSERT_TRUE(chat->Write(textOf("go on")));
-    EXPECT_EQ(chat->Finish().error_message(), "drained");
+    EXPECT_EQ(chat->Finish().error_message(), "in its own words");
     Text text;
     EXPECT_FALSE(ticks->Read(&text)) << "what goes on is cancelled after the grace";
     EXPECT_FALSE(ticks->Finish().ok());

@@ -205,7 +205,7 @@ rpc::Task<> RoutingService::setAll(rpc::Reader<ip_route_msg>& routes, set_routes
   for (note(); co_await routes.read(route); note()) {
     // A client that sends faster than can be programmed is held up by what gRPC holds for it.
     while (!backlog_.hasRoom(Backlog::bulk)) {
-      if (!co_await routes.wait(room)) co_return grpc::Status::CANCELLED;
+      if (!co_await routes.waitThroughDrain(room)) co_return grpc::Status::CANCELLED;
     }
     try {
       if (auto status = set(routes.context(), route, Backlog::bulk); !status.ok()) co_return status;
@@ -308,7 +308,7 @@ rpc::Task<> RoutingService::await(rpc::Call& call, const await_msg& what, progra
       reply = std::move(*state);
       co_return grpc::Status::OK;
     }
-    if (co_await call.wait(event) != rpc::Woke::event) co_return untold();
+    if (!co_await call.waitThroughDrain(event)) co_return untold();
   }
 }
 
@@ -319,7 +319,7 @@ rpc::Task<> RoutingService::awaitAll(rpc::Call& call, summary_msg& reply) {
   if (kernel_) tried.emplace(kernel_->tried(), event);
   if (!co_await taken(call)) co_return untold();
   while (kernel_ && kernel_->waiting() != 0) {
-    if (co_await call.wait(event) != rpc::Woke::event) co_return untold();
+    if (!co_await call.waitThroughDrain(event)) co_return untold();
   }
   const auto others = tables_.mplsRoutes.size() + tables_.redirects.size();
   if (kernel_) {
@@ -336,12 +336,10 @@ rpc::Task<bool> RoutingService::taken(rpc::Call& call) {
   const rpc::Events::Subscription subscription(backlog_.room(), room);
   Backlog::Answer mark;
   while (!backlog_.mark(mark)) {
-    if (co_await call.wait(room) != rpc::Woke::event) co_return false;
+    if (!co_await call.waitThroughDrain(room)) co_return false;
   }
-  for (;;) {  // also during a drain
-    const rpc::Woke woke = co_await call.wait(mark.event());
-    if (woke == rpc::Woke::event || !woke) co_return woke == rpc::Woke::event;
-  }
+  const rpc::Woke woke = co_await call.waitThroughDrain(mark.event());
+  co_return static_cast<bool>(woke);
 }
 
 std::size_t RoutingService::waiting() const {

@@ -105,9 +105,8 @@ rpc::Task<> SbfdService::watch(rpc::Writer<Item>& watcher,
     while (const auto item = nextOf(statuses, times)) {
       if (!co_await watcher.write(*item)) co_return grpc::Status::CANCELLED;
     }
-    if (watcher.draining()) co_return {grpc::StatusCode::UNAVAILABLE, "the agent is stopping"};
-  } while (co_await watcher.wait(news, rpc::forever));
-  co_return grpc::Status::CANCELLED;
+  } while (co_await watcher.wait(news));
+  co_return watcher.endStatus();
 }
 
 }  // namespace routing_agent

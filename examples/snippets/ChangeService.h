@@ -39,7 +39,7 @@ class ChangeService : public rpc::Service<Changes> {
     WorkQueue::Answer answer;
     if (!queue_.add([this, route] { table_.add(route); }, route.SpaceUsedLong(), answer))
       co_return full();
-    if (!co_await call.wait(answer.event())) co_return grpc::Status::CANCELLED;
+    if (!co_await call.waitThroughDrain(answer.event())) co_return grpc::Status::CANCELLED;
     answer.get();  // throws what the work has thrown
     co_return grpc::Status::OK;
   }
@@ -53,7 +53,7 @@ class ChangeService : public rpc::Service<Changes> {
     while (co_await routes.read(route)) {
       const auto work = [this, route] { table_.add(route); };
       while (!queue_.add(work, route.SpaceUsedLong(), WorkQueue::bulk)) {
-        if (!co_await routes.wait(room)) co_return grpc::Status::CANCELLED;
+        if (!co_await routes.waitThroughDrain(room)) co_return grpc::Status::CANCELLED;
       }
       count.set_count(count.count() + 1);
     }

@@ -212,7 +212,7 @@ class RouteService : public rpc::Service<Routes> {
                  ++written;
                }
              } while (co_await watch.wait(news));
-             co_return grpc::Status::OK;
+             co_return watch.endStatus();
            });
   }
 
@@ -232,7 +232,7 @@ rpc::Task<> watch(rpc::Writer<ip_route_msg>& watcher, RouteTable& table) {
       ++written;
     }
   } while (co_await watcher.wait(news));
-  co_return grpc::Status::OK;
+  co_return watcher.endStatus();
 }
 // [RpcEvents]
 
@@ -323,7 +323,7 @@ struct Sessions {
         if (!co_await watch.write(update)) co_return grpc::Status::CANCELLED;
       }
     } while (co_await watch.wait(news));
-    co_return grpc::Status::CANCELLED;
+    co_return watch.endStatus();
   }
   // [RpcPublished]
 };

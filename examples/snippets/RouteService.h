@@ -152,7 +152,7 @@ class RouteService : public rpc::Service<Routes> {
         ++seen;
       }
     } while (co_await watcher.wait(news));
-    co_return grpc::Status::CANCELLED;
+    co_return watcher.endStatus();
   }
   // [writing]
 
@@ -177,7 +177,7 @@ class RouteService : public rpc::Service<Routes> {
         if (!co_await follower.write(message)) co_return grpc::Status::CANCELLED;
       }
     } while (co_await follower.wait(news));
-    co_return grpc::Status::CANCELLED;
+    co_return follower.endStatus();
   }
   // [follow]
 

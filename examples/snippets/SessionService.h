@@ -50,13 +50,11 @@ class SessionService : public rpc::Service<Sessions> {
       const rpc::Woke woke = co_await session.read(beat, news, last + 3s);
       if (woke == rpc::Woke::time)
         co_return grpc::Status(grpc::StatusCode::DEADLINE_EXCEEDED, "no heartbeat for 3 s");
-      if (woke == rpc::Woke::draining)
-        co_return grpc::Status(grpc::StatusCode::UNAVAILABLE, "go elsewhere");
       if (woke == rpc::Woke::message) last = session.now();
       if (woke == rpc::Woke::event && !co_await session.write(notice, 1s)) break;
-      if (!woke) break;  // the client has ended its stream, or the call is over
+      if (!woke) break;  // the stream has ended, the call is over, or the server drains
     }
-    co_return grpc::Status::OK;
+    co_return session.endStatus();
   }
   // [session]
 

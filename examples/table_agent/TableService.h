@@ -81,7 +81,7 @@ class TableService : public rpc::Service<Table> {
   rpc::Task<> tell(rpc::Writer<change_msg>& watch) {
     rpc::Event news;
     decltype(entries_)::Watcher watcher(entries_, news);
-    while (co_await watch.wait(news, rpc::forever) == rpc::Woke::event) {
+    while (co_await watch.wait(news)) {
       while (const auto item = watcher.next()) {
         change_msg change;
         change.set_folded(item->folded());
@@ -92,8 +92,7 @@ class TableService : public rpc::Service<Table> {
         if (!co_await watch.write(change)) co_return grpc::Status::CANCELLED;
       }
     }
-    if (watch.cancelled()) co_return grpc::Status::CANCELLED;
-    co_return grpc::Status(grpc::StatusCode::UNAVAILABLE, "the agent ends");
+    co_return watch.endStatus();
   }
   // [watch]
 
@@ -107,9 +106,7 @@ class TableService : public rpc::Service<Table> {
       const rpc::Woke woke = co_await session.read(beat, news, last + 3s);
       if (woke == rpc::Woke::time)
         co_return grpc::Status(grpc::StatusCode::DEADLINE_EXCEEDED, "no heartbeat");
-      if (woke == rpc::Woke::draining)
-        co_return grpc::Status(grpc::StatusCode::UNAVAILABLE, "the agent ends");
-      if (!woke) co_return grpc::Status::OK;
+      if (!woke) co_return session.endStatus();
       if (woke == rpc::Woke::message) last = session.now();
       if (woke != rpc::Woke::event) continue;
       count.set_count(static_cast<std::uint32_t>(entries_.size()));
