@@ -265,9 +265,9 @@ bool GrpcServer::dequeue() {
   // A point in time: gRPC starts a span anew after each completion that is not the agent's, and a
   // client that makes such calls would keep the poll from ending. On the clock that nobody sets.
   constexpr Clock::duration kPoll = std::chrono::milliseconds(200);
-  const auto wait = lastPoll ? Clock::duration::zero() : std::min(kPoll, drainEnd - now);
+  const auto end = lastPoll ? now : std::min(now + kPoll, drainEnd);
   const gpr_timespec deadline =
-      gpr_time_add(gpr_now(GPR_CLOCK_MONOTONIC), gpr_time_from_nanos(wait.count(), GPR_TIMESPAN));
+      gpr_time_from_nanos(end.time_since_epoch().count(), GPR_CLOCK_MONOTONIC);
   OpaqueId tag = nullptr;
   bool ok = false;
   const NextStatus nextStatus = completion::next(*cq_, &tag, &ok, deadline, stopRequested_);

@@ -174,7 +174,7 @@ std::optional<grpc::Status> Exchange::refusal() {
   if (auto status = service().refusal(context_, method_, mark())) return status;
   if (method_.options.limit != 0 && method_.inProgress >= method_.options.limit)
     return overLimit(context_, "too many calls of this method are in progress");
-  for (const auto& limits : {service().limits_, method_.options.limits}) {
+  for (auto* limits : {service().limits_.get(), method_.options.limits.get()}) {
     if (!limits) continue;
     auto claim = limits->claim(context_);
     if (!claim) return overLimit(context_, "too many calls of this client are in progress");
@@ -188,7 +188,6 @@ std::optional<grpc::Status> Exchange::refusal() {
 // The calls of a service are in a list, the oldest first.
 void Exchange::enter() {
   auto& service = this->service();
-  arrivedAt_ = activeAt_ = service.now();
   previous_ = service.lastCall_;
   (previous_ ? previous_->next_ : service.firstCall_) = this;
   service.lastCall_ = this;
@@ -196,8 +195,13 @@ void Exchange::enter() {
   if (method_.kind != Kind::unary && method_.options.idle > method_.options.idle.zero()) {
     idle_.emplace(*service.wakeups_, this,
                   [](void* self) { static_cast<Exchange*>(self)->mayBeIdle(); });
+    activeAt_ = service.now();
     idle_->at(activeAt_ + method_.options.idle);
   }
+}
+
+Clock::duration Exchange::age(Clock::time_point now) const {
+  return begunAt_ ? now - *begunAt_ : Clock::duration::zero();
 }
 
 void Exchange::leave() noexcept {
@@ -278,7 +282,7 @@ EndedBy Exchange::whyGone() const {
   constexpr std::chrono::nanoseconds kWay = std::chrono::milliseconds(20);
   const auto left = remaining();
   if (left == std::chrono::nanoseconds::max()) return EndedBy::cancelled;
-  const auto given = left + (service().now() - arrivedAt_);
+  const auto given = left + age(service().now());
   return left <= kWay + given / 32 ? EndedBy::deadline : EndedBy::cancelled;
 }
 
@@ -301,9 +305,12 @@ bool Exchange::begin(Wait& wait) {
 void Exchange::suspend(Wait& wait, std::coroutine_handle<> awaiting) {
   wait_ = &wait;
   suspended_ = awaiting;
+  // Read here alone, so that a call that ends without a wait costs no look at the clock.
+  const auto span = wait.limit_.kind_ == Limit::Kind::span;
+  const auto now = span || !begunAt_ ? service().now() : Clock::time_point();
+  if (!begunAt_) begunAt_ = now;
   if (wait.limit_.kind_ != Limit::Kind::none) {
-    wait.end_ = wait.limit_.kind_ == Limit::Kind::span ? service().now() + wait.limit_.span_
-                                                       : Clock::time_point(wait.limit_.span_);
+    wait.end_ = span ? now + wait.limit_.span_ : Clock::time_point(wait.limit_.span_);
     sleeper_.at(wait.end_);
   }
   if (wait.event_) wait.event_->wakes(&sleeper_);

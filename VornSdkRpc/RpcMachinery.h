@@ -133,7 +133,7 @@ class VORN_EXPORT Exchange : public RequestHandler, public std::enable_shared_fr
   // For the service.
   ServiceBase& service() const { return method_.service(); }
   const Method& method() const { return method_; }
-  Clock::time_point arrivedAt() const { return arrivedAt_; }
+  VORN_NO_EXPORT Clock::duration age(Clock::time_point now) const;
   VORN_NO_EXPORT const char* waitsFor() const;
   VORN_NO_EXPORT void look();  // goes on when what it waits for has come
   Sleeper& sleeper() { return sleeper_; }
@@ -202,7 +202,7 @@ class VORN_EXPORT Exchange : public RequestHandler, public std::enable_shared_fr
   std::optional<grpc::Status> settled_;  // what ends the call, whatever its coroutine says
 
   std::vector<Limits::Claim> claims_;
-  Clock::time_point arrivedAt_;
+  std::optional<Clock::time_point> begunAt_;  // its first wait
   Clock::time_point activeAt_;
   std::optional<Sleeper> idle_;  // ends a stream that does nothing
   Exchange* next_ = nullptr;

@@ -67,8 +67,8 @@ std::vector<CallInProgress> ServiceBase::calls() const {
   assert(wakeups_->onServingThread() && "the calls are listed on the serving thread");
   std::vector<CallInProgress> calls;
   for (auto* call = firstCall_; call; call = call->next_) {
-    calls.push_back({call->method().path(), call->context().peer(), now() - call->arrivedAt(),
-                     call->waitsFor()});
+    calls.push_back(
+        {call->method().path(), call->context().peer(), call->age(now()), call->waitsFor()});
   }
   return calls;
 }
