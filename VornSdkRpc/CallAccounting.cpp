@@ -5,6 +5,7 @@
 #include <VornSdkRpc/ConnectionTexts.h>
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <exception>
@@ -13,6 +14,8 @@
 #include <vector>
 
 namespace VornSdkRpc {
+
+CallObserver::~CallObserver() = default;
 
 namespace {
 
@@ -26,25 +29,27 @@ constexpr std::size_t kBatchMax = 8192;
 
 class RecorderFactory : public grpc::experimental::ServerInterceptorFactoryInterface {
  public:
-  RecorderFactory(std::shared_ptr<CallLog> log, bool streamStarts)
-      : log_(std::move(log)), streamStarts_(streamStarts) {}
+  RecorderFactory(std::shared_ptr<CallLog> log, std::shared_ptr<CallObserver> observer,
+                  bool streamStarts)
+      : log_(std::move(log)), observer_(std::move(observer)), streamStarts_(streamStarts) {}
 
   grpc::experimental::Interceptor* CreateServerInterceptor(
       grpc::experimental::ServerRpcInfo* info) override {
-    return new CallRecorder(info, *log_, streamStarts_);
+    return new CallRecorder(info, *log_, observer_.get(), streamStarts_);
   }
 
  private:
   const std::shared_ptr<CallLog> log_;
+  const std::shared_ptr<CallObserver> observer_;
   const bool streamStarts_;
 };
 
 // A processor that is asked, and a record of what it refuses.
 class RecordedProcessor : public grpc::AuthMetadataProcessor {
  public:
-  RecordedProcessor(std::shared_ptr<CallLog> log,
+  RecordedProcessor(std::shared_ptr<CallLog> log, std::shared_ptr<CallObserver> observer,
                     std::shared_ptr<grpc::AuthMetadataProcessor> processor)
-      : log_(std::move(log)), processor_(std::move(processor)) {}
+      : log_(std::move(log)), observer_(std::move(observer)), processor_(std::move(processor)) {}
 
   bool IsBlocking() const override { return processor_->IsBlocking(); }
 
@@ -75,6 +80,7 @@ class RecordedProcessor : public grpc::AuthMetadataProcessor {
     denied.session = session;
     denied.traceparent = header("traceparent");
     denied.reason = reason;
+    if (observer_) observer_->denied(denied);
     log_->append(denied);
   }
 
@@ -90,6 +96,7 @@ class RecordedProcessor : public grpc::AuthMetadataProcessor {
   }
 
   const std::shared_ptr<CallLog> log_;
+  const std::shared_ptr<CallObserver> observer_;
   const std::shared_ptr<grpc::AuthMetadataProcessor> processor_;
 };
 
@@ -108,6 +115,7 @@ class CallAccounting::Feeder {
   Feeder& operator=(const Feeder&) = delete;
 
   std::uint64_t missed() const { return reader_.missed() + lost_; }
+  std::uint64_t waiting() const { return reader_.left(); }
 
  private:
   void feed() {
@@ -160,9 +168,13 @@ void CallAccounting::add(std::unique_ptr<CallSink> sink) {
   feeders_.emplace_back(log_, std::move(sink));
 }
 
+void CallAccounting::observe(std::shared_ptr<CallObserver> observer) {
+  observer_ = std::move(observer);
+}
+
 std::unique_ptr<grpc::experimental::ServerInterceptorFactoryInterface>
 CallAccounting::interceptors() {
-  return std::make_unique<RecorderFactory>(log_, streamStarts_);
+  return std::make_unique<RecorderFactory>(log_, observer_, streamStarts_);
 }
 
 void CallAccounting::install(grpc::ServerBuilder& builder) {
@@ -173,7 +185,7 @@ void CallAccounting::install(grpc::ServerBuilder& builder) {
 
 std::shared_ptr<grpc::AuthMetadataProcessor> CallAccounting::recorded(
     std::shared_ptr<grpc::AuthMetadataProcessor> processor) {
-  return std::make_shared<RecordedProcessor>(log_, std::move(processor));
+  return std::make_shared<RecordedProcessor>(log_, observer_, std::move(processor));
 }
 
 std::uint64_t CallAccounting::missed() const {
@@ -181,6 +193,13 @@ std::uint64_t CallAccounting::missed() const {
   for (const auto& feeder : feeders_)
     missed += feeder.missed();
   return missed;
+}
+
+std::uint64_t CallAccounting::waiting() const {
+  std::uint64_t waiting = 0;
+  for (const auto& feeder : feeders_)
+    waiting = std::max(waiting, feeder.waiting());
+  return waiting;
 }
 
 }  // namespace VornSdkRpc

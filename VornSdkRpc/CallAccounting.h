@@ -1,6 +1,7 @@
 #pragma once
 
 #include <VornSdkRpc/CallLog.h>
+#include <VornSdkRpc/CallObserver.h>
 #include <VornSdkRpc/CallSink.h>
 #include <grpcpp/security/auth_metadata_processor.h>
 #include <grpcpp/server_builder.h>
@@ -46,6 +47,9 @@ class VORN_EXPORT CallAccounting {
   // can be none. Before the server begins.
   void add(std::unique_ptr<CallSink> sink);
 
+  // Has somebody told of the calls as they go: one at most. Before the interceptors are made.
+  void observe(std::shared_ptr<CallObserver> observer);
+
   // What records the calls of a server, for the builder's list of interceptors; once. In front of
   // it, an interceptor may look at what the agent sends, but not behind it: there gRPC has it in
   // bytes.
@@ -64,11 +68,15 @@ class VORN_EXPORT CallAccounting {
   // The records of this run that a sink was not given, all sinks together. Any thread.
   std::uint64_t missed() const;
 
+  // The records that the slowest sink has not taken yet. Any thread.
+  std::uint64_t waiting() const;
+
  private:
   class Feeder;
 
   const std::shared_ptr<CallLog> log_;
   const bool streamStarts_;
+  std::shared_ptr<CallObserver> observer_;
   std::list<Feeder> feeders_;
 };
 

@@ -108,8 +108,13 @@ void noteBytesIn(const grpc::ServerContextBase& call, std::uint64_t bytes) {
 // ------------------------------------------------------------------------------------------------
 // CallRecorder
 
-CallRecorder::CallRecorder(grpc::experimental::ServerRpcInfo* info, CallLog& log, bool recordsStart)
-    : info_(info), log_(log), noted_(info->server_context()), recordsStart_(recordsStart) {
+CallRecorder::CallRecorder(grpc::experimental::ServerRpcInfo* info, CallLog& log,
+                           CallObserver* observer, bool recordsStart)
+    : info_(info),
+      log_(log),
+      observer_(observer),
+      noted_(info->server_context()),
+      recordsStart_(recordsStart) {
   record_.start = CallRecord::Clock::now();
 }
 
@@ -151,6 +156,7 @@ void CallRecorder::begin(grpc::experimental::InterceptorBatchMethods& methods) {
   record_.traceparent = appended(texts_, texts[5]);
   record_.deadline = call->deadline();
   begun_ = true;
+  if (observer_ != nullptr) observed_ = observer_->begun(record_.method);
   if (recordsStart_ && isStream(*info_)) {
     record_.end = CallEnd::begun;
     log_.append(record_);
@@ -160,6 +166,7 @@ void CallRecorder::begin(grpc::experimental::InterceptorBatchMethods& methods) {
 void CallRecorder::received(grpc::experimental::InterceptorBatchMethods& methods) {
   if (methods.GetRecvMessage() != nullptr) {
     ++record_.messagesIn;
+    if (observer_ != nullptr) observer_->received(observed_);
   } else if (!appended_ && isRefusedMessage(*info_)) {
     messageRefused_ = true;
   }
@@ -168,6 +175,7 @@ void CallRecorder::received(grpc::experimental::InterceptorBatchMethods& methods
 void CallRecorder::sending(grpc::experimental::InterceptorBatchMethods& methods) {
   ++record_.messagesOut;
   record_.bytesOut += methods.GetSerializedSendMessage()->Length();
+  if (observer_ != nullptr) observer_->sent(observed_);
 }
 
 void CallRecorder::closed() {
@@ -211,6 +219,7 @@ void CallRecorder::append() {
   record_.count = note.count;
   record_.bytesIn = note.bytesIn;
   record_.duration = (ended_ == Steady::time_point() ? Steady::now() : ended_) - began_;
+  if (observer_ != nullptr) observer_->ended(observed_, record_);
   log_.append(record_);
   appended_ = true;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <VornSdkRpc/CallLog.h>
+#include <VornSdkRpc/CallObserver.h>
 #include <VornSdkRpc/CallRecord.h>
 #include <grpcpp/support/interceptor.h>
 #include <grpcpp/support/server_interceptor.h>
@@ -51,7 +52,9 @@ class NotedCall {
 // gone without one. gRPC owns it, and may keep it longer than the call's context.
 class CallRecorder : public grpc::experimental::Interceptor {
  public:
-  CallRecorder(grpc::experimental::ServerRpcInfo* info, CallLog& log, bool recordsStart);
+  // `observer` may be null.
+  CallRecorder(grpc::experimental::ServerRpcInfo* info, CallLog& log, CallObserver* observer,
+               bool recordsStart);
   ~CallRecorder() override;
 
   void Intercept(grpc::experimental::InterceptorBatchMethods* methods) override;
@@ -70,6 +73,8 @@ class CallRecorder : public grpc::experimental::Interceptor {
 
   grpc::experimental::ServerRpcInfo* const info_;
   CallLog& log_;
+  CallObserver* const observer_;
+  CallObserver::Call observed_ = nullptr;
   NotedCall noted_;
   CallRecord record_;
   std::string texts_;  // the record's

@@ -105,6 +105,7 @@ class Connections {
  public:
   // Notes one more, or answers false when the peer has as many as it may have; 0: no limit.
   bool add(const std::string& peer, int connection, std::size_t limit) {
+    const vorn::lock_guard lock(mutex_);
     if (total_ >= sweepAt_) sweep();
     auto& open = open_[peer];
     if (limit != 0 && open.size() >= limit) forgetClosed(open);
@@ -114,7 +115,14 @@ class Connections {
     return true;
   }
 
+  std::size_t count() {
+    const vorn::lock_guard lock(mutex_);
+    sweep();
+    return total_;
+  }
+
   void closeAll() {
+    const vorn::lock_guard lock(mutex_);
     for (const auto& [peer, open] : open_) {
       for (const auto& connection : open) {
         // A copy, which can't become another file while it is looked at.
@@ -130,21 +138,22 @@ class Connections {
     FileIdentity file;
   };
 
-  void forgetClosed(std::vector<Connection>& open) {
+  void forgetClosed(std::vector<Connection>& open) VORN_REQUIRES(mutex_) {
     total_ -= std::erase_if(open, [](const Connection& c) { return FileIdentity(c.fd) != c.file; });
   }
 
   // Those that have gone must not be remembered for ever.
-  void sweep() {
+  void sweep() VORN_REQUIRES(mutex_) {
     for (auto& [peer, open] : open_)
       forgetClosed(open);
     std::erase_if(open_, [](const auto& entry) { return entry.second.empty(); });
     sweepAt_ = 2 * total_ + 1024;
   }
 
-  std::unordered_map<std::string, std::vector<Connection>> open_;
-  std::size_t total_ = 0;
-  std::size_t sweepAt_ = 1024;
+  vorn::mutex mutex_;
+  std::unordered_map<std::string, std::vector<Connection>> open_ VORN_GUARDED_BY(mutex_);
+  std::size_t total_ VORN_GUARDED_BY(mutex_) = 0;
+  std::size_t sweepAt_ VORN_GUARDED_BY(mutex_) = 1024;
 };
 
 // Counts refusals of one kind, and tells of them once a second at most.
@@ -242,6 +251,8 @@ class Listener::Accepting {
     const vorn::lock_guard lock(mutex_);
     if (started_ && !thread_.joinable()) connections_.closeAll();
   }
+
+  std::size_t openConnections() { return connections_.count(); }
 
   Figures figures() const {
     return {accepted_, forDescriptors_.count(), forCallers_.count(), forPeer_.count()};
@@ -474,5 +485,7 @@ void Listener::stop() { accepting_->stop(); }
 void Listener::closeConnections() { accepting_->closeConnections(); }
 
 Listener::Figures Listener::figures() const { return accepting_->figures(); }
+
+std::size_t Listener::openConnections() const { return accepting_->openConnections(); }
 
 }  // namespace VornSdkRpc

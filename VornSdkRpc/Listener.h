@@ -128,6 +128,9 @@ class VORN_EXPORT Listener {
   // Any thread.
   Figures figures() const;
 
+  // How many connections are open; it looks at each. Any thread.
+  std::size_t openConnections() const;
+
  private:
   class VORN_NO_EXPORT Accepting;
 

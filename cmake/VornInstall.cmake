@@ -3,7 +3,7 @@
 set(config_dir ${CMAKE_INSTALL_LIBDIR}/cmake/VornSdkRpcLib)
 
 set(libraries VornSdkRpcLib VornSdkRpcProtos VornPlatform VornSdkRpcCertificates VornSdkRpcAccounting VornSdkRpcJournal
-              VornSdkRpcTesting
+              VornSdkRpcMetrics VornSdkRpcTesting
 )
 add_custom_target(vorn_libraries DEPENDS ${libraries}) # what is to be built before an installation
 install(
@@ -22,7 +22,10 @@ foreach(folder VornSdkRpc vorn)
     COMPONENT dev
     FILES_MATCHING
     PATTERN "*.h"
+    PATTERN CallCounters.h EXCLUDE
     PATTERN CallFields.h EXCLUDE
+    PATTERN Histogram.h EXCLUDE
+    PATTERN ServingThread.h EXCLUDE
     PATTERN FileWatch.h EXCLUDE
     PATTERN GrpcLog.h EXCLUDE
     PATTERN Later.h EXCLUDE

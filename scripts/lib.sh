@@ -20,7 +20,7 @@ need() {
 need_build() {
   need g++ cmake ninja-build pkg-config libgrpc++-dev libgrpc-dev protobuf-compiler protobuf-compiler-grpc \
     libprotobuf-dev libfmt-dev libspdlog-dev libgtest-dev libgmock-dev libssl-dev libbenchmark-dev libasio-dev \
-    libnl-3-dev zlib1g-dev libtomlplusplus-dev libsystemd-dev
+    libnl-3-dev zlib1g-dev libtomlplusplus-dev libsystemd-dev prometheus-cpp-dev
 }
 
 need_run() {

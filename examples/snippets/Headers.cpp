@@ -13,6 +13,7 @@
 #include <VornSdkRpc/GrpcServer.h>
 #include <VornSdkRpc/InsecureCredentials.h>
 #include <VornSdkRpc/Listener.h>
+#include <VornSdkRpc/Metrics.h>
 #include <VornSdkRpc/PolicyGuard.h>
 #include <VornSdkRpc/Rpc.h>
 #include <VornSdkRpc/RpcOffload.h>
@@ -86,6 +87,22 @@ void watchedCalls(grpc::ServerBuilder& builder, VornSdkRpc::ServerProperties& pr
   const auto watch = VornSdkRpc::callWatchService(accounting.log(), mayWatch);
   VornSdkRpc::GrpcServer server(builder, {routes, watch}, properties);
   // [CallWatch]
+}
+
+double size() { return 0; }
+
+void measured(grpc::ServerBuilder& builder, VornSdkRpc::ServerProperties& properties,
+              const std::shared_ptr<VornSdkRpc::GrpcService>& routes) {
+  // [Metrics]
+  VornSdkRpc::CallAccounting accounting;
+  VornSdkRpc::Metrics metrics;
+  metrics.count(accounting);
+  accounting.install(builder);
+  VornSdkRpc::GrpcServer server(builder, {routes, metrics.servingThread()}, properties);
+  metrics.add("agent_routes", "Routes.", VornSdkRpc::Metrics::gauge, [] { return size(); });
+  const VornSdkRpc::MetricsServer scraped(metrics, "127.0.0.1:9464");
+  server.run();
+  // [Metrics]
 }
 
 void noted(const grpc::ServerContext& context, const Route& route) {
