@@ -24,6 +24,7 @@
 
 #include "agents/routing/Accounting.h"
 #include "agents/routing/Backlog.h"
+#include "agents/routing/Figures.h"
 #include "agents/routing/Options.h"
 #include "agents/routing/PolicyService.h"
 #include "agents/routing/ReloadOnSignal.h"
@@ -51,6 +52,8 @@ class Announcement : public VornSdkRpc::GrpcService {
         ports_(ports),
         grace_(options.grace) {}
 
+  void metricsPortIs(int port) { metricsPort_ = port; }
+
   void supervisionIs(const std::shared_ptr<Supervision>& supervision) {
     supervision_ = supervision;
   }
@@ -63,6 +66,7 @@ class Announcement : public VornSdkRpc::GrpcService {
       if (!listen_[i].starts_with("unix")) std::printf(" (port %d)", ports_[i]);
       std::printf("\n");
     }
+    if (metricsPort_ != 0) std::printf("metrics (port %d)\n", metricsPort_);
     std::fflush(stdout);
     if (const auto supervision = supervision_.lock()) supervision->ready();
   }
@@ -76,6 +80,7 @@ class Announcement : public VornSdkRpc::GrpcService {
   const std::vector<std::string>& listen_;
   const std::vector<int>& ports_;
   const std::chrono::milliseconds grace_;
+  int metricsPort_ = 0;
   std::weak_ptr<Supervision> supervision_;  // which ends before the server that it looks at
 };
 
@@ -135,9 +140,9 @@ Access accessFor(const IdentityOptions& options) {
   return asAsked([&] { return Access(options); });
 }
 
-// Null when no call is to be recorded.
+// Null when no call is to be recorded or counted.
 std::unique_ptr<Accounting> accountingFor(const Options& options) {
-  if (options.accounting.to.empty()) return nullptr;
+  if (options.accounting.to.empty() && !options.figures.any()) return nullptr;
   return asAsked([&] { return std::make_unique<Accounting>(options.accounting); });
 }
 
@@ -209,6 +214,8 @@ void serve(const Options& options, const std::function<Options()>& readAgain) {
   const Access access = accessFor(options.identity);
   const auto accounting = accountingFor(options);
   auto* const calls = accounting ? &accounting->calls() : nullptr;
+  VornSdkRpc::Metrics metrics;
+  if (calls && options.figures.any()) metrics.count(*calls);
   grpc::ServerBuilder builder;
   VornSdkRpc::installArguments(builder, {.keepaliveTime = options.keepalive,
                                          .handshakeTimeout = options.keepalive,
@@ -231,7 +238,8 @@ void serve(const Options& options, const std::function<Options()>& readAgain) {
       std::make_shared<RoutingService>(workings, kernel.get()),
       std::make_shared<SbfdService>(workings, monitor), std::make_shared<StateService>(workings),
       std::make_shared<PolicyService>(access.policy(), access.certificates())};
-  if (calls) services.push_back(watchService(*calls, options));
+  if (calls && !options.accounting.to.empty()) services.push_back(watchService(*calls, options));
+  if (options.figures.any()) services.push_back(metrics.servingThread());
   services.push_back(announcement);
   VornSdkRpc::GrpcServer server(builder, std::move(services), properties, calls != nullptr);
   const auto supervision = std::make_shared<Supervision>(
@@ -240,6 +248,9 @@ void serve(const Options& options, const std::function<Options()>& readAgain) {
           {"serving thread", [&server] { return server.turns(); }, [] { return false; }},
           {"backlog", [&backlog] { return backlog.figures().done; },
            [&backlog] { return backlog.figures().items == 0; }}});
+  addFigures(metrics, {tables, backlog, kernel.get(), *listener, access});
+  const auto figures = asAsked([&] { return Figures(metrics, options.figures); });
+  announcement->metricsPortIs(figures.port());
   announcement->supervisionIs(supervision);
   server.listenerIs(listener);
   server.stopTimeoutIs(kStopTimeout);

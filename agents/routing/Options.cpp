@@ -142,6 +142,12 @@ const Option kOptions[] = {
      }},
     {"--no-accounting", "", "make no record of calls",
      [](Options& options, const Values&) { options.accounting.to.clear(); }},
+    {"--metrics", "ADDRESS",
+     "serve figures for Prometheus over HTTP on HOST:PORT, or on PORT\n"
+     "of 127.0.0.1",
+     [](Options& options, const Values& values) { options.figures.address = values[0]; }},
+    {"--metrics-file", "FILE", "write them every 10 s to this file, for the node exporter",
+     [](Options& options, const Values& values) { options.figures.file = values[0]; }},
     {"--log", "FILE",
      "write the log to this file, - for standard error (default:\n"
      "syslog where there is one, standard error otherwise)",

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "agents/routing/Accounting.h"
+#include "agents/routing/Figures.h"
 #include "agents/routing/Identity.h"
 
 // What the agent is told at its start: by its command line, and by a configuration file whose keys
@@ -18,6 +19,7 @@ struct Options {
   std::string netns;  // network namespace to listen in; empty: the agent's own
   IdentityOptions identity;
   AccountingOptions accounting;
+  FiguresOptions figures;
   bool programKernel = false;
   std::chrono::seconds kernelGrace{60};   // how long what was found in the kernel is kept
   bool keepRoutes = false;                // leave the routes in the kernel when the agent ends
