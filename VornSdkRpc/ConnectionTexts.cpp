@@ -10,7 +10,9 @@ std::string_view ConnectionTexts::proof() const {
   const auto told = first("peer-proof", "");
   if (!told.empty()) return told;
   const auto transport = first(GRPC_TRANSPORT_SECURITY_TYPE_PROPERTY_NAME, "");
-  if (transport == GRPC_SSL_TRANSPORT_SECURITY_TYPE)
+  // The name follows the kind of credentials; what is spoken is the same.
+  if (transport == GRPC_SSL_TRANSPORT_SECURITY_TYPE ||
+      transport == GRPC_TLS_TRANSPORT_SECURITY_TYPE)
     return grpc_auth_context_peer_is_authenticated(context_) != 0 ? "certificate" : "tls";
   return transport == "local" ? "local" : "none";
 }

@@ -449,7 +449,12 @@ int Listener::addLocal(const std::string& address,
                        std::shared_ptr<grpc::AuthMetadataProcessor> next, std::size_t connections) {
   if (!address.starts_with("unix:") && !address.starts_with("unix-abstract:"))
     throw std::invalid_argument("cannot listen on " + address + ": it is no Unix socket");
-  auto sockets = listenInNamespace(address);
+  return addLocal(listenInNamespace(address), next, connections);
+}
+
+int Listener::addLocal(std::vector<ListeningSocket> sockets,
+                       const std::shared_ptr<grpc::AuthMetadataProcessor>& next,
+                       std::size_t connections) {
   std::vector<Entrance> entrances;
   for (std::size_t i = 0; i < connections; ++i) {
     const auto identity = std::make_shared<LocalIdentity>(next);
@@ -467,10 +472,25 @@ std::vector<ListeningSocket> Listener::listenInNamespace(const std::string& addr
 }
 
 int Listener::addInherited(int fd, std::shared_ptr<grpc::ServerCredentials> credentials) {
+  auto sockets = inherited(fd);
+  return accepting_->add(std::move(sockets), {{acceptor(std::move(credentials)), nullptr}});
+}
+
+int Listener::addInheritedLocal(int fd, std::shared_ptr<grpc::AuthMetadataProcessor> next,
+                                std::size_t connections) {
+  int domain = 0;
+  socklen_t size = sizeof domain;
+  if (getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &size) == 0 && domain != AF_UNIX)
+    throw std::invalid_argument("cannot listen on descriptor " + std::to_string(fd) +
+                                ": it is no Unix socket");
+  return addLocal(inherited(fd), next, connections);
+}
+
+std::vector<ListeningSocket> Listener::inherited(int fd) const {
   mustNotHaveStarted("cannot listen on descriptor " + std::to_string(fd));
   std::vector<ListeningSocket> sockets;
   sockets.push_back(ListeningSocket::inherited(fd));
-  return accepting_->add(std::move(sockets), {{acceptor(std::move(credentials)), nullptr}});
+  return sockets;
 }
 
 void Listener::mustNotHaveStarted(const std::string& what) const {

@@ -112,6 +112,12 @@ class VORN_EXPORT Listener {
   // it. Throws std::invalid_argument, and leaves the descriptor alone, when it is no such socket.
   int addInherited(int fd, std::shared_ptr<grpc::ServerCredentials> credentials);
 
+  // addInherited() for a Unix socket, with callers as those of addLocal(). The kernel proves who
+  // has connected, also of those who did so before the process was there. Throws
+  // std::invalid_argument for another kind of socket as well.
+  int addInheritedLocal(int fd, std::shared_ptr<grpc::AuthMetadataProcessor> next = {},
+                        std::size_t connections = 256);
+
   // Begins to accept, when the server has been built and started, and ends with the sockets closed:
   // from then on clients are refused by the kernel. The connections that have been accepted are not
   // touched. With a server of gRPC's own, stop() comes before its Shutdown(); GrpcServer calls both
@@ -136,6 +142,10 @@ class VORN_EXPORT Listener {
 
   VORN_NO_EXPORT void mustNotHaveStarted(const std::string& what) const;
   VORN_NO_EXPORT std::vector<ListeningSocket> listenInNamespace(const std::string& address);
+  VORN_NO_EXPORT std::vector<ListeningSocket> inherited(int fd) const;
+  VORN_NO_EXPORT int addLocal(std::vector<ListeningSocket> sockets,
+                              const std::shared_ptr<grpc::AuthMetadataProcessor>& next,
+                              std::size_t connections);
   VORN_NO_EXPORT std::shared_ptr<grpc::experimental::ExternalConnectionAcceptor> acceptor(
       std::shared_ptr<grpc::ServerCredentials> credentials);
 

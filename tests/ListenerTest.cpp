@@ -218,6 +218,11 @@ TEST(Listener, SaysWhyItCannotListen) {
                 testing::StartsWith("cannot listen on " + address + ": " + reason));
   EXPECT_EQ(thrown<std::invalid_argument>([&] { listener.addInherited(0, none); }),
             "cannot listen on descriptor 0: it is no stream socket that listens");
+  const int tcp = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  listen(tcp, 1);
+  EXPECT_THAT(thrown<std::invalid_argument>([&] { listener.addInheritedLocal(tcp); }),
+              HasSubstr("it is no Unix socket"));
+  close(tcp);
   listener.stop();
   EXPECT_THAT(refusal("127.0.0.1:0"), HasSubstr("has started or stopped already"));
 }

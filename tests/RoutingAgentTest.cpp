@@ -457,7 +457,8 @@ TEST(Options, AreReadOrRefusedInOneLine) {
       argv.push_back(word.data());
     return parseOptions(static_cast<int>(argv.size()), argv.data());
   };
-  EXPECT_THAT(parsed({}).listen, testing::ElementsAre("127.0.0.1:50051"));
+  EXPECT_EQ(parsed({"--socket-mode", "0660", "--socket-group", "0"}).sockets,
+            (SocketOptions{.mode = 0660, .group = 0}));
   const Options options =
       parsed({"--listen", "a:1", "--no-accounting", "--listen", "unix:/b", "--step-ms", "7"});
   EXPECT_THAT(options.listen, testing::ElementsAre("a:1", "unix:/b"));
@@ -468,6 +469,9 @@ TEST(Options, AreReadOrRefusedInOneLine) {
            {{"--bogus"}, "unknown option --bogus"},
            {{"--trace"}, "--trace needs a value"},
            {{"--listen", "--netns", "a"}, "--listen needs a value"},
+           {{"--socket-mode", "0680"}, "--socket-mode takes permissions in octal, such as 0660"},
+           {{"--socket-group", "no such"},
+            "--socket-group names a group that is not there: no such"},
            {{"--keepalive-ms", "99"}, "--keepalive-ms takes a number from 100 to 3600000"},
            {{"--step-ms", "fast"}, "--step-ms takes a number from 0 to 1000"},
            {{"--netns", "a", "--netns", "b"}, "unknown option --netns"},

@@ -109,11 +109,9 @@ std::shared_ptr<grpc::AuthMetadataProcessor> Access::checked(
   return accounting ? accounting->recorded(std::move(all)) : all;
 }
 
-int Access::listen(VornSdkRpc::Listener& listener, const std::string& address,
-                   VornSdkRpc::CallAccounting* accounting) const {
-  if (address.starts_with("unix:") || address.starts_with("unix-abstract:"))
-    return listener.addLocal(address, checked(std::make_shared<ConnectionIdentity>(), accounting));
-  return listener.add(address, credentials(address, accounting));
+std::shared_ptr<grpc::AuthMetadataProcessor> Access::localCallers(
+    VornSdkRpc::CallAccounting* accounting) const {
+  return checked(std::make_shared<ConnectionIdentity>(), accounting);
 }
 
 std::shared_ptr<grpc::ServerCredentials> Access::credentials(

@@ -2,7 +2,6 @@
 
 #include <VornSdkRpc/CallAccounting.h>
 #include <VornSdkRpc/Certificates.h>
-#include <VornSdkRpc/Listener.h>
 #include <VornSdkRpc/PolicyGuard.h>
 #include <grpcpp/security/auth_metadata_processor.h>
 #include <grpcpp/security/server_credentials.h>
@@ -39,9 +38,8 @@ class Access {
   // can't be read or used.
   explicit Access(const IdentityOptions& options);
 
-  // Listens on an address in gRPC's syntax, with a ConnectionIdentity where the credentials tell
-  // anything about the caller, and with the policy if there is one. Answers the port, and throws as
-  // Listener::add() does.
+  // What callers of a listening address have, in gRPC's syntax: a ConnectionIdentity where their
+  // credentials tell anything about them, and the policy if there is one.
   //
   //   address                             credentials              accounted user
   //   unix:PATH, unix-abstract:NAME       local, Unix socket       the user, proven by the kernel
@@ -50,11 +48,10 @@ class Access {
   //                                       required
   //   any other, without                  none                     unknown
   //
-  // What they refuse is recorded by `accounting`, if there is one.
-  int listen(VornSdkRpc::Listener& listener, const std::string& address,
-             VornSdkRpc::CallAccounting* accounting = nullptr) const;
-
-  // The credentials of a TCP address.
+  // What they refuse is recorded by `accounting`, if there is one. localCallers() goes with
+  // Listener::addLocal(), and credentials() with a TCP address.
+  std::shared_ptr<grpc::AuthMetadataProcessor> localCallers(
+      VornSdkRpc::CallAccounting* accounting = nullptr) const;
   std::shared_ptr<grpc::ServerCredentials> credentials(
       const std::string& address, VornSdkRpc::CallAccounting* accounting = nullptr) const;
 

@@ -30,6 +30,7 @@
 #include "agents/routing/ReloadOnSignal.h"
 #include "agents/routing/RoutingService.h"
 #include "agents/routing/SbfdService.h"
+#include "agents/routing/Sockets.h"
 #include "agents/routing/StateFile.h"
 #include "agents/routing/StateService.h"
 #include "agents/routing/Supervision.h"
@@ -46,11 +47,9 @@ constexpr std::chrono::seconds kStopTimeout{30};
 // service without methods, the last one to be started.
 class Announcement : public VornSdkRpc::GrpcService {
  public:
-  Announcement(const Options& options, const std::vector<int>& ports)
-      : GrpcService("Announcement"),
-        listen_(options.listen),
-        ports_(ports),
-        grace_(options.grace) {}
+  Announcement(const std::vector<std::string>& listen, const std::vector<int>& ports,
+               std::chrono::milliseconds grace)
+      : GrpcService("Announcement"), listen_(listen), ports_(ports), grace_(grace) {}
 
   void metricsPortIs(int port) { metricsPort_ = port; }
 
@@ -163,17 +162,26 @@ std::unique_ptr<StateFile> stateFile(const Options& options, Tables& tables) try
   throw UsageError(error.what());
 }
 
-// Listens on every address of the options, and answers the ports.
-std::vector<int> listen(VornSdkRpc::Listener& listener, const Options& options,
-                        const Access& access, VornSdkRpc::CallAccounting* accounting) try {
+// Listens on all the places, and answers the ports.
+std::vector<int> listen(VornSdkRpc::Listener& listener, const std::vector<Place>& places,
+                        const Options& options, const Access& access,
+                        VornSdkRpc::CallAccounting* accounting) {
   listener.connectionsPerPeerIs(options.peerConnections);
   std::vector<int> ports;
-  ports.reserve(options.listen.size());
-  for (const auto& address : options.listen)
-    ports.push_back(access.listen(listener, address, accounting));
+  ports.reserve(places.size());
+  for (const auto& place : places) {
+    ports.push_back(
+        asAsked([&] { return listen(place, options.sockets, listener, access, accounting); }));
+  }
   return ports;
-} catch (const std::exception& error) {
-  throw UsageError(error.what());
+}
+
+std::vector<std::string> addressesOf(const std::vector<Place>& places) {
+  std::vector<std::string> addresses;
+  addresses.reserve(places.size());
+  for (const auto& place : places)
+    addresses.push_back(place.address);
+  return addresses;
 }
 
 void installInterceptors(grpc::ServerBuilder& builder, const Access& access,
@@ -186,9 +194,9 @@ void installInterceptors(grpc::ServerBuilder& builder, const Access& access,
 
 // Serves the records of calls to those who may change something, as far as the policy lets them.
 std::shared_ptr<VornSdkRpc::GrpcService> watchService(const VornSdkRpc::CallAccounting& calls,
-                                                      const Options& options) {
-  return VornSdkRpc::callWatchService(calls.log(), [&options](const grpc::ServerContext& context) {
-    return mayChange(context, options.listen)
+                                                      const std::vector<std::string>& listen) {
+  return VornSdkRpc::callWatchService(calls.log(), [&listen](const grpc::ServerContext& context) {
+    return mayChange(context, listen)
                ? grpc::Status::OK
                : grpc::Status(grpc::StatusCode::PERMISSION_DENIED,
                               "only local and authenticated peers may watch the accounting");
@@ -223,7 +231,9 @@ void serve(const Options& options, const std::function<Options()>& readAgain) {
   installInterceptors(builder, access, calls);
   VornSdkRpc::ServerProperties properties{options.netns};
   const auto listener = std::make_shared<VornSdkRpc::Listener>(builder, properties);
-  const auto ports = listen(*listener, options, access, calls);
+  const auto places = asAsked([&] { return placesOf(options); });
+  const auto addresses = addressesOf(places);
+  const auto ports = listen(*listener, places, options, access, calls);
 
   Tables tables;
   const auto file = stateFile(options, tables);
@@ -232,13 +242,13 @@ void serve(const Options& options, const std::function<Options()>& readAgain) {
     if (kernel) kernel->sessionIsDown(key, down);
   });
   Backlog backlog(options.stepTime, options.backlogMib << 20);
-  const auto announcement = std::make_shared<Announcement>(options, ports);
-  const Workings workings{tables, backlog, options.listen, file.get()};
+  const auto announcement = std::make_shared<Announcement>(addresses, ports, options.grace);
+  const Workings workings{tables, backlog, addresses, file.get()};
   std::vector<std::shared_ptr<VornSdkRpc::GrpcService>> services{
       std::make_shared<RoutingService>(workings, kernel.get()),
       std::make_shared<SbfdService>(workings, monitor), std::make_shared<StateService>(workings),
       std::make_shared<PolicyService>(access.policy(), access.certificates())};
-  if (calls && !options.accounting.to.empty()) services.push_back(watchService(*calls, options));
+  if (calls && !options.accounting.to.empty()) services.push_back(watchService(*calls, addresses));
   if (options.figures.any()) services.push_back(metrics.servingThread());
   services.push_back(announcement);
   VornSdkRpc::GrpcServer server(builder, std::move(services), properties, calls != nullptr);
@@ -273,7 +283,7 @@ int main(int argc, char** argv) {
   VornSdkRpc::StopOnSignal::holdSignals();
   ReloadOnSignal::holdSignal();
   std::signal(SIGPIPE, SIG_IGN);
-  umask(0177);  // socket and log files are the agent's own, mode 0600
+  umask(0177);  // files are the agent's own, mode 0600; --socket-mode opens its sockets to others
   try {
     const Options options = parseOptions(argc, argv);
     if (options.help || options.version) {

@@ -1,6 +1,7 @@
 #include "agents/routing/Options.h"
 
 #include <VornSdkRpc/Argv.h>
+#include <grp.h>
 #include <toml++/toml.h>
 
 #include <algorithm>
@@ -8,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <limits>
 #include <string_view>
 
 namespace routing_agent {
@@ -37,6 +39,21 @@ int number(const std::string& text, int min, int max) {
   return result;
 }
 
+mode_t mode(const std::string& text) {
+  unsigned result = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), result, 8);
+  if (error != std::errc() || end != text.data() + text.size() || result > 0777)
+    throw UsageError("takes permissions in octal, such as 0660");
+  return result;
+}
+
+gid_t group(const std::string& name) {
+  if (const ::group* const found = getgrnam(name.c_str())) return found->gr_gid;
+  if (name.find_first_not_of("0123456789") == name.npos)
+    return static_cast<gid_t>(number(name, 0, std::numeric_limits<int>::max()));
+  throw UsageError("names a group that is not there: " + name);
+}
+
 void checkPlace(const std::string& place) try {
   checkAccountingPlace(place);
 } catch (const std::invalid_argument& error) {
@@ -46,9 +63,16 @@ void checkPlace(const std::string& place) try {
 // In the order of the help.
 const Option kOptions[] = {
     {"--listen", "ADDRESS",
-     "where to listen: HOST:PORT or unix:PATH; may be given again\n"
-     "(default: 127.0.0.1:50051)",
+     "where to listen: HOST:PORT or unix:PATH; may be given again, and\n"
+     "adds to the sockets that the service manager hands over\n"
+     "(default: 127.0.0.1:50051 where there are none)",
      [](Options& options, const Values& values) { options.listen = values; }, true},
+    {"--socket-mode", "MODE",
+     "permissions of the Unix sockets that the agent makes, in octal,\n"
+     "such as 0660 (default: 0600)",
+     [](Options& options, const Values& values) { options.sockets.mode = mode(values[0]); }},
+    {"--socket-group", "NAME", "their group, a name or a number (default: the agent's)",
+     [](Options& options, const Values& values) { options.sockets.group = group(values[0]); }},
     {"--netns", "NAME", "listen in this network namespace, as `ip netns` knows it",
      [](Options& options, const Values& values) { options.netns = values[0]; }},
     {"--program-kernel", "",

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <chrono>
 #include <cstddef>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -14,8 +17,19 @@
 // are the command line's options without the dashes.
 namespace routing_agent {
 
+// Who may open the Unix sockets that the agent makes.
+struct SocketOptions {
+  mode_t mode = 0600;
+  std::optional<gid_t> group;  // none: the agent's own
+
+  bool operator==(const SocketOptions&) const = default;
+};
+
 struct Options {
-  std::vector<std::string> listen{"127.0.0.1:50051"};  // addresses, as gRPC writes them
+  // Addresses, as gRPC writes them. None: the sockets that the service manager hands over, or else
+  // 127.0.0.1:50051.
+  std::vector<std::string> listen;
+  SocketOptions sockets;
   std::string netns;  // network namespace to listen in; empty: the agent's own
   IdentityOptions identity;
   AccountingOptions accounting;
