@@ -330,6 +330,7 @@ class Published : private detail::PublishedTable {
     const auto place = entries_.find(key);
     if (place == entries_.end() || place->second.removed) return nullptr;
     const auto change = std::static_pointer_cast<const Change>(place->second.change);
+    // NOLINTNEXTLINE(bugprone-unchecked-optional-access): a change that removes nothing has one
     return {change, &*change->value};
   }
 

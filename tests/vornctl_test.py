@@ -120,6 +120,13 @@ class FakeAgent(pb.rpc.RoutingServicer, pb.rpc.SbfdServicer, pb.rpc.StateService
         self.synced = True
         return self.answer
 
+    def GetSessions(self, request: Any, context: Any) -> Iterator[Any]:
+        kind = pb.agent.session_state_msg
+        states = [
+            kind(session=s, status={"status": "UP"}, simulated=True, reason="no way") for s in self.sessions.values()
+        ]
+        yield pb.agent.sessions_msg(session=states)
+
     def WatchSessions(self, request: Any, context: Any) -> Iterator[Any]:
         updates = self.news
         context.add_callback(lambda: updates.put(None))
@@ -339,8 +346,8 @@ class VornctlTest(unittest.TestCase):
             ),
             (
                 "sessions",
-                "SESSION                  STATUS\neth0 192.0.2.1 labels 7  UP\n",
-                {"sessions": [{"session": key, "status": "UP"}]},
+                "SESSION                  STATUS\neth0 192.0.2.1 labels 7  UP (simulated): no way\n",
+                {"sessions": [{"session": key, "status": "UP", "simulated": True, "reason": "no way", "rtt": None}]},
             ),
             ("routes", "PREFIX  GROUP  TAG\n", {"routes": [], "waiting": 5}),
         ):

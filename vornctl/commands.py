@@ -367,20 +367,32 @@ def updates(items: Any) -> Iterator[Any]:
 
 
 def list_sessions(agent: Agent, args: argparse.Namespace) -> None:
-    call = agent.sbfd.WatchSessions(agent.sdk.watch_sbfd_echo_session_config_msg(), **agent.stream)
-    sessions = []
-    for item in updates(call):
-        if item.end_of_status_batch:
-            break
-        sessions.append(item)
-    else:
-        raise Refused("the agent ended the list of sessions before its end")
-    call.cancel()
+    parts = agent.sbfd.GetSessions(agent.messages.get_msg(), **agent.stream)
+    states = [state for part in parts for state in part.session]
     if args.json:
-        print_json({"sessions": [update_json(item) for item in sessions]})
+        print_json({"sessions": [session_json(state) for state in states]})
     else:
-        rows = ([values.session_key_text(s.session_key), update_text(s)] for s in sessions)
+        rows = ([values.session_key_text(state.session.session_key), session_text(state)] for state in states)
         print_table(["SESSION", "STATUS"], rows)
+
+
+def session_json(state: Any) -> dict[str, Any]:
+    return {
+        "session": values.session_key_json(state.session.session_key),
+        "status": values.enum_name(state.status, "status"),
+        "simulated": state.simulated,
+        "reason": state.reason or None,
+        "rtt": values.rtt_json(state.rtt) if state.rtt.max_rtt else None,
+    }
+
+
+def session_text(state: Any) -> str:
+    text = values.enum_name(state.status, "status")
+    if state.simulated:
+        text += " (simulated)"
+    if state.reason:
+        text += f": {state.reason}"
+    return text
 
 
 def update_json(item: Any) -> dict[str, Any]:

@@ -238,9 +238,12 @@ void serve(const Options& options, const std::function<Options()>& readAgain) {
   Tables tables;
   const auto file = stateFile(options, tables);
   const auto kernel = kernelSync(options);
-  SbfdMonitor monitor(options.netns, [&kernel](const sbfd_echo_session_key_msg& key, bool down) {
-    if (kernel) kernel->sessionIsDown(key, down);
-  });
+  SbfdMonitor monitor(
+      options.netns,
+      [&kernel](const sbfd_echo_session_key_msg& key, bool down) {
+        if (kernel) kernel->sessionIsDown(key, down);
+      },
+      kernel ? SbfdMonitor::kPackets : SbfdMonitor::kSimulated);
   Backlog backlog(options.stepTime, options.backlogMib << 20);
   const auto announcement = std::make_shared<Announcement>(addresses, ports, options.grace);
   const Workings workings{tables, backlog, addresses, file.get()};

@@ -162,10 +162,9 @@ Netlink::Socket::~Socket() {
   if (fd >= 0) close(fd);
 }
 
-Netlink::Netlink(const std::string& netns) : buffer_(kBufferSize) {
+Netlink::Netlink(const std::string& netns, Notifications notifications) : buffer_(kBufferSize) {
   const VornSdkRpc::ScopedNamespace inside(netns);
   requests_.fd = openSocket();
-  notifications_.fd = openSocket();
   bindTo(requests_.fd);
   optionIs(requests_.fd, SOL_SOCKET, SO_RCVBUFFORCE, kAnswersBuffer);
   optionIs(requests_.fd, SOL_SOCKET, SO_SNDBUFFORCE, kAnswersBuffer);
@@ -173,12 +172,13 @@ Netlink::Netlink(const std::string& netns) : buffer_(kBufferSize) {
   // asked for. An older kernel that lacks one serves as well.
   for (const int option : {NETLINK_EXT_ACK, NETLINK_CAP_ACK, NETLINK_GET_STRICT_CHK})
     optionIs(requests_.fd, SOL_NETLINK, option, 1);
-  subscribe();
+  if (notifications == kNotifications) subscribe();
 }
 
 Netlink::~Netlink() = default;
 
 void Netlink::subscribe() {
+  notifications_.fd = openSocket();
   bindTo(notifications_.fd);
   optionIs(notifications_.fd, SOL_SOCKET, SO_RCVBUFFORCE, kNotificationsBuffer);
   dropThoseOf(notifications_.fd, portOf(requests_.fd));

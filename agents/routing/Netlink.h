@@ -73,9 +73,11 @@ class Netlink {
  public:
   using Receive = std::function<void(const nlmsghdr&)>;
 
-  // Opens two sockets inside the namespace `netns`, as `ip netns` knows it; empty: the calling
-  // thread's own. Throws std::system_error.
-  explicit Netlink(const std::string& netns);
+  enum Notifications : std::uint8_t { kNotifications, kNoNotifications };
+
+  // Opens its sockets inside the namespace `netns`, as `ip netns` knows it; empty: the calling
+  // thread's own. Without notifications there is no socket for them. Throws std::system_error.
+  explicit Netlink(const std::string& netns, Notifications notifications = kNotifications);
   ~Netlink();
   Netlink(const Netlink&) = delete;
   Netlink& operator=(const Netlink&) = delete;

@@ -2,12 +2,17 @@
 
 #include <VornSdkRpc/ScopedNamespace.h>
 #include <net/if.h>
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <vorn/tracer.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <exception>
 #include <system_error>
 #include <utility>
 
@@ -23,28 +28,42 @@ std::chrono::microseconds intervalOf(const sbfd_echo_session_msg& config) {
                                              std::chrono::microseconds(config.min_tx()));
 }
 
+std::uint32_t multiplierOf(const sbfd_echo_session_msg& config) {
+  constexpr std::uint32_t kUsual = 3;
+  return config.detection_multiplier() == 0 ? kUsual : config.detection_multiplier();
+}
+
+// Null when packets may not be sent.
+std::unique_ptr<SbfdEcho> openEcho(const std::string& netns) try {
+  return std::make_unique<SbfdEcho>(netns);
+} catch (const std::system_error& error) {
+  if (error.code().value() != EPERM && error.code().value() != EAFNOSUPPORT) throw;
+  vorn::tracer("Sbfd").trace0("sessions are simulated: %s", error.what());
+  return nullptr;
+}
+
 }  // namespace
 
-SbfdMonitor::SbfdMonitor(const std::string& netns, DownChanged downChanged)
+SbfdMonitor::SbfdMonitor(const std::string& netns, DownChanged downChanged, DataPlane dataPlane)
     : downChanged_(std::move(downChanged)) {
+  if (dataPlane == kPackets) echo_ = openEcho(netns);
   {
     const VornSdkRpc::ScopedNamespace inside(netns);
     interfaces_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   }
-  if (interfaces_ < 0 || socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, sockets_) != 0) {
+  wake_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (interfaces_ < 0 || wake_ < 0 ||
+      socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, sockets_) != 0) {
     throw std::system_error(errno, std::generic_category(), "cannot open a socket");
   }
   thread_ = std::thread([this] { run(); });
 }
 
 SbfdMonitor::~SbfdMonitor() {
-  {
-    const vorn::lock_guard lock(mutex_);
-    stopping_ = true;
-  }
-  wake_.notify_one();
+  stopping_ = true;
+  wake();
   thread_.join();
-  for (const int fd : {interfaces_, sockets_[0], sockets_[1]})
+  for (const int fd : {interfaces_, sockets_[0], sockets_[1], wake_})
     close(fd);
 }
 
@@ -56,6 +75,8 @@ void SbfdMonitor::set(const sbfd_echo_session_msg& session) {
     if (entry == sessions_.end()) return;
     if (entry->second.status == Status::DOWN && downChanged_)
       downChanged_(session.session_key(), false);
+    if (echo_) echo_->forget(entry->second.number);
+    ids_.erase(entry->second.number);
     sessions_.erase(entry);
     statuses_.remove(id);
     roundTripTimes_.remove(id);
@@ -64,11 +85,19 @@ void SbfdMonitor::set(const sbfd_echo_session_msg& session) {
     entry->second.config = session;
     entry->second.nextEcho = std::chrono::steady_clock::now();
     if (added) {
+      entry->second.number = ++numbers_;
+      ids_[entry->second.number] = id;
       entry->second.status = Status::INIT;
       publishStatus(id, entry->second);
     }
   }
-  wake_.notify_one();
+  wake();
+}
+
+SbfdMonitor::Details SbfdMonitor::details(const sbfd_echo_session_key_msg& key) const {
+  const vorn::lock_guard lock(mutex_);
+  const auto entry = sessions_.find(idOf(key));
+  return entry == sessions_.end() ? Details() : Details{entry->second.trouble, entry->second.rtt};
 }
 
 std::string SbfdMonitor::idOf(const sbfd_echo_session_key_msg& key) {
@@ -77,20 +106,41 @@ std::string SbfdMonitor::idOf(const sbfd_echo_session_key_msg& key) {
 
 // Sleeps until the next echo is due; without sessions, until there is one.
 void SbfdMonitor::run() {
-  vorn::unique_lock lock(mutex_);
   while (!stopping_) {
-    if (sessions_.empty()) {
-      wake_.wait(lock);
-      continue;
-    }
     auto next = std::chrono::steady_clock::time_point::max();
-    const auto now = std::chrono::steady_clock::now();
-    for (auto& [id, session] : sessions_) {
-      if (session.nextEcho <= now) echo(id, session);
-      next = std::min(next, session.nextEcho);
+    {
+      const vorn::lock_guard lock(mutex_);
+      if (echo_) {
+        for (const auto& echo : echo_->receive())
+          returned(echo);
+      }
+      const auto now = std::chrono::steady_clock::now();
+      for (auto& [id, session] : sessions_) {
+        if (session.nextEcho <= now) echo(id, session);
+        next = std::min(next, session.nextEcho);
+      }
     }
-    wake_.wait_until(lock, next);
+    pause(next);
   }
+}
+
+void SbfdMonitor::pause(std::chrono::steady_clock::time_point until) const {
+  int timeout = -1;
+  if (until != std::chrono::steady_clock::time_point::max()) {
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(until - std::chrono::steady_clock::now());
+    timeout = static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 60000));
+  }
+  std::array<pollfd, 3> fds{pollfd{wake_, POLLIN, 0}, pollfd{echo_ ? echo_->ipv4() : -1, POLLIN, 0},
+                            pollfd{echo_ ? echo_->ipv6() : -1, POLLIN, 0}};
+  poll(fds.data(), fds.size(), timeout);
+  std::uint64_t count = 0;
+  [[maybe_unused]] const auto size = read(wake_, &count, sizeof count);
+}
+
+void SbfdMonitor::wake() const {
+  const std::uint64_t one = 1;
+  [[maybe_unused]] const auto size = write(wake_, &one, sizeof one);
 }
 
 void SbfdMonitor::echo(const std::string& id, Session& session) {
@@ -98,11 +148,38 @@ void SbfdMonitor::echo(const std::string& id, Session& session) {
   const auto& interface = session.config.session_key().outgoing_interface();
   const Link link = session.config.track_interface_state() ? this->link(interface) : Link::up;
   if (link == Link::unknown) return;
-  const auto rtt = link == Link::up ? roundTrip() : std::nullopt;
+  if (link == Link::down) return statusIs(id, session, Status::DOWN);
+  if (echo_) return sendEcho(id, session);
+  const auto rtt = roundTrip();
   if (!rtt) return statusIs(id, session, Status::DOWN);
+  cameBack(id, session, *rtt);
+}
+
+void SbfdMonitor::sendEcho(const std::string& id, Session& session) {
+  if (session.sent - session.returned >= multiplierOf(session.config))
+    statusIs(id, session, Status::DOWN);
+  try {
+    session.trouble = echo_->send(session.config.session_key(), session.number, ++session.sent);
+  } catch (const std::exception& error) {  // for want of memory, say: it counts as not come back
+    session.trouble = error.what();
+  }
+}
+
+void SbfdMonitor::returned(const SbfdEcho::Returned& echo) {
+  const auto id = ids_.find(echo.number);
+  if (id == ids_.end()) return;
+  Session& session = sessions_.at(id->second);
+  const bool isNew = echo.sequence > session.returned && echo.sequence <= session.sent;
+  if (!isNew || session.sent - echo.sequence >= multiplierOf(session.config)) return;
+  session.returned = echo.sequence;
+  const auto time = std::chrono::duration_cast<std::chrono::microseconds>(echo.time).count();
+  cameBack(id->second, session, static_cast<std::uint32_t>(std::max<std::int64_t>(time, 1)));
+}
+
+void SbfdMonitor::cameBack(const std::string& id, Session& session, std::uint32_t rtt) {
   statusIs(id, session, session.status == Status::DOWN ? Status::INIT : Status::UP);
   if (!session.config.rtt_enabled()) return;
-  account(session, *rtt);
+  account(session, rtt);
   publishRoundTripTimes(id, session);
 }
 

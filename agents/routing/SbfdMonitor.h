@@ -4,32 +4,41 @@
 #include <VornSdkRpcProtos/VornSdkRpc.pb.h>
 #include <vorn/mutex.h>
 
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <thread>
+
+#include "agents/routing/SbfdEcho.h"
 
 namespace routing_agent {
 
 using namespace VornSdkRpc::pb;
 
-// Runs the SBFD echo sessions and publishes what changes. This example has no data
-// plane: an echo goes through a socket pair of the monitor's own, so the round-trip times are real
-// ones of that path, and a session comes up with its second echo. A session that tracks its
-// interface is down while there is no interface of that name, or it is down or has no carrier; when
-// that can't be told, the session stays as it is. Any thread may call any operation.
+// Runs the SBFD echo sessions and publishes what changes. Echo packets go to the next hop and come
+// back, and a session is down when as many in a row as its detection multiplier says did not (3
+// where it says nothing). Where there may be no such packets, or none are wanted, the sessions are
+// simulated: an echo goes through a socket pair of the monitor's own. A session that is down comes
+// up with the second echo that comes back. A session that tracks its interface is down while there
+// is no interface of that name, or it is down or has no carrier; when that can't be told, the
+// session stays as it is. Any thread may call any operation.
 class SbfdMonitor {
  public:
   // Told whenever a session goes down or is no longer down, with the session's key.
   using DownChanged = std::function<void(const sbfd_echo_session_key_msg& key, bool down)>;
 
-  // Looks for interfaces in the namespace `netns`, as `ip netns` knows it; empty: the calling
-  // thread's own. `downChanged` is called on any thread, and must not call back.
-  explicit SbfdMonitor(const std::string& netns = {}, DownChanged downChanged = {});
+  enum DataPlane : std::uint8_t { kSimulated, kPackets };
+
+  // Works in the namespace `netns`, as `ip netns` knows it; empty: the calling thread's own.
+  // `downChanged` is called on any thread, and must not call back. Without the right to send
+  // packets (CAP_NET_RAW) the sessions are simulated, which a trace says.
+  explicit SbfdMonitor(const std::string& netns = {}, DownChanged downChanged = {},
+                       DataPlane dataPlane = kSimulated);
   ~SbfdMonitor();
   SbfdMonitor(const SbfdMonitor&) = delete;
   SbfdMonitor& operator=(const SbfdMonitor&) = delete;
@@ -39,6 +48,16 @@ class SbfdMonitor {
 
   // Sessions by their serialized keys, each with the item that a watcher is sent.
   using Sessions = VornSdkRpc::rpc::Published<std::string, watch_sbfd_echo_session_status_msg>;
+
+  // Whether the sessions are simulated.
+  bool simulated() const { return !echo_; }
+
+  // What can be told of a session beside its status: why its echoes do not go out, and times.
+  struct Details {
+    std::string trouble;
+    sbfd_echo_session_rtt_msg rtt;
+  };
+  Details details(const sbfd_echo_session_key_msg& key) const;
 
   // The status of every session, and the round-trip times of those that measure them.
   Sessions& statuses() { return statuses_; }
@@ -52,6 +71,10 @@ class SbfdMonitor {
     Status::status_enum status = Status::UNKNOWN;
     std::chrono::steady_clock::time_point nextEcho;
     sbfd_echo_session_rtt_msg rtt;
+    std::uint32_t number = 0;    // that its packets carry
+    std::uint32_t sent = 0;      // number of its last echo
+    std::uint32_t returned = 0;  // number of the last one that came back
+    std::string trouble;         // why the last one was not sent
     std::uint64_t echoes = 0;
     std::uint64_t rttSum = 0;  // of all echoes, microseconds
   };
@@ -59,7 +82,12 @@ class SbfdMonitor {
   static std::string idOf(const sbfd_echo_session_key_msg& key);
 
   void run();
+  void pause(std::chrono::steady_clock::time_point until) const;
+  void wake() const;
   void echo(const std::string& id, Session& session) VORN_REQUIRES(mutex_);
+  void sendEcho(const std::string& id, Session& session) VORN_REQUIRES(mutex_);
+  void returned(const SbfdEcho::Returned& echo) VORN_REQUIRES(mutex_);
+  void cameBack(const std::string& id, Session& session, std::uint32_t rtt) VORN_REQUIRES(mutex_);
   void statusIs(const std::string& id, Session& session, Status::status_enum status)
       VORN_REQUIRES(mutex_);
   enum class Link : std::uint8_t { up, down, unknown };
@@ -69,15 +97,19 @@ class SbfdMonitor {
   static void account(Session& session, std::uint32_t rtt);
   std::optional<std::uint32_t> roundTrip() const;  // microseconds; none when the echo was lost
 
-  vorn::mutex mutex_;
-  std::condition_variable wake_;
-  bool stopping_ VORN_GUARDED_BY(mutex_) = false;
+  mutable vorn::mutex mutex_;
+  std::atomic<bool> stopping_ = false;
   std::map<std::string, Session> sessions_ VORN_GUARDED_BY(mutex_);
+  // Of the sessions, by their numbers.
+  std::map<std::uint32_t, std::string> ids_ VORN_GUARDED_BY(mutex_);
+  std::uint32_t numbers_ VORN_GUARDED_BY(mutex_) = 0;
   Sessions statuses_;
   Sessions roundTripTimes_;
   const DownChanged downChanged_;
   int interfaces_ = -1;  // a socket to ask for interfaces, so that this takes no new descriptor
   int sockets_[2] = {-1, -1};
+  int wake_ = -1;
+  std::unique_ptr<SbfdEcho> echo_;  // null: simulated
   std::thread thread_;
 };
 

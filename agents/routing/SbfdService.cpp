@@ -55,6 +55,10 @@ SbfdService::SbfdService(const Workings& workings, SbfdMonitor& monitor)
   method(&Async::RequestSetSession,
          [this](grpc::ServerContext& context, const sbfd_echo_session_msg& session,
                 rpc_status_msg&) { return set(context, session); });
+  method(&Async::RequestGetSessions,
+         [this](rpc::Writer<sessions_msg>& writer, const get_msg& request) {
+           return list(writer, request);
+         });
   method(&Async::RequestWatchSessions,
          [this](rpc::Writer<Item>& watcher, const watch_sbfd_echo_session_config_msg& config) {
            return watch(watcher, config);
@@ -79,6 +83,36 @@ grpc::Status SbfdService::set(grpc::ServerContext& context, const sbfd_echo_sess
                   }
                   monitor_.set(session);
                 });
+}
+
+session_state_msg SbfdService::stateOf(const std::string& id, sbfd_echo_session_msg session) const {
+  session_state_msg state;
+  const auto item = monitor_.statuses().find(id);
+  if (item) *state.mutable_status() = item->status();
+  auto details = monitor_.details(session.session_key());
+  state.set_simulated(monitor_.simulated());
+  state.set_reason(std::move(details.trouble));
+  *state.mutable_rtt() = std::move(details.rtt);
+  *state.mutable_session() = std::move(session);
+  return state;
+}
+
+// Those that failed are those that are not up.
+rpc::Task<> SbfdService::list(rpc::Writer<sessions_msg>& writer, const get_msg& request) const {
+  std::optional<std::string> last;
+  for (;;) {
+    auto items = tables_.sessions.part(last);
+    sessions_msg part;
+    for (auto& [id, session] : items) {
+      auto state = stateOf(id, std::move(session));
+      if (request.failed() && state.status().status() == sbfd_echo_session_oper_status_msg::UP)
+        continue;
+      *part.add_session() = std::move(state);
+    }
+    if (!co_await writer.write(part)) co_return grpc::Status::CANCELLED;
+    if (items.empty()) co_return grpc::Status::OK;
+    last = std::move(items.back().first);
+  }
 }
 
 rpc::Task<> SbfdService::watch(rpc::Writer<Item>& watcher,

@@ -16,6 +16,8 @@ class SbfdService : public AgentService<Sbfd> {
 
  private:
   grpc::Status set(grpc::ServerContext& context, const sbfd_echo_session_msg& session);
+  session_state_msg stateOf(const std::string& id, sbfd_echo_session_msg session) const;
+  rpc::Task<> list(rpc::Writer<sessions_msg>& writer, const get_msg& request) const;
   rpc::Task<> watch(rpc::Writer<watch_sbfd_echo_session_status_msg>& watcher,
                     const watch_sbfd_echo_session_config_msg& config);
 
