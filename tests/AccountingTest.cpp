@@ -10,6 +10,7 @@
 
 #include "Capture.h"
 #include "ProbeService.h"
+#include "tests/WaitUntil.h"
 
 using testing::ElementsAre;
 using testing::ElementsAreArray;
@@ -94,8 +95,8 @@ TEST(Accounting, EveryKindOfCallIsOneRecordHoweverItEnds) {
   // Behind the chats on the same connection: when it has been answered, they have all arrived.
   EXPECT_EQ(callEcho(*stub, "text"), grpc::OK);
   const int late = service->made - before - 1;
-  while (service->alive > 4)  // the handlers that wait for a call
-    std::this_thread::yield();
+  test::waitUntil([&] { return service->alive <= 4; },
+                  "only the handlers that wait for a call are left");
   EXPECT_EQ(test::callUnknownMethod(server->connection()), grpc::UNIMPLEMENTED);
   server.reset();
   std::vector<std::string> expected;

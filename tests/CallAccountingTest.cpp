@@ -18,6 +18,7 @@
 #include "tests/FullAt.h"
 #include "tests/FullRecord.h"
 #include "tests/ProbeService.h"
+#include "tests/WaitUntil.h"
 
 namespace test {
 namespace {
@@ -125,8 +126,7 @@ class Waiting {
     text.set_text("wait");
     reader_ = stub.AsyncEcho(&context_, text, &queue_);
     reader_->Finish(&reply_, &status_, nullptr);
-    while (service.begun == before)
-      std::this_thread::yield();
+    waitUntil([&] { return service.begun != before; }, "the call has begun");
   }
   ~Waiting() { end(); }
   void cancel() { context_.TryCancel(); }
@@ -185,19 +185,16 @@ TEST(CallAccounting, TellsOfEveryCallHowItEnded) {
       EXPECT_EQ(callEcho(*stub, "hello"), grpc::RESOURCE_EXHAUSTED);
       waiting.cancel();
     }
-    while (kept.lines().size() < 12)
-      std::this_thread::yield();
+    waitUntil([&] { return kept.lines().size() >= 12; }, "twelve records are written");
     EXPECT_EQ(Waiting(*stub, *service, 1s).end(), grpc::DEADLINE_EXCEEDED);
-    while (kept.lines().size() < 13)
-      std::this_thread::yield();
+    waitUntil([&] { return kept.lines().size() >= 13; }, "one more record is written");
     Waiting waiting(*stub, *service);
     server.stop();
   }
   const std::string who = " [unknown] [unknown] [none]";
   const std::string noted = " [delete] [10.1.0.0/16] 3";
   const std::string none = " [] [] [] []";
-  while (kept.lines().size() < 14)
-    std::this_thread::yield();
+  waitUntil([&] { return kept.lines().size() >= 14; }, "the last record is written");
   EXPECT_THAT(kept.lines(),
               UnorderedElementsAre(
                   "/test.Probe/Echo answered 0 messages 1/1 bytes 7/7" + who +
@@ -371,8 +368,8 @@ TEST(CallAccounting, ASinkThatStandsStillHoldsUpNobodyAndIsToldWhatItMisses) {
       std::this_thread::yield();
   }
   open = true;
-  while (seen(slow.lines()).records + seen(slow.lines()).missing < kRecords)
-    std::this_thread::yield();
+  waitUntil([&] { return seen(slow.lines()).records + seen(slow.lines()).missing >= kRecords; },
+            "the slow sink has come to the end");
   EXPECT_EQ(slow.lines()[0].substr(0, 6), "gap 1+");
   EXPECT_EQ(seen(slow.lines()).records + seen(slow.lines()).missing, kRecords);
   EXPECT_GT(seen(slow.lines()).records, 100U);

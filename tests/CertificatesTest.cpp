@@ -10,6 +10,7 @@
 #include "tests/Accounted.h"
 #include "tests/Capture.h"
 #include "tests/Certificates.h"
+#include "tests/WaitUntil.h"
 
 using testing::HasSubstr;
 using VornSdkRpc::CertificateOptions;
@@ -174,8 +175,7 @@ TEST_F(CertificatesTest, TheServerGoesOnWithTheLastGoodSetAndTakesTheNextOne) {
   EXPECT_FALSE(serves(server, files, ""));
 
   files.write("key", files.read("client.key"));
-  while (certificates.error().empty())
-    std::this_thread::sleep_for(1ms);
+  test::waitUntil([&] { return !certificates.error().empty(); }, "the broken file is seen");
   EXPECT_TRUE(serves(server, files, "client"));
 
   files.make("ca2", "/CN=ca2", "");
@@ -183,16 +183,15 @@ TEST_F(CertificatesTest, TheServerGoesOnWithTheLastGoodSetAndTakesTheNextOne) {
              " -CA " + files.path("ca2.pem") + " -CAkey " + files.path("ca2.key") +
                  " -addext subjectAltName=IP:127.0.0.1");
   use("next");
-  while (!serves(server, files, "client", "ca2"))
-    std::this_thread::sleep_for(1ms);
+  test::waitUntil([&] { return serves(server, files, "client", "ca2"); },
+                  "the new authority is in use");
   EXPECT_EQ(certificates.error(), "");
   EXPECT_GE(trace.count("the certificates stay as they were: " + files.path("key")), 1U);
   EXPECT_EQ(trace.count("cert is in use: CN=next"), 1U);
 
   // Another authority for the clients.
   files.write("roots", files.read("ca2.pem"));
-  while (serves(server, files, "client", "ca2"))
-    std::this_thread::sleep_for(1ms);
+  test::waitUntil([&] { return !serves(server, files, "client", "ca2"); }, "the authority is gone");
   files.make("client2", "/CN=client2",
              " -CA " + files.path("ca2.pem") + " -CAkey " + files.path("ca2.key"));
   EXPECT_TRUE(serves(server, files, "client2", "ca2"));

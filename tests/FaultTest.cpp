@@ -13,6 +13,7 @@
 #include "tests/Capture.h"
 #include "tests/ProbeService.h"
 #include "tests/RawClient.h"
+#include "tests/WaitUntil.h"
 
 namespace test {
 namespace {
@@ -28,8 +29,8 @@ grpc::StatusCode echo(Probe::Stub& stub) {
 
 // A ProbeService asks for four calls; nothing else is left once every call is over.
 void waitUntilNoCallIsLeft(RunningServer& running) {
-  while (running.server().tagManager().size() != 4)
-    std::this_thread::yield();
+  waitUntil([&] { return running.server().tagManager().size() == 4; },
+            "only the pending calls have tags");
 }
 
 // ------------------------------------------------------------------------------------------------
@@ -140,8 +141,7 @@ TEST(Clients, WhateverTheyDoTheOthersAreServedAndNothingStays) {
     for (auto& client : clients) {
       const int arrived = probe->made + c.calls;
       ASSERT_TRUE(client.connectTo(running.address()) && client.send(c.bytes));
-      while (probe->made < arrived)
-        std::this_thread::yield();
+      waitUntil([&] { return probe->made >= arrived; }, "the calls have arrived");
       client.send(c.then);
       EXPECT_EQ(client.readUntil(c.until), c.until != kEnd);
     }

@@ -21,6 +21,7 @@
 #include "tests/ProbeService.h"
 #include "tests/RawClient.h"
 #include "tests/Thrown.h"
+#include "tests/WaitUntil.h"
 
 namespace test {
 namespace {
@@ -553,8 +554,12 @@ TEST(Listener, LeavesAFileAloneThatHasGotTheNumberOfItsReserve) {
   {
     const AllDescriptors all;
     ASSERT_TRUE(clients[0].connectTo("127.0.0.1:" + std::to_string(port)));
-    while (trace.count("Listener/0: No file descriptor is left, not even to refuse with") == 0)
-      std::this_thread::yield();
+    waitUntil(
+        [&] {
+          return trace.count("Listener/0: No file descriptor is left, not even to refuse with") !=
+                 0;
+        },
+        "the shortage is traced");
   }
   EXPECT_TRUE(clients[0].isServed());
   agent.stop();

@@ -15,6 +15,7 @@
 #include "tests/Capture.h"
 #include "tests/FailingNew.h"
 #include "tests/ProbeService.h"
+#include "tests/WaitUntil.h"
 
 namespace test {
 namespace {
@@ -166,8 +167,8 @@ TEST(NoMemory, GivesAnOutageOneBudgetAndTellsWhatItCost) {
   const auto stub = server.stub();
   for (int i = 0; i <= kCalls; ++i)
     EXPECT_EQ(callEcho(*stub, "0"), grpc::OK);
-  while (log.lines().size() < 1 + kCalls - kLost)
-    std::this_thread::yield();
+  waitUntil([&] { return log.lines().size() >= 1 + kCalls - kLost; },
+            "what is not lost is written");
   server.stop();
   EXPECT_EQ(log.lines().size(), std::size_t{1 + kCalls - kLost});
   EXPECT_EQ(trace.count("50 records could not be written and are lost"), 1U);

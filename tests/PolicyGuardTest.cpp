@@ -20,6 +20,7 @@
 #include "tests/Capture.h"
 #include "tests/Certificates.h"
 #include "tests/ProbeService.h"
+#include "tests/WaitUntil.h"
 
 namespace VornSdkRpc {
 namespace {
@@ -361,8 +362,8 @@ TEST_F(PolicyFileTest, AChangeIsSeenWithoutBeingAsked) {
   write(named("first"));
   const PolicyFile file(path_, {}, 1ms);
   write(named("second"));
-  while (file.guard()->policy().name() != "second")
-    std::this_thread::sleep_for(1ms);
+  test::waitUntil([&] { return file.guard()->policy().name() == "second"; },
+                  "the second policy is in force");
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include "tests/Capture.h"
 #include "tests/ProbeService.h"
 #include "tests/Thrown.h"
+#include "tests/WaitUntil.h"
 
 namespace test {
 namespace {
@@ -210,8 +211,8 @@ TEST(Service, NotifiesOfStoppingOnlyWhenItChanges) {
 
 // The client has its answer a moment before the server's final completion is dispatched.
 void waitForPendingCallsOnly(RunningServer& running) {
-  while (running.server().tagManager().size() != 4)
-    std::this_thread::yield();
+  waitUntil([&] { return running.server().tagManager().size() == 4; },
+            "only the pending calls have tags");
 }
 
 TEST(Server, AnswersEveryKindOfCallAndForgetsItsTags) {
@@ -359,8 +360,7 @@ TEST(Server, ADrainLetsTheCallsInProgressEndAndTakesNoOthers) {
   Count count;
   const auto collect = stub->Collect(&collecting, &count);
   ASSERT_TRUE(collect->Write(Text()));
-  while (probe->made < 5)
-    std::this_thread::yield();
+  waitUntil([&] { return probe->made >= 5; }, "the call has arrived");
   {
     HealthWatch health(running.connection());
     EXPECT_EQ(health.next(), 1U) << "serving";

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tests/Capture.h"
+#include "tests/WaitUntil.h"
 
 namespace test {
 namespace {
@@ -207,8 +208,7 @@ TEST(WorkQueue, LosesNothingBetweenThreads) {
     }
   }
   for (auto& answer : answers) {
-    while (answer.pending() != 0)
-      std::this_thread::yield();
+    waitUntil([&] { return answer.pending() == 0; }, "the work is done");
   }
   EXPECT_EQ(disordered, 0);
   EXPECT_THAT(next, testing::Each(kEach));
@@ -232,8 +232,7 @@ TEST(WorkQueue, AStopWaitsForTheItemInProgressAndNoOther) {
   }
   begun.wait();
   std::jthread stopper([&] { queue.stop(); });
-  while (queue.hasRoom())
-    std::this_thread::yield();
+  waitUntil([&] { return !queue.hasRoom(); }, "the queue is full");
   goOn.count_down();
   stopper.join();
   EXPECT_EQ(ran, 1);
