@@ -520,12 +520,14 @@ TEST(ServerDeathTest, AStopThatCannotEndEndsTheProcess) {
     EXPECT_DEATH(hangs(destroyed), "GrpcServer/0: The server has not ended 1 ms after");
 }
 
-TEST(Server, SetsUpOnlyOnce) {
+TEST(Server, SetsUpOnlyOnceAndTearsDownWithoutAStop) {
   ScriptedServer scripted;
   scripted.server.setup();
   EXPECT_THROW(scripted.server.setup(), VornSdkRpc::ServerFailedError);
   EXPECT_EQ(scripted.service->startedCalls, 1);
   EXPECT_NE(scripted.server.server(), nullptr) << "the running server is untouched";
+  scripted.server.teardown();
+  EXPECT_EQ(scripted.service->stopNotices, 1);
 }
 
 TEST(Server, ATakenPortIsAnErrorAndStartsNoService) {
