@@ -79,7 +79,8 @@ TEST(Line, WritesWhatReadersActOnAsEscapes) {
       {"\\x0", ""},
       {"\x80 \xc3", "\\x80 \\xc3"},                           // half a character
       {"\xc0\x8a\xe0\x80\x8a", "\\xc0\\x8a\\xe0\\x80\\x8a"},  // a line feed in too long a form
-      {"\xed\xa0\x80", "\\xed\\xa0\\x80"},                    // a surrogate
+      {"\xc1\x81", "\\xc1\\x81"},
+      {"\xed\xa0\x80", "\\xed\\xa0\\x80"},  // a surrogate
       {"\xf4\x90\x80\x80\xff", "\\xf4\\x90\\x80\\x80\\xff"},
   };
   for (const auto& [text, line] : cases)
@@ -192,6 +193,19 @@ TEST(Log, ASinkThatThrowsIsToldOnceAndStopsNothing) {
   // Other sinks that fail are news, whatever they throw.
   EXPECT_EQ(logThree(42), 3U);
   EXPECT_EQ(trace.count("PlatformLog/0: "), 2U);
+}
+
+TEST(Trace, TheSettingHoldsForHandlesThatExistAndThoseMadeLater) {
+  const Kiv::TraceHandle before("GrpcServer", false);
+  Kiv::traceSettingIs(" GrpcServer/3-5,, */7");
+  EXPECT_THROW(Kiv::traceSettingIs("GrpcServer/9,GrpcServer/32"), std::invalid_argument);
+  const Kiv::TraceHandle after("GrpcServer", false), other("Other", false);
+  for (unsigned level = 0; level < 32; ++level) {
+    EXPECT_EQ(before.enabled(level), level == 0 || (level >= 3 && level <= 5) || level == 7);
+    EXPECT_EQ(after.enabled(level), before.enabled(level));
+    EXPECT_EQ(other.enabled(level), level == 0 || level == 7);
+  }
+  Kiv::traceSettingIs("");
 }
 
 }  // namespace
