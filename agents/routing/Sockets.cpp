@@ -39,7 +39,7 @@ std::string ipAddress(const sockaddr_storage& name) {
   }
   const auto& v6 = reinterpret_cast<const sockaddr_in6&>(name);
   inet_ntop(AF_INET6, &v6.sin6_addr, text.data(), text.size());
-  return "[" + std::string(text.data()) + "]:" + std::to_string(ntohs(v6.sin6_port));
+  return std::string("[") + text.data() + "]:" + std::to_string(ntohs(v6.sin6_port));
 }
 
 // The address that a socket listens on.
