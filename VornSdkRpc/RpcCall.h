@@ -263,50 +263,47 @@ class Reader : public Call {
   ~Reader() = default;
 };
 
-// A call whose server streams.
-template <typename Reply>
-class Writer : public Call {
+namespace detail {
+
+// A call whose server streams, beside what its client does.
+template <typename Base, typename Reply>
+class Writing : public Base {
  public:
   // Writes a message, and waits until gRPC has taken it: answers Woke::written or Woke::over.
   // Options that ask gRPC to hold the message back for the next one, or for the end of the stream,
   // are passed over.
-  detail::WriteWait write(const Reply& item, grpc::WriteOptions options = {}) {
-    return {exchange_, item, forever, false, options};
+  WriteWait write(const Reply& item, grpc::WriteOptions options = {}) {
+    return {this->exchange_, item, forever, false, options};
   }
 
   // The same with a limit. A message that was not taken by then is still on its way, and the next
   // write waits for it first. A coroutine that ends before cancels its call, because the status
   // would wait behind the message; the status is what is accounted.
-  detail::WriteWait write(const Reply& item, Limit limit, grpc::WriteOptions options = {}) {
-    return {exchange_, item, limit, false, options};
+  WriteWait write(const Reply& item, Limit limit, grpc::WriteOptions options = {}) {
+    return {this->exchange_, item, limit, false, options};
   }
 
  protected:
-  explicit Writer(detail::Exchange& exchange) : Call(exchange) {}
+  explicit Writing(Exchange& exchange) : Base(exchange) {}
+  ~Writing() = default;
+};
+
+}  // namespace detail
+
+// A call whose server streams.
+template <typename Reply>
+class Writer : public detail::Writing<Call, Reply> {
+ protected:
+  explicit Writer(detail::Exchange& exchange) : detail::Writing<Call, Reply>(exchange) {}
   ~Writer() = default;
 };
 
-// A call in which both sides stream.
+// A call in which both sides stream: a Reader that writes as a Writer does.
 template <typename Request, typename Reply>
-class ReaderWriter : public Call {
- public:
-  // As those of Reader and Writer.
-  detail::ReadWait read(Request& item) { return {exchange_, item, nullptr, forever, false}; }
-  detail::ReadWait read(Request& item, Limit limit) {
-    return {exchange_, item, nullptr, limit, true};
-  }
-  detail::ReadWait read(Request& item, Event& event, Limit limit = forever) {
-    return {exchange_, item, &event, limit, true};
-  }
-  detail::WriteWait write(const Reply& item, grpc::WriteOptions options = {}) {
-    return {exchange_, item, forever, false, options};
-  }
-  detail::WriteWait write(const Reply& item, Limit limit, grpc::WriteOptions options = {}) {
-    return {exchange_, item, limit, false, options};
-  }
-
+class ReaderWriter : public detail::Writing<Reader<Request>, Reply> {
  protected:
-  explicit ReaderWriter(detail::Exchange& exchange) : Call(exchange) {}
+  explicit ReaderWriter(detail::Exchange& exchange)
+      : detail::Writing<Reader<Request>, Reply>(exchange) {}
   ~ReaderWriter() = default;
 };
 
