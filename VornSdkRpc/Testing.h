@@ -16,6 +16,11 @@
 // The server is up when the constructor is done. When it ends, it looks whether anything is left
 // behind: a call in progress, its tag or coroutine, a thread. This is a library of its own,
 // VornSdkRpc::Testing, which only tests link; it needs no test framework.
+//
+// Begin no call on a channel in the process while the server stops, or after: gRPC 1.51's client
+// crashes where one comes upon the transport as it closes. A test whose clients go on meanwhile
+// takes a socket, on which they are refused. finish() lets calls in progress end before it stops;
+// a thread that makes calls is to be joined before.
 
 #include <VornSdkRpc/GrpcServer.h>
 #include <VornSdkRpc/VornSdkRpcAgentRpcLogger.h>
