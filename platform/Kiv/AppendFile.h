@@ -26,7 +26,7 @@ class VORN_EXPORT AppendFile {
   // Whether the file, as it was opened, ended within a line.
   bool openedWithinLine() const { return withinLine_; }
 
-  // One write(2) to the end of the file. Answers how many of the bytes were written; sets errno
+  // One write(2) to the end of the file. Returns how many of the bytes were written; sets errno
   // when that is none.
   std::size_t append(std::string_view bytes);
 

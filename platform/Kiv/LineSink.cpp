@@ -18,7 +18,7 @@ void LineSink::sink_it_(const spdlog::details::log_msg& message) {
   spdlog::throw_spdlog_ex("a line could not be written", reason);
 }
 
-// Answers false when the message is not written as a whole; errno is then 0 when a part of it is.
+// Returns false when the message is not written as a whole; errno is then 0 when a part of it is.
 bool LineSink::putLine(const spdlog::details::log_msg& message) {
   spdlog::memory_buf_t line;
   if (torn_) line.push_back('\n');

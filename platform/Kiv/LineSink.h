@@ -30,7 +30,7 @@ class VORN_EXPORT LineSink : public spdlog::sinks::base_sink<std::mutex> {
   // What there is from now on ends within a line, or does not. Under the sink's lock.
   void tornIs(bool torn) { torn_ = torn; }
 
-  // Writes the bytes and answers how many of them were written. Sets errno when that is none.
+  // Writes the bytes and returns how many of them were written. Sets errno when that is none.
   virtual std::size_t put(std::string_view bytes) = 0;
 
  private:

@@ -82,7 +82,7 @@ class QueuedSink::Queue {
 
  private:
   // Waits for lines, and takes those that are queued together with the number of those that are
-  // missing behind them. Answers false when there will be none any more.
+  // missing behind them. Returns false when there will be none any more.
   bool take(std::vector<spdlog::details::log_msg_buffer>& batch, std::uint64_t& missing) {
     vorn::unique_lock lock(mutex_);
     changed_.wait(lock, [this]() VORN_REQUIRES(mutex_) { return closed_ || !lines_.empty(); });
@@ -109,7 +109,7 @@ class QueuedSink::Queue {
     }
   }
 
-  // Answers how many missing lines are still to be told.
+  // Returns how many missing lines are still to be told.
   std::uint64_t tell(std::uint64_t missing, spdlog::string_view_t logger) noexcept {
     try {
       if (missing > 0) {

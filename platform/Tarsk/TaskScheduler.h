@@ -32,7 +32,7 @@ class VORN_EXPORT TaskScheduler : public Velm::Node {
 
   const Velm::String& name() const { return name_; }
 
-  // Runs the next runnable task and answers true; answers false when none is runnable. An exception
+  // Runs the next runnable task and returns true; returns false when none is runnable. An exception
   // from the task's subscribers passes on; the run counts as done. May be called from a task.
   bool runOne();
 

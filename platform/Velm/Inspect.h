@@ -56,7 +56,7 @@ inline constexpr int notOffered = 1;  // the attribute does not have this operat
 inline constexpr int notHandled = 2;  // the type does not have this attribute
 
 // Puts a node, or null, into the result area as a `Velm::Node const*`, together with the one
-// reference that the caller hands over. Answers `done`.
+// reference that the caller hands over. Returns `done`.
 VORN_EXPORT int opResEncRelNode(const Node* node, void* result);
 
 }  // namespace Inspect
@@ -66,8 +66,8 @@ using InspectOperation = int (*)(void* result, void* object, FieldDescriptor fie
                                  unsigned char operation, void* context, void* arguments);
 
 // The inspection entry of T, specialised by each type that offers one. `result` is the area for
-// what a get, a set or a delete answers, `object` the T, `arguments` what the operation takes; the
-// pointer before it is the platform's own. Answers a result code. Belongs to the thread on which
+// what a get, a set or a delete returns, `object` the T, `arguments` what the operation takes; the
+// pointer before it is the platform's own. Returns a result code. Belongs to the thread on which
 // the object's other operations run, and throws what they throw.
 template <typename T>
 struct HideMe {

@@ -61,7 +61,7 @@ class VORN_EXPORT Node {
   }
 
   // Takes a reference where the caller holds none but something keeps the destructor from
-  // finishing. Answers false, and takes none, when the last one has been dropped already.
+  // finishing. Returns false, and takes none, when the last one has been dropped already.
   bool incUseIfAlive() const noexcept;
 
   // Drops one reference; with the last one the node is gone.

@@ -48,7 +48,7 @@ class ip_addr_t {
   af_t af_ = af_t::none;
 };
 
-// Writes the text of the address at `to`, which has room for text_size bytes, and answers the end
+// Writes the text of the address at `to`, which has room for text_size bytes, and returns the end
 // of the text: what inet_ntop gives, or "none" for an address without a family. No terminator is
 // promised. Allocates nothing; any thread may call it.
 VORN_EXPORT char* to_chars(char* to, const ip_addr_t& address) noexcept;

@@ -33,7 +33,7 @@ class ip_prefix_t {
   unsigned char length_ = 0;
 };
 
-// Writes the text of the prefix at `to`, which has room for text_size bytes, and answers the end of
+// Writes the text of the prefix at `to`, which has room for text_size bytes, and returns the end of
 // the text: address/length, or "none" for the empty prefix. No terminator is promised. Allocates
 // nothing; any thread may call it.
 VORN_EXPORT char* to_chars(char* to, const ip_prefix_t& prefix) noexcept;
