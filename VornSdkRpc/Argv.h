@@ -21,7 +21,7 @@ namespace VornSdkRpc::argv {
 VORN_EXPORT std::vector<char*> vectorize(int count, char** arguments);
 
 // The element behind the option, whatever it looks like; both are removed. It is a view of the
-// process's own argument. Answers `defaultValue` when the option is absent, and when it is the last
+// process's own argument. Returns `defaultValue` when the option is absent, and when it is the last
 // element, which is then removed all the same.
 VORN_EXPORT std::string_view getOptionValue(std::vector<char*>& arguments, std::string_view option,
                                             std::string_view defaultValue);

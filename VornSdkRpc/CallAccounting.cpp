@@ -131,7 +131,7 @@ class CallAccounting::Feeder {
     if (lost_ > 0) tellLoss();
   }
 
-  // Answers whether the sink has taken everything.
+  // Returns whether the sink has taken everything.
   bool give(CallLog::Batch& batch) noexcept try {
     if (batch.gap.count > 0) {
       if (!sink_->writeGap(batch.gap)) return false;

@@ -63,7 +63,7 @@ class Entry {
     end();
   }
 
-  // Answers false when the journal doesn't take it.
+  // Returns false when the journal doesn't take it.
   bool send() {
     std::array<iovec, kFieldsMax> fields{};
     std::size_t begin = 0;

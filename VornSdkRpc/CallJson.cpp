@@ -113,7 +113,7 @@ bool CallJsonFile::writeGap(const CallGap& gap) {
   return linesWritten() == 1;
 }
 
-// Writes the text, and answers how many of its lines are in the file as a whole.
+// Writes the text, and returns how many of its lines are in the file as a whole.
 std::size_t CallJsonFile::linesWritten() {
   const vorn::lock_guard lock(mutex_);
   if (torn_) text_.insert(text_.begin(), '\n');

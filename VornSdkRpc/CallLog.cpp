@@ -52,7 +52,7 @@ class CallLog::Block {
         bytes_.get() + *offset(static_cast<std::size_t>(number - first_))));
   }
 
-  // Answers false when there is no room.
+  // Returns false when there is no room.
   bool append(const CallRecord& record) {
     std::size_t texts = 0;
     for (const auto text : kTexts)

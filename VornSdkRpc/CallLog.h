@@ -78,13 +78,13 @@ class VORN_EXPORT CallLog {
     std::vector<std::shared_ptr<Block>> held_;
   };
 
-  // Fills the batch with at most `max` of the records from the number `from` on. Answers the number
+  // Fills the batch with at most `max` of the records from the number `from` on. Returns the number
   // behind them, which is `from` when there is nothing yet. (A number that has not been given yet
   // stands for the next one.)
   std::uint64_t read(std::uint64_t from, std::size_t max, Batch& batch) const;
 
   // Calls `wake`, once, when there is a record with the number `from`: at once when there is one.
-  // On a thread that appends, with a lock held: it may not block or use the log. Answers a name for
+  // On a thread that appends, with a lock held: it may not block or use the log. Returns a name for
   // the wish.
   std::uint64_t wakeAt(std::uint64_t from, std::function<void()> wake);
 
@@ -101,13 +101,13 @@ class VORN_EXPORT CallLog {
     Reader& operator=(const Reader&) = delete;
 
     // Waits until something stands behind the reader's place or close() has been called, and fills
-    // the batch. Answers false, with nothing in it, when it is closed and there is nothing left.
+    // the batch. Returns false, with nothing in it, when it is closed and there is nothing left.
     bool read(std::size_t max, Batch& batch);
 
     // Comes past the batch's gap, and that many of its records.
     void advance(const Batch& batch, std::size_t records);
 
-    // Waits for a time, or until it is closed. Answers whether it is open.
+    // Waits for a time, or until it is closed. Returns whether it is open.
     bool rest(std::chrono::milliseconds time);
 
     // How many numbers stand behind its place, those of gaps as well.

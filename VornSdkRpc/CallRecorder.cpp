@@ -28,7 +28,7 @@ struct GprFree {
   void operator()(char* text) const { gpr_free(text); }
 };
 
-// Appends a text, for which there is room, and answers where it is.
+// Appends a text, for which there is room, and returns where it is.
 std::string_view appended(std::string& texts, std::string_view text) {
   texts += text;
   return std::string_view(texts).substr(texts.size() - text.size());

@@ -31,7 +31,7 @@ class NotedCall {
   NotedCall(const NotedCall&) = delete;
   NotedCall& operator=(const NotedCall&) = delete;
 
-  // Ends the noting, and answers what was noted.
+  // Ends the noting, and returns what was noted.
   CallNote take();
 
   // Calls `change` with the note of a call, if that is recorded.

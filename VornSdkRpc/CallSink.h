@@ -16,12 +16,12 @@ class VORN_EXPORT CallSink {
  public:
   virtual ~CallSink();
 
-  // Takes records, oldest first, and answers how many of them: whatever it answers less, it is
+  // Takes records, oldest first, and returns how many of them: whatever it returns less, it is
   // offered again a little later, with what has come since. An exception of type std::exception
   // counts as none taken. What is not taken once the accounting has ended is lost.
   virtual std::size_t write(std::span<const CallRecord* const> records) = 0;
 
-  // Is told that records are missing in front of those that it is offered next. Answers false when
+  // Is told that records are missing in front of those that it is offered next. Returns false when
   // that can't be written now, to be told again.
   virtual bool writeGap(const CallGap& gap) = 0;
 };

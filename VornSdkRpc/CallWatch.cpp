@@ -122,7 +122,7 @@ class CallWatchService : public rpc::Service<Accounting> {
     }
   }
 
-  // Fills the message with what stands behind the place, and answers the place behind that.
+  // Fills the message with what stands behind the place, and returns the place behind that.
   std::uint64_t take(std::uint64_t place, watched_msg& message) const {
     CallLog::Batch batch;
     message.Clear();

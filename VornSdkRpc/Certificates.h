@@ -86,14 +86,14 @@ class VORN_EXPORT Certificates {
   // has been taken out of the files, or has revoked it, since its connection was made: the
   // connection's calls in progress, where the server has the interceptors, and every further call,
   // with UNAUTHENTICATED. Connections without a call stay open and are of no use. Holds for what is
-  // in use now; a later change takes another call of this. Answers how many calls it has ended,
+  // in use now; a later change takes another call of this. Returns how many calls it has ended,
   // among them those that were ending by themselves.
   std::size_t withdraw();
 
   // What lets withdraw() end calls in progress, for the list of interceptors of a server's builder.
   std::unique_ptr<grpc::experimental::ServerInterceptorFactoryInterface> interceptors() const;
 
-  // Looks at the files now, without waiting for a second look to be the same. Answers whether what
+  // Looks at the files now, without waiting for a second look to be the same. Returns whether what
   // they hold is in use.
   bool reload();
 

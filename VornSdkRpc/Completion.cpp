@@ -12,7 +12,7 @@ using NextStatus = grpc::CompletionQueue::NextStatus;
 thread_local Current currentOne = Current::none;
 thread_local bool isInStop = false;
 
-// Lets gRPC finish an operation, which is where it calls interceptors. Answers false when there is
+// Lets gRPC finish an operation, which is where it calls interceptors. Returns false when there is
 // nothing in it for the agent.
 bool finalized(grpc::internal::CompletionQueueTag& operation, void** tag, bool* ok, bool stopping) {
   struct Within {

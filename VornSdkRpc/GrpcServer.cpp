@@ -91,7 +91,7 @@ class EndsInTime {
   std::optional<Later> cut_, abort_;
 };
 
-// Calls `tell` for every service, whatever the others throw. Answers the first exception, or null.
+// Calls `tell` for every service, whatever the others throw. Returns the first exception, or null.
 template <typename Tell>
 std::exception_ptr tellAll(const std::vector<std::shared_ptr<GrpcService>>& services, Tell tell) {
   std::exception_ptr failure;

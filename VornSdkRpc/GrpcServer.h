@@ -111,7 +111,7 @@ class VORN_EXPORT GrpcServer {
   // one only.
   void setup();
 
-  // One poll of the completion queue, for at most 200 ms. Answers whether a completion was handled.
+  // One poll of the completion queue, for at most 200 ms. Returns whether a completion was handled.
   // Begins a drain that has been asked for, and calls stop() when one is over.
   bool dequeue();
 

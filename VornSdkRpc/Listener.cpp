@@ -53,7 +53,7 @@ class Reserve {
  public:
   Reserve() { take(); }
 
-  // Answers false when the process has no descriptor for it.
+  // Returns false when the process has no descriptor for it.
   bool take() {
     const int limit = descriptorLimit();
     if (held_.intact() && held_.get() < limit) return true;
@@ -103,7 +103,7 @@ std::string keyOf(const Peer& peer, int connection) {
 // gone is seen when its descriptor is no longer the same file.
 class Connections {
  public:
-  // Notes one more, or answers false when the peer has as many as it may have; 0: no limit.
+  // Notes one more, or returns false when the peer has as many as it may have; 0: no limit.
   bool add(const std::string& peer, int connection, std::size_t limit) {
     const vorn::lock_guard lock(mutex_);
     if (total_ >= sweepAt_) sweep();
@@ -290,7 +290,7 @@ class Listener::Accepting {
       cause->tell();
   }
 
-  // Until somebody has connected, or a pause is over. Answers false once it is time to stop.
+  // Until somebody has connected, or a pause is over. Returns false once it is time to stop.
   bool wait(bool paused) {
     polled_.assign(1 + places_.size(), pollfd{-1, POLLIN, 0});
     polled_[0].fd = stopped_.get();
@@ -310,7 +310,7 @@ class Listener::Accepting {
     return polled_[0].revents == 0;
   }
 
-  // Takes what waits. Answers false when the rest has to wait for descriptors.
+  // Takes what waits. Returns false when the rest has to wait for descriptors.
   bool acceptFrom(Place& place) {
     bool shortage = false;
     for (int i = 0; i < kAtOnce && !place.broken; ++i) {
@@ -383,7 +383,7 @@ class Listener::Accepting {
     close(connection);
   }
 
-  // Takes a connection with the reserve's descriptor, to close it. Answers false when that can't be
+  // Takes a connection with the reserve's descriptor, to close it. Returns false when that can't be
   // done: it waits.
   bool refuseNext(const Place& place) {
     if (!reserve_.take()) {

@@ -70,7 +70,7 @@ class VORN_EXPORT Listener {
   // hour. A stop waits for such a connection. To be set before start().
   void unacknowledgedTimeIs(std::chrono::milliseconds time) { unacknowledgedTime_ = time; }
 
-  // Listens on an address, with the given credentials, and answers the TCP port, or 0 for a Unix
+  // Listens on an address, with the given credentials, and returns the TCP port, or 0 for a Unix
   // socket:
   //
   //   HOST:PORT, [IPV6]:PORT   all addresses of the host; port 0 is a free one, the same for all

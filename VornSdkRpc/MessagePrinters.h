@@ -32,7 +32,7 @@
 // buffer, its facets or a tied stream throw, or when memory runs out, the stream is left with
 // badbit set. That holds for a stream armed with exceptions() too: its mask is as before
 // afterwards, but it is for the caller to look at the state, or to meet the exception at the next
-// operation of its own. toString answers the empty string when memory runs out.
+// operation of its own. toString returns the empty string when memory runs out.
 //
 // Any thread may print; a stream is used by one thread at a time.
 namespace VornSdkRpc::pb {

@@ -82,7 +82,7 @@ class VORN_EXPORT PolicyGuard {
   Policy policy() const;
   PolicyState state() const;
 
-  // Decides on a call, counts, traces and tells. Answers the status for the client: OK, or
+  // Decides on a call, counts, traces and tells. Returns the status for the client: OK, or
   // PERMISSION_DENIED with a text that gives nothing away. Its error_details(), which gRPC does not
   // send, name the policy and the rule, for a record of the call.
   grpc::Status admit(const grpc::AuthContext& connection, std::string_view method,
@@ -116,7 +116,7 @@ class VORN_EXPORT PolicyFile {
   // Outlives this object when a processor holds it.
   const std::shared_ptr<PolicyGuard>& guard() const { return guard_; }
 
-  // Looks at the file now. Answers whether what it holds is in force. Any thread.
+  // Looks at the file now. Returns whether what it holds is in force. Any thread.
   bool reload();
 
   // What is wrong with the file; empty when what it holds is in force. Any thread.

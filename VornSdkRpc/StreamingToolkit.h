@@ -71,7 +71,7 @@ class VORN_EXPORT GenericBacklogSm : public Velm::Node {
   // runs calls BacklogImplBase::wake().
   Velm::Ptr<Tarsk::Task> backlogTask() const { return backlogTask_; }
 
-  // Makes sure that the task has this scheduler, priority and name, and answers it. The current
+  // Makes sure that the task has this scheduler, priority and name, and returns it. The current
   // task is kept, and its priority changed, when scheduler and name are the same. Otherwise a new
   // task takes its place, and the implementation is called once at once, which stands for every run
   // that was asked of the old task. The new task is listened to even while notification is off.
@@ -81,7 +81,7 @@ class VORN_EXPORT GenericBacklogSm : public Velm::Node {
                                        Tarsk::TaskPriority taskPriority,
                                        const Velm::String& taskName);
 
-  // Takes the task out and answers it; empty when there was none. The implementation is not called
+  // Takes the task out and returns it; empty when there was none. The implementation is not called
   // again until the next backlogTaskIs().
   Velm::Ptr<Tarsk::Task> backlogTaskDel();
 
@@ -130,7 +130,7 @@ class VORN_EXPORT GenericBacklogSm : public Velm::Node {
   // What BacklogImplBase::wake() does. Any thread.
   void wake();
 
-  // Puts a task, or none, in the current one's place, and answers that.
+  // Puts a task, or none, in the current one's place, and returns that.
   Velm::Ptr<Tarsk::Task> exchangeTask(Velm::Ptr<Tarsk::Task> task);
 
   void subscribe();
@@ -184,11 +184,11 @@ class VORN_EXPORT BacklogImplBase {
 }  // namespace VornSdkRpc
 
 // The inspection entry of the state machine.
-//   get: backlogTask answers a node, initialized one byte in the result area.
+//   get: backlogTask returns a node, initialized one byte in the result area.
 //   set: backlogTask takes an array of three pointers, to the scheduler (or null, which throws
 //        std::invalid_argument), to the byte of the priority and to the Velm::String of the name,
-//        and answers a node; initialized takes the address of a byte.
-//   delete: backlogTask, answers the node that was taken out.
+//        and returns a node; initialized takes the address of a byte.
+//   delete: backlogTask, returns the node that was taken out.
 //   call: handleBacklogTask, checkBacklogImpl, handleInitialized.
 template <>
 VORN_EXPORT int Velm::HideMe<VornSdkRpc::GenericBacklogSm>::inspectOperation(

@@ -79,7 +79,7 @@ constexpr std::array<Velm::AttributeDescriptor, 7> kAttributes = {{
 constexpr std::array kDependencies = {&_Task_ebad0b43f10158b_kivModule,
                                       &_TaskScheduler_731e0cc2f103bfdb_kivModule};
 
-// The task that an operation on `backlogTask` answers. `done` is false for an operation that is not
+// The task that an operation on `backlogTask` returns. `done` is false for an operation that is not
 // offered.
 struct TaskAnswer {
   bool done = true;

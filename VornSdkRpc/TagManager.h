@@ -34,8 +34,8 @@ class VORN_EXPORT TagManager {
   // belongs to the service.
   void storeHandler(std::size_t serviceId, OpaqueId tag, RequestHandlerPtr handler);
 
-  // Fills in the service and the handler (empty when none has been stored) and answers true when
-  // the tag is known; otherwise answers false and touches neither. Allocates nothing.
+  // Fills in the service and the handler (empty when none has been stored) and returns true when
+  // the tag is known; otherwise returns false and touches neither. Allocates nothing.
   bool find(OpaqueId tag, std::size_t& serviceId, RequestHandlerPtr& handler) const;
 
   // Forgets a tag and its reference to the handler. An unknown tag is ignored; a known one is

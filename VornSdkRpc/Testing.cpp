@@ -30,7 +30,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Waits until a condition holds; answers false when it does not in time.
+// Waits until a condition holds; returns false when it does not in time.
 template <typename Condition>
 bool holdsWithin(std::chrono::milliseconds patience, Condition condition) {
   for (const auto end = Clock::now() + patience; !condition();) {

@@ -93,7 +93,7 @@ class TestServer {
   // Drains the server, and returns when it has stopped. Throws std::logic_error without a socket.
   void drain(std::chrono::milliseconds grace);
 
-  // Turns a server by hand, on the thread that has made it: one poll, of 200 ms at most. Answers
+  // Turns a server by hand, on the thread that has made it: one poll, of 200 ms at most. Returns
   // whether something was done. Calls come from other threads or by gRPC's asynchronous clients
   // meanwhile.
   bool step();
@@ -103,7 +103,7 @@ class TestServer {
   void advance(std::chrono::nanoseconds time);
 
   // Waits until the calls that have ended for their clients have ended for the server, and the
-  // registry holds no more than it did at first. Answers false when calls go on after the patience.
+  // registry holds no more than it did at first. Returns false when calls go on after the patience.
   bool settle();
 
   GrpcServer& server();

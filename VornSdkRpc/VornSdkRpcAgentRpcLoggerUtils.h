@@ -31,7 +31,7 @@ class SynchronizedQueue {
 
   // Takes every queued item, oldest first, into `q`, which must be empty (asserted). Waits while
   // nothing is queued and the queue is open; a spurious wake-up may end the wait with nothing
-  // taken. Answers false, with `q` empty, once the queue is closed and nothing is left. Consumer.
+  // taken. Returns false, with `q` empty, once the queue is closed and nothing is left. Consumer.
   bool swap(std::deque<T>& q) {
     assert(q.empty());
     vorn::unique_lock lock(mutex_);

@@ -35,7 +35,7 @@ class Accepted {
 // call one load, and with the interceptors a place in a set. Any thread.
 class Withdrawal {
  public:
-  // From now on what the set does not accept is refused. Answers how many calls were ended.
+  // From now on what the set does not accept is refused. Returns how many calls were ended.
   std::size_t withdraw(std::shared_ptr<const CertificateSet> set);
 
   // OK, or the status that refuses a call over the connection.

@@ -52,7 +52,7 @@ struct WorkQueue::Answer::State {
     ++pending;
   }
 
-  // Answers whether somebody is there to hear it.
+  // Returns whether somebody is there to hear it.
   bool tell(const std::exception_ptr& failure) {
     const vorn::lock_guard lock(mutex);
     if (!firstFailure) firstFailure = failure;
@@ -252,7 +252,7 @@ void WorkQueue::Queue::count(Tally& tally) {
   if (moreRoom) room_.set();
 }
 
-// Answers whether more is left to do.
+// Returns whether more is left to do.
 bool WorkQueue::Queue::endStep(std::size_t done, bool withinBudget) {
   const vorn::lock_guard lock(mutex_);
   ++figures_.runs;

@@ -145,7 +145,7 @@ class VORN_EXPORT WorkQueue {
   WorkQueue& operator=(const WorkQueue&) = delete;
 
   // Appends an item, unless there is no room for its kind or the queue has been stopped: then it
-  // takes nothing and answers false. `bytes` is about what the work takes in memory beside the
+  // takes nothing and returns false. `bytes` is about what the work takes in memory beside the
   // item itself. Passes on std::bad_alloc, with nothing taken. Any thread.
   [[nodiscard]] bool add(Work work, std::size_t bytes, Kind kind = single);
 
