@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <functional>
+#include <future>
 #include <memory>
 #include <string>
 #include <thread>
@@ -584,6 +585,7 @@ TEST(RpcCall, TheCallsInProgressCanBeListed) {
   rpc::Event event;
   std::atomic<int> waiting = 0;
   service->method(&Async::RequestTick, [&](rpc::Writer<Text>& ticks, const Count&) -> rpc::Task<> {
+    co_await ticks.wait(0s);  // its age counts from its first wait
     ++waiting;
     co_await ticks.wait(event);
     co_return grpc::Status::OK;
@@ -594,9 +596,9 @@ TEST(RpcCall, TheCallsInProgressCanBeListed) {
     co_await texts.read(text);
     co_return grpc::Status::OK;
   });
-  std::vector<rpc::CallInProgress> calls;
+  std::promise<std::vector<rpc::CallInProgress>> listed;
   service->method(&Async::RequestEcho, [&](const Text&, Text&) {
-    calls = service->calls();
+    listed.set_value(service->calls());
     service->traceCalls();
     return grpc::Status::OK;
   });
@@ -611,6 +613,7 @@ TEST(RpcCall, TheCallsInProgressCanBeListed) {
   const auto texts = stub->Collect(&collecting, &count);
   waitUntil([&] { return waiting == 2; });
   ASSERT_TRUE(stub->Echo(&asking, Text(), &reply).ok());
+  const auto calls = listed.get_future().get();
   ASSERT_EQ(calls.size(), 2U);
   EXPECT_EQ(calls[0].method, "/test.Probe/Tick");
   EXPECT_EQ(calls[0].age, 5s);
