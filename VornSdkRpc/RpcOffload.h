@@ -88,11 +88,13 @@ class OffloadedWork final : public Offloaded {
 
  private:
   void work() override {
+    // NOLINTNEXTLINE(bugprone-unchecked-optional-access): it is destroyed afterwards
+    Work& work = *work_;
     if constexpr (std::is_void_v<Result>) {
-      (*work_)();
+      work();
       answer_ = true;
     } else {
-      answer_.emplace((*work_)());
+      answer_.emplace(work());
     }
   }
   void destroy() noexcept override { work_.reset(); }
