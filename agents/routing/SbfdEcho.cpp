@@ -22,6 +22,7 @@
 #include <cstring>
 #include <system_error>
 #include <utility>
+
 namespace routing_agent {
 
 namespace {
