@@ -4,6 +4,7 @@
 #include <unistd.h>
 #include <vorn/error.h>
 
+#include <algorithm>
 #include <latch>
 #include <map>
 #include <mutex>
@@ -191,6 +192,46 @@ TEST(RoutingAgent, ProgramsWhatIsSetAndForgetsWhatIsDeleted) {
     if (tag != 7) expected.push_back(tag);
   }
   EXPECT_EQ(tagsOf(*stub), expected);
+}
+
+// In parts, as one by one, up to the first that can't be used, wherever it stands in its part.
+TEST(RoutingAgent, TakesRoutesInParts) {
+  const Agent agent;
+  const auto stub = agent.stub<Routing>();
+  for (const int bad : {0, 3, 5, -1}) {
+    grpc::ClientContext context;
+    set_routes_reply_msg reply;
+    const auto writer = stub->SetRouteParts(&context, &reply);
+    std::vector<std::uint32_t> expected;
+    for (int part = 0; part < 3; ++part) {
+      routes_msg message;
+      for (int i = 2 * part; i < 2 * part + 2; ++i) {
+        auto& route = *message.add_route() = routeOf(static_cast<std::uint8_t>(i + 10 * (bad + 1)));
+        if (i == bad) route.mutable_prefix()->set_mask_length(99);
+        if (bad < 0 || i < bad) expected.push_back(route.tag());
+      }
+      writer->Write(message);
+    }
+    writer->WritesDone();
+    const auto status = writer->Finish();
+    EXPECT_EQ(status.ok(), bad < 0);
+    if (bad >= 0) {
+      EXPECT_THAT(status.error_message(),
+                  testing::StartsWith("route " + std::to_string(bad) + ": prefix"));
+    } else {
+      EXPECT_EQ(reply.accepted(), 6U);
+    }
+    agent.programAll();
+    const auto tags = tagsOf(*stub);
+    EXPECT_TRUE(std::ranges::includes(tags, expected));
+    EXPECT_EQ(std::ranges::count(tags, static_cast<std::uint32_t>(bad + 10 * (bad + 1))), 0);
+    for (const auto tag : expected)
+      EXPECT_EQ(call(*stub, &Routing::Stub::DeleteRoute,
+                     routeOf(static_cast<std::uint8_t>(tag)).prefix()),
+                grpc::StatusCode::OK);
+  }
+  agent.programAll();
+  EXPECT_TRUE(tagsOf(*stub).empty());
 }
 
 // Under the address sanitizer: what is still on the backlog must not be programmed into services

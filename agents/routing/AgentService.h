@@ -118,6 +118,22 @@ class AgentService : public rpc::Service<Generated> {
     return notKept(error);
   }
 
+  // Puts changes that came together on the backlog as one, as bulk ones.
+  template <typename Messages>
+  grpc::Status keepAndProgramAll(const Messages& messages, std::size_t bytes,
+                                 Backlog::Change program) try {
+    if (!backlog_.hasRoom(Backlog::bulk)) return tooMuchWaits();
+    for (const auto& message : messages)
+      if (file_) file_->add(kindOf(message), message);
+    if (file_ && file_->isFull()) file_->flush();
+    const auto count = static_cast<std::size_t>(messages.size());
+    if (!backlog_.add(std::move(program), bytes, Backlog::bulk, count)) return tooMuchWaits();
+    rewriteFile();
+    return ok();
+  } catch (const StateFile::Error& error) {
+    return notKept(error);
+  }
+
   // Has every change so far in the state file.
   grpc::Status keepAll() try {
     if (file_) file_->flush();

@@ -2,6 +2,7 @@
 
 #include <VornSdkRpc/WorkQueue.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <thread>
@@ -23,14 +24,23 @@ class Backlog : public VornSdkRpc::WorkQueue {
   // Before what the thread uses is gone.
   ~Backlog() { stop(); }
 
-  // As WorkQueue's.
-  [[nodiscard]] bool add(Change change, std::size_t bytes, Kind kind = single) {
-    auto programmed = [this, change = std::move(change)] {
+  // As WorkQueue's. `count` is of how many changes the item stands for.
+  [[nodiscard]] bool add(Change change, std::size_t bytes, Kind kind = single,
+                         std::size_t count = 1) {
+    auto programmed = [this, count, change = std::move(change)] {
       change();
-      if (++programmed_ % 64 == 0) std::this_thread::sleep_for(stepTime_);
+      further_ -= count - 1;
+      const auto before = std::exchange(programmed_, programmed_ + count);
+      std::this_thread::sleep_for(stepTime_ * (programmed_ / 64 - before / 64));
     };
-    return WorkQueue::add(std::move(programmed), bytes, kind);
+    further_ += count - 1;
+    const bool added = WorkQueue::add(std::move(programmed), bytes, kind);
+    if (!added) further_ -= count - 1;
+    return added;
   }
+
+  // How many changes wait. Any thread.
+  std::size_t waiting() const { return figures().items + further_; }
 
   // Has `reached` told when everything that is on the backlog now is done. Answers false when there
   // is no room.
@@ -41,6 +51,8 @@ class Backlog : public VornSdkRpc::WorkQueue {
  private:
   const std::chrono::milliseconds stepTime_;
   std::size_t programmed_ = 0;  // of the backlog's thread
+  std::atomic<std::size_t> further_ =
+      0;  // changes of items that stand for several, beside the first
 };
 
 // Stops a backlog at the end of a scope.

@@ -96,6 +96,11 @@ RoutingService::RoutingService(const Workings& workings, KernelSync* kernel)
            return setAll(routes, reply);
          },
          {.limit = kMaxSetRoutes});
+  method(&Async::RequestSetRouteParts,
+         [this](rpc::Reader<routes_msg>& parts, set_routes_reply_msg& reply) {
+           return setParts(parts, reply);
+         },
+         {.limit = kMaxSetRoutes});
   method(&Async::RequestDeleteRoute,
          [this](grpc::ServerContext& context, const ip_prefix_msg& prefix, rpc_status_msg&) {
            return remove(context, prefix);
@@ -217,6 +222,60 @@ rpc::Task<> RoutingService::setAll(rpc::Reader<ip_route_msg>& routes, set_routes
   }
   if (routes.cancelled()) co_return grpc::Status::CANCELLED;
   co_return keepAll();
+}
+
+rpc::Task<> RoutingService::setParts(rpc::Reader<routes_msg>& parts, set_routes_reply_msg& reply) {
+  rpc::Event room;
+  const rpc::Events::Subscription subscription(backlog_.room(), room);
+  routes_msg part;
+  const auto note = [&] {
+    VornSdkRpc::noteOperation(parts.context(), "set", "routes", reply.accepted());
+  };
+  for (note(); co_await parts.read(part); note()) {
+    while (!backlog_.hasRoom(Backlog::bulk)) {
+      if (!co_await parts.wait(room)) co_return grpc::Status::CANCELLED;
+    }
+    if (auto status = setPart(parts.context(), part, reply); !status.ok()) co_return status;
+  }
+  if (parts.cancelled()) co_return grpc::Status::CANCELLED;
+  co_return keepAll();
+}
+
+// Takes the routes of a part up to the first that can't be used.
+grpc::Status RoutingService::setPart(grpc::ServerContext& context, routes_msg& part,
+                                     set_routes_reply_msg& reply) {
+  if (!mayChange(context, listen_)) return mayNot();
+  std::optional<vorn::invalid_argument_error> wrong;
+  int good = 0;
+  try {
+    for (; good < part.route_size(); ++good) {
+      traceArrival(part.route(good));
+      check(part.route(good));
+    }
+  } catch (const vorn::invalid_argument_error& error) {
+    const auto place = reply.accepted() + static_cast<std::uint64_t>(good);
+    wrong.emplace("route " + std::to_string(place) + ": " + error.what(), error.argument());
+    part.mutable_route()->DeleteSubrange(good, part.route_size() - good);
+  }
+  if (good != 0) {
+    if (auto status = takePart(std::move(part)); !status.ok()) return status;
+    reply.set_accepted(reply.accepted() + static_cast<std::uint64_t>(good));
+  }
+  if (wrong) throw vorn::invalid_argument_error(*wrong);
+  return ok();
+}
+
+grpc::Status RoutingService::takePart(routes_msg part) {
+  const auto shared = std::make_shared<routes_msg>(std::move(part));
+  auto status = keepAndProgramAll(shared->route(), shared->SpaceUsedLong(), [this, shared] {
+    for (const auto& route : shared->route())
+      program(route);
+  });
+  // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): std::function frees it
+  if (!status.ok()) return status;
+  for (const auto& route : shared->route())
+    routes_.insert(PrefixKey(route.prefix()));
+  return ok();
 }
 
 grpc::Status RoutingService::set(grpc::ServerContext& context, const nexthop_group_msg& group) {
@@ -343,7 +402,7 @@ rpc::Task<bool> RoutingService::taken(rpc::Call& call) {
 }
 
 std::size_t RoutingService::waiting() const {
-  return backlog_.figures().items + (kernel_ ? kernel_->waiting() : 0);
+  return backlog_.waiting() + (kernel_ ? kernel_->waiting() : 0);
 }
 
 // ------------------------------------------------------------------------------------------------

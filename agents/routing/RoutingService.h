@@ -29,6 +29,9 @@ class RoutingService : public AgentService<Routing> {
   grpc::Status set(grpc::ServerContext& context, const cbf_nexthop_group_redirect_msg& redirect);
   grpc::Status remove(grpc::ServerContext& context, const ip_prefix_msg& prefix);
   rpc::Task<> setAll(rpc::Reader<ip_route_msg>& routes, set_routes_reply_msg& reply);
+  rpc::Task<> setParts(rpc::Reader<routes_msg>& parts, set_routes_reply_msg& reply);
+  grpc::Status setPart(grpc::ServerContext& context, routes_msg& part, set_routes_reply_msg& reply);
+  grpc::Status takePart(routes_msg part);
   grpc::Status endSync(grpc::ServerContext& context);
 
   // What became of something that is in its table.
