@@ -104,6 +104,9 @@ class FakeAgent(pb.rpc.RoutingServicer, pb.rpc.SbfdServicer, pb.rpc.StateService
             self.SetRoute(request, context)
         return pb.agent.set_routes_reply_msg(accepted=len(self.routes))
 
+    def SetRouteParts(self, requests: Iterator[Any], context: Any) -> Any:
+        return self.SetRoutes((route for part in requests for route in part.route), context)
+
     def DeleteRoute(self, request: Any, context: Any) -> Any:
         if self.routes.pop(str(request), None) is None:
             context.abort(grpc.StatusCode.NOT_FOUND, "no such route")
@@ -289,6 +292,39 @@ class VornctlTest(unittest.TestCase):
         again = self.start("set", "routes", "--file", "-", stdin=subprocess.PIPE)
         self.assertEqual((again.communicate(out), again.returncode), (("3 routes set\n", ""), 0))
         self.assertEqual(self.agent.routes, first)
+
+    def test_many_routes_are_sent_as_they_stand_in_their_file(self) -> None:
+        routes = {}
+        for number in range(2000):  # of several parts, in the usual form and in others
+            address = bytes([10, number // 256, number % 256, 0])
+            length = (32, 24)[number % 2]
+            routes[number] = pb.sdk.ip_route_msg(
+                prefix={"addr": address, "mask_length": length},
+                nexthop_group=f"group{number % 3}",
+                tag=(0, 127, 128, 2**32 - 1)[number % 4],
+            )
+        routes[7].prefix.CopyFrom(pb.sdk.ip_prefix_msg(addr=bytes(16), mask_length=0))
+        routes[9].prefix.CopyFrom(pb.sdk.ip_prefix_msg(addr=bytes(4), mask_length=0))
+        routes[11].nexthop_group = "n" * 200
+        texts = {4: socket.AF_INET, 16: socket.AF_INET6}
+        places = [socket.inet_ntop(texts[len(r.prefix.addr)], r.prefix.addr) for r in routes.values()]
+        lines = (
+            f"{place}/{route.prefix.mask_length} {route.nexthop_group} {route.tag}\n"
+            for place, route in zip(places, routes.values())
+        )
+        self.succeed(f"set routes --file {self.file('many', ''.join(lines))}")
+        self.assertEqual(list(self.agent.routes.values()), list(routes.values()))
+        self.agent.routes.clear()
+        good = "10.0.0.0/8 core\n"
+        for bad in (
+            "10.0.0.1/8 core",
+            "10.0.0.0/33 core",
+            "10.0.0.0/+8 core",
+            "10.0.0.0/8 core 4294967296",
+            "10/8 core",
+        ):
+            self.assertEqual(self.call("set", "routes", "--file", self.file("bad", good * 3 + bad))[0], 2, bad)
+        self.assertEqual(self.agent.routes, {})
 
     def test_every_group_can_be_saved_and_set_again(self) -> None:
         names = ["a#b", "#a", "a b", '"', "-", "tab\t", "\u202ebidi", "no\u00a0break", "back\\slash", "gr\u00fcn"]

@@ -28,11 +28,11 @@ class Agent:
         self.messages = stubs.agent
         self.policy_messages = stubs.policy
         self.server: str = args.server
-        self._channel = _channel(args)
-        self.routing = stubs.rpc.RoutingStub(self._channel)
-        self.sbfd = stubs.rpc.SbfdStub(self._channel)
-        self.state = stubs.rpc.StateStub(self._channel)
-        self.policy = stubs.policy_rpc.PolicyStub(self._channel)
+        self.channel = _channel(args)
+        self.routing = stubs.rpc.RoutingStub(self.channel)
+        self.sbfd = stubs.rpc.SbfdStub(self.channel)
+        self.state = stubs.rpc.StateStub(self.channel)
+        self.policy = stubs.policy_rpc.PolicyStub(self.channel)
         metadata = [("username", args.user)] if args.user else []
         self.patience: float = args.timeout or UNARY_TIMEOUT
         self.unary = {"timeout": self.patience, "metadata": metadata}
@@ -42,7 +42,7 @@ class Agent:
         return self
 
     def __exit__(self, *_: object) -> None:
-        self._channel.close()
+        self.channel.close()
 
     def change(self, method: grpc.UnaryUnaryMultiCallable, request: Any) -> str:
         """Makes one change. Answers the name of the agent's answer, which is SUCCESS. While the agent has no room
@@ -80,7 +80,7 @@ class Agent:
             states.append(state)
             told.set()
 
-        self._channel.subscribe(tell)  # which is told the present state first
+        self.channel.subscribe(tell)  # which is told the present state first
         told.wait(5)
         return states[:1] == [grpc.ChannelConnectivity.READY]
 

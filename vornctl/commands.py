@@ -12,7 +12,8 @@ import grpc
 
 import values
 from agent import Agent, Refused
-from output import Progress, complain, print_json, print_table, printable
+from routes import ROUTES_A_PART, Encoder, Parts, sent
+from output import Progress, complain, print_json, print_json_list, print_table, printable
 from values import UsageError, Words
 
 PROGRESS_FROM = 1000  # routes in a file from which on a bar is shown
@@ -52,27 +53,44 @@ def set_route(agent: Agent, args: argparse.Namespace) -> None:
 
 
 def set_routes(agent: Agent, args: argparse.Namespace) -> None:
-    routes = read_routes(agent, args.file)
-    shown = len(routes) >= PROGRESS_FROM and sys.stderr.isatty()
-    with Progress(len(routes), shown) as progress:
-        reply = agent.routing.SetRoutes(progress.counted(routes), **agent.stream)
-    if reply.accepted != len(routes):
-        raise Refused(f"the agent took {reply.accepted} of {len(routes)} routes")
+    parts = Parts()
+    encoder = Encoder()
+    for place, words in file_lines(args.file):
+        try:
+            parts.add(encoder.usual(words))
+        except (KeyError, ValueError, OSError):  # not the usual form, or a mistake
+            route = read_route(agent, place, words, with_group=True)
+            encoder.learn(words, route)
+            parts.add_message(route)
+    send_routes(agent, parts)
     if args.wait:
         all_programmed(agent)
     if args.json:
-        print_json({"accepted": reply.accepted})
+        print_json({"accepted": parts.count})
     else:
-        print(f"{reply.accepted} routes set")
+        print(f"{parts.count} routes set")
+
+
+def send_routes(agent: Agent, parts: Parts) -> None:
+    shown = parts.count >= PROGRESS_FROM and sys.stderr.isatty()
+    with Progress(parts.count, shown, ROUTES_A_PART) as progress:
+        accepted = sent(agent.channel, parts, progress.counted, agent.messages.set_routes_reply_msg, **agent.stream)
+    if accepted != parts.count:
+        raise Refused(f"the agent took {accepted} of {parts.count} routes")
 
 
 def read_routes(agent: Agent, path: str, with_group: bool = True) -> list[Any]:
     """The routes of a file, all of them before the first is sent: a mistake in the file changes nothing. A line
     may be a prefix alone where no group is needed."""
+    return [read_route(agent, *line, with_group) for line in file_lines(path)]
+
+
+def file_lines(path: str) -> Iterator[tuple[str, list[str]]]:
+    """The place and the words of each line of a file that holds a route."""
     name = "standard input" if path == "-" else path
     try:
         with open(0 if path == "-" else path, encoding="utf-8", closefd=path != "-") as file:
-            return [read_route(agent, *line, with_group) for line in route_lines(file, name)]
+            yield from route_lines(file, name)
     except UnicodeDecodeError as error:
         raise UsageError(f"{name}: no UTF-8 text") from error
     except OSError as error:
@@ -82,7 +100,9 @@ def read_routes(agent: Agent, path: str, with_group: bool = True) -> list[Any]:
 def route_lines(file: Any, name: str) -> Iterator[tuple[str, list[str]]]:
     """The place and the words of each line that holds a route."""
     for position, line in enumerate(file, start=1):
-        words = list(itertools.takewhile(lambda word: word[0] != "#", values.WORD.findall(line)))
+        words = line.split()
+        if '"' in line or "#" in line:
+            words = list(itertools.takewhile(lambda word: word[0] != "#", values.WORD.findall(line)))
         if words[3:4] == ["adopted"]:  # what an earlier run of the agent has left is nobody's wish
             continue
         if words and words[:3] != ROUTE_HEADER:
@@ -236,23 +256,29 @@ def listed(
     header: list[str],
     to_rows: Callable[[Any], list[list[Any]]],
 ) -> None:
-    """Reads every part of a list and prints it."""
-    items: list[Item] = []
+    """Prints a list as its parts come."""
     waiting = 0
-    for part, waiting in parts_of(agent, method, field, failed=args.failed):
-        items += part
+
+    def items() -> Iterator[Item]:
+        nonlocal waiting
+        for part, waiting in parts_of(agent, method, field, failed=args.failed):
+            yield from part
+
     if args.json:
-        things = [{**to_json(thing), **values.programming_json(programming)} for thing, programming in items]
-        print_json({args.what: things, "waiting": waiting})
+        things = ({**to_json(thing), **values.programming_json(programming)} for thing, programming in items())
+        print_json_list(args.what, things, lambda: {"waiting": waiting})
         return
-    told = any(programming is not None for _, programming in items)  # an older agent says nothing
+    found = items()
+    first = list(itertools.islice(found, 1))
+    told = any(programming is not None for _, programming in first)  # an older agent says nothing
 
     def rows(thing: Any, programming: Any) -> Iterator[list[Any]]:
         for position, row in enumerate(to_rows(thing)):
             state = "" if position else values.programming_text(programming)
             yield [*row, state] if told else row
 
-    print_table([*header, "STATE"] if told else header, (row for item in items for row in rows(*item)))
+    all_rows = (row for item in itertools.chain(first, found) for row in rows(*item))
+    print_table([*header, "STATE"] if told else header, all_rows)
     if waiting:
         complain(f"{waiting} changes are still waiting to be programmed")
 

@@ -18,7 +18,8 @@ from typing import Any
 import commands
 import values
 from agent import Agent
-from output import complain, print_json, printable
+from output import print_json, printable
+from routes import Parts
 from values import UsageError
 
 
@@ -206,9 +207,10 @@ def each(method: str, delete: bool = False) -> Callable[[Agent, list[Any]], None
 
 
 def set_routes(agent: Agent, routes: list[Any]) -> None:
-    reply = agent.routing.SetRoutes(iter(routes), **agent.stream)
-    if reply.accepted != len(routes):
-        complain(f"the agent took {reply.accepted} of {len(routes)} routes")
+    parts = Parts()
+    for route in routes:
+        parts.add_message(route)
+    commands.send_routes(agent, parts)
 
 
 def delete_routes(agent: Agent, routes: list[Any]) -> None:

@@ -1,14 +1,16 @@
 """What the user sees: tables, JSON, messages and a progress bar."""
 
+import itertools
 import json
 import os
 import sys
 import threading
 import time
-from collections.abc import Iterable, Iterator, Sequence
+from collections.abc import Callable, Iterable, Iterator, Sequence
 from typing import Any, TypeVar
 
 Item = TypeVar("Item")
+HELD = 4096  # lines that are looked at before the first is printed
 
 
 def printable(text: str) -> str:
@@ -26,18 +28,32 @@ def print_json(document: Any) -> None:
     print(json.dumps(document, ensure_ascii=False), flush=True)
 
 
+def print_json_list(name: str, items: Iterable[Any], rest: Callable[[], dict[str, Any]]) -> None:
+    """The document {name: items, **rest()}, printed as the items come: however many they are, few are held."""
+    texts = (json.dumps(item, ensure_ascii=False) for item in items)
+    held = list(itertools.islice(texts, HELD))
+    print(f"{{{json.dumps(name)}: [", end="")
+    for position, text in enumerate(itertools.chain(held, texts)):
+        print(f", {text}" if position else text, end="")
+    print("]" + "".join(f", {json.dumps(key)}: {json.dumps(value)}" for key, value in rest().items()) + "}", flush=True)
+
+
 def print_table(header: Sequence[str], rows: Iterable[Sequence[Any]]) -> None:
-    lines = [header, *([printable(str(cell)) for cell in row] for row in rows)]
-    widths = [max(map(len, column)) for column in zip(*lines)]
-    for line in lines:
-        print("  ".join(cell.ljust(width) for cell, width in zip(line, widths)).rstrip())
+    """Prints the rows as they come, in columns as wide as the first of them need; a later one widens them."""
+    lines: Iterator[Sequence[str]] = ([printable(str(cell)) for cell in row] for row in rows)
+    held = [header, *itertools.islice(lines, HELD)]
+    widths = [max(map(len, column)) for column in zip(*held)]
+    for line in itertools.chain(held, lines):
+        widths = [max(width, len(cell)) for width, cell in zip(widths, line)]
+        print("  ".join(map(str.ljust, line, widths)).rstrip())
 
 
 class Progress:
     """A bar on standard error that counts items as they are taken, when it is shown at all."""
 
-    def __init__(self, total: int, shown: bool) -> None:
+    def __init__(self, total: int, shown: bool, each: int = 1) -> None:
         self._total = total
+        self._each = each  # how many of the total an item is, but the last
         self._shown = shown
         self._begun = time.monotonic()
         self._drawn = 0.0
@@ -56,7 +72,7 @@ class Progress:
     def counted(self, items: Iterable[Item]) -> Iterator[Item]:
         for count, item in enumerate(items):
             if self._shown and time.monotonic() - self._drawn > 0.1:
-                self._draw(count)
+                self._draw(count * self._each)
             yield item
         self._draw(self._total)
 
