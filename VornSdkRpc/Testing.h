@@ -7,8 +7,10 @@
 //     RouteTable table;
 //     VornSdkRpc::testing::TestServer server({std::make_shared<ChangeService>(table)});
 //     const auto stub = server.stub<Changes>();
-//     const auto answer = VornSdkRpc::testing::call(*stub, &Changes::Stub::Program,
-//     ip_route_msg()); EXPECT_TRUE(answer.status.ok()); EXPECT_EQ(table.after(0).size(), 1U);
+//     const auto answer =
+//         VornSdkRpc::testing::call(*stub, &Changes::Stub::Program, ip_route_msg());
+//     EXPECT_TRUE(answer.status.ok());
+//     EXPECT_EQ(table.after(0).size(), 1U);
 //     EXPECT_EQ(server.records().at(0).rpc, "/snippets.Changes/Program");
 //     EXPECT_EQ(server.finish(), "");
 //   }
