@@ -193,6 +193,7 @@ void GrpcServer::cancelUnlessTurning() {
   if (!looping_ || cancelling_) return;
   cancelling_ = std::make_unique<Later>(kMoreThanAPoll, [this, turn = turns()] {
     if (turns() != turn) return;
+    stopListening();
     grpc_server_shutdown_and_notify(server_->c_server(), cq_->cq(), cancelled_.get());
     grpc_server_cancel_all_calls(server_->c_server());
   });
@@ -243,7 +244,8 @@ void GrpcServer::setup() {
   looping_ = true;
 }
 
-// What is handed to a server that is going down would be lost, or worse.
+// Before gRPC is told that the server goes down: a connection that the listener hands over after
+// that ends the process.
 void GrpcServer::stopListening() {
   if (listener_) listener_->stop();
 }

@@ -276,8 +276,8 @@ std::chrono::nanoseconds Exchange::remaining() const {
   return std::max(time, std::chrono::nanoseconds::zero());
 }
 
-// A client cancels when its own deadline passes. That is before the server's, by the call's way here
-// and by what the deadline was rounded up to be sent, which is a share of its length.
+// A client cancels when its own deadline passes. That is before the server's, by the call's way
+// here and by what the deadline was rounded up to be sent, which is a share of its length.
 EndedBy Exchange::whyGone() const {
   constexpr std::chrono::nanoseconds kWay = std::chrono::milliseconds(20);
   const auto left = remaining();

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -70,8 +71,10 @@ class Agent {
     server_->listenerIs(listener_);
     server_->setup();
     thread_ = std::thread([this] {
-      while (!server_->stopRequested())
+      while (!server_->stopRequested()) {
         server_->dequeue();
+        heldUp_.wait(true);
+      }
       server_->teardown();
     });
   }
@@ -85,6 +88,13 @@ class Agent {
     if (thread_.joinable()) thread_.join();
   }
   VornSdkRpc::GrpcServer& server() { return *server_; }
+
+  // Whether the loop, which sees a stop after each turn, is to turn no more.
+  void heldUpIs(bool heldUp) {
+    heldUp_ = heldUp;
+    heldUp_.notify_one();
+  }
+
   Listener::Figures figures() const { return listener_->figures(); }
 
  private:
@@ -105,6 +115,7 @@ class Agent {
   std::shared_ptr<Listener> listener_ = std::make_shared<Listener>(builder_, properties_);
   Service service_;
   std::unique_ptr<VornSdkRpc::GrpcServer> server_;
+  std::atomic<bool> heldUp_ = false;
   std::thread thread_;
 };
 
@@ -590,7 +601,8 @@ TEST(Listener, GivesASocketUpThatSomebodyElseHasClosed) {
 
 TEST(Listener, TakesNobodyOnceTheServerIsDrainedOrStopped) {
   const Directory directory;
-  for (const bool drains : {false, true}) {
+  enum class End { stop, stopWhileBusy, drain };
+  for (const auto end : {End::stop, End::stopWhileBusy, End::drain}) {
     int port = 0;
     Agent agent([&](Listener& listener, auto&) {
       port = listener.add("127.0.0.1:0", grpc::InsecureServerCredentials());
@@ -602,7 +614,8 @@ TEST(Listener, TakesNobodyOnceTheServerIsDrainedOrStopped) {
     const auto chat = stub->Chat(&context);
     Text text;
     ASSERT_TRUE(chat->Write(text) && chat->Read(&text));
-    if (drains) {
+    agent.heldUpIs(end == End::stopWhileBusy);
+    if (end == End::drain) {
       agent.server().stop(std::chrono::hours(1));
     } else {
       agent.server().stop();
@@ -613,10 +626,11 @@ TEST(Listener, TakesNobodyOnceTheServerIsDrainedOrStopped) {
         refused = !next.connectTo(gone);
       }
     }
+    agent.heldUpIs(false);
     EXPECT_FALSE(std::filesystem::exists(directory.path("agent")));
     const bool goesOn = chat->Write(text) && chat->Read(&text);
     chat->WritesDone();
-    EXPECT_TRUE((goesOn && chat->Finish().ok()) || !drains);
+    EXPECT_TRUE((goesOn && chat->Finish().ok()) || end != End::drain);
     agent.join();
   }
 }

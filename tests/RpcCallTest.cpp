@@ -344,8 +344,7 @@ TEST(RpcCall, IsAccountedAsWhatHasEndedIt) {
       waiting = false;
       endedBy = rpc::EndedBy::nothing;
       grpc::ClientContext context;
-      if (one.deadline > 0ms)
-        context.set_deadline(std::chrono::system_clock::now() + one.deadline);
+      if (one.deadline > 0ms) context.set_deadline(std::chrono::system_clock::now() + one.deadline);
       std::jthread canceller([&] {
         waitUntil([&] { return waiting.load(); });
         if (one.cancels) context.TryCancel();
