@@ -51,28 +51,24 @@ constexpr auto kRestAfterFailure = std::chrono::seconds(1);
 KernelSync::KernelSync(Settings settings)
     : settings_(std::move(settings)), netlink_(settings_.netns) {
   lockNamespace();
-  wake_.fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (wake_.fd < 0) fail(errno, "eventfd");
+  wake_ = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (wake_ < 0) fail(errno, "eventfd");
   checkPermission();
 }
 
 KernelSync::~KernelSync() { stop(); }
 
-KernelSync::Descriptor::~Descriptor() {
-  if (fd >= 0) close(fd);
-}
-
 // A name among the abstract sockets of the namespace, which ends with the process.
 void KernelSync::lockNamespace() {
   constexpr std::string_view kName("\0routing-agent-kernel", 21);
   const VornSdkRpc::ScopedNamespace inside(settings_.netns);
-  lock_.fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (lock_.fd < 0) fail(errno, "cannot open a socket");
+  lock_ = Descriptor(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (lock_ < 0) fail(errno, "cannot open a socket");
   sockaddr_un name{};
   name.sun_family = AF_UNIX;
   std::copy(kName.begin(), kName.end(), name.sun_path);
   const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + kName.size());
-  if (bind(lock_.fd, reinterpret_cast<const sockaddr*>(&name), size) != 0)
+  if (bind(lock_, reinterpret_cast<const sockaddr*>(&name), size) != 0)
     fail(errno, "another agent programs this namespace's kernel");
 }
 
@@ -194,21 +190,26 @@ void KernelSync::pause(bool more) const {
   int timeout = -1;
   if (more) {
     timeout = 0;
-  } else if (grace_) {
+  } else if (inGrace()) {
     const auto left = graceEnd_ - std::chrono::steady_clock::now();
     timeout = static_cast<int>(
         std::max<std::int64_t>(0, std::chrono::ceil<std::chrono::milliseconds>(left).count()));
   }
   std::array<pollfd, 2> fds{pollfd{netlink_.notificationsFd(), POLLIN, 0},
-                            pollfd{wake_.fd, POLLIN, 0}};
+                            pollfd{wake_, POLLIN, 0}};
   poll(fds.data(), fds.size(), timeout);
   std::uint64_t count = 0;
-  [[maybe_unused]] const auto size = read(wake_.fd, &count, sizeof count);
+  [[maybe_unused]] const auto size = read(wake_, &count, sizeof count);
+}
+
+bool KernelSync::inGrace() const {
+  const vorn::lock_guard lock(mutex_);
+  return grace_;
 }
 
 void KernelSync::wake() const {
   const std::uint64_t one = 1;
-  [[maybe_unused]] const auto size = ::write(wake_.fd, &one, sizeof one);
+  [[maybe_unused]] const auto size = ::write(wake_, &one, sizeof one);
 }
 
 // ------------------------------------------------------------------------------------------------

@@ -19,6 +19,7 @@
 #include <utility>
 #include <vector>
 
+#include "agents/routing/Descriptor.h"
 #include "agents/routing/KernelMessages.h"
 #include "agents/routing/Netlink.h"
 #include "agents/routing/RoutingAgent.pb.h"
@@ -102,11 +103,6 @@ class KernelSync {
     std::string reason;
     bool operator==(const Trouble&) const = default;
     explicit operator bool() const { return state != Programming::PROGRAMMED; }
-  };
-
-  struct Descriptor {
-    int fd = -1;
-    ~Descriptor();
   };
 
   // Whether something is still to be tried: it is in a queue, and the kernel is working on it. It
@@ -197,9 +193,10 @@ class KernelSync {
   bool step();
   bool sweepWhenDue();
   void pause(bool more) const;
+  bool inGrace() const;
   void wake() const;
-  Programming stateOf(const PrefixKey& prefix, const Route& route) const;
-  Programming stateOf(const NamedGroup& group) const;
+  Programming stateOf(const PrefixKey& prefix, const Route& route) const VORN_REQUIRES(mutex_);
+  Programming stateOf(const NamedGroup& group) const VORN_REQUIRES(mutex_);
   static std::uint64_t now();  // nanoseconds since 1970
   static Trouble troubleOf(const KernelAnswer& answer);
   void warn(const std::string& what, const Trouble& trouble) const;
@@ -211,52 +208,53 @@ class KernelSync {
   void linkNotified(const nlmsghdr& message);
   void readLinks();
   void readNexthops();
-  bool compareHops(const Seen& seen);
-  bool compareObjects(const Seen& seen);
+  bool compareHops(const Seen& seen) VORN_REQUIRES(mutex_);
+  bool compareObjects(const Seen& seen) VORN_REQUIRES(mutex_);
   std::vector<std::pair<PrefixKey, std::uint32_t>> dumpRoutes();
   void readRoutes();
   std::vector<PrefixKey> adoptRoutes();
-  void routeSeen(Routes::value_type& entry, std::uint32_t object);
+  void routeSeen(Routes::value_type& entry, std::uint32_t object) VORN_REQUIRES(mutex_);
   void removeAll();
 
   // KernelGroups.cpp
   void resolve();
-  std::vector<NamedGroup*> toResolve();
+  std::vector<NamedGroup*> toResolve() VORN_REQUIRES(mutex_);
   std::set<Question> questions(const NamedGroup& group) const;
-  void tellOf(NamedGroup& group);
+  void tellOf(NamedGroup& group) VORN_REQUIRES(mutex_);
   Answers ask(const std::set<Question>& questions);
   std::optional<Question> question(const nexthop_msg& hop, int& interface, Trouble& trouble) const;
   bool answered(WantedHop& hop, const Answers& answers) const;
   bool programGroups();
-  std::vector<Plan> plans(const std::vector<NamedGroup*>& groups);
-  Plan plan(NamedGroup& group, Family family) const;
-  void addHops(Plan& plan, const std::vector<WantedHop>& hops, bool firstOnly) const;
-  Trouble unusable(const WantedHop& hop, Family family) const;
+  std::vector<Plan> plans(const std::vector<NamedGroup*>& groups) VORN_REQUIRES(mutex_);
+  Plan plan(NamedGroup& group, Family family) const VORN_REQUIRES(mutex_);
+  void addHops(Plan& plan, const std::vector<WantedHop>& hops, bool firstOnly) const
+      VORN_REQUIRES(mutex_);
+  Trouble unusable(const WantedHop& hop, Family family) const VORN_REQUIRES(mutex_);
   void makeHops(std::vector<Plan>& plans);
   void makeObjects(std::vector<Plan>& plans);
-  void objectWritten(const Plan& plan, const KernelAnswer& answer);
+  void objectWritten(const Plan& plan, const KernelAnswer& answer) VORN_REQUIRES(mutex_);
   void dropUnused();
-  std::uint32_t objectFor(NamedGroup& group, Family family);
-  void objectIs(std::uint32_t id, std::vector<KernelMember> members);
-  void forget(Group& group, Family family);
-  void markGroup(NamedGroup& group);
-  void markAllGroups();
-  void eraseUnused(NamedGroup& group);
+  std::uint32_t objectFor(NamedGroup& group, Family family) VORN_REQUIRES(mutex_);
+  void objectIs(std::uint32_t id, std::vector<KernelMember> members) VORN_REQUIRES(mutex_);
+  void forget(Group& group, Family family) VORN_REQUIRES(mutex_);
+  void markGroup(NamedGroup& group) VORN_REQUIRES(mutex_);
+  void markAllGroups() VORN_REQUIRES(mutex_);
+  void eraseUnused(NamedGroup& group) VORN_REQUIRES(mutex_);
   static Family mainFamily(const Group& group);
   static bool needs(const Group& group, Family family);
 
   // KernelRoutes.cpp
   bool programRoutes();
-  std::vector<Write> takeWrites();
-  std::optional<Write> writeOf(const PrefixKey& prefix, Route& route) const;
-  void written(const Write& write, const KernelAnswer& answer);
-  void markRoute(Routes::value_type& entry);
-  void markRoutesOfNewObjects();
-  void leaveGroup(const PrefixKey& prefix, Route& route);
+  std::vector<Write> takeWrites() VORN_REQUIRES(mutex_);
+  std::optional<Write> writeOf(const PrefixKey& prefix, Route& route) const VORN_REQUIRES(mutex_);
+  void written(const Write& write, const KernelAnswer& answer) VORN_REQUIRES(mutex_);
+  void markRoute(Routes::value_type& entry) VORN_REQUIRES(mutex_);
+  void markRoutesOfNewObjects() VORN_REQUIRES(mutex_);
+  void leaveGroup(const PrefixKey& prefix, Route& route) VORN_REQUIRES(mutex_);
   void removeUnclaimed();
-  bool inKernel(const Route& route) const;
-  bool isThere(std::uint32_t object) const;
-  bool kept(const Route& route) const;  // as adopted, until the grace is over
+  bool inKernel(const Route& route) const VORN_REQUIRES(mutex_);
+  bool isThere(std::uint32_t object) const VORN_REQUIRES(mutex_);
+  bool kept(const Route& route) const VORN_REQUIRES(mutex_);  // as adopted, until the grace is over
   static Family familyOf(const PrefixKey& prefix) { return prefix.bytes == 4 ? kIpv4 : kIpv6; }
 
   vorn::tracer tracer_{"Kernel"};
@@ -269,22 +267,24 @@ class KernelSync {
   std::chrono::steady_clock::time_point graceEnd_;
 
   mutable vorn::mutex mutex_;  // guards what follows; not held while the kernel works
-  Routes routes_;
-  std::map<std::string, Group> groups_;
-  std::map<std::uint32_t, Object> objects_;  // by id
-  std::map<KernelHop, HopObject> hops_;
-  std::set<std::uint32_t> ids_;     // of all next-hop objects in the kernel and of those to come
-  std::set<std::uint32_t> strays_;  // of those of ours that nothing knows
-  std::set<std::string> downSessions_;
-  std::set<std::string> texts_;  // the kernel's words, each once
-  std::deque<PrefixKey> dirtyRoutes_;
-  std::deque<NamedGroup*> dirtyGroups_;
-  std::size_t flying_ = 0;              // routes and groups that the kernel works on
-  std::set<std::uint32_t> newObjects_;  // whose routes are to be written
-  std::uint32_t epochs_ = 0;
-  bool grace_ = true;  // what was adopted is kept
-  bool sweep_ = false;
-  bool unresolved_ = false;  // a group has next hops that were not looked for
+  Routes routes_ VORN_GUARDED_BY(mutex_);
+  std::map<std::string, Group> groups_ VORN_GUARDED_BY(mutex_);
+  std::map<std::uint32_t, Object> objects_ VORN_GUARDED_BY(mutex_);  // by id
+  std::map<KernelHop, HopObject> hops_ VORN_GUARDED_BY(mutex_);
+  std::set<std::uint32_t> ids_
+      VORN_GUARDED_BY(mutex_);  // of all next-hop objects in the kernel and of those to come
+  std::set<std::uint32_t> strays_ VORN_GUARDED_BY(mutex_);  // of those of ours that nothing knows
+  std::set<std::string> downSessions_ VORN_GUARDED_BY(mutex_);
+  std::set<std::string> texts_ VORN_GUARDED_BY(mutex_);  // the kernel's words, each once
+  std::deque<PrefixKey> dirtyRoutes_ VORN_GUARDED_BY(mutex_);
+  std::deque<NamedGroup*> dirtyGroups_ VORN_GUARDED_BY(mutex_);
+  std::size_t flying_ VORN_GUARDED_BY(mutex_) = 0;  // routes and groups that the kernel works on
+  std::set<std::uint32_t> newObjects_ VORN_GUARDED_BY(mutex_);  // whose routes are to be written
+  std::uint32_t epochs_ VORN_GUARDED_BY(mutex_) = 0;
+  bool grace_ VORN_GUARDED_BY(mutex_) = true;  // what was adopted is kept
+  bool sweep_ VORN_GUARDED_BY(mutex_) = false;
+  bool unresolved_ VORN_GUARDED_BY(mutex_) =
+      false;  // a group has next hops that were not looked for
 
   // For the kernel's thread alone.
   std::map<int, SeenLink> links_;

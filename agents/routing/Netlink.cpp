@@ -8,7 +8,6 @@
 #include <netlink/msg.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -34,10 +33,10 @@ constexpr int kAnswersBuffer = 4 << 20;
   throw std::system_error(errno, std::generic_category(), what);
 }
 
-int openSocket() {
-  const int fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
-  if (fd < 0) fail("cannot open a netlink socket");
-  return fd;
+Descriptor openSocket() {
+  Descriptor socket(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE));
+  if (socket < 0) fail("cannot open a netlink socket");
+  return socket;
 }
 
 void optionIs(int fd, int level, int option, int value) {
@@ -158,38 +157,32 @@ std::uint32_t NetlinkAttributes::number(int attribute) const {
 // ------------------------------------------------------------------------------------------------
 // The sockets
 
-Netlink::Socket::~Socket() {
-  if (fd >= 0) close(fd);
-}
-
 Netlink::Netlink(const std::string& netns, Notifications notifications) : buffer_(kBufferSize) {
   const VornSdkRpc::ScopedNamespace inside(netns);
-  requests_.fd = openSocket();
-  bindTo(requests_.fd);
-  optionIs(requests_.fd, SOL_SOCKET, SO_RCVBUFFORCE, kAnswersBuffer);
-  optionIs(requests_.fd, SOL_SOCKET, SO_SNDBUFFORCE, kAnswersBuffer);
+  requests_ = openSocket();
+  bindTo(requests_);
+  optionIs(requests_, SOL_SOCKET, SO_RCVBUFFORCE, kAnswersBuffer);
+  optionIs(requests_, SOL_SOCKET, SO_SNDBUFFORCE, kAnswersBuffer);
   // Refusals with words and without the request that they repeat, and dumps of no more than what is
   // asked for. An older kernel that lacks one serves as well.
   for (const int option : {NETLINK_EXT_ACK, NETLINK_CAP_ACK, NETLINK_GET_STRICT_CHK})
-    optionIs(requests_.fd, SOL_NETLINK, option, 1);
+    optionIs(requests_, SOL_NETLINK, option, 1);
   if (notifications == kNotifications) subscribe();
 }
 
-Netlink::~Netlink() = default;
-
 void Netlink::subscribe() {
-  notifications_.fd = openSocket();
-  bindTo(notifications_.fd);
-  optionIs(notifications_.fd, SOL_SOCKET, SO_RCVBUFFORCE, kNotificationsBuffer);
-  dropThoseOf(notifications_.fd, portOf(requests_.fd));
+  notifications_ = openSocket();
+  bindTo(notifications_);
+  optionIs(notifications_, SOL_SOCKET, SO_RCVBUFFORCE, kNotificationsBuffer);
+  dropThoseOf(notifications_, portOf(requests_));
   for (const int group : {RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV6_IFADDR,
                           RTNLGRP_IPV4_ROUTE, RTNLGRP_IPV6_ROUTE, RTNLGRP_NEXTHOP})
-    optionIs(notifications_.fd, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, group);
+    optionIs(notifications_, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, group);
 }
 
-std::string_view Netlink::receive(const Socket& socket, bool& lost) {
+std::string_view Netlink::receive(int socket, bool& lost) {
   for (;;) {
-    const auto size = recv(socket.fd, buffer_.data(), buffer_.size(), MSG_DONTWAIT | MSG_TRUNC);
+    const auto size = recv(socket, buffer_.data(), buffer_.size(), MSG_DONTWAIT | MSG_TRUNC);
     if (size >= 0) {
       lost = lost || static_cast<std::size_t>(size) > buffer_.size();
       return {buffer_.data(), std::min(static_cast<std::size_t>(size), buffer_.size())};
@@ -221,7 +214,7 @@ std::vector<KernelAnswer> Netlink::run(
   msghdr envelope{};
   envelope.msg_iov = parts.data();
   envelope.msg_iovlen = parts.size();
-  if (sendmsg(requests_.fd, &envelope, 0) < 0) fail("cannot send to the kernel");
+  if (sendmsg(requests_, &envelope, 0) < 0) fail("cannot send to the kernel");
 
   bool lost = false;
   for (bool done = false; !done;) {
@@ -251,7 +244,7 @@ void Netlink::dump(const NetlinkRequest& request, const std::function<void()>& b
     begin();
     nlmsghdr& message = request.message();
     message.nlmsg_seq = ++sequence_;
-    if (send(requests_.fd, &message, message.nlmsg_len, 0) < 0) fail("cannot send to the kernel");
+    if (send(requests_, &message, message.nlmsg_len, 0) < 0) fail("cannot send to the kernel");
     for (bool done = false; !done;) {
       const auto datagram = this->receive(requests_, interrupted);
       if (datagram.empty()) fail("the kernel does not end its answer");

@@ -10,6 +10,8 @@
 #include <string_view>
 #include <vector>
 
+#include "agents/routing/Descriptor.h"
+
 struct nl_msg;
 
 namespace routing_agent {
@@ -78,9 +80,6 @@ class Netlink {
   // Opens its sockets inside the namespace `netns`, as `ip netns` knows it; empty: the calling
   // thread's own. Without notifications there is no socket for them. Throws std::system_error.
   explicit Netlink(const std::string& netns, Notifications notifications = kNotifications);
-  ~Netlink();
-  Netlink(const Netlink&) = delete;
-  Netlink& operator=(const Netlink&) = delete;
 
   // Sends the requests in one message and answers what the kernel says to each, in order. The
   // kernel goes on behind one that it refuses. `data` is given what a request that asks for
@@ -99,20 +98,15 @@ class Netlink {
   bool readNotifications(const Receive& receive);
 
   // Readable when there are notifications.
-  int notificationsFd() const { return notifications_.fd; }
+  int notificationsFd() const { return notifications_; }
 
  private:
-  struct Socket {
-    int fd = -1;
-    ~Socket();
-  };
-
   void subscribe();
   // One datagram; empty when there is none. Answers ENOBUFS through `lost`.
-  std::string_view receive(const Socket& socket, bool& lost);
+  std::string_view receive(int socket, bool& lost);
 
-  Socket requests_;
-  Socket notifications_;
+  Descriptor requests_;
+  Descriptor notifications_;
   std::uint32_t sequence_ = 0;
   std::vector<char> buffer_;
 };

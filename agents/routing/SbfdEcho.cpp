@@ -14,7 +14,6 @@
 #include <sys/ioctl.h>
 #include <sys/random.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -146,39 +145,34 @@ NetlinkRequest packetsTo(const std::string& address, int interface) {
   return request;
 }
 
-}  // namespace
-
-SbfdEcho::Socket::~Socket() {
-  if (fd >= 0) close(fd);
-}
-
-SbfdEcho::SbfdEcho(const std::string& netns) : netlink_(netns, Netlink::kNoNotifications) {
-  const VornSdkRpc::ScopedNamespace inside(netns);
-  open(ipv4_, ETH_P_IP);
-  open(ipv6_, ETH_P_IPV6);
-  links_.fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (links_.fd < 0) fail("cannot open a socket");
-  if (getrandom(&secret_, sizeof secret_, 0) != sizeof secret_) fail("getrandom");
-}
-
-SbfdEcho::~SbfdEcho() = default;
-
 // The filter is there before the first packet: without a protocol none comes.
-void SbfdEcho::open(Socket& socket, std::uint16_t protocol) const {
-  socket.fd = ::socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-  if (socket.fd < 0) fail("cannot open a packet socket");
+Descriptor packetSocket(std::uint16_t protocol) {
+  Descriptor socket(::socket(AF_PACKET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (socket < 0) fail("cannot open a packet socket");
   auto ipv4 = kIpv4Filter;
   auto ipv6 = kIpv6Filter;
   const sock_fprog filter = protocol == ETH_P_IP
                                 ? sock_fprog{static_cast<unsigned short>(ipv4.size()), ipv4.data()}
                                 : sock_fprog{static_cast<unsigned short>(ipv6.size()), ipv6.data()};
-  if (setsockopt(socket.fd, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter) != 0)
+  if (setsockopt(socket, SOL_SOCKET, SO_ATTACH_FILTER, &filter, sizeof filter) != 0)
     fail("cannot filter packets");
   sockaddr_ll name{};
   name.sll_family = AF_PACKET;
   name.sll_protocol = htons(protocol);
-  if (bind(socket.fd, reinterpret_cast<const sockaddr*>(&name), sizeof name) != 0)
+  if (bind(socket, reinterpret_cast<const sockaddr*>(&name), sizeof name) != 0)
     fail("cannot bind a packet socket");
+  return socket;
+}
+
+}  // namespace
+
+SbfdEcho::SbfdEcho(const std::string& netns) : netlink_(netns, Netlink::kNoNotifications) {
+  const VornSdkRpc::ScopedNamespace inside(netns);
+  ipv4_ = packetSocket(ETH_P_IP);
+  ipv6_ = packetSocket(ETH_P_IPV6);
+  links_ = Descriptor(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (links_ < 0) fail("cannot open a socket");
+  if (getrandom(&secret_, sizeof secret_, 0) != sizeof secret_) fail("getrandom");
 }
 
 // ------------------------------------------------------------------------------------------------
@@ -199,7 +193,7 @@ SbfdEcho::Way SbfdEcho::findWay(const sbfd_echo_session_key_msg& key) {
   ifreq request{};
   const auto& name = key.outgoing_interface();
   std::copy_n(name.begin(), std::min(name.size(), sizeof request.ifr_name - 1), request.ifr_name);
-  if (ioctl(links_.fd, SIOCGIFINDEX, &request) != 0) {
+  if (ioctl(links_, SIOCGIFINDEX, &request) != 0) {
     way.trouble = "there is no interface of this name";
     return way;
   }
@@ -256,7 +250,7 @@ std::string SbfdEcho::send(const sbfd_echo_session_key_msg& key, std::uint32_t n
   to.sll_ifindex = way.interface;
   to.sll_halen = static_cast<std::uint8_t>(std::min(way.layer2.size(), sizeof to.sll_addr));
   std::memcpy(to.sll_addr, way.layer2.data(), to.sll_halen);
-  const auto sent = sendto(v4 ? ipv4_.fd : ipv6_.fd, packet.data(), packet.size(), MSG_NOSIGNAL,
+  const auto sent = sendto(v4 ? ipv4_ : ipv6_, packet.data(), packet.size(), MSG_NOSIGNAL,
                            reinterpret_cast<const sockaddr*>(&to), sizeof to);
   return sent < 0 ? std::strerror(errno) : "";
 }
@@ -264,7 +258,7 @@ std::string SbfdEcho::send(const sbfd_echo_session_key_msg& key, std::uint32_t n
 std::vector<SbfdEcho::Returned> SbfdEcho::receive() const {
   std::vector<Returned> returned;
   std::array<char, 256> packet{};
-  for (const int fd : {ipv4_.fd, ipv6_.fd}) {
+  for (const int fd : {ipv4(), ipv6()}) {
     for (;;) {
       const auto size = recv(fd, packet.data(), packet.size(), MSG_DONTWAIT);
       if (size < 0) break;

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "agents/routing/Descriptor.h"
 #include "agents/routing/Netlink.h"
 
 namespace routing_agent {
@@ -27,9 +28,6 @@ class SbfdEcho {
   // thread's own. Takes no further descriptor later. Throws std::system_error; without CAP_NET_RAW
   // that is EPERM.
   explicit SbfdEcho(const std::string& netns);
-  ~SbfdEcho();
-  SbfdEcho(const SbfdEcho&) = delete;
-  SbfdEcho& operator=(const SbfdEcho&) = delete;
 
   // Sends the echo packet `sequence` of the session `number`. Answers why it can't be sent, empty
   // when it is on its way.
@@ -49,16 +47,11 @@ class SbfdEcho {
   std::vector<Returned> receive() const;
 
   // Readable when packets have come back.
-  int ipv4() const { return ipv4_.fd; }
-  int ipv6() const { return ipv6_.fd; }
+  int ipv4() const { return ipv4_; }
+  int ipv6() const { return ipv6_; }
 
  private:
   using Clock = std::chrono::steady_clock;
-
-  struct Socket {
-    int fd = -1;
-    ~Socket();
-  };
 
   // How the packets of a session leave, as the kernel has told lately.
   struct Way {
@@ -77,15 +70,14 @@ class SbfdEcho {
     std::int64_t sent;  // by the clock
   };
 
-  void open(Socket& socket, std::uint16_t protocol) const;
   const Way& way(const sbfd_echo_session_key_msg& key, std::uint32_t number);
   Way findWay(const sbfd_echo_session_key_msg& key);
   void findNeighbor(Way& way, const std::string& address);
   std::optional<Returned> read(std::string_view packet) const;
 
   Netlink netlink_;
-  Socket ipv4_, ipv6_;
-  Socket links_;  // to ask for the numbers of interfaces
+  Descriptor ipv4_, ipv6_;
+  Descriptor links_;  // to ask for the numbers of interfaces
   std::uint64_t secret_ = 0;
   std::map<std::uint32_t, Way> ways_;
 };

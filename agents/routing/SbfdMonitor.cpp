@@ -49,13 +49,15 @@ SbfdMonitor::SbfdMonitor(const std::string& netns, DownChanged downChanged, Data
   if (dataPlane == kPackets) echo_ = openEcho(netns);
   {
     const VornSdkRpc::ScopedNamespace inside(netns);
-    interfaces_ = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    interfaces_ = Descriptor(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   }
-  wake_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  wake_ = Descriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  std::array<int, 2> pair{};
   if (interfaces_ < 0 || wake_ < 0 ||
-      socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, sockets_) != 0) {
+      socketpair(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0, pair.data()) != 0) {
     throw std::system_error(errno, std::generic_category(), "cannot open a socket");
   }
+  sockets_ = {Descriptor(pair[0]), Descriptor(pair[1])};
   thread_ = std::thread([this] { run(); });
 }
 
@@ -63,8 +65,6 @@ SbfdMonitor::~SbfdMonitor() {
   stopping_ = true;
   wake();
   thread_.join();
-  for (const int fd : {interfaces_, sockets_[0], sockets_[1], wake_})
-    close(fd);
 }
 
 void SbfdMonitor::set(const sbfd_echo_session_msg& session) {

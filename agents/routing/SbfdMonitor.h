@@ -4,6 +4,7 @@
 #include <VornSdkRpcProtos/VornSdkRpc.pb.h>
 #include <vorn/mutex.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -14,6 +15,7 @@
 #include <string>
 #include <thread>
 
+#include "agents/routing/Descriptor.h"
 #include "agents/routing/SbfdEcho.h"
 
 namespace routing_agent {
@@ -106,9 +108,9 @@ class SbfdMonitor {
   Sessions statuses_;
   Sessions roundTripTimes_;
   const DownChanged downChanged_;
-  int interfaces_ = -1;  // a socket to ask for interfaces, so that this takes no new descriptor
-  int sockets_[2] = {-1, -1};
-  int wake_ = -1;
+  Descriptor interfaces_;  // a socket to ask for interfaces, so that this takes no new descriptor
+  std::array<Descriptor, 2> sockets_;  // what simulated echoes go through
+  Descriptor wake_;
   std::unique_ptr<SbfdEcho> echo_;  // null: simulated
   std::thread thread_;
 };

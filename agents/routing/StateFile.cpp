@@ -114,19 +114,16 @@ class Reader {
 
 }  // namespace
 
-StateFile::Descriptor::~Descriptor() {
-  if (fd_ >= 0) close(fd_);
-}
-
 StateFile::StateFile(std::string path, Tables& tables)
     : path_(std::move(path)),
       tables_(tables),
       file_(open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0600)) {
+  const vorn::lock_guard lock(mutex_);
   if (file_ < 0) failedTo("open");
   struct stat found{}, named{};
   if (fstat(file_, &found) != 0) failedTo("look at");
   if (!S_ISREG(found.st_mode)) fail("it is no regular file");
-  lock(file_);
+  own(file_);
   if (stat(path_.c_str(), &named) != 0 || named.st_ino != found.st_ino)
     fail("another agent has just replaced it");
   if (found.st_size == 0) {
@@ -150,7 +147,7 @@ void StateFile::failedTo(const char* what) const {
   fail(std::string("cannot ") + what + " it: " + std::strerror(errno));
 }
 
-void StateFile::lock(int fd) const {
+void StateFile::own(int fd) const {
   if (flock(fd, LOCK_EX | LOCK_NB) == 0) return;
   if (errno == EWOULDBLOCK) fail("another agent uses it");
   failedTo("lock");
@@ -251,7 +248,7 @@ void StateFile::keep(Kind kind, const google::protobuf::MessageLite& message) {
 
 void StateFile::flush() {
   if (buffer_.empty()) return;
-  const std::lock_guard lock(mutex_);
+  const vorn::lock_guard lock(mutex_);
   try {
     writeAll(file_, size_, buffer_);
   } catch (const Error&) {  // a part of it may be there
@@ -302,18 +299,18 @@ void StateFile::rewriteNow() {
   const auto path = path_ + ".new";
   Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600));
   if (file < 0) failedTo("write anew");
-  lock(file);
+  own(file);
   const auto tables = writeTables(file);
   auto copied = mark_;
-  copyTail(file, tables, copied);
+  copyTail(this->file(), file, tables, copied);
   if (fsync(file) != 0) failedTo("write anew");
 
-  const std::lock_guard lock(mutex_);
-  copyTail(file, tables, copied);
+  const vorn::lock_guard lock(mutex_);
+  copyTail(file_, file, tables, copied);
   if (rename(path.c_str(), path_.c_str()) != 0) failedTo("replace");
   size_ = tables + (copied - mark_);
   rewritten_ = size_;
-  file_.swap(file);
+  std::swap(file_, file);
 }
 
 // Answers how large they are.
@@ -346,12 +343,18 @@ std::size_t StateFile::writeTables(int fd) {
   return written + records.size();
 }
 
-// Copies what the file holds from `copied` on. The mark comes to be at `place`.
-void StateFile::copyTail(int to, std::size_t place, std::size_t& copied) const {
+// The file to read from: only who writes anew replaces it.
+int StateFile::file() const {
+  const vorn::lock_guard lock(mutex_);
+  return file_;
+}
+
+// Copies what `from` holds from `copied` on. The mark comes to be at `place`.
+void StateFile::copyTail(int from, int to, std::size_t place, std::size_t& copied) const {
   std::string bytes;
   for (const std::size_t end = size_; copied < end;) {
     bytes.resize(std::min(end - copied, kCopied));
-    const auto count = pread(file_, bytes.data(), bytes.size(), static_cast<off_t>(copied));
+    const auto count = pread(from, bytes.data(), bytes.size(), static_cast<off_t>(copied));
     if (count <= 0) failedTo("read");
     bytes.resize(static_cast<std::size_t>(count));
     writeAll(to, place + (copied - mark_), bytes);

@@ -1,18 +1,19 @@
 #pragma once
 
 #include <google/protobuf/message_lite.h>
+#include <vorn/mutex.h>
 
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <utility>
 
+#include "agents/routing/Descriptor.h"
 #include "agents/routing/Tables.h"
 
 namespace routing_agent {
@@ -80,34 +81,22 @@ class StateFile {
  private:
   static constexpr std::size_t kFlushed = std::size_t{64} << 10;
 
-  class Descriptor {
-   public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor();
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    operator int() const { return fd_; }
-    void swap(Descriptor& other) noexcept { std::swap(fd_, other.fd_); }
-
-   private:
-    int fd_;
-  };
-
   [[noreturn]] void fail(const std::string& why) const;
   [[noreturn]] void failedTo(const char* what) const;  // with errno
-  void lock(int fd) const;
-  void begin();
-  void read(Tables& tables);
+  void own(int fd) const;
+  void begin() VORN_REQUIRES(mutex_);
+  void read(Tables& tables) VORN_REQUIRES(mutex_);
   void apply(Kind kind, std::string_view bytes, Tables& tables) const;
   void writeAll(int fd, std::size_t place, std::string_view bytes) const;
   std::size_t writeTables(int fd);
-  void copyTail(int to, std::size_t place, std::size_t& copied) const;
+  void copyTail(int from, int to, std::size_t place, std::size_t& copied) const;
+  int file() const;
   void rewriteNow();
 
   const std::string path_;
   Tables& tables_;
-  std::mutex mutex_;  // guards the file against its replacement
-  Descriptor file_;
+  mutable vorn::mutex mutex_;  // guards the file against its replacement
+  Descriptor file_ VORN_GUARDED_BY(mutex_);
   std::atomic<std::size_t> size_ = 0;
   std::size_t rewritten_ = 0;  // how large it was when it was last written anew
   std::size_t mark_ = 0;       // what the file held when writing it anew was asked for
