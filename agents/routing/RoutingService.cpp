@@ -1,6 +1,7 @@
 #include "agents/routing/RoutingService.h"
 
 #include <memory>
+#include <new>
 #include <optional>
 
 namespace routing_agent {
@@ -74,6 +75,25 @@ rpc::Task<> sendTable(rpc::Writer<Part>& writer, const get_msg& request, std::st
     last = std::move(items.back().first);
   }
 }
+
+// Notes what an upload has set, however it ends.
+class NoteRoutes {
+ public:
+  NoteRoutes(const grpc::ServerContext& call, const set_routes_reply_msg& reply)
+      : call_(call), reply_(reply) {}
+  ~NoteRoutes() {
+    try {
+      VornSdkRpc::noteOperation(call_, "set", "routes", reply_.accepted());
+    } catch (const std::bad_alloc&) {  // the record says nothing of it then
+    }
+  }
+  NoteRoutes(const NoteRoutes&) = delete;
+  NoteRoutes& operator=(const NoteRoutes&) = delete;
+
+ private:
+  const grpc::ServerContext& call_;
+  const set_routes_reply_msg& reply_;
+};
 
 }  // namespace
 
@@ -204,10 +224,8 @@ rpc::Task<> RoutingService::setAll(rpc::Reader<ip_route_msg>& routes, set_routes
   rpc::Event room;
   const rpc::Events::Subscription subscription(backlog_.room(), room);
   ip_route_msg route;
-  const auto note = [&] {
-    VornSdkRpc::noteOperation(routes.context(), "set", "routes", reply.accepted());
-  };
-  for (note(); co_await routes.read(route); note()) {
+  const NoteRoutes note(routes.context(), reply);
+  while (co_await routes.read(route)) {
     // A client that sends faster than can be programmed is held up by what gRPC holds for it.
     while (!backlog_.hasRoom(Backlog::bulk)) {
       if (!co_await routes.waitThroughDrain(room)) co_return grpc::Status::CANCELLED;
@@ -228,10 +246,8 @@ rpc::Task<> RoutingService::setParts(rpc::Reader<routes_msg>& parts, set_routes_
   rpc::Event room;
   const rpc::Events::Subscription subscription(backlog_.room(), room);
   routes_msg part;
-  const auto note = [&] {
-    VornSdkRpc::noteOperation(parts.context(), "set", "routes", reply.accepted());
-  };
-  for (note(); co_await parts.read(part); note()) {
+  const NoteRoutes note(parts.context(), reply);
+  while (co_await parts.read(part)) {
     while (!backlog_.hasRoom(Backlog::bulk)) {
       if (!co_await parts.wait(room)) co_return grpc::Status::CANCELLED;
     }
