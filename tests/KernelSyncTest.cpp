@@ -395,6 +395,63 @@ TEST_F(KernelSyncTest, FailsOverWhenAnSbfdSessionIsDown) {
   }
 }
 
+// What `ip -f mpls route add 100 proto 201 nexthop as 200/300 via inet 10.0.0.2 dev d0 nexthop dev
+// d1` has sent, with d0 as 3 and d1 as 2, and the label alone for what is deleted.
+TEST(KernelMessages, TellMplsRoutesAsIpDoes) {
+  const auto bytesOf = [](const NetlinkRequest& request) {
+    const auto* const begin = reinterpret_cast<const unsigned char*>(&request.message());
+    return std::vector<int>(begin + sizeof(nlmsghdr), begin + request.message().nlmsg_len);
+  };
+  EXPECT_THAT(
+      bytesOf(newMplsRoute(100, {{AF_INET, {10, 0, 0, 2}, 3, {200, 300}}, {AF_INET, {}, 2, {}}},
+                           false)),
+      testing::ElementsAre(0x1c, 0x14, 0, 0, 0xfe, 0xc9, 0, 1, 0, 0, 0, 0,              // the route
+                           8, 0, 1, 0, 0, 0x06, 0x41, 0,                                // its label
+                           0x2c, 0, 9, 0,                                               // next hops
+                           0x20, 0, 0, 0, 3, 0, 0, 0,                                   // d0
+                           0x0c, 0, 0x13, 0, 0, 0x0c, 0x80, 0, 0, 0x12, 0xc1, 0,        // labels
+                           0x0a, 0, 0x12, 0, 2, 0, 0x0a, 0, 0, 2, /* padding: */ 0, 0,  // address
+                           8, 0, 0, 0, 2, 0, 0, 0));                                    // d1
+  const NetlinkRequest removal = deleteMplsRoute(100);
+  const auto removed = mplsRouteOf(removal.message());
+  ASSERT_TRUE(removed);
+  EXPECT_EQ(removed->label, 100U);
+}
+
+TEST_F(KernelSyncTest, SaysThatTheKernelHasNoMpls) {
+  if (access("/proc/sys/net/mpls", F_OK) == 0) GTEST_SKIP() << "this kernel has MPLS";
+  const auto kernel = agent();
+  mpls_route_msg route;
+  route.set_label(100);
+  route.mutable_nexthop_group()->set_nexthop_group("core");
+  const auto becomes = [&](State::state_enum state, const std::string& reason) {
+    return eventually([&] {
+      const auto now = kernel->mplsRouteState(100);
+      return now.state() == state && now.reason() == reason;
+    });
+  };
+  kernel->mplsRouteChanged(route);
+  EXPECT_TRUE(becomes(State::WAITING, "next-hop group core is not set"));
+  kernel->groupChanged(group("core", "10.0.9.9"));
+  EXPECT_TRUE(becomes(State::WAITING, "next hop 10.0.9.9: Network is unreachable"));
+  kernel->groupChanged(group("core", "10.0.0.2 10.0.1.2"));
+  EXPECT_TRUE(becomes(State::FAILED, "not supported by this kernel"));
+  route.mutable_nexthop_group()->set_mpls_op(mpls_route_msg_forward_nexthop_group_msg::MPLS_SWAP);
+  kernel->mplsRouteChanged(route);
+  EXPECT_TRUE(becomes(State::FAILED, "a swap needs a label"));
+  summary_msg counts;
+  kernel->count(counts);
+  EXPECT_EQ(counts.failed(), 1U);
+  route.set_request_delete(true);
+  kernel->mplsRouteChanged(route);
+  nexthop_group_msg none;
+  none.set_name("core");
+  none.set_request_delete(true);
+  kernel->groupChanged(none);
+  EXPECT_TRUE(becomes(State::WAITING, ""));
+  EXPECT_TRUE(eventually([&] { return kernel->waiting() == 0; }));
+}
+
 TEST_F(KernelSyncTest, LeavesOtherOwnersAlone) {
   const std::pair<std::string, std::string> families[] = {{"10.9.0.0/16", "10.0.0."},
                                                           {"fd09::/32", "fd00::"}};

@@ -36,8 +36,8 @@ void addTables(Metrics& metrics, const FiguresSources& from) {
               });
   if (from.kernel == nullptr) return;
   metrics.add("routing_agent_kernel_entries",
-              "Routes and next-hop groups, by what became of them in the kernel.", Metrics::gauge,
-              [kernel = from.kernel] {
+              "IP and MPLS routes and next-hop groups, by what became of them in the kernel.",
+              Metrics::gauge, [kernel = from.kernel] {
                 summary_msg counts;
                 kernel->count(counts);
                 return Samples{sample("state", "programmed", asDouble(counts.programmed())),

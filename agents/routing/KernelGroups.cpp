@@ -81,42 +81,60 @@ void KernelSync::resolve() {
     if (all) {
       for (auto& entry : groups_)
         entry.second.resolved = false;
+      for (auto& entry : mplsRoutes_)
+        entry.second.resolved = false;
     }
-    for (const auto* const group : toResolve())
-      asked.merge(questions(*group));
+    asked = openQuestions();
   }
   const auto answers = ask(asked);
   const vorn::lock_guard lock(mutex_);
-  for (auto* const entry : toResolve()) {
-    Group& group = entry->second;
-    // One that was set while the kernel was asked has its turn in the next step.
-    group.resolved = std::ranges::all_of(
-        questions(*entry), [&](const Question& one) { return answers.contains(one); });
-    unresolved_ = unresolved_ || !group.resolved;
-    if (!group.resolved) continue;
-    // What the kernel has refused is tried again.
-    bool changed = std::ranges::any_of(group.refused, &Trouble::operator bool) ||
-                   std::ranges::any_of(group.trouble, &Trouble::operator bool);
-    for (auto* const hops : {&group.primary, &group.backup}) {
-      for (auto& hop : *hops)
-        changed = answered(hop, answers) || changed;
-    }
-    if (changed) markGroup(*entry);
-  }
-}
-
-std::vector<KernelSync::NamedGroup*> KernelSync::toResolve() {
-  std::vector<NamedGroup*> groups;
   for (auto& entry : groups_) {
-    if (entry.second.set && !entry.second.resolved) groups.push_back(&entry);
+    Group& group = entry.second;
+    if (!group.set || group.resolved) continue;
+    const bool changed = settle(group, answers);
+    // What the kernel has refused is tried again.
+    const bool refused = std::ranges::any_of(group.refused, &Trouble::operator bool) ||
+                         std::ranges::any_of(group.trouble, &Trouble::operator bool);
+    if (changed || (group.resolved && refused)) markGroup(entry);
   }
-  return groups;
+  for (auto& entry : mplsRoutes_) {
+    MplsRoute& route = entry.second;
+    if (!route.set || route.resolved) continue;
+    const bool changed = settle(route, answers);
+    if (changed || (route.resolved && route.trouble)) markMplsRoute(entry);
+  }
 }
 
-std::set<KernelSync::Question> KernelSync::questions(const NamedGroup& group) const {
+std::set<KernelSync::Question> KernelSync::openQuestions() {
+  std::set<Question> asked;
+  for (const auto& [name, group] : groups_) {
+    if (group.set && !group.resolved) asked.merge(questions(group));
+  }
+  for (const auto& [label, route] : mplsRoutes_) {
+    if (route.set && !route.resolved) asked.merge(questions(route));
+  }
+  return asked;
+}
+
+// Answers whether that changes anything. What was set while the kernel was asked has its turn in
+// the next step.
+bool KernelSync::settle(Hops& hops, const Answers& answers) {
+  hops.resolved = std::ranges::all_of(questions(hops),
+                                      [&](const Question& one) { return answers.contains(one); });
+  unresolved_ = unresolved_ || !hops.resolved;
+  if (!hops.resolved) return false;
+  bool changed = false;
+  for (auto* const some : {&hops.primary, &hops.backup}) {
+    for (auto& hop : *some)
+      changed = answered(hop, answers) || changed;
+  }
+  return changed;
+}
+
+std::set<KernelSync::Question> KernelSync::questions(const Hops& hops) const {
   std::set<Question> all;
-  for (const auto* const hops : {&group.second.primary, &group.second.backup}) {
-    for (const auto& hop : *hops) {
+  for (const auto* const some : {&hops.primary, &hops.backup}) {
+    for (const auto& hop : *some) {
       int interface = 0;
       Trouble trouble;
       if (auto asked = question(hop.message, interface, trouble)) all.insert(*asked);
@@ -192,19 +210,26 @@ bool KernelSync::answered(WantedHop& hop, const Answers& answers) const {
 // What a group is to be
 
 // Why a next hop can't be used.
+KernelSync::Trouble KernelSync::unreachable(const WantedHop& hop) const {
+  const auto& message = hop.message;
+  if (hop.trouble) return {hop.trouble.state, textOf(message) + ": " + hop.trouble.reason};
+  if (message.has_sbfd_session_key() &&
+      downSessions_.contains(message.sbfd_session_key().SerializeAsString()))
+    return {Programming::WAITING, textOf(message) + ": its SBFD session is down"};
+  return {};
+}
+
+// The same, by an IP route.
 KernelSync::Trouble KernelSync::unusable(const WantedHop& hop, Family family) const {
+  if (auto trouble = unreachable(hop)) return trouble;
   const auto& message = hop.message;
   const auto because = [&](Programming::state_enum state, const std::string& why) {
     return Trouble{state, textOf(message) + ": " + why};
   };
-  if (hop.trouble) return because(hop.trouble.state, hop.trouble.reason);
   if (message.mpls_op() != nexthop_msg::MPLS_NONE && message.mpls_op() != nexthop_msg::MPLS_PUSH)
     return because(Programming::FAILED, "an IP route can only push labels");
   if (family == kIpv6 && message.nexthop_ip().addr().size() == 4)
     return because(Programming::FAILED, "an IPv6 route can't use an IPv4 next hop");
-  if (message.has_sbfd_session_key() &&
-      downSessions_.contains(message.sbfd_session_key().SerializeAsString()))
-    return because(Programming::WAITING, "its SBFD session is down");
   return {};
 }
 
@@ -296,6 +321,7 @@ bool KernelSync::programGroups() {
   for (auto* const group : groups) {
     group->second.pending.flying = false;
     tellOf(*group);
+    markMplsRoutesOf(*group);
     eraseUnused(*group);
   }
   return !dirtyGroups_.empty();
@@ -466,7 +492,8 @@ void KernelSync::eraseUnused(NamedGroup& entry) {
     forget(group, family);
   group.trouble = {};
   group.refused = {};
-  if (group.routes[kIpv4] == 0 && group.routes[kIpv6] == 0) groups_.erase(entry.first);
+  if (group.routes[kIpv4] == 0 && group.routes[kIpv6] == 0 && group.mplsRoutes == 0)
+    groups_.erase(entry.first);
 }
 
 // Next hops that no group has any more, and once the grace is over, what nobody has claimed.

@@ -17,6 +17,7 @@ namespace routing_agent {
 
 namespace {
 
+constexpr std::uint8_t kLabelBits = 20;
 constexpr unsigned kLabelShift = 12;               // of the label in an entry of the stack
 constexpr std::uint32_t kBottomOfStack = 1U << 8;  // the flag of its last entry
 
@@ -65,6 +66,33 @@ std::string_view nested(std::string_view outer, int inner) {
               static_cast<std::size_t>(nla_len(attribute))};
   }
   return {};
+}
+
+rtmsg mplsHeader() {
+  rtmsg header{};
+  header.rtm_family = AF_MPLS;
+  header.rtm_dst_len = kLabelBits;
+  header.rtm_table = RT_TABLE_MAIN;
+  header.rtm_protocol = kKernelProtocol;
+  header.rtm_type = RTN_UNICAST;
+  return header;
+}
+
+void putBytes(std::string& attributes, unsigned short type, std::string_view bytes) {
+  const rtattr attribute{static_cast<unsigned short>(RTA_LENGTH(bytes.size())), type};
+  attributes.append(bytesOf(attribute)).append(bytes);
+  attributes.resize(RTA_ALIGN(attributes.size()));
+}
+
+// What says where a next hop is, beside its interface, and which labels its packets have.
+std::string mplsHop(const KernelHop& hop) {
+  std::string attributes;
+  if (!hop.labels.empty()) putBytes(attributes, RTA_NEWDST, labelStack(hop.labels));
+  if (!hop.gateway.empty()) {
+    const auto family = static_cast<__kernel_sa_family_t>(hop.family);
+    putBytes(attributes, RTA_VIA, std::string(bytesOf(family)).append(hop.gateway));
+  }
+  return attributes;
 }
 
 rtmsg routeHeader(const PrefixKey& prefix) {
@@ -143,6 +171,30 @@ NetlinkRequest deleteRoute(const PrefixKey& prefix) {
   return request;
 }
 
+// Always as several next hops, also one.
+NetlinkRequest newMplsRoute(std::uint32_t label, const std::vector<KernelHop>& hops,
+                            bool replaces) {
+  NetlinkRequest request(RTM_NEWROUTE, NLM_F_CREATE | (replaces ? NLM_F_REPLACE : NLM_F_EXCL),
+                         mplsHeader());
+  request.put(RTA_DST, labelStack({label}));
+  std::string all;
+  for (const auto& hop : hops) {
+    const auto attributes = mplsHop(hop);
+    rtnexthop header{};
+    header.rtnh_len = static_cast<unsigned short>(RTNH_LENGTH(attributes.size()));
+    header.rtnh_ifindex = hop.interface;
+    all.append(bytesOf(header)).append(attributes);
+  }
+  request.put(RTA_MULTIPATH, all);
+  return request;
+}
+
+NetlinkRequest deleteMplsRoute(std::uint32_t label) {
+  NetlinkRequest request(RTM_DELROUTE, 0, mplsHeader());
+  request.put(RTA_DST, labelStack({label}));
+  return request;
+}
+
 NetlinkRequest findRoute(const std::string& address, int interface) {
   rtmsg header{};
   header.rtm_family = familyOf(address.size());
@@ -208,6 +260,15 @@ std::optional<SeenRoute> routeOf(const nlmsghdr& message) {
   seen.direct = header.rtm_type == RTN_UNICAST && !attributes.has(RTA_GATEWAY) &&
                 !attributes.has(RTA_VIA) && !attributes.has(RTA_MULTIPATH);
   return seen;
+}
+
+std::optional<SeenMplsRoute> mplsRouteOf(const nlmsghdr& message) {
+  const auto header = headerOf<rtmsg>(message);
+  if (header.rtm_family != AF_MPLS) return std::nullopt;
+  const NetlinkAttributes attributes(message, sizeof header, RTA_MAX);
+  const auto labels = labelsOf(attributes.bytes(RTA_DST));
+  if (labels.empty()) return std::nullopt;
+  return SeenMplsRoute{labels.front(), header.rtm_protocol};
 }
 
 SeenLink linkOf(const nlmsghdr& message) {

@@ -22,12 +22,13 @@ constexpr std::uint8_t kKernelProtocol = 201;
 // IPv4 route that was added without one (0), and goes before such an IPv6 route (1024).
 constexpr std::uint32_t kKernelMetric = 201;
 
-// A next hop as a kernel object of its own.
+// A next hop as a kernel object of its own, or of an MPLS route.
 struct KernelHop {
-  std::uint8_t family;                // AF_INET or AF_INET6
-  std::string gateway;                // 4 or 16 bytes; empty: the interface alone says where to
-  int interface;                      // its index
-  std::vector<std::uint32_t> labels;  // pushed onto the packets
+  std::uint8_t family;  // AF_INET or AF_INET6
+  std::string gateway;  // 4 or 16 bytes; empty: the interface alone says where to
+  int interface;        // its index
+  std::vector<std::uint32_t>
+      labels;  // pushed onto the packets, or put in the incoming label's place
   auto operator<=>(const KernelHop&) const = default;
 };
 
@@ -42,6 +43,9 @@ constexpr std::uint64_t kMaxKernelWeight = 256;  // the kernel keeps a weight, l
 // Of a group: its attribute holds at most 64 KiB, and others have to read it.
 constexpr std::size_t kMaxKernelMembers = 1024;
 
+// Next hops of an MPLS route, each as often as it counts: as many as the kernel numbers.
+constexpr std::size_t kMaxMplsHops = 255;
+
 NetlinkRequest newHop(std::uint32_t id, const KernelHop& hop);
 // `replaces`: the object is there, and is changed in one step under the routes that use it.
 NetlinkRequest newGroup(std::uint32_t id, const std::vector<KernelMember>& members, bool replaces);
@@ -50,12 +54,17 @@ NetlinkRequest deleteNexthop(std::uint32_t id);
 NetlinkRequest newRoute(const PrefixKey& prefix, std::uint32_t nexthop, bool replaces);
 // Matches a route of ours only.
 NetlinkRequest deleteRoute(const PrefixKey& prefix);
+// An MPLS route, which has its next hops itself: the kernel knows no next-hop objects for them, and
+// no weights. `replaces`: one of ours is there.
+NetlinkRequest newMplsRoute(std::uint32_t label, const std::vector<KernelHop>& hops, bool replaces);
+// Of whoever it is: the kernel does not ask.
+NetlinkRequest deleteMplsRoute(std::uint32_t label);
 // Asks which way an address is reached, by an interface (0: any).
 NetlinkRequest findRoute(const std::string& address, int interface);
 
 NetlinkRequest allNexthops();
 NetlinkRequest allLinks();
-// Ours of one family; an older kernel sends all of them.
+// Ours of one family, AF_MPLS for MPLS routes; an older kernel sends all of them.
 NetlinkRequest allRoutes(std::uint8_t family);
 
 struct SeenNexthop {
@@ -78,6 +87,13 @@ struct SeenRoute {
 };
 // Of RTM_NEWROUTE and RTM_DELROUTE; none for what is neither IPv4 nor IPv6.
 std::optional<SeenRoute> routeOf(const nlmsghdr& message);
+
+struct SeenMplsRoute {
+  std::uint32_t label;
+  std::uint8_t protocol;
+};
+// Of RTM_NEWROUTE and RTM_DELROUTE; none for what is no MPLS route.
+std::optional<SeenMplsRoute> mplsRouteOf(const nlmsghdr& message);
 
 struct SeenLink {
   int index;

@@ -67,7 +67,8 @@ void KernelSync::linkNotified(const nlmsghdr& message) {
 
 void KernelSync::routeNotified(const nlmsghdr& message) {
   const auto route = routeOf(message);
-  if (!route || !route->mainTable) return;
+  if (!route) return mplsRouteNotified(message);
+  if (!route->mainTable) return;
   if (route->protocol != kKernelProtocol) resolve_ = true;
   if (route->metric != kKernelMetric) return;
   const vorn::lock_guard lock(mutex_);
@@ -233,11 +234,13 @@ void KernelSync::removeAll() {
     if (nexthop.protocol == kKernelProtocol) (nexthop.hop ? hops : groups).push_back(nexthop.id);
   });
   std::vector<NetlinkRequest> requests;
+  forEachMplsRoute([&](std::uint32_t label) { requests.push_back(deleteMplsRoute(label)); });
   const auto send = [&](std::size_t limit) {
     if (requests.size() < limit) return;
     netlink_.run(requests);
     requests.clear();
   };
+  send(0);
   for (const auto* ids : {&groups, &hops}) {
     for (const auto id : *ids) {
       requests.push_back(deleteNexthop(id));

@@ -139,6 +139,7 @@ void KernelSync::removeUnclaimed() {
       if (!group) swept.push_back(entry.first);
       markRoute(entry);
     }
+    removeUnclaimedMplsRoutes();
   }
   if (!swept.empty()) tracer_.trace0("%zu adopted routes are removed", swept.size());
   for (const auto& prefix : swept)

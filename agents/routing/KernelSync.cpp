@@ -87,6 +87,7 @@ std::vector<PrefixKey> KernelSync::start(std::function<void(const PrefixKey&)> s
   readLinks();
   readNexthops();
   auto adopted = adoptRoutes();
+  adoptMplsRoutes();
   graceEnd_ = std::chrono::steady_clock::now() + settings_.grace;
   if (!adopted.empty()) tracer_.trace0("%zu routes of an earlier run adopted", adopted.size());
   thread_ = std::thread([this] { run(); });
@@ -145,6 +146,9 @@ void KernelSync::recover() {
   for (auto& entry : groups_) {
     if (std::exchange(entry.second.pending.flying, false)) markGroup(entry);
   }
+  for (auto& entry : mplsRoutes_) {
+    if (std::exchange(entry.second.pending.flying, false)) markMplsRoute(entry);
+  }
 }
 
 bool KernelSync::step() {
@@ -158,7 +162,7 @@ bool KernelSync::step() {
     readNexthops();
   }
   resolve();
-  bool more = programGroups() || programRoutes();
+  bool more = programGroups() || programMplsRoutes() || programRoutes();
   if (!more && std::exchange(readRoutes_, false)) {
     readRoutes();
     more = true;
@@ -177,7 +181,7 @@ bool KernelSync::sweepWhenDue() {
   {
     const vorn::lock_guard lock(mutex_);
     if (!grace_ || !(sweep_ || std::chrono::steady_clock::now() >= graceEnd_)) return false;
-    if (!dirtyRoutes_.empty() || !dirtyGroups_.empty()) return true;
+    if (!dirtyRoutes_.empty() || !dirtyGroups_.empty() || !dirtyMplsRoutes_.empty()) return true;
     grace_ = false;
   }
   removeUnclaimed();
@@ -264,6 +268,38 @@ void KernelSync::groupChanged(const nexthop_group_msg& message) {
   wake();
 }
 
+void KernelSync::mplsRouteChanged(const mpls_route_msg& message) {
+  {
+    const vorn::lock_guard lock(mutex_);
+    auto& entry = *mplsRoutes_.try_emplace(message.label()).first;
+    MplsRoute& route = entry.second;
+    auto* const former = std::exchange(route.group, nullptr);
+    route.set = !message.request_delete();
+    route.wanted = message;
+    route.primary.clear();
+    if (message.has_nexthop()) route.primary.push_back({message.nexthop(), 0, {}});
+    if (message.has_pop_and_forward_vrf_name()) {
+      nexthop_msg hop;
+      hop.set_nexthop_interface(message.pop_and_forward_vrf_name());
+      hop.set_mpls_op(nexthop_msg::MPLS_POP);
+      route.primary.push_back({hop, 0, {}});
+    }
+    route.resolved = false;
+    unresolved_ = true;
+    if (route.set && message.has_nexthop_group()) {
+      auto& group = *groups_.try_emplace(message.nexthop_group().nexthop_group()).first;
+      route.group = &group;
+      ++group.second.mplsRoutes;
+    }
+    if (former) {
+      --former->second.mplsRoutes;
+      if (!former->second.set) markGroup(*former);  // it may be forgotten
+    }
+    markMplsRoute(entry);
+  }
+  wake();
+}
+
 void KernelSync::sessionIsDown(const sbfd_echo_session_key_msg& key, bool down) {
   const auto id = key.SerializeAsString();
   {
@@ -277,6 +313,9 @@ void KernelSync::sessionIsDown(const sbfd_echo_session_key_msg& key, bool down) 
       if (std::ranges::any_of(entry.second.primary, watched) ||
           std::ranges::any_of(entry.second.backup, watched))
         markGroup(entry);
+    }
+    for (auto& entry : mplsRoutes_) {
+      if (std::ranges::any_of(entry.second.primary, watched)) markMplsRoute(entry);
     }
   }
   wake();
@@ -305,9 +344,16 @@ KernelSync::Programming KernelSync::groupState(const std::string& name) const {
   return found == groups_.end() ? Programming() : stateOf(*found);
 }
 
+KernelSync::Programming KernelSync::mplsRouteState(std::uint32_t label) const {
+  const vorn::lock_guard lock(mutex_);
+  const auto found = mplsRoutes_.find(label);
+  return found == mplsRoutes_.end() ? Programming() : stateOf(found->second);
+}
+
 std::size_t KernelSync::waiting() const {
   const vorn::lock_guard lock(mutex_);
-  return dirtyRoutes_.size() + dirtyGroups_.size() + newObjects_.size() + flying_;
+  return dirtyRoutes_.size() + dirtyGroups_.size() + dirtyMplsRoutes_.size() + newObjects_.size() +
+         flying_;
 }
 
 void KernelSync::count(summary_msg& summary) const {
@@ -328,6 +374,9 @@ void KernelSync::count(summary_msg& summary) const {
     add(stateOf(prefix, route));
   for (const auto& group : groups_) {
     if (group.second.set) add(stateOf(group));
+  }
+  for (const auto& [label, route] : mplsRoutes_) {
+    if (route.set) add(stateOf(route));
   }
 }
 

@@ -44,6 +44,9 @@ namespace routing_agent {
 //
 // What an earlier run has left in the kernel is adopted: it stays as it is until the same is set
 // again, which writes nothing when nothing has changed, or until sweep().
+//
+// An MPLS route has its next hops itself, and follows those of its group; it takes a kernel with
+// the module mpls_router, whose labels end at net.mpls.platform_labels.
 class KernelSync {
  public:
   using Programming = programming_msg;
@@ -79,7 +82,8 @@ class KernelSync {
   // What is wanted. Any thread.
   void routeSet(const ip_route_msg& route);
   void routeRemoved(const PrefixKey& prefix);
-  void groupChanged(const nexthop_group_msg& group);  // set, or deleted (request_delete)
+  void groupChanged(const nexthop_group_msg& group);   // set, or deleted (request_delete)
+  void mplsRouteChanged(const mpls_route_msg& route);  // likewise
   // Whether the SBFD session of a next hop is down. An unknown session is not.
   void sessionIsDown(const sbfd_echo_session_key_msg& key, bool down);
   // Everything has been set again: see the class.
@@ -88,9 +92,10 @@ class KernelSync {
   // What became of it. Any thread.
   Programming routeState(const PrefixKey& prefix) const;
   Programming groupState(const std::string& name) const;
+  Programming mplsRouteState(std::uint32_t label) const;
   // How many changes have not been tried yet.
   std::size_t waiting() const;
-  // Adds the routes and groups to the counts.
+  // Adds the routes, groups and MPLS routes to the counts.
   void count(summary_msg& summary) const;
 
   // Set whenever something has been tried.
@@ -123,14 +128,18 @@ class KernelSync {
   enum Family : std::uint8_t { kIpv4, kIpv6 };
   static constexpr std::array kFamilies{kIpv4, kIpv6};
 
-  struct Group {
-    bool set = false;
-    bool resolved = false;  // the next hops have been looked for
+  struct Hops {
+    bool resolved = false;  // they have been looked for
     std::vector<WantedHop> primary, backup;
+  };
+
+  struct Group : Hops {
+    bool set = false;
     std::array<std::uint32_t, 2> object{};  // by family: its id, 0 when there is none
     std::array<Trouble, 2> trouble;         // of the object
     std::array<Trouble, 2> refused;         // of the first next hop that the kernel has refused
     std::array<std::size_t, 2> routes{};    // that use it
+    std::size_t mplsRoutes = 0;             // likewise
     Pending pending;
     Trouble told;  // what was last told of it
     std::uint64_t since = 0;
@@ -160,6 +169,25 @@ class KernelSync {
     bool foreign = false;  // another owner's route is in the way
   };
   using Routes = std::map<PrefixKey, Route>;
+
+  struct MplsRoute : Hops {
+    mpls_route_msg wanted;
+    NamedGroup* group = nullptr;  // null: it has a next hop of its own, or is to be removed
+    bool set = false;
+    bool ours = false;  // the kernel has a route of ours
+    // Which; not known of one that an earlier run has left: it is replaced in one step.
+    std::vector<KernelHop> present;
+    Trouble trouble;
+    Pending pending;
+    std::uint64_t since = 0;
+  };
+  using MplsRoutes = std::map<std::uint32_t, MplsRoute>;
+
+  struct MplsWrite {
+    std::uint32_t label;
+    std::vector<KernelHop> hops;  // none: removes the route
+    Trouble trouble;              // why there is none
+  };
 
   // What a group is to be in one family.
   struct Plan {
@@ -218,17 +246,19 @@ class KernelSync {
 
   // KernelGroups.cpp
   void resolve();
-  std::vector<NamedGroup*> toResolve() VORN_REQUIRES(mutex_);
-  std::set<Question> questions(const NamedGroup& group) const;
+  std::set<Question> openQuestions() VORN_REQUIRES(mutex_);
+  std::set<Question> questions(const Hops& hops) const;
   void tellOf(NamedGroup& group) VORN_REQUIRES(mutex_);
   Answers ask(const std::set<Question>& questions);
   std::optional<Question> question(const nexthop_msg& hop, int& interface, Trouble& trouble) const;
   bool answered(WantedHop& hop, const Answers& answers) const;
+  bool settle(Hops& hops, const Answers& answers) VORN_REQUIRES(mutex_);
   bool programGroups();
   std::vector<Plan> plans(const std::vector<NamedGroup*>& groups) VORN_REQUIRES(mutex_);
   Plan plan(NamedGroup& group, Family family) const VORN_REQUIRES(mutex_);
   void addHops(Plan& plan, const std::vector<WantedHop>& hops, bool firstOnly) const
       VORN_REQUIRES(mutex_);
+  Trouble unreachable(const WantedHop& hop) const VORN_REQUIRES(mutex_);
   Trouble unusable(const WantedHop& hop, Family family) const VORN_REQUIRES(mutex_);
   void makeHops(std::vector<Plan>& plans);
   void makeObjects(std::vector<Plan>& plans);
@@ -242,6 +272,23 @@ class KernelSync {
   void eraseUnused(NamedGroup& group) VORN_REQUIRES(mutex_);
   static Family mainFamily(const Group& group);
   static bool needs(const Group& group, Family family);
+
+  // KernelMpls.cpp
+  bool hasMpls();
+  void forEachMplsRoute(const std::function<void(std::uint32_t)>& take);
+  void adoptMplsRoutes();
+  void mplsRouteNotified(const nlmsghdr& message);
+  bool programMplsRoutes();
+  std::vector<MplsWrite> takeMplsWrites() VORN_REQUIRES(mutex_);
+  MplsWrite mplsWriteOf(std::uint32_t label, const MplsRoute& route) const VORN_REQUIRES(mutex_);
+  void addMplsHops(MplsWrite& write, const MplsRoute& route, const std::vector<WantedHop>& hops,
+                   bool firstOnly) const VORN_REQUIRES(mutex_);
+  void mplsWritten(const MplsWrite& write, const KernelAnswer& answer) VORN_REQUIRES(mutex_);
+  void mplsTroubleIs(MplsRoutes::value_type& entry, Trouble trouble) VORN_REQUIRES(mutex_);
+  void markMplsRoute(MplsRoutes::value_type& entry) VORN_REQUIRES(mutex_);
+  void markMplsRoutesOf(const NamedGroup& group) VORN_REQUIRES(mutex_);
+  void removeUnclaimedMplsRoutes() VORN_REQUIRES(mutex_);
+  static Programming stateOf(const MplsRoute& route);
 
   // KernelRoutes.cpp
   bool programRoutes();
@@ -269,6 +316,7 @@ class KernelSync {
   mutable vorn::mutex mutex_;  // guards what follows; not held while the kernel works
   Routes routes_ VORN_GUARDED_BY(mutex_);
   std::map<std::string, Group> groups_ VORN_GUARDED_BY(mutex_);
+  MplsRoutes mplsRoutes_ VORN_GUARDED_BY(mutex_);                    // by label
   std::map<std::uint32_t, Object> objects_ VORN_GUARDED_BY(mutex_);  // by id
   std::map<KernelHop, HopObject> hops_ VORN_GUARDED_BY(mutex_);
   std::set<std::uint32_t> ids_
@@ -278,6 +326,7 @@ class KernelSync {
   std::set<std::string> texts_ VORN_GUARDED_BY(mutex_);  // the kernel's words, each once
   std::deque<PrefixKey> dirtyRoutes_ VORN_GUARDED_BY(mutex_);
   std::deque<NamedGroup*> dirtyGroups_ VORN_GUARDED_BY(mutex_);
+  std::deque<std::uint32_t> dirtyMplsRoutes_ VORN_GUARDED_BY(mutex_);
   std::size_t flying_ VORN_GUARDED_BY(mutex_) = 0;  // routes and groups that the kernel works on
   std::set<std::uint32_t> newObjects_ VORN_GUARDED_BY(mutex_);  // whose routes are to be written
   std::uint32_t epochs_ VORN_GUARDED_BY(mutex_) = 0;

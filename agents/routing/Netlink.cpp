@@ -175,8 +175,9 @@ void Netlink::subscribe() {
   bindTo(notifications_);
   optionIs(notifications_, SOL_SOCKET, SO_RCVBUFFORCE, kNotificationsBuffer);
   dropThoseOf(notifications_, portOf(requests_));
-  for (const int group : {RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV6_IFADDR,
-                          RTNLGRP_IPV4_ROUTE, RTNLGRP_IPV6_ROUTE, RTNLGRP_NEXTHOP})
+  for (const int group :
+       {RTNLGRP_LINK, RTNLGRP_IPV4_IFADDR, RTNLGRP_IPV6_IFADDR, RTNLGRP_IPV4_ROUTE,
+        RTNLGRP_IPV6_ROUTE, RTNLGRP_MPLS_ROUTE, RTNLGRP_NEXTHOP})
     optionIs(notifications_, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, group);
 }
 

@@ -1,5 +1,8 @@
 #include "agents/routing/RoutingService.h"
 
+#include <Kiv/Log.h>
+
+#include <chrono>
 #include <memory>
 #include <new>
 #include <optional>
@@ -10,6 +13,26 @@ namespace {
 
 // Each may hold one message beside the backlog while it waits for room there.
 constexpr std::size_t kMaxSetRoutes = 1024;
+
+Kiv::LogDescriptor unknownDescriptor = {
+    "ROUTING_AGENT_GROUP_UNKNOWN", "next-hop group %s is not set, and %s forwards to it",
+    "Traffic of the route is not forwarded by it until the group is set. Set the group, or correct "
+    "the route. Others of the same group may follow without a line for a minute.",
+    "\x01", 4};
+Kiv::LogDescriptor inUseDescriptor = {
+    "ROUTING_AGENT_GROUP_IN_USE", "next-hop group %s is deleted, and %s routes forward to it",
+    "The routes wait until the group is set again. Set it, or delete the routes.", "\x01", 4};
+Kiv::LogDescriptor redirectDescriptor = {"ROUTING_AGENT_REDIRECT_UNUSED",
+                                         "the redirect of next-hop group %s: %s",
+                                         "The redirect is kept, and traffic goes on as if it were "
+                                         "not there. Delete it, or run the agent "
+                                         "where the hardware redirects.",
+                                         "\x01", 4};
+Kiv::LogHandle unknownHandle(&unknownDescriptor, std::chrono::minutes(1), 1.0, 1, 0);
+Kiv::LogHandle inUseHandle(&inUseDescriptor, std::chrono::minutes(1), 1.0, 1, 0);
+Kiv::LogHandle redirectHandle(&redirectDescriptor, std::chrono::minutes(1), 1.0, 1, 0);
+
+constexpr const char* kUnsupported = "not supported by this kernel";
 
 // Each holds a call while it waits.
 constexpr std::size_t kMaxAwaits = 1024;
@@ -27,6 +50,17 @@ bool settled(const programming_msg& state, bool orWaiting) {
     default:
       return orWaiting && !state.reason().empty();
   }
+}
+
+// The group that an MPLS route forwards to; empty: none.
+const std::string& groupOf(const mpls_route_msg& route) {
+  return route.nexthop_group().nexthop_group();
+}
+const std::string& groupOf(const ip_route_msg& route) { return route.nexthop_group(); }
+
+template <typename Message>
+std::string groupOf(const std::optional<Message>& message) {
+  return message ? groupOf(*message) : std::string();
 }
 
 bool isProgrammed(const programming_msg& state) {
@@ -106,6 +140,13 @@ RoutingService::RoutingService(const Workings& workings, KernelSync* kernel)
   keysOf(tables_.groups, groups_);
   keysOf(tables_.mplsRoutes, mplsRoutes_);
   keysOf(tables_.redirects, redirects_);
+  for (const auto& name : groups_)
+    use_[name].set = true;
+  const auto countUses = [this](const auto&, const auto& route) {
+    usesUnknown({}, groupOf(route));
+  };
+  tables_.routes.forEach(countUses);
+  tables_.mplsRoutes.forEach(countUses);
   method(&Async::RequestSetRoute,
          [this](grpc::ServerContext& context, const ip_route_msg& route, rpc_status_msg&) {
            VornSdkRpc::noteOperation(context, "set", toString(route.prefix()));
@@ -156,14 +197,14 @@ RoutingService::RoutingService(const Workings& workings, KernelSync* kernel)
            return sendTable(
                parts, request, "MPLS routes", tables_.mplsRoutes, waits,
                [](mpls_routes_msg& part) { return part.add_route(); },
-               [this](std::uint32_t) { return stateOfOther(); });
+               [this](std::uint32_t label) { return stateOfMplsRoute(label); });
          });
   method(&Async::RequestGetRedirects,
          [this, waits](rpc::Writer<redirects_msg>& parts, const get_msg& request) {
            return sendTable(
                parts, request, "redirects", tables_.redirects, waits,
                [](redirects_msg& part) { return part.add_redirect(); },
-               [this](const std::string&) { return stateOfOther(); });
+               [this](const std::string&) { return stateOfRedirect(); });
          });
   method(&Async::RequestAwait,
          [this](rpc::Call& call, const await_msg& what, programming_msg& reply) {
@@ -190,6 +231,8 @@ void RoutingService::opened() {
       [this](const std::string&, const nexthop_group_msg& group) { kernel_->groupChanged(group); });
   tables_.routes.forEach(
       [this](const PrefixKey&, const ip_route_msg& route) { kernel_->routeSet(route); });
+  tables_.mplsRoutes.forEach(
+      [this](std::uint32_t, const mpls_route_msg& route) { kernel_->mplsRouteChanged(route); });
   for (const auto& prefix : adopted)
     adopt(prefix);
 }
@@ -305,10 +348,7 @@ grpc::Status RoutingService::set(grpc::ServerContext& context, const mpls_route_
   VornSdkRpc::noteOperation(context, operationOf(route), std::to_string(route.label()));
   // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): std::function frees it
   return change(context, route, mplsRoutes_, route.label(), route.request_delete(),
-                "MPLS route of this label", [this, route] {
-                  if (route.request_delete()) return tables_.mplsRoutes.remove(route.label());
-                  tables_.mplsRoutes.set(route.label(), route);
-                });
+                "MPLS route of this label", [this, route] { program(route); });
 }
 
 grpc::Status RoutingService::set(grpc::ServerContext& context,
@@ -316,11 +356,8 @@ grpc::Status RoutingService::set(grpc::ServerContext& context,
   VornSdkRpc::noteOperation(context, operationOf(redirect), redirect.match_nexthop_group());
   // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): std::function frees it
   return change(context, redirect, redirects_, redirect.match_nexthop_group(),
-                redirect.request_delete(), "redirect of this group", [this, redirect] {
-                  const auto& key = redirect.match_nexthop_group();
-                  if (redirect.request_delete()) return tables_.redirects.remove(key);
-                  tables_.redirects.set(key, redirect);
-                });
+                redirect.request_delete(), "redirect of this group",
+                [this, redirect] { program(redirect); });
 }
 
 grpc::Status RoutingService::endSync(grpc::ServerContext& context) {
@@ -334,17 +371,28 @@ grpc::Status RoutingService::endSync(grpc::ServerContext& context) {
 // What became of a change
 
 programming_msg RoutingService::stateOf(const PrefixKey& prefix) const {
-  return kernel_ ? kernel_->routeState(prefix) : stateOfOther();
+  return kernel_ ? kernel_->routeState(prefix) : stateWithoutKernel();
 }
 
 programming_msg RoutingService::stateOfGroup(const std::string& name) const {
-  return kernel_ ? kernel_->groupState(name) : stateOfOther();
+  return kernel_ ? kernel_->groupState(name) : stateWithoutKernel();
 }
 
-programming_msg RoutingService::stateOfOther() const {
+programming_msg RoutingService::stateOfMplsRoute(std::uint32_t label) const {
+  return kernel_ ? kernel_->mplsRouteState(label) : stateWithoutKernel();
+}
+
+programming_msg RoutingService::stateOfRedirect() const {
+  if (!kernel_) return stateWithoutKernel();
   programming_msg state;
-  state.set_state(kernel_ ? programming_msg::FAILED : programming_msg::PROGRAMMED);
-  if (kernel_) state.set_reason("not supported by this kernel");
+  state.set_state(programming_msg::FAILED);
+  state.set_reason(kUnsupported);
+  return state;
+}
+
+programming_msg RoutingService::stateWithoutKernel() {
+  programming_msg state;
+  state.set_state(programming_msg::PROGRAMMED);
   return state;
 }
 
@@ -361,9 +409,10 @@ std::optional<programming_msg> RoutingService::stateOf(const await_msg& what) co
     case await_msg::kGroup:
       return in(tables_.groups, what.group(), [&] { return stateOfGroup(what.group()); });
     case await_msg::kMplsLabel:
-      return in(tables_.mplsRoutes, what.mpls_label(), [&] { return stateOfOther(); });
+      return in(tables_.mplsRoutes, what.mpls_label(),
+                [&] { return stateOfMplsRoute(what.mpls_label()); });
     case await_msg::kRedirect:
-      return in(tables_.redirects, what.redirect(), [&] { return stateOfOther(); });
+      return in(tables_.redirects, what.redirect(), [&] { return stateOfRedirect(); });
     case await_msg::WHAT_NOT_SET:
       break;
   }
@@ -396,12 +445,12 @@ rpc::Task<> RoutingService::awaitAll(rpc::Call& call, summary_msg& reply) {
   while (kernel_ && kernel_->waiting() != 0) {
     if (!co_await call.waitThroughDrain(event)) co_return untold();
   }
-  const auto others = tables_.mplsRoutes.size() + tables_.redirects.size();
   if (kernel_) {
     kernel_->count(reply);
-    reply.set_failed(reply.failed() + others);
+    reply.set_failed(reply.failed() + tables_.redirects.size());
   } else {
-    reply.set_programmed(tables_.routes.size() + tables_.groups.size() + others);
+    reply.set_programmed(tables_.routes.size() + tables_.groups.size() + tables_.mplsRoutes.size() +
+                         tables_.redirects.size());
   }
   co_return grpc::Status::OK;
 }
@@ -425,12 +474,14 @@ std::size_t RoutingService::waiting() const {
 // What the backlog does
 
 void RoutingService::program(const ip_route_msg& route) {
-  tables_.routes.set(PrefixKey(route.prefix()), route);
+  const auto before = tables_.routes.set(PrefixKey(route.prefix()), route);
+  if (usesUnknown(groupOf(before), groupOf(route)))
+    Kiv::log(unknownHandle, groupOf(route), "route " + toString(route.prefix()));
   if (kernel_) kernel_->routeSet(route);
 }
 
 void RoutingService::unprogram(const ip_prefix_msg& prefix) {
-  tables_.routes.remove(PrefixKey(prefix));
+  usesUnknown(groupOf(tables_.routes.remove(PrefixKey(prefix))), {});
   if (kernel_) kernel_->routeRemoved(PrefixKey(prefix));
 }
 
@@ -440,7 +491,45 @@ void RoutingService::program(const nexthop_group_msg& group) {
   } else {
     tables_.groups.set(group.name(), group);
   }
+  Use& use = use_[group.name()];
+  use.set = !group.request_delete();
+  if (!use.set && use.users != 0) Kiv::log(inUseHandle, group.name(), std::to_string(use.users));
+  if (!use.set && use.users == 0) use_.erase(group.name());
   if (kernel_) kernel_->groupChanged(group);
+}
+
+void RoutingService::program(const mpls_route_msg& route) {
+  const auto label = route.label();
+  const bool deletes = route.request_delete();
+  const auto before =
+      deletes ? tables_.mplsRoutes.remove(label) : tables_.mplsRoutes.set(label, route);
+  if (usesUnknown(groupOf(before), deletes ? std::string() : groupOf(route)))
+    Kiv::log(unknownHandle, groupOf(route), "MPLS route " + std::to_string(label));
+  if (kernel_) kernel_->mplsRouteChanged(route);
+}
+
+void RoutingService::program(const cbf_nexthop_group_redirect_msg& redirect) {
+  const auto& key = redirect.match_nexthop_group();
+  if (redirect.request_delete()) {
+    tables_.redirects.remove(key);
+    return;
+  }
+  tables_.redirects.set(key, redirect);
+  if (kernel_) Kiv::log(redirectHandle, key, std::string(kUnsupported));
+}
+
+// Counts who forwards to a group when one does now, and did to another one before (empty: none).
+// Returns whether that is a group that is not set.
+bool RoutingService::usesUnknown(const std::string& before, const std::string& now) {
+  if (before == now) return false;
+  if (const auto former = use_.find(before); former != use_.end()) {
+    --former->second.users;
+    if (former->second.users == 0 && !former->second.set) use_.erase(former);
+  }
+  if (now.empty()) return false;
+  Use& use = use_[now];
+  ++use.users;
+  return !use.set;
 }
 
 }  // namespace routing_agent

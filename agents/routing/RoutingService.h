@@ -4,6 +4,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <unordered_map>
 
 #include "agents/routing/AgentService.h"
 #include "agents/routing/KernelSync.h"
@@ -37,7 +38,9 @@ class RoutingService : public AgentService<Routing> {
   // What became of something that is in its table.
   programming_msg stateOf(const PrefixKey& prefix) const;
   programming_msg stateOfGroup(const std::string& name) const;
-  programming_msg stateOfOther() const;  // which no kernel of ours takes
+  programming_msg stateOfMplsRoute(std::uint32_t label) const;
+  programming_msg stateOfRedirect() const;  // which a kernel never takes
+  static programming_msg stateWithoutKernel();
   std::optional<programming_msg> stateOf(const await_msg& what) const;
 
   rpc::Task<> await(rpc::Call& call, const await_msg& what, programming_msg& reply);
@@ -50,6 +53,15 @@ class RoutingService : public AgentService<Routing> {
   void program(const ip_route_msg& route);
   void unprogram(const ip_prefix_msg& prefix);
   void program(const nexthop_group_msg& group);
+  void program(const mpls_route_msg& route);
+  void program(const cbf_nexthop_group_redirect_msg& redirect);
+  bool usesUnknown(const std::string& before, const std::string& now);
+
+  // A group as those who forward to it see it.
+  struct Use {
+    bool set = false;
+    std::size_t users = 0;  // routes and MPLS routes
+  };
 
   KernelSync* const kernel_;
   // What has been asked for, programmed or still on the backlog. Serving thread.
@@ -57,6 +69,7 @@ class RoutingService : public AgentService<Routing> {
   std::set<std::string> groups_;
   std::set<std::uint32_t> mplsRoutes_;
   std::set<std::string> redirects_;
+  std::unordered_map<std::string, Use> use_;  // by name; of the backlog's thread
 };
 
 }  // namespace routing_agent

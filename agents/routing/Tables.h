@@ -56,14 +56,19 @@ class Table {
  public:
   using Item = std::pair<Key, Value>;
 
-  void set(const Key& key, Value value) {
+  // Returns what was there before.
+  std::optional<Value> set(const Key& key, Value value) {
     const vorn::lock_guard lock(mutex_);
-    items_.insert_or_assign(key, std::move(value));
+    const auto [item, added] = items_.try_emplace(key);
+    std::swap(item->second, value);
+    return added ? std::nullopt : std::optional(std::move(value));
   }
 
-  void remove(const Key& key) {
+  // The same.
+  std::optional<Value> remove(const Key& key) {
     const vorn::lock_guard lock(mutex_);
-    items_.erase(key);
+    const auto item = items_.extract(key);
+    return item ? std::optional(std::move(item.mapped())) : std::nullopt;
   }
 
   // Removes an item that `unwanted` says so of.
