@@ -225,10 +225,19 @@ TEST(RoutingAgent, TakesRoutesInParts) {
     const auto tags = tagsOf(*stub);
     EXPECT_TRUE(std::ranges::includes(tags, expected));
     EXPECT_EQ(std::ranges::count(tags, static_cast<std::uint32_t>(bad + 10 * (bad + 1))), 0);
-    for (const auto tag : expected)
-      EXPECT_EQ(call(*stub, &Routing::Stub::DeleteRoute,
-                     routeOf(static_cast<std::uint8_t>(tag)).prefix()),
-                grpc::StatusCode::OK);
+    grpc::ClientContext deletion;
+    delete_routes_reply_msg deleted;
+    const auto remover = stub->DeleteRouteParts(&deletion, &deleted);
+    routes_msg message;
+    for (const auto tag : expected) {
+      *message.add_route()->mutable_prefix() = routeOf(static_cast<std::uint8_t>(tag)).prefix();
+      *message.add_route() = routeOf(static_cast<std::uint8_t>(tag));  // again
+    }
+    remover->Write(message);
+    remover->WritesDone();
+    EXPECT_TRUE(remover->Finish().ok());
+    EXPECT_EQ(deleted.deleted(), expected.size());
+    EXPECT_EQ(deleted.missing(), expected.size());
   }
   agent.programAll();
   EXPECT_TRUE(tagsOf(*stub).empty());

@@ -112,6 +112,11 @@ class FakeAgent(pb.rpc.RoutingServicer, pb.rpc.SbfdServicer, pb.rpc.StateService
             context.abort(grpc.StatusCode.NOT_FOUND, "no such route")
         return self.answer
 
+    def DeleteRouteParts(self, requests: Iterator[Any], context: Any) -> Any:
+        prefixes = [str(route.prefix) for part in requests for route in part.route]
+        deleted = sum(self.routes.pop(prefix, None) is not None for prefix in prefixes)
+        return pb.agent.delete_routes_reply_msg(deleted=deleted, missing=len(prefixes) - deleted)
+
     def Await(self, request: Any, context: Any) -> Any:
         assert str(request.route) in self.routes or request.group in self.groups
         return self.programming

@@ -1,23 +1,47 @@
-"""The connection to an agent, and what became of a call."""
+"""The connection to an agent, and what became of a call. Whoever has no call to make does without this module: to
+load gRPC takes longer than all the rest."""
 
 import argparse
 import ipaddress
 import itertools
 import os
+import signal
 import threading
 import time
+from collections.abc import Callable, Iterator
 from types import SimpleNamespace
 from typing import Any
 
 import grpc
 
-from values import UsageError, enum_name
+import stubs
+from output import complain
+from values import FAILED, OK, UNREACHABLE, USAGE, Refused, UsageError, enum_name
 
 UNARY_TIMEOUT = 10.0  # seconds, where the user says nothing; streams have no limit then
 
 
-class Refused(Exception):
-    """The agent has answered, but not as asked; one line for the user."""
+def run(args: argparse.Namespace) -> int:
+    """Runs the command of the command line, and answers its exit code."""
+    with Agent(args, stubs.load()) as agent:
+        try:
+            code: int | None = args.run(agent, args)
+            print(end="", flush=True)
+            return code or OK
+        except grpc.RpcError as error:
+            return _call_failed(agent, error)
+
+
+def _call_failed(agent: "Agent", error: grpc.RpcError) -> int:
+    text = f"{error.code().name}: {error.details()}"
+    if agent.may_not_be_opened():
+        complain(f"{agent.server}: permission denied; its owner and its group may open it")
+        return USAGE
+    if agent.out_of_reach(error):
+        complain(f"agent not reachable at {agent.server}: {text}")
+        return UNREACHABLE
+    complain(text)
+    return UNREACHABLE if error.code() is grpc.StatusCode.RESOURCE_EXHAUSTED else FAILED
 
 
 class Agent:
@@ -60,6 +84,20 @@ class Agent:
         if reply.rpc_status_value != self.sdk.rpc_status_msg.SUCCESS:
             raise Refused(answer)
         return answer
+
+    def followed(self, method: grpc.UnaryStreamMultiCallable, request: Any, begun: Callable[[], bool]) -> Iterator[Any]:
+        """The items of a watch, until Ctrl-C or, once it has `begun`, until the time is over that the user gave it."""
+        call = method(request, **self.stream)
+        if signal.getsignal(signal.SIGINT) is not signal.SIG_IGN:
+            signal.signal(signal.SIGINT, lambda *_: call.cancel())
+        try:
+            yield from call
+        except grpc.RpcError as error:
+            over = begun() and error.code() is grpc.StatusCode.DEADLINE_EXCEEDED
+            if not over and not call.cancelled():
+                raise
+            return
+        raise Refused("the agent ended the watch")
 
     def may_not_be_opened(self) -> bool:
         """Whether the agent is a Unix socket that this user may not connect to."""

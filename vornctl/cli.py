@@ -1,25 +1,19 @@
 """The command line: what can be said, its help, and its exit codes."""
 
 import argparse
-import difflib
 import math
 import os
 import re
 import sys
 from typing import Any, NoReturn
 
-import grpc
-
 import commands
 import documents
 import policy
 import stubs
 import values
-from agent import Agent, Refused
 from output import complain, printable
-from values import UsageError
-
-OK, FAILED, USAGE, UNREACHABLE = range(4)
+from values import FAILED, OK, USAGE, Refused, UsageError
 
 DESCRIPTION = """\
 Sets, deletes, lists and watches what a routing agent forwards by: IP routes, next-hop groups, MPLS
@@ -93,6 +87,8 @@ class Parser(argparse.ArgumentParser):
             known = re.findall(r"'([^']+)'", choice[2])
         elif choice := re.search(r"unrecognized arguments: (--[\w-]+)", message):
             known = [option for option in self._option_string_actions if option.startswith("--")]
+        import difflib
+
         return next(iter(difflib.get_close_matches(choice[1], known, 1)), "") if choice else ""
 
 
@@ -595,13 +591,9 @@ def parse(arguments: list[str]) -> argparse.Namespace:
 def main(arguments: list[str]) -> int:
     try:
         args = parse(arguments)
-        with Agent(args, stubs.load()) as agent:
-            try:
-                code: int | None = args.run(agent, args)
-                print(end="", flush=True)
-                return code or OK
-            except grpc.RpcError as error:
-                return call_failed(agent, error)
+        import agent  # which is slow, and not needed to say what is wrong with the command line
+
+        return agent.run(args)
     except Refused as error:
         complain(str(error))
         return FAILED
@@ -614,18 +606,3 @@ def main(arguments: list[str]) -> int:
             complain(f"standard output: {error.strerror}")
             return FAILED
         return OK
-
-
-def call_failed(agent: Agent, error: grpc.RpcError) -> int:
-    text = f"{error.code().name}: {error.details()}"
-    if agent.may_not_be_opened():
-        complain(f"{agent.server}: permission denied; its owner and its group may open it")
-        return USAGE
-    if agent.out_of_reach(error):
-        complain(f"agent not reachable at {agent.server}: {text}")
-        return UNREACHABLE
-    if error.code() is grpc.StatusCode.RESOURCE_EXHAUSTED:
-        complain(text)
-        return UNREACHABLE
-    complain(text)
-    return FAILED

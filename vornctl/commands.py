@@ -1,20 +1,21 @@
 """The commands. Each is given the agent and the arguments of its command line."""
 
+from __future__ import annotations
+
 import argparse
 import itertools
-import signal
 import sys
 import time
 from collections.abc import Callable, Iterator
-from typing import Any
-
-import grpc
+from typing import TYPE_CHECKING, Any
 
 import values
-from agent import Agent, Refused
 from routes import ROUTES_A_PART, Encoder, Parts, sent
 from output import Progress, complain, print_json, print_json_list, print_table, printable
-from values import UsageError, Words
+from values import Refused, UsageError, Words
+
+if TYPE_CHECKING:
+    from agent import Agent
 
 PROGRESS_FROM = 1000  # routes in a file from which on a bar is shown
 ROUTE_HEADER = ["PREFIX", "GROUP", "TAG"]
@@ -71,18 +72,16 @@ def set_routes(agent: Agent, args: argparse.Namespace) -> None:
         print(f"{parts.count} routes set")
 
 
+def shows_progress(parts: Parts) -> bool:
+    return parts.count >= PROGRESS_FROM and sys.stderr.isatty()
+
+
 def send_routes(agent: Agent, parts: Parts) -> None:
-    shown = parts.count >= PROGRESS_FROM and sys.stderr.isatty()
-    with Progress(parts.count, shown, ROUTES_A_PART) as progress:
-        accepted = sent(agent.channel, parts, progress.counted, agent.messages.set_routes_reply_msg, **agent.stream)
-    if accepted != parts.count:
-        raise Refused(f"the agent took {accepted} of {parts.count} routes")
-
-
-def read_routes(agent: Agent, path: str, with_group: bool = True) -> list[Any]:
-    """The routes of a file, all of them before the first is sent: a mistake in the file changes nothing. A line
-    may be a prefix alone where no group is needed."""
-    return [read_route(agent, *line, with_group) for line in file_lines(path)]
+    with Progress(parts.count, shows_progress(parts), ROUTES_A_PART) as progress:
+        kind = agent.messages.set_routes_reply_msg
+        reply = sent(agent.channel, "SetRouteParts", parts, progress.counted, kind, **agent.stream)
+    if reply.accepted != parts.count:
+        raise Refused(f"the agent took {reply.accepted} of {parts.count} routes")
 
 
 def file_lines(path: str) -> Iterator[tuple[str, list[str]]]:
@@ -190,21 +189,21 @@ def delete_route(agent: Agent, args: argparse.Namespace) -> None:
 
 def delete_routes(agent: Agent, args: argparse.Namespace) -> None:
     """Those of a file; one that is not there any more is passed over."""
-    routes = read_routes(agent, args.file, with_group=False)
-    shown = len(routes) >= PROGRESS_FROM and sys.stderr.isatty()
-    deleted = 0
-    with Progress(len(routes), shown) as progress:
-        for route in progress.counted(routes):
-            try:
-                agent.change(agent.routing.DeleteRoute, route.prefix)
-                deleted += 1
-            except grpc.RpcError as error:
-                if error.code() is not grpc.StatusCode.NOT_FOUND:
-                    raise
+    parts = Parts()
+    for place, words in file_lines(args.file):
+        parts.add_message(read_route(agent, place, words, with_group=False))
+    deleted = send_deletions(agent, parts)
     if args.json:
         print_json({"deleted": deleted})
     else:
         print(f"{deleted} routes deleted")
+
+
+def send_deletions(agent: Agent, parts: Parts) -> int:
+    """Answers how many routes there were."""
+    with Progress(parts.count, shows_progress(parts), ROUTES_A_PART) as progress:
+        kind = agent.messages.delete_routes_reply_msg
+        return int(sent(agent.channel, "DeleteRouteParts", parts, progress.counted, kind, **agent.stream).deleted)
 
 
 def delete_group(agent: Agent, args: argparse.Namespace) -> None:
@@ -439,21 +438,11 @@ def update_text(item: Any) -> str:
 
 def watch_sessions(agent: Agent, args: argparse.Namespace) -> None:
     request = agent.sdk.watch_sbfd_echo_session_config_msg(request_rtt_updates=args.rtt)
-    call = agent.sbfd.WatchSessions(request, **agent.stream)
-    if signal.getsignal(signal.SIGINT) is not signal.SIG_IGN:
-        signal.signal(signal.SIGINT, lambda *_: call.cancel())
     show = show_json if args.json else WatchTable().show
     begun = False  # the first batch is complete
-    try:
-        for item in updates(call):
-            show(item)
-            begun = begun or item.end_of_status_batch
-    except grpc.RpcError as error:
-        over = begun and error.code() is grpc.StatusCode.DEADLINE_EXCEEDED  # the user has said how long
-        if not over and not call.cancelled():
-            raise
-        return
-    raise Refused("the agent ended the watch")
+    for item in updates(agent.followed(agent.sbfd.WatchSessions, request, lambda: begun)):
+        show(item)
+        begun = begun or item.end_of_status_batch
 
 
 def show_json(item: Any) -> None:

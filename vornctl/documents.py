@@ -8,23 +8,25 @@ them; things are written as `list ... --json` writes them. Of the state it has o
 A kind that a document does not have is left alone.
 """
 
+from __future__ import annotations
+
 import argparse
 import json
 import sys
 from collections.abc import Callable, Iterable, Iterator
-from dataclasses import dataclass
-from typing import Any
+from typing import TYPE_CHECKING, Any, NamedTuple
 
 import commands
 import values
-from agent import Agent
 from output import print_json, printable
 from routes import Parts
 from values import UsageError
 
+if TYPE_CHECKING:
+    from agent import Agent
 
-@dataclass
-class Kind:
+
+class Kind(NamedTuple):
     """One kind of thing that an agent holds."""
 
     name: str  # in a document, and behind `list`
@@ -43,8 +45,7 @@ def kinds() -> list[Kind]:
     return [GROUPS, MPLS, REDIRECTS, ROUTES, STATE]
 
 
-@dataclass
-class Change:
+class Change(NamedTuple):
     """What differs in one thing: `now` is what the agent holds, `then` what the document has; None: nothing."""
 
     kind: Kind
@@ -207,15 +208,18 @@ def each(method: str, delete: bool = False) -> Callable[[Agent, list[Any]], None
 
 
 def set_routes(agent: Agent, routes: list[Any]) -> None:
-    parts = Parts()
-    for route in routes:
-        parts.add_message(route)
-    commands.send_routes(agent, parts)
+    commands.send_routes(agent, in_parts(routes))
 
 
 def delete_routes(agent: Agent, routes: list[Any]) -> None:
+    commands.send_deletions(agent, in_parts(routes))
+
+
+def in_parts(routes: list[Any]) -> Parts:
+    parts = Parts()
     for route in routes:
-        agent.change(agent.routing.DeleteRoute, route.prefix)
+        parts.add_message(route)
+    return parts
 
 
 def read_state(agent: Agent) -> Iterator[tuple[str, str]]:

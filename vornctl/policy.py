@@ -1,12 +1,16 @@
 """The policy commands: whether a file is a good policy, who may call what, and what has been decided."""
 
+from __future__ import annotations
+
 import argparse
 import time
-from typing import Any
+from typing import TYPE_CHECKING, Any
 
-from agent import Agent
 from output import print_json, print_table
 from values import UsageError
+
+if TYPE_CHECKING:
+    from agent import Agent
 
 
 def check(agent: Agent, args: argparse.Namespace) -> None:

@@ -2,14 +2,17 @@
 are to take seconds, and no more memory than the parts, so the messages are put together here where a line has the
 usual form; tests compare them with protobuf's."""
 
+from __future__ import annotations
+
 import socket
 from collections.abc import Callable, Iterable, Iterator
-from typing import Any
+from typing import TYPE_CHECKING, Any
 
-import grpc
+if TYPE_CHECKING:
+    import grpc
 
 ROUTES_A_PART = 512
-METHOD = "/routing_agent.Routing/SetRouteParts"
+METHODS = "/routing_agent.Routing/"
 HOST_BITS = [(1 << (32 - length)) - 1 for length in range(33)]
 
 
@@ -88,8 +91,12 @@ class Parts:
 
 
 def sent(
-    channel: grpc.Channel, parts: Parts, counted: Callable[[Iterable[bytes]], Iterator[bytes]], reply: Any, **call: Any
-) -> int:
-    """Sends the parts, and answers how many routes the agent took. `reply` is the class of its answer."""
-    method = channel.stream_unary(METHOD, response_deserializer=reply.FromString)
-    return int(method(counted(parts), **call).accepted)
+    channel: grpc.Channel,
+    method: str,
+    parts: Parts,
+    counted: Callable[[Iterable[bytes]], Iterator[bytes]],
+    reply: Any,
+    **call: Any,
+) -> Any:
+    """Sends the parts, and answers what the agent answers. `reply` is the class of it."""
+    return channel.stream_unary(METHODS + method, response_deserializer=reply.FromString)(counted(parts), **call)

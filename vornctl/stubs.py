@@ -9,15 +9,9 @@ import importlib
 import importlib.util
 import os
 import re
-import shutil
-import subprocess
 import sys
-import tempfile
 from pathlib import Path
 from types import SimpleNamespace
-
-import google.protobuf
-import grpc
 
 ROOT = Path(__file__).resolve().parents[1]
 PROTOS = (
@@ -60,6 +54,9 @@ def version() -> str:
 
 
 def _folder() -> Path:
+    import google.protobuf
+    import grpc
+
     made_from = hashlib.sha256(f"{grpc.__version__} {google.protobuf.__version__}".encode())
     for proto in PROTOS:
         content = (ROOT / proto).read_bytes()
@@ -73,6 +70,9 @@ def _folder() -> Path:
 def _generate(folder: Path) -> None:
     """Makes the stubs beside their folder, then moves them there at once: whoever looks at the same time
     finds nothing or all of it, and of two that make them one moves first."""
+    import subprocess
+    import tempfile
+
     folder.parent.mkdir(mode=0o700, parents=True, exist_ok=True)
     with tempfile.TemporaryDirectory(prefix="making-", dir=folder.parent) as scratch:
         made = Path(scratch, "stubs")
@@ -99,6 +99,8 @@ def _generate(folder: Path) -> None:
 
 
 def _protoc() -> list[str]:
+    import shutil
+
     protoc, plugin = shutil.which("protoc"), shutil.which("grpc_python_plugin")
     if protoc and plugin:
         return [protoc, f"--plugin=protoc-gen-grpc_python={plugin}"]

@@ -18,8 +18,15 @@ from typing import Any
 Network = ipaddress.IPv4Network | ipaddress.IPv6Network
 
 
+OK, FAILED, USAGE, UNREACHABLE = range(4)  # exit codes
+
+
 class UsageError(argparse.ArgumentTypeError):
     """Something in the command or its file can't be used; one line for the user."""
+
+
+class Refused(Exception):
+    """The agent has answered, but not as asked; one line for the user."""
 
 
 WORD = re.compile(r'"(?:[^"\\]|\\.)*"(?!\S)|\S+')  # of a line in a file: a JSON string, or what no blank is in

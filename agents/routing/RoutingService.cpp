@@ -6,6 +6,8 @@
 #include <memory>
 #include <new>
 #include <optional>
+#include <set>
+#include <utility>
 
 namespace routing_agent {
 
@@ -110,14 +112,15 @@ rpc::Task<> sendTable(rpc::Writer<Part>& writer, const get_msg& request, std::st
   }
 }
 
-// Notes what an upload has set, however it ends.
+// Notes what an upload has done, however it ends.
+template <typename Count>
 class NoteRoutes {
  public:
-  NoteRoutes(const grpc::ServerContext& call, const set_routes_reply_msg& reply)
-      : call_(call), reply_(reply) {}
+  NoteRoutes(const grpc::ServerContext& call, const char* operation, Count count)
+      : call_(call), operation_(operation), count_(std::move(count)) {}
   ~NoteRoutes() {
     try {
-      VornSdkRpc::noteOperation(call_, "set", "routes", reply_.accepted());
+      VornSdkRpc::noteOperation(call_, operation_, "routes", count_());
     } catch (const std::bad_alloc&) {  // the record says nothing of it then
     }
   }
@@ -126,8 +129,29 @@ class NoteRoutes {
 
  private:
   const grpc::ServerContext& call_;
-  const set_routes_reply_msg& reply_;
+  const char* const operation_;
+  const Count count_;
 };
+
+// The first of a part that can't be used, by its place among all that the call has brought.
+struct Wrong {
+  int place = -1;  // in the part
+  std::optional<vorn::invalid_argument_error> error;
+};
+
+template <typename Check>
+Wrong firstWrong(const routes_msg& part, std::uint64_t before, Check checkOne) {
+  int place = 0;
+  try {
+    for (; place < part.route_size(); ++place)
+      checkOne(part.route(place));
+    return {place, std::nullopt};
+  } catch (const vorn::invalid_argument_error& error) {
+    const auto overall = before + static_cast<std::uint64_t>(place);
+    return {place, vorn::invalid_argument_error(
+                       "route " + std::to_string(overall) + ": " + error.what(), error.argument())};
+  }
+}
 
 }  // namespace
 
@@ -160,6 +184,11 @@ RoutingService::RoutingService(const Workings& workings, KernelSync* kernel)
   method(&Async::RequestSetRouteParts,
          [this](rpc::Reader<routes_msg>& parts, set_routes_reply_msg& reply) {
            return setParts(parts, reply);
+         },
+         {.limit = kMaxSetRoutes});
+  method(&Async::RequestDeleteRouteParts,
+         [this](rpc::Reader<routes_msg>& parts, delete_routes_reply_msg& reply) {
+           return removeParts(parts, reply);
          },
          {.limit = kMaxSetRoutes});
   method(&Async::RequestDeleteRoute,
@@ -256,8 +285,7 @@ grpc::Status RoutingService::set(grpc::ServerContext& context, const ip_route_ms
 grpc::Status RoutingService::remove(grpc::ServerContext& context, const ip_prefix_msg& prefix) {
   VornSdkRpc::noteOperation(context, "delete", toString(prefix));
   const PrefixKey key(prefix);
-  const auto route = tables_.routes.find(key);
-  if (route && route->nexthop_group().empty()) routes_.insert(key);  // adopted
+  isThere(key);
   // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): std::function frees it
   return change(context, prefix, routes_, key, true, "route of this prefix",
                 [this, prefix] { unprogram(prefix); });
@@ -267,7 +295,7 @@ rpc::Task<> RoutingService::setAll(rpc::Reader<ip_route_msg>& routes, set_routes
   rpc::Event room;
   const rpc::Events::Subscription subscription(backlog_.room(), room);
   ip_route_msg route;
-  const NoteRoutes note(routes.context(), reply);
+  const NoteRoutes note(routes.context(), "set", [&] { return reply.accepted(); });
   while (co_await routes.read(route)) {
     // A client that sends faster than can be programmed is held up by what gRPC holds for it.
     while (!backlog_.hasRoom(Backlog::bulk)) {
@@ -285,46 +313,50 @@ rpc::Task<> RoutingService::setAll(rpc::Reader<ip_route_msg>& routes, set_routes
   co_return keepAll();
 }
 
-rpc::Task<> RoutingService::setParts(rpc::Reader<routes_msg>& parts, set_routes_reply_msg& reply) {
+// Gives `take` the parts of a call, while there is room.
+template <typename Take>
+rpc::Task<> RoutingService::takeParts(rpc::Reader<routes_msg>& parts, Take take) {
   rpc::Event room;
   const rpc::Events::Subscription subscription(backlog_.room(), room);
   routes_msg part;
-  const NoteRoutes note(parts.context(), reply);
   while (co_await parts.read(part)) {
     while (!backlog_.hasRoom(Backlog::bulk)) {
       if (!co_await parts.wait(room)) co_return grpc::Status::CANCELLED;
     }
-    if (auto status = setPart(parts.context(), part, reply); !status.ok()) co_return status;
+    if (!mayChange(parts.context(), listen_)) co_return mayNot();
+    if (auto status = take(part); !status.ok()) co_return status;
   }
   if (parts.cancelled()) co_return grpc::Status::CANCELLED;
   co_return keepAll();
 }
 
+rpc::Task<> RoutingService::setParts(rpc::Reader<routes_msg>& parts, set_routes_reply_msg& reply) {
+  const NoteRoutes note(parts.context(), "set", [&] { return reply.accepted(); });
+  co_return co_await takeParts(parts, [&](routes_msg& part) { return setPart(part, reply); });
+}
+
+rpc::Task<> RoutingService::removeParts(rpc::Reader<routes_msg>& parts,
+                                        delete_routes_reply_msg& reply) {
+  const NoteRoutes note(parts.context(), "delete", [&] { return reply.deleted(); });
+  co_return co_await takeParts(parts, [&](routes_msg& part) { return removePart(part, reply); });
+}
+
 // Takes the routes of a part up to the first that can't be used.
-grpc::Status RoutingService::setPart(grpc::ServerContext& context, routes_msg& part,
-                                     set_routes_reply_msg& reply) {
-  if (!mayChange(context, listen_)) return mayNot();
-  std::optional<vorn::invalid_argument_error> wrong;
-  int good = 0;
-  try {
-    for (; good < part.route_size(); ++good) {
-      traceArrival(part.route(good));
-      check(part.route(good));
-    }
-  } catch (const vorn::invalid_argument_error& error) {
-    const auto place = reply.accepted() + static_cast<std::uint64_t>(good);
-    wrong.emplace("route " + std::to_string(place) + ": " + error.what(), error.argument());
-    part.mutable_route()->DeleteSubrange(good, part.route_size() - good);
-  }
+grpc::Status RoutingService::setPart(routes_msg& part, set_routes_reply_msg& reply) {
+  const auto [good, wrong] = firstWrong(part, reply.accepted(), [this](const ip_route_msg& route) {
+    traceArrival(route);
+    check(route);
+  });
+  part.mutable_route()->DeleteSubrange(good, part.route_size() - good);
   if (good != 0) {
-    if (auto status = takePart(std::move(part)); !status.ok()) return status;
+    if (auto status = programPart(std::move(part)); !status.ok()) return status;
     reply.set_accepted(reply.accepted() + static_cast<std::uint64_t>(good));
   }
   if (wrong) throw vorn::invalid_argument_error(*wrong);
   return ok();
 }
 
-grpc::Status RoutingService::takePart(routes_msg part) {
+grpc::Status RoutingService::programPart(routes_msg part) {
   const auto shared = std::make_shared<routes_msg>(std::move(part));
   auto status = keepAndProgramAll(shared->route(), shared->SpaceUsedLong(), [this, shared] {
     for (const auto& route : shared->route())
@@ -335,6 +367,52 @@ grpc::Status RoutingService::takePart(routes_msg part) {
   for (const auto& route : shared->route())
     routes_.insert(PrefixKey(route.prefix()));
   return ok();
+}
+
+// The same of what is removed.
+grpc::Status RoutingService::removePart(const routes_msg& part, delete_routes_reply_msg& reply) {
+  const auto before = reply.deleted() + reply.missing();
+  const auto [good, wrong] = firstWrong(part, before, [this](const ip_route_msg& route) {
+    traceArrival(route.prefix());
+    check(route.prefix());
+  });
+  std::vector<ip_prefix_msg> there;
+  std::set<PrefixKey> keys;  // one may stand there twice
+  for (int i = 0; i < good; ++i) {
+    const auto& prefix = part.route(i).prefix();
+    if (isThere(PrefixKey(prefix)) && keys.insert(PrefixKey(prefix)).second)
+      there.push_back(prefix);
+  }
+  const auto deleted = there.size();
+  if (auto status = unprogramPart(std::move(there)); !status.ok()) return status;
+  reply.set_deleted(reply.deleted() + deleted);
+  reply.set_missing(before + static_cast<std::uint64_t>(good) - reply.deleted());
+  if (wrong) throw vorn::invalid_argument_error(*wrong);
+  return ok();
+}
+
+grpc::Status RoutingService::unprogramPart(std::vector<ip_prefix_msg> part) {
+  if (part.empty()) return ok();
+  const auto shared = std::make_shared<std::vector<ip_prefix_msg>>(std::move(part));
+  const auto bytes = shared->size() * (sizeof(ip_prefix_msg) + sizeof(PrefixKey));
+  auto status = keepAndProgramAll(*shared, bytes, [this, shared] {
+    for (const auto& prefix : *shared)
+      unprogram(prefix);
+  });
+  // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): std::function frees it
+  if (!status.ok()) return status;
+  for (const auto& prefix : *shared)
+    routes_.erase(PrefixKey(prefix));
+  return ok();
+}
+
+// Whether there is a route to be removed: one that was set, or that is adopted.
+bool RoutingService::isThere(const PrefixKey& prefix) {
+  if (routes_.contains(prefix)) return true;
+  const auto route = tables_.routes.find(prefix);
+  const bool adopted = route && route->nexthop_group().empty();
+  if (adopted) routes_.insert(prefix);
+  return adopted;
 }
 
 grpc::Status RoutingService::set(grpc::ServerContext& context, const nexthop_group_msg& group) {

@@ -5,6 +5,7 @@
 #include <set>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 #include "agents/routing/AgentService.h"
 #include "agents/routing/KernelSync.h"
@@ -30,9 +31,15 @@ class RoutingService : public AgentService<Routing> {
   grpc::Status set(grpc::ServerContext& context, const cbf_nexthop_group_redirect_msg& redirect);
   grpc::Status remove(grpc::ServerContext& context, const ip_prefix_msg& prefix);
   rpc::Task<> setAll(rpc::Reader<ip_route_msg>& routes, set_routes_reply_msg& reply);
+  template <typename Take>
+  rpc::Task<> takeParts(rpc::Reader<routes_msg>& parts, Take take);
   rpc::Task<> setParts(rpc::Reader<routes_msg>& parts, set_routes_reply_msg& reply);
-  grpc::Status setPart(grpc::ServerContext& context, routes_msg& part, set_routes_reply_msg& reply);
-  grpc::Status takePart(routes_msg part);
+  rpc::Task<> removeParts(rpc::Reader<routes_msg>& parts, delete_routes_reply_msg& reply);
+  grpc::Status setPart(routes_msg& part, set_routes_reply_msg& reply);
+  grpc::Status removePart(const routes_msg& part, delete_routes_reply_msg& reply);
+  grpc::Status programPart(routes_msg part);
+  bool isThere(const PrefixKey& prefix);
+  grpc::Status unprogramPart(std::vector<ip_prefix_msg> part);
   grpc::Status endSync(grpc::ServerContext& context);
 
   // What became of something that is in its table.
