@@ -61,6 +61,29 @@ TEST(FileSink, GluesNoLineToTheRestOfAnother) {
   std::filesystem::remove(path);
 }
 
+TEST(FileSink, WritesLinesThatGatherAtOnceAndCountsThoseThatDoNotFit) {
+  std::signal(SIGXFSZ, SIG_IGN);
+  const std::string path = testing::TempDir() + "sinks-gathered" + std::to_string(getpid());
+  const auto sink = std::make_shared<Kiv::FileSink>(path);
+  auto logger = loggerOf(sink);
+  sink->gather();
+  logger.info("mine");
+  EXPECT_EQ(contentOf(path), "");
+  std::thread([&] { logger.info("another's"); }).join();
+  EXPECT_EQ(contentOf(path), "mine\nanother's\n");
+  for (const char* const text : {"fits", "does not", "nor this"})
+    logger.info(text);
+  {
+    const FullAt limit(std::filesystem::file_size(path) + 8);
+    logger.flush();
+  }
+  logger.info("last");
+  EXPECT_EQ(contentOf(path),
+            "mine\nanother's\nfits\ndoe\nLINES_LOST: 2 lines were not written here\nlast\n");
+  EXPECT_EQ(sink->lost(), 2U);
+  std::filesystem::remove(path);
+}
+
 // Renamed and opened again while it is written to: what was renamed is complete, and nothing is
 // lost.
 TEST(FileSink, SurvivesRotationByRename) {

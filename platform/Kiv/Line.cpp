@@ -3,19 +3,25 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdint>
+#include <cstring>
 #include <utility>
 
 namespace Kiv {
 
 namespace {
 
-// A byte that stands for itself wherever it stands.
-bool isPlain(char c) { return c >= 0x20 && c < 0x7f && c != '\\'; }
+// Eight bytes at a time. Whether a word has a byte that is less than `least`, which is 0x80 at
+// most.
+constexpr std::uint64_t kOnes = 0x0101010101010101;
+constexpr std::uint64_t kHighBits = kOnes * 0x80;
 
-// Counted, not searched: a loop without an exit is one that the compiler can make wide.
-bool isPlainText(std::string_view text) {
-  return std::count_if(text.begin(), text.end(), isPlain) ==
-         static_cast<std::ptrdiff_t>(text.size());
+std::uint64_t hasLess(std::uint64_t word, std::uint64_t least) {
+  return (word - kOnes * least) & ~word & kHighBits;
+}
+
+std::uint64_t hasAnyNotPlain(std::uint64_t word) {
+  return (word & kHighBits) | hasLess(word, 0x20) | ((word + kOnes) & kHighBits) |
+         hasLess(word ^ (kOnes * '\\'), 1);
 }
 
 std::uint8_t byteAt(std::string_view text, std::size_t at) {
@@ -92,10 +98,22 @@ void appendFirst(std::string& line, std::string_view& text) {
 
 }  // namespace
 
+bool isPlain(std::string_view text) {
+  std::uint64_t found = 0;
+  std::uint64_t word = 0;
+  for (; text.size() >= sizeof word; text.remove_prefix(sizeof word)) {
+    std::memcpy(&word, text.data(), sizeof word);
+    found |= hasAnyNotPlain(word);
+  }
+  word = kOnes * ' ';
+  std::copy(text.begin(), text.end(), reinterpret_cast<char*>(&word));
+  return (found | hasAnyNotPlain(word)) == 0;
+}
+
 std::string oneLine(std::string_view text) { return oneLine(text, std::string::npos); }
 
 std::string oneLine(std::string_view text, std::size_t max) {
-  if (text.size() <= max && isPlainText(text)) return std::string(text);
+  if (text.size() <= max && isPlain(text)) return std::string(text);
   std::string line;
   line.reserve(std::min(text.size() + text.size() / 4, max));
   std::size_t fits = 0;  // so much of the line leaves room for the mark
@@ -111,7 +129,7 @@ std::string oneLine(std::string_view text, std::size_t max) {
 }
 
 void appendOneLine(std::string& line, std::string_view text) {
-  if (isPlainText(text)) {
+  if (isPlain(text)) {
     line += text;
     return;
   }

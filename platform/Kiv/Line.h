@@ -21,6 +21,10 @@ constexpr std::string_view kCutMark = "...[cut]";
 // client's is written like this: oneLine escapes no full stop.
 constexpr std::string_view kLineCutMark = "\\x2e..[cut]";
 
+// Whether the text has only bytes that stand for themselves wherever they stand: printable ASCII
+// without the backslash. It is its own line. Any thread may call it.
+VORN_EXPORT bool isPlain(std::string_view text);
+
 // The text as a line of valid UTF-8. Written as \xNN, one for each byte, in lower-case hexadecimal:
 // control characters (U+0000 to U+001F, U+007F to U+009F), the line and the paragraph separator
 // (U+2028, U+2029), what changes the direction of a text (U+061C, U+200E, U+200F, U+202A to U+202E,

@@ -1,9 +1,11 @@
 #include <Kiv/Log.h>
 
 #include <Kiv/Line.h>
+#include <Kiv/LineSink.h>
 #include <Kiv/SinkFailures.h>
 #include <Kiv/StderrSink.h>
 #include <Kiv/TraceHandle.h>
+#include <fmt/format.h>
 #include <spdlog/sinks/base_sink.h>
 #include <syslog.h>
 #include <vorn/mutex.h>
@@ -16,6 +18,7 @@
 #include <system_error>
 #include <unordered_set>
 #include <utility>
+#include <vector>
 
 namespace Kiv {
 
@@ -63,45 +66,54 @@ spdlog::level::level_enum levelOf(std::uint64_t severity) {
   return spdlog::level::info;
 }
 
+// On the stack, unless it is long.
+using Text = fmt::basic_memory_buffer<char, 512>;
+
+std::string_view viewOf(const Text& text) { return {text.data(), text.size()}; }
+
 // The message id, and the format with the texts in place of its conversions; one without an
 // argument stays as it is.
-std::string substituted(std::string_view messageId, std::string_view format,
-                        const LogString& record) {
-  std::size_t size = messageId.size() + 2 + format.size();
-  for (LogStringIndex index = 0; index < record.argCount(); ++index)
-    size += record.str(index).size();
-  std::string text;
-  text.reserve(size);
-  text.append(messageId).append(": ");
-  LogStringIndex next = 0;
+Text substituted(std::string_view messageId, std::string_view format, LogArgs args) {
+  Text text;
+  text.append(messageId);
+  text.append(std::string_view(": "));
+  std::size_t next = 0;
   for (auto percent = format.find('%'); percent < format.size(); percent = format.find('%')) {
-    text += format.substr(0, percent);
+    text.append(format.substr(0, percent));
     const auto conversion = format.substr(percent, 2);
-    if (conversion == "%s" && next < record.argCount()) {
-      text += record.str(next++);
+    if (conversion == "%s" && next < args.size()) {
+      text.append(args[next++]);
     } else {
-      text += conversion == "%%" ? "%" : conversion;
+      text.append(conversion == "%%" ? "%" : conversion);
     }
     format.remove_prefix(percent + conversion.size());
   }
-  return text += format;
+  text.append(format);
+  return text;
 }
 
-// The record as a line. One that would be too long is cut in its arguments, each to its share, so
-// that the message's own words and its short arguments stay.
-std::string lineOf(const LogDescriptor& message, const LogString& record) {
-  const std::string text = substituted(message.messageId, message.format, record);
+// A text that is no line yet, or too long, as a line. One that would be too long is cut in its
+// arguments, each to its share, so that the message's own words and its short arguments stay.
+std::string lineOf(std::string_view text, const LogDescriptor& message, LogArgs args) {
   std::string line = oneLine(text);
   if (line.size() <= kLineMax) return line;
   const std::string id = oneLine(message.messageId), format = oneLine(message.format);
   const std::size_t words = id.size() + 2 + format.size();
   const std::size_t share =
-      words < kLineMax ? (kLineMax - words) / std::max(record.argCount(), 1U) : 0;
-  if (record.argCount() == 0 || share < kLineCutMark.size()) return oneLine(text, kLineMax);
-  LogString shortened;
+      words < kLineMax ? (kLineMax - words) / std::max<std::size_t>(args.size(), 1) : 0;
+  if (args.empty() || share < kLineCutMark.size()) return oneLine(text, kLineMax);
+  std::vector<std::string> shortened;
+  for (const auto arg : args)
+    shortened.push_back(oneLine(arg, share));
+  const std::vector<std::string_view> texts(shortened.begin(), shortened.end());
+  return std::string(viewOf(substituted(id, format, texts)));
+}
+
+std::vector<std::string_view> textsOf(const LogString& record) {
+  std::vector<std::string_view> texts(record.argCount());
   for (LogStringIndex index = 0; index < record.argCount(); ++index)
-    shortened.strIs(index, std::string_view(oneLine(record.str(index), share)));
-  return substituted(id, format, shortened);
+    texts[index] = record.str(index);
+  return texts;
 }
 
 // FNV-1a.
@@ -125,6 +137,20 @@ spdlog::logger& platformLogger() {
     return made;
   }();
   return *logger;
+}
+
+LogBatch::LogBatch() {
+  for (const auto& sink : platformLogger().sinks()) {
+    if (auto* const lines = dynamic_cast<LineSink*>(sink.get())) lines->gather();
+  }
+}
+
+LogBatch::~LogBatch() {
+  try {
+    platformLogger().flush();
+  } catch (...) {
+    // As in LogHandle::log.
+  }
 }
 
 void LogString::strIs(LogStringIndex index, const Velm::String& text) {
@@ -181,8 +207,13 @@ bool LogHandle::okToLog(std::uint32_t key) const {
   return suppressor_ == nullptr || suppressor_->admit(key);
 }
 
-void LogHandle::log(const LogString& record) const {
-  const std::string line = lineOf(*descriptor_, record);
+void LogHandle::log(const LogString& record) const { log(textsOf(record)); }
+
+void LogHandle::log(LogArgs args) const {
+  const Text text = substituted(descriptor_->messageId, descriptor_->format, args);
+  std::string_view line = viewOf(text);
+  std::string escaped;
+  if (line.size() > kLineMax || !isPlain(line)) line = escaped = lineOf(line, *descriptor_, args);
   try {
     platformLogger().log(levelOf(descriptor_->severity), spdlog::string_view_t(line));
   } catch (...) {
@@ -195,14 +226,17 @@ Velm::String valueToString(const int& value) {
   return Velm::String(std::string_view(std::to_string(value)));
 }
 
-std::uint32_t Impl::logArgsHash(const LogString& record, unsigned count) {
+std::uint32_t Impl::logArgsHash(LogArgs args, unsigned count) {
   std::uint32_t hash = kHashStart;
-  for (LogStringIndex index = 0; index < std::min(count, record.argCount()); ++index) {
+  for (const auto text : args.first(std::min<std::size_t>(count, args.size()))) {
     // The length goes in so that a byte that moves from one argument to the next is another key.
-    const auto text = record.str(index);
     hash = hashed(text, hashed(std::to_string(text.size()) + ':', hash));
   }
   return hash;
+}
+
+std::uint32_t Impl::logArgsHash(const LogString& record, unsigned count) {
+  return logArgsHash(textsOf(record), count);
 }
 
 }  // namespace Kiv

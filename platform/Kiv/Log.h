@@ -5,9 +5,12 @@
 #include <spdlog/logger.h>
 #include <vorn/export.h>
 
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <limits>
 #include <memory>
+#include <span>
 #include <string_view>
 #include <type_traits>
 #include <vector>
@@ -37,6 +40,17 @@ namespace Kiv {
 // installed, one failure an hour at most is told, with the number of failures so far.
 VORN_EXPORT spdlog::logger& platformLogger();
 
+// While one lives, the lines that its thread logs may wait, so that many are one write to sinks
+// that can do that (Kiv/LineSink.h); then the sinks are flushed. Lines of other threads wait for
+// nothing.
+class VORN_EXPORT LogBatch {
+ public:
+  LogBatch();
+  ~LogBatch();
+  LogBatch(const LogBatch&) = delete;
+  LogBatch& operator=(const LogBatch&) = delete;
+};
+
 // What is known about a message before it is written. The section .tolmar_logmsg holds a library's
 // descriptors and nothing else; there tools read its messages without running it.
 struct LogDescriptor {
@@ -51,7 +65,11 @@ static_assert(sizeof(LogDescriptor) == 40, "tools rely on five 8-byte fields");
 // The position of an argument, from 0.
 using LogStringIndex = unsigned;
 
-// The arguments of one occurrence as texts, and the hash of those that are its suppression key.
+// The arguments of one occurrence, as texts that are the caller's.
+using LogArgs = std::span<const std::string_view>;
+
+// The arguments of one occurrence as texts of its own, however many, and the hash of those that are
+// its suppression key. Who knows the number uses log(handle, values...), which copies no text.
 class VORN_EXPORT LogString {
  public:
   LogString() = default;
@@ -99,8 +117,10 @@ class VORN_EXPORT LogHandle {
   // are told apart by this hash alone.
   bool okToLog(std::uint32_t key) const;
 
-  // Writes the message with the record's texts in place of the format's conversions, at the
-  // severity of the descriptor. Throws std::bad_alloc, and only before anything is written.
+  // Writes the message with the arguments' texts in place of the format's conversions, at the
+  // severity of the descriptor. Throws std::bad_alloc, and only before anything is written; it
+  // takes memory only for a line that is long or not plain.
+  void log(LogArgs args) const;
   void log(const LogString& record) const;
 
  private:
@@ -123,27 +143,39 @@ Velm::String valueToString(const Other&) = delete;
 namespace Impl {
 
 // A hash of the texts of the first `count` arguments, each with its length.
+VORN_EXPORT std::uint32_t logArgsHash(LogArgs args, unsigned count);
 VORN_EXPORT std::uint32_t logArgsHash(const LogString& record, unsigned count);
 
-template <typename Value>
-Velm::String argText(const Value& value) {
-  if constexpr (std::is_convertible_v<const Value&, std::string_view>) {
-    return Velm::String(std::string_view(value));
-  } else {
-    return valueToString(value);
+// The texts of some values: those that are none are made, when they are asked for.
+template <std::size_t count>
+class ArgTexts {
+ public:
+  // Converts and stores the values from position `first` up to, not including, `last`.
+  template <typename... Values>
+  void store(unsigned first, unsigned last, const Values&... values) {
+    unsigned index = 0;
+    const auto storeOne = [&](const auto& value) {
+      if (index >= first && index < last) storeAt(index, value);
+      ++index;
+    };
+    (storeOne(values), ...);
   }
-}
 
-// Converts and stores the values from position `first` up to, not including, `last`.
-template <typename... Values>
-void storeArgs(LogString& record, unsigned first, unsigned last, const Values&... values) {
-  unsigned index = 0;
-  const auto store = [&](const auto& value) {
-    if (index >= first && index < last) record.strIs(index, argText(value));
-    ++index;
-  };
-  (store(values), ...);
-}
+  operator LogArgs() const { return texts_; }
+
+ private:
+  template <typename Value>
+  void storeAt(unsigned index, const Value& value) {
+    if constexpr (std::is_convertible_v<const Value&, std::string_view>) {
+      texts_[index] = value;
+    } else {
+      texts_[index] = made_[index] = valueToString(value);
+    }
+  }
+
+  std::array<std::string_view, count> texts_;
+  std::array<Velm::String, count> made_;
+};
 
 }  // namespace Impl
 
@@ -154,14 +186,11 @@ void storeArgs(LogString& record, unsigned first, unsigned last, const Values&..
 template <typename... Values>
 void log(const LogHandle& handle, const Values&... values) {
   const std::uint32_t keyArgs = handle.rateLimitArgsMask();
-  LogString record;
-  record.argCountIs(sizeof...(values));
-  Impl::storeArgs(record, 0, keyArgs, values...);
-  const std::uint32_t hash = Impl::logArgsHash(record, keyArgs);
-  if (!handle.okToLog(handle.idHash() ^ hash)) return;
-  Impl::storeArgs(record, keyArgs, std::numeric_limits<unsigned>::max(), values...);
-  record.hashIs(hash);
-  handle.log(record);
+  Impl::ArgTexts<sizeof...(Values)> texts;
+  texts.store(0, keyArgs, values...);
+  if (!handle.okToLog(handle.idHash() ^ Impl::logArgsHash(texts, keyArgs))) return;
+  texts.store(keyArgs, std::numeric_limits<unsigned>::max(), values...);
+  handle.log(texts);
 }
 
 }  // namespace Kiv
