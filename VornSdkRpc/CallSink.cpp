@@ -1,11 +1,11 @@
 #include <VornSdkRpc/CallSink.h>
 
-#include <Kiv/Line.h>
+#include <Kiv/Log.h>
 #include <Kiv/Trace.h>
 #include <VornSdkRpc/AccountingLine.h>
 #include <fmt/format.h>
 
-#include <string>
+#include <new>
 
 namespace VornSdkRpc {
 
@@ -19,6 +19,7 @@ class AccountingLines : public CallSink {
     std::size_t taken = 0;
     try {
       if (trace_.enabled(8)) trace_.write(8, fmt::format("{} records are written", records.size()));
+      const Kiv::LogBatch lines;
       for (; taken < records.size(); ++taken)
         writeLineOf(*records[taken]);
     } catch (const std::bad_alloc&) {
@@ -37,9 +38,8 @@ class AccountingLines : public CallSink {
   static void writeLineOf(const CallRecord& record) {
     if (record.end == CallEnd::begun || record.sent == CallRecord::kNothing) return;
     const bool told = record.end == CallEnd::answered || record.end == CallEnd::refused;
-    writeAccountingLine({std::string(record.user), std::string(record.session),
-                         std::string(record.peer), std::string(record.method),
-                         told ? record.status : record.sent});
+    writeAccountingLine(record.user, record.session, record.peer, record.method,
+                        told ? record.status : record.sent);
   }
 
   Kiv::TraceHandle trace_{"RPCAccounting", false};

@@ -5,13 +5,17 @@
 #include <Kiv/Trace.h>
 #include <Velm/FmTrace.h>
 #include <VornSdkRpc/AccountingLine.h>
+#include <VornSdkRpc/ConnectionTexts.h>
 #include <VornSdkRpc/RefusedMessage.h>
 #include <fmt/format.h>
+#include <grpc/grpc.h>
+#include <grpc/grpc_security.h>
 #include <grpcpp/server_context.h>
 
 #include <chrono>
-#include <cstring>
 #include <exception>
+#include <string>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 
@@ -40,20 +44,15 @@ static_assert(std::has_virtual_destructor_v<grpc::experimental::ServerIntercepto
 
 // How long the consumer rests after a batch. A wake-up is most of what accounting costs a server;
 // while the consumer rests, a busy server's records gather without one. A record that comes to a
-// consumer with nothing to do is written at once, and a close waits for one rest at most.
+// consumer with nothing to do is written at once, and a close waits for no rest.
 constexpr auto kRest = std::chrono::milliseconds(2);
 
 // What a client chooses, it also chooses the length of. A field has at most so many bytes as sent.
 constexpr std::size_t kFieldMax = 1024;
 
-std::string field(std::string sent) { return Kiv::cutTo(std::move(sent), kFieldMax); }
-
-// The first value of a property, up to its first NUL byte.
-std::string propertyOr(const grpc::AuthContext& context, const char* name, const char* missing) {
-  const auto values = context.FindPropertyValues(name);
-  if (values.empty()) return missing;
-  const grpc::string_ref& first = values.front();
-  return std::string(first.data(), strnlen(first.data(), first.size()));
+std::string field(std::string sent) {
+  if (sent.size() <= kFieldMax) return sent;
+  return Kiv::cutTo(std::move(sent), kFieldMax);
 }
 
 void traceBatch(unsigned long size) noexcept {
@@ -78,6 +77,15 @@ class RecordWriter {
   RecordWriter(const RecordWriter&) = delete;
   RecordWriter& operator=(const RecordWriter&) = delete;
 
+  void write(const std::deque<LogMessageData>& batch) noexcept {
+    const Kiv::LogBatch lines;
+    for (const auto& record : batch)
+      write(record);
+  }
+
+ private:
+  static constexpr int kRestsMax = 100;  // a second
+
   void write(const LogMessageData& record) noexcept {
     for (bool last = false; !isWritten(record);) {
       if (last || rests_ == kRestsMax) {
@@ -93,12 +101,9 @@ class RecordWriter {
     tellLoss();
   }
 
- private:
-  static constexpr int kRestsMax = 100;  // a second
-
   static bool isWritten(const LogMessageData& record) {
     try {
-      writeAccountingLine(record);
+      writeAccountingLine(record.user, record.session, record.peer, record.rpc, record.status);
       return true;
     } catch (const std::exception&) {
       return false;
@@ -123,9 +128,9 @@ class RecordWriter {
 
 }  // namespace
 
-void writeAccountingLine(const LogMessageData& record) {
-  Kiv::log(accountingLogHandle, record.user, record.session, record.peer, record.rpc,
-           record.status);
+void writeAccountingLine(std::string_view user, std::string_view session, std::string_view peer,
+                         std::string_view rpc, std::int32_t status) {
+  Kiv::log(accountingLogHandle, user, session, peer, rpc, status);
 }
 
 void LoggingInterceptor::Intercept(grpc::experimental::InterceptorBatchMethods* methods) {
@@ -141,23 +146,19 @@ void LoggingInterceptor::Intercept(grpc::experimental::InterceptorBatchMethods* 
 }
 
 void LoggingInterceptor::account(grpc::experimental::InterceptorBatchMethods& methods) {
-  const auto* call = info_->server_context();
-  std::string peer = peer_.empty() ? call->peer() : std::move(peer_);
+  auto* const call = info_->server_context();
+  // The context's own properties, which it would take copies to tell.
+  const ConnectionTexts connection(grpc_call_auth_context(call->c_call()));
   const std::int32_t status =
       messageRefused_ ? grpc::RESOURCE_EXHAUSTED : methods.GetSendStatus().error_code();
-  std::string user = "unknown";
-  std::string session = "unknown";
-  if (const auto context = call->auth_context()) {
-    user = propertyOr(*context, "peer-authenticated", "unknown");
-    session = propertyOr(*context, "session-id", "unknown");
-  }
-  const LogMessageData record{field(std::move(user)), field(std::move(session)),
-                              field(std::move(peer)), field(info_->method()), status};
+  LogMessageData record{
+      field(std::string(connection.user())), field(std::string(connection.session())),
+      field(peer_.empty() ? call->peer() : std::move(peer_)), field(info_->method()), status};
   if (_defaultTraceHandle().enabled(9)) {
     Velm::fmtrace(_defaultTraceHandle(), 9, __FILE__, "Intercept", __LINE__, "LoggingInterceptor",
                   "Enqueueing message");
   }
-  queue_->push(record);
+  queue_->push(std::move(record));
 }
 
 LoggingInterceptorFactory::LoggingInterceptorFactory() {
@@ -181,10 +182,9 @@ void LoggingInterceptorFactory::consumer() {
   std::deque<LogMessageData> batch;
   while (queue_.swap(batch)) {
     traceBatch(batch.size());
-    for (const auto& record : batch)
-      writer.write(record);
+    writer.write(batch);
     batch.clear();
-    std::this_thread::sleep_for(kRest);
+    queue_.rest(kRest);
   }
 }
 

@@ -3,6 +3,7 @@
 #include <vorn/mutex.h>
 
 #include <cassert>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <utility>
@@ -23,11 +24,10 @@ class SynchronizedQueue {
 
   // Appends a copy of the item and wakes the consumer. Any thread. Throws what copying throws, and
   // the queue is then as before.
-  void push(const T& item) {
-    const vorn::lock_guard lock(mutex_);
-    items_.push_back(item);
-    cond_.notify_one();
-  }
+  void push(const T& item) { append(item); }
+
+  // The same without a copy.
+  void push(T&& item) { append(std::move(item)); }
 
   // Takes every queued item, oldest first, into `q`, which must be empty (asserted). Waits while
   // nothing is queued and the queue is open; a spurious wake-up may end the wait with nothing
@@ -43,6 +43,12 @@ class SynchronizedQueue {
     return !(q.empty() && closed_);
   }
 
+  // Waits for a time, whatever is pushed meanwhile, or until the queue is closed. Consumer.
+  void rest(std::chrono::milliseconds time) {
+    vorn::unique_lock lock(mutex_);
+    closing_.wait_for(lock, time, [this]() VORN_REQUIRES(mutex_) { return closed_; });
+  }
+
   // Whether close() has been called. Any thread.
   bool isClosed() {
     const vorn::lock_guard lock(mutex_);
@@ -55,11 +61,20 @@ class SynchronizedQueue {
     const vorn::lock_guard lock(mutex_);
     closed_ = true;
     cond_.notify_one();
+    closing_.notify_one();
   }
 
  private:
+  template <typename Item>
+  void append(Item&& item) {
+    const vorn::lock_guard lock(mutex_);
+    items_.push_back(std::forward<Item>(item));
+    cond_.notify_one();
+  }
+
   vorn::mutex mutex_;
   bool closed_ VORN_GUARDED_BY(mutex_) = false;
   std::deque<T> items_ VORN_GUARDED_BY(mutex_);
   std::condition_variable cond_;
+  std::condition_variable closing_;
 };

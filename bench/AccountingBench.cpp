@@ -45,7 +45,7 @@ class Accounting {
     for (std::deque<LogMessageData> batch; queue_.swap(batch); batch.clear()) {
       for (const auto& record : batch)
         writeRecord(record);
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+      queue_.rest(std::chrono::milliseconds(2));
     }
   }
 
