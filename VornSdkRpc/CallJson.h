@@ -7,7 +7,10 @@
 #include <vorn/export.h>
 #include <vorn/mutex.h>
 
+#include <cstddef>
+#include <span>
 #include <string>
+#include <string_view>
 
 // Records as JSON, an object a line. A field that is not known, or empty, is left out.
 //
@@ -48,12 +51,11 @@ class VORN_EXPORT CallJsonFile : public CallSink {
   bool writeGap(const CallGap& gap) override;
 
  private:
-  VORN_NO_EXPORT std::size_t linesWritten();
+  VORN_NO_EXPORT std::size_t linesWritten(std::string_view text, std::size_t lines);
 
   vorn::mutex mutex_;
   Kiv::AppendFile file_ VORN_GUARDED_BY(mutex_);
   bool torn_ VORN_GUARDED_BY(mutex_);
-  std::string text_;
 };
 
 }  // namespace VornSdkRpc

@@ -52,16 +52,19 @@ class CallLog::Block {
         bytes_.get() + *offset(static_cast<std::size_t>(number - first_))));
   }
 
-  // Returns false when there is no room.
-  bool append(const CallRecord& record) {
+  // Appends the record as one of this run, with the next number. Returns false when there is no
+  // room.
+  bool append(const CallRecord& record, std::string_view run) {
     std::size_t texts = 0;
     for (const auto text : kTexts)
       texts += (record.*text).size();
     const std::size_t begin =
         (used_ + alignof(CallRecord) - 1) / alignof(CallRecord) * alignof(CallRecord);
-    const std::size_t end = begin + sizeof(CallRecord) + texts;
-    if (end + (count_ + 1) * sizeof(Offset) > size_) return false;
+    const std::size_t behind = begin + sizeof(CallRecord) + texts;
+    if (behind + (count_ + 1) * sizeof(Offset) > size_) return false;
     auto* const stored = new (bytes_.get() + begin) CallRecord(record);
+    stored->run = run;
+    stored->number = end();
     auto* next = reinterpret_cast<char*>(bytes_.get() + begin + sizeof(CallRecord));
     for (const auto text : kTexts) {
       const auto from = record.*text;
@@ -69,7 +72,7 @@ class CallLog::Block {
       stored->*text = std::string_view(next - from.size(), from.size());
     }
     *offset(count_) = static_cast<Offset>(begin);
-    used_ = end;
+    used_ = behind;
     ++count_;
     return true;
   }
@@ -119,21 +122,25 @@ std::size_t CallLog::memory() const {
 }
 
 void CallLog::store(const CallRecord& record) noexcept try {
+  const bool fits = std::all_of(kTexts.begin(), kTexts.end(),
+                                [&](auto text) { return (record.*text).size() <= kFieldMax; });
+  if (fits) return storeShort(record);
   CallRecord cut = record;
-  cut.run = run_;
-  cut.number = next_;
   std::array<std::string, kTexts.size()> shorter;
-  for (std::size_t i = 0; i < kTexts.size(); ++i) {
-    auto& text = cut.*kTexts[i];
-    if (text.size() > kFieldMax) text = shorter[i] = Kiv::cutTo(std::string(text), kFieldMax);
-  }
-  if (!blocks_.empty() && blocks_.back()->end() == next_ && blocks_.back()->append(cut)) return;
+  for (std::size_t i = 0; i < kTexts.size(); ++i)
+    cut.*kTexts[i] = shorter[i] = Kiv::cutTo(std::string(cut.*kTexts[i]), kFieldMax);
+  storeShort(cut);
+} catch (const std::bad_alloc&) {
+  // Its number is missing, and readers are told so.
+}
+
+void CallLog::storeShort(const CallRecord& record) {
+  if (!blocks_.empty() && blocks_.back()->end() == next_ && blocks_.back()->append(record, run_))
+    return;
   makeRoom();
   blocks_.push_back(std::make_shared<Block>(blockSize_, next_));
   memory_ += blockSize_;
-  blocks_.back()->append(cut);
-} catch (const std::bad_alloc&) {
-  // Its number is missing, and readers are told so.
+  blocks_.back()->append(record, run_);
 }
 
 // For another block.

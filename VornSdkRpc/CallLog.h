@@ -137,6 +137,7 @@ class VORN_EXPORT CallLog {
   };
 
   VORN_NO_EXPORT void store(const CallRecord& record) noexcept VORN_REQUIRES(mutex_);
+  VORN_NO_EXPORT void storeShort(const CallRecord& record) VORN_REQUIRES(mutex_);
   VORN_NO_EXPORT void makeRoom() VORN_REQUIRES(mutex_);
   VORN_NO_EXPORT void forgetOldest() VORN_REQUIRES(mutex_);
   VORN_NO_EXPORT void forgetWhatIsRead() VORN_REQUIRES(mutex_);
