@@ -1,4 +1,7 @@
+#include <Kiv/FileSink.h>
 #include <Kiv/Log.h>
+#include <VornSdkRpc/CallJson.h>
+#include <VornSdkRpc/CallSink.h>
 #include <VornSdkRpc/InstallAccounting.h>
 #include <grpcpp/support/server_interceptor.h>
 #include <spdlog/async.h>
@@ -44,11 +47,28 @@ class LineInterceptorFactory : public grpc::experimental::ServerInterceptorFacto
   std::shared_ptr<spdlog::logger> logger_;
 };
 
+void logTo(const std::string& file) {
+  Kiv::platformLogger().sinks() = {std::make_shared<Kiv::FileSink>(file)};
+}
+
 }  // namespace
 
 void accountThroughLibrary(grpc::ServerBuilder& builder, const std::string& file) {
-  Kiv::platformLogger().sinks() = {std::make_shared<spdlog::sinks::basic_file_sink_mt>(file, true)};
+  logTo(file);
   VornSdkRpc::installAccounting(builder);
+}
+
+Recording::Recording(grpc::ServerBuilder& builder, const std::string& to, bool metrics) {
+  const auto colon = to.find(':');
+  const auto file = to.substr(colon + 1);
+  if (to.substr(0, colon) == "json") {
+    calls_.add(std::make_unique<VornSdkRpc::CallJsonFile>(file));
+  } else {
+    logTo(file);
+    calls_.add(VornSdkRpc::accountingLines());
+  }
+  if (metrics) metrics_.count(calls_);
+  calls_.install(builder);
 }
 
 void accountThroughSpdlog(grpc::ServerBuilder& builder, const std::string& file) {

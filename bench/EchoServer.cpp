@@ -1,12 +1,12 @@
 // One of the servers that scripts/bench measures, in a process of its own:
 //
-//   EchoServer MODE [--ahead N] [--accounting FILE | --spdlog FILE] [--count-allocations]
-//   [--keepalive] [--listener]
+//   EchoServer MODE [--ahead N] [--accounting FILE | --records KIND:FILE [--metrics] |
+//   --spdlog FILE] [--count-allocations] [--keepalive] [--listener]
 //
-// MODE is handwritten, frame, kit, coroutine, callback or synchronous. Tells the port of the
-// loopback address that it listens on, then answers every line of its standard input with one line
-// of JSON: "report" with what the process has used so far, "stop" (or the end of the input) with
-// how long stopping took, after which it ends.
+// MODE is handwritten, frame, kit, coroutine, callback or synchronous; KIND is line or json. Tells
+// the port of the loopback address that it listens on, then answers every line of its standard
+// input with one line of JSON: "report" with what the process has used so far, "stop" (or the end
+// of the input) with how long stopping took, after which it ends.
 #include <VornSdkRpc/ServerArguments.h>
 #include <fmt/core.h>
 #include <malloc.h>
@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <fstream>
 #include <iostream>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -33,6 +34,8 @@ struct Options {
   std::string mode;
   std::size_t ahead = 1;
   std::string accountingFile;
+  std::string records;
+  bool metrics = false;
   std::string spdlogFile;
   bool countAllocations = false;
   bool keepalive = false;
@@ -41,7 +44,7 @@ struct Options {
 
 Options parse(int argc, char** argv) {
   if (argc < 2) throw std::invalid_argument("which server?");
-  Options options{.mode = argv[1], .accountingFile = {}, .spdlogFile = {}};
+  Options options{.mode = argv[1], .accountingFile = {}, .records = {}, .spdlogFile = {}};
   for (int i = 2; i < argc; ++i) {
     const std::string_view option = argv[i];
     const auto value = [&] {
@@ -52,6 +55,10 @@ Options parse(int argc, char** argv) {
       options.ahead = std::stoul(value());
     } else if (option == "--accounting") {
       options.accountingFile = value();
+    } else if (option == "--records") {
+      options.records = value();
+    } else if (option == "--metrics") {
+      options.metrics = true;
     } else if (option == "--spdlog") {
       options.spdlogFile = value();
     } else if (option == "--count-allocations") {
@@ -120,6 +127,8 @@ void serve(const Options& options) {
   }
   if (!options.accountingFile.empty())
     bench::accountThroughLibrary(builder, options.accountingFile);
+  std::optional<bench::Recording> recording;
+  if (!options.records.empty()) recording.emplace(builder, options.records, options.metrics);
   if (!options.spdlogFile.empty()) bench::accountThroughSpdlog(builder, options.spdlogFile);
   if (options.keepalive) {
     VornSdkRpc::installArguments(builder, {.maxConcurrentStreams = 0});

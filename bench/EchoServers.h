@@ -1,6 +1,8 @@
 #pragma once
 
+#include <VornSdkRpc/CallAccounting.h>
 #include <VornSdkRpc/Listener.h>
+#include <VornSdkRpc/Metrics.h>
 #include <grpcpp/grpcpp.h>
 
 #include <atomic>
@@ -58,8 +60,19 @@ std::unique_ptr<Server> makeKit(Counts& counts, std::size_t ahead, bool coroutin
 std::unique_ptr<Server> makeCallback(Counts& counts);
 std::unique_ptr<Server> makeSynchronous(Counts& counts);
 
-// The library's accounting, with the platform log going to the file.
+// The library's accounting, with the platform log going to the file as an agent's does.
 void accountThroughLibrary(grpc::ServerBuilder& builder, const std::string& file);
+
+// Completion records, which must outlive the server, and figures of calls when those are wanted.
+class Recording {
+ public:
+  // `to` is "line:FILE" or "json:FILE".
+  Recording(grpc::ServerBuilder& builder, const std::string& to, bool metrics);
+
+ private:
+  VornSdkRpc::CallAccounting calls_;
+  VornSdkRpc::Metrics metrics_;
+};
 
 // The least accounting that anybody would write: an interceptor that hands a line a call to
 // spdlog's asynchronous logger, which writes it to the file.

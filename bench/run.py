@@ -34,6 +34,7 @@ STREAMS = 10_000
 
 HAND, FRAME, COROUTINE = "hand-written", "frame", "kit, a coroutine"
 LOG = str(SCRATCH / "accounting.log")
+JSON = "frame, records as JSON lines"
 
 # What serves unary calls, with the peer that its figures are divided by.
 UNARY: dict[str, tuple[list[str], str | None]] = {
@@ -47,6 +48,9 @@ UNARY: dict[str, tuple[list[str], str | None]] = {
     "callback API": (["callback"], HAND),
     "synchronous API": (["synchronous"], HAND),
     "frame, accounting": (["frame", "--accounting", LOG], FRAME),
+    "frame, records as accounting lines": (["frame", "--records", f"line:{LOG}"], FRAME),
+    JSON: (["frame", "--records", f"json:{LOG}"], FRAME),
+    "frame, records as JSON lines, metrics": (["frame", "--records", f"json:{LOG}", "--metrics"], JSON),
     "frame, a spdlog line a call": (["frame", "--spdlog", LOG], FRAME),
 }
 
@@ -248,7 +252,9 @@ AIMS = [
     ("unary echo", FRAME, "ratios", "cpu_us", 1.03),
     ("unary echo", FRAME, "ratios", "instructions", 1.03),
     ("unary echo", "frame, 64 ahead", "ratios", "cpu_us", 0.90),
-    ("unary echo", "frame, accounting", "ratios", "cpu_us", 1.20),
+    ("unary echo", "frame, accounting", "ratios", "cpu_us", 1.15),
+    ("unary echo", JSON, "ratios", "cpu_us", 1.10),
+    ("unary echo", "frame, records as JSON lines, metrics", "ratios", "cpu_us", 1.03),
     ("10,000 open streams, a write to each", FRAME, "figures", "stop_ms", 5000),
     ("10,000 open streams, clients stalled for 4 s", "frame, keepalive 10 s / 1 s", "figures", "stop_ms", 5000),
 ]
