@@ -68,8 +68,10 @@ class RecordedProcessor : public grpc::AuthMetadataProcessor {
       return found == metadata.end() ? std::string_view()
                                      : std::string_view(found->second.data(), found->second.size());
     };
-    const std::string user = firstOf(connection, "peer-authenticated");
-    const std::string session = firstOf(connection, "session-id");
+    const std::string user = firstOf(connection, "peer-authenticated", "unknown");
+    const std::string session = firstOf(connection, "session-id", "unknown");
+    const std::string told = firstOf(connection, kProof, "");
+    const std::string transport = firstOf(connection, kTransport, "");
     const std::string reason = reasonOf(status);
     CallRecord denied;
     denied.end = CallEnd::denied;
@@ -78,6 +80,7 @@ class RecordedProcessor : public grpc::AuthMetadataProcessor {
     denied.method = header(":path");
     denied.user = user;
     denied.session = session;
+    denied.proof = proofOf(told, transport, connection.IsPeerAuthenticated());
     denied.traceparent = header("traceparent");
     denied.reason = reason;
     if (observer_) observer_->denied(denied);
@@ -90,9 +93,10 @@ class RecordedProcessor : public grpc::AuthMetadataProcessor {
     return details.empty() ? status.error_message() : status.error_message() + ": " + details;
   }
 
-  static std::string firstOf(const grpc::AuthContext& connection, const char* name) {
+  static std::string firstOf(const grpc::AuthContext& connection, const char* name,
+                             const char* missing) {
     const auto values = connection.FindPropertyValues(name);
-    return values.empty() ? "unknown" : std::string(values[0].data(), values[0].size());
+    return values.empty() ? missing : std::string(values[0].data(), values[0].size());
   }
 
   const std::shared_ptr<CallLog> log_;

@@ -1,20 +1,21 @@
 #include <VornSdkRpc/ConnectionTexts.h>
 
-#include <grpc/grpc_security_constants.h>
-
 #include <cstring>
 
 namespace VornSdkRpc {
 
-std::string_view ConnectionTexts::proof() const {
-  const auto told = first("peer-proof", "");
+std::string_view proofOf(std::string_view told, std::string_view transport, bool authenticated) {
   if (!told.empty()) return told;
-  const auto transport = first(GRPC_TRANSPORT_SECURITY_TYPE_PROPERTY_NAME, "");
   // The name follows the kind of credentials; what is spoken is the same.
   if (transport == GRPC_SSL_TRANSPORT_SECURITY_TYPE ||
       transport == GRPC_TLS_TRANSPORT_SECURITY_TYPE)
-    return grpc_auth_context_peer_is_authenticated(context_) != 0 ? "certificate" : "tls";
+    return authenticated ? "certificate" : "tls";
   return transport == "local" ? "local" : "none";
+}
+
+std::string_view ConnectionTexts::proof() const {
+  return proofOf(first(kProof, ""), first(kTransport, ""),
+                 context_ != nullptr && grpc_auth_context_peer_is_authenticated(context_) != 0);
 }
 
 std::string_view ConnectionTexts::first(const char* name, std::string_view missing) const {

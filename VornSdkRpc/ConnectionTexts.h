@@ -1,10 +1,17 @@
 #pragma once
 
 #include <grpc/grpc_security.h>
+#include <grpc/grpc_security_constants.h>
 
 #include <string_view>
 
 namespace VornSdkRpc {
+
+// The properties of a connection that say how its caller's identity is proven, and
+// CallRecord::proof by their first values; an empty one stands for none.
+constexpr const char* kProof = "peer-proof";
+constexpr const char* kTransport = GRPC_TRANSPORT_SECURITY_TYPE_PROPERTY_NAME;
+std::string_view proofOf(std::string_view told, std::string_view transport, bool authenticated);
 
 // What a connection's authentication context tells about its caller. The texts are the context's.
 class ConnectionTexts {

@@ -252,10 +252,10 @@ TEST(CallAccounting, TellsOfACallThatIsDeniedAndWhy) {
   const std::string denied = "/test.Probe/Echo denied 7 messages 0/0 bytes -1/0 ";
   const std::string reason = " [nobody \"asked\"\n: rule 1] [] []";
   EXPECT_THAT(kept.lines(),
-              ElementsAre(denied + "[unknown] [unknown] [] [00-1]" + reason,
+              ElementsAre(denied + "[unknown] [unknown] [none] [00-1]" + reason,
                           "/test.Probe/Echo answered 0 messages 1/1 bytes 3/3 [alice] [unknown] "
                           "[a word] [] [] [delete] [10.1.0.0/16] 3",
-                          denied + "[alice] [unknown] [] []" + reason));
+                          denied + "[alice] [unknown] [a word] []" + reason));
   EXPECT_THAT(log.lines(),
               ElementsAre(MatchesRegex("VORNSDKRPC_ACCOUNTING_RPC: user: alice, session: unknown, "
                                        "peer: ipv4:.*, rpc: /test.Probe/Echo, status: 0")));
