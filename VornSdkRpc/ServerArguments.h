@@ -30,6 +30,21 @@ struct ServerArguments {
   // A larger message ends its call with RESOURCE_EXHAUSTED. In bytes, as sent.
   int maxReceiveMessageBytes = 1 << 20;
 
+  // Whether clients may compress their messages (gzip, deflate). gRPC inflates a message before it
+  // looks at its size: a megabyte becomes a gigabyte. If not, a compressed one ends its call with
+  // UNIMPLEMENTED, and no answer is compressed.
+  bool compression = false;
+
+  // How many threads gRPC may start for the services that it serves on threads of its own, its
+  // reflection for one, where every open stream takes one. One call more ends with
+  // RESOURCE_EXHAUSTED. An agent with synchronous services of its own names how many it needs.
+  int maxThreads = 16;
+
+  // How much memory gRPC may take for its connections and calls, in bytes. Beyond it gRPC closes
+  // connections and cancels calls, and not only those of whoever took it: a limit for where the end
+  // of the process would be worse.
+  long long maxMemoryBytes = 0;
+
   // Whether another process may listen on the same TCP port, each with a share of the connections.
   // If not, a taken port is a ServerFailedError.
   bool sharedPort = false;

@@ -6,6 +6,7 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <future>
 
 #include "tests/ProbeService.h"
 
@@ -118,16 +119,67 @@ TEST(StopOnSignal, OneAtATimeAndEachWithItsOwnSignals) {
   }
 }
 
-TEST(ServerArguments, LimitsMessagesUnlessToldNotTo) {
-  for (const auto& [arguments, code] :
-       {std::pair{VornSdkRpc::ServerArguments{}, grpc::StatusCode::RESOURCE_EXHAUSTED},
-        {{.maxReceiveMessageBytes = 0}, grpc::StatusCode::OK}}) {
-    VornSdkRpc::testing::TestServer server({std::make_shared<ProbeService>()},
-                                           {.socket = true, .configure = [&](auto& builder) {
-                                              installArguments(builder, arguments);
-                                            }});
-    EXPECT_EQ(callEcho(*server.stub<Probe>(), std::string(5 << 20, 'x')), code);
+// What becomes of a text of so many bytes, sent as it is or compressed.
+grpc::StatusCode echoed(const VornSdkRpc::ServerArguments& arguments, std::size_t size,
+                        grpc_compression_algorithm compression) {
+  VornSdkRpc::testing::TestServer server(
+      {std::make_shared<ProbeService>()},
+      {.socket = true, .configure = [&](auto& builder) { installArguments(builder, arguments); }});
+  grpc::ClientContext context;
+  context.set_compression_algorithm(compression);
+  Text request, reply;
+  request.set_text(std::string(size, 'x'));
+  return server.stub<Probe>()->Echo(&context, request, &reply).error_code();
+}
+
+TEST(ServerArguments, LimitMessagesUnlessToldNotTo) {
+  const struct {
+    VornSdkRpc::ServerArguments arguments;
+    std::size_t size;
+    grpc_compression_algorithm compression;
+    grpc::StatusCode code;
+  } cases[] = {
+      {{}, 5 << 20, GRPC_COMPRESS_NONE, grpc::StatusCode::RESOURCE_EXHAUSTED},
+      {{.maxReceiveMessageBytes = 0}, 5 << 20, GRPC_COMPRESS_NONE, grpc::StatusCode::OK},
+      {{}, 5 << 10, GRPC_COMPRESS_GZIP, grpc::StatusCode::UNIMPLEMENTED},
+      {{}, 5 << 10, GRPC_COMPRESS_DEFLATE, grpc::StatusCode::UNIMPLEMENTED},
+      {{.compression = true}, 5 << 10, GRPC_COMPRESS_GZIP, grpc::StatusCode::OK},
+  };
+  for (const auto& [arguments, size, compression, code] : cases)
+    EXPECT_EQ(echoed(arguments, size, compression), code) << size << ", " << compression;
+}
+
+// A synchronous service, whose calls hold a thread of gRPC's each.
+class HoldingMirror : public Mirror::Service {
+ public:
+  grpc::Status Reflect(grpc::ServerContext*, const Text*, Text*) override {
+    held.set_value();
+    released.get_future().wait();
+    return grpc::Status::OK;
   }
+
+  std::promise<void> held, released;
+};
+
+TEST(ServerArguments, LimitTheThreadsOfSynchronousServices) {
+  HoldingMirror mirror;
+  VornSdkRpc::testing::TestServer server({std::make_shared<ProbeService>()},
+                                         {.socket = true, .configure = [&](auto& builder) {
+                                            VornSdkRpc::installArguments(builder,
+                                                                         {.maxThreads = 2});
+                                            builder.RegisterService(&mirror);
+                                          }});
+  const auto reflect = [&] {
+    grpc::ClientContext context;
+    Text reply;
+    return server.stub<Mirror>()->Reflect(&context, Text(), &reply).error_code();
+  };
+  auto first = std::async(std::launch::async, reflect);
+  mirror.held.get_future().wait();
+  EXPECT_EQ(reflect(), grpc::StatusCode::RESOURCE_EXHAUSTED);
+  EXPECT_EQ(callEcho(*server.stub<Probe>(), "x"), grpc::StatusCode::OK);
+  mirror.released.set_value();
+  EXPECT_EQ(first.get(), grpc::StatusCode::OK);
 }
 
 }  // namespace
