@@ -6,6 +6,7 @@ import io
 import json
 import os
 import pty
+import pwd
 import queue
 import signal
 import socket
@@ -13,6 +14,7 @@ import subprocess
 import sys
 import tempfile
 import unittest
+import unittest.mock
 from collections.abc import Callable, Iterator
 from concurrent import futures
 from pathlib import Path
@@ -570,6 +572,19 @@ class VornctlTest(unittest.TestCase):
             self.address = f"127.0.0.1:{mute.getsockname()[1]}"
             self.refuse(3, "DEADLINE_EXCEEDED", "list", "routes", "--timeout", "0.3")
         self.refuse(3, f"agent not reachable at {self.address}: UNAVAILABLE", "list", "routes")
+
+    @unittest.skipIf(os.geteuid(), "only root can become somebody else")
+    def test_a_socket_that_may_not_be_opened(self) -> None:
+        self.serve(f"unix:{self.folder}/agent")
+        for folder, socket_file in ((0o700, 0o666), (0o755, 0o600)):
+            self.folder.chmod(folder)
+            (self.folder / "agent").chmod(socket_file)
+            os.seteuid(pwd.getpwnam("nobody").pw_uid)
+            try:
+                with unittest.mock.patch.object(stubs, "load", lambda: pb):  # whose files are the test's own
+                    self.refuse(2, "permission denied", "list", "routes")
+            finally:
+                os.seteuid(0)
 
     # -- watches, pipes and terminals
 

@@ -102,7 +102,13 @@ class Agent:
     def may_not_be_opened(self) -> bool:
         """Whether the agent is a Unix socket that this user may not connect to."""
         kind, _, path = self.server.partition(":")
-        return kind == "unix" and os.path.exists(path) and not os.access(path, os.W_OK)
+        if kind != "unix":
+            return False
+        try:
+            os.stat(path)
+        except OSError as error:
+            return isinstance(error, PermissionError)  # a folder on the way may not be searched
+        return not os.access(path, os.W_OK, effective_ids=True)
 
     def out_of_reach(self, error: grpc.RpcError) -> bool:
         """Whether the call failed for want of an agent that can take it."""
