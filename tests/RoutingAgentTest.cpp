@@ -118,8 +118,10 @@ TEST(Check, NamesTheFieldThatCantBeUsed) {
 // The agent's services on a loopback address. On [::1] a peer counts as a remote one.
 struct Agent {
   explicit Agent(std::chrono::milliseconds stepTime = {}, const std::string& host = "127.0.0.1",
-                 std::size_t backlogLimit = 64 << 20)
-      : host_(host), backlog(stepTime, backlogLimit) {}
+                 std::size_t backlogLimit = 64 << 20, std::size_t tableLimit = 0)
+      : host_(host),
+        backlog(stepTime, backlogLimit),
+        workings{tables, backlog, {host_}, nullptr, tableLimit} {}
 
   template <typename Service>
   std::unique_ptr<typename Service::Stub> stub() const {
@@ -134,7 +136,7 @@ struct Agent {
   mutable Tables tables;
   SbfdMonitor monitor;
   Backlog backlog;
-  const Workings workings{tables, backlog, {host_}};
+  const Workings workings;
   test::RunningServer running{
       {std::make_shared<RoutingService>(workings, nullptr),
        std::make_shared<SbfdService>(workings, monitor), std::make_shared<StateService>(workings)},
@@ -285,6 +287,38 @@ TEST(RoutingAgent, AFullBacklogRefusesSingleChangesAndHoldsUpStreams) {
   EXPECT_EQ(reply.accepted(), 3U);
   agent.programAll();
   EXPECT_THAT(tagsOf(*stub), testing::ElementsAre(2, 3, 4));
+}
+
+// What is there may be changed and removed, and makes room.
+TEST(RoutingAgent, FullTablesTakeNothingNew) {
+  Agent agent({}, "127.0.0.1", 64 << 20, 2 * kItemBytes);
+  const auto stub = agent.stub<Routing>();
+  const auto set = [&](std::uint8_t number) {
+    const auto code = call(*stub, &Routing::Stub::SetRoute, routeOf(number));
+    agent.programAll();
+    return code;
+  };
+  const auto setPart = [&](std::uint8_t number) {
+    grpc::ClientContext context;
+    set_routes_reply_msg reply;
+    const auto writer = stub->SetRouteParts(&context, &reply);
+    routes_msg part;
+    *part.add_route() = routeOf(number);
+    writer->Write(part);
+    writer->WritesDone();
+    return writer->Finish().error_code();
+  };
+  const auto full = grpc::StatusCode::RESOURCE_EXHAUSTED;
+  EXPECT_EQ(set(1), grpc::StatusCode::OK);
+  EXPECT_EQ(set(2), grpc::StatusCode::OK);
+  EXPECT_EQ(set(3), full);
+  EXPECT_EQ(setPart(3), full);
+  EXPECT_EQ(set(2), grpc::StatusCode::OK);
+  EXPECT_EQ(setPart(1), grpc::StatusCode::OK);
+  EXPECT_EQ(call(*stub, &Routing::Stub::DeleteRoute, routeOf(1).prefix()), grpc::StatusCode::OK);
+  agent.programAll();
+  EXPECT_EQ(set(3), grpc::StatusCode::OK);
+  EXPECT_EQ(set(1), full);
 }
 
 // What is small on the wire may be large in memory.

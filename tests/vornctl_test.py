@@ -71,7 +71,9 @@ def setting(table: str, key: str) -> Callable[..., Any]:
     return answer
 
 
-class FakeAgent(pb.rpc.RoutingServicer, pb.rpc.SbfdServicer, pb.rpc.StateServicer):  # type: ignore[misc]
+class FakeAgent(
+    pb.rpc.RoutingServicer, pb.rpc.SbfdServicer, pb.rpc.StateServicer, pb.rpc.StatusServicer  # type: ignore[misc]
+):
     """Keeps what it is told in the order of telling."""
 
     def __init__(self) -> None:
@@ -85,6 +87,7 @@ class FakeAgent(pb.rpc.RoutingServicer, pb.rpc.SbfdServicer, pb.rpc.StateService
         self.waiting = 0
         self.programming: Any = None  # what becomes of everything; None: this agent does not say
         self.synced = False
+        self.looks = 0  # at the status
         self.room_in = 0  # changes that are refused before there is room
         self.answer = pb.sdk.rpc_status_msg()
         self.news: queue.Queue[Any] = queue.Queue()  # of a watch; None ends it, and so does a status
@@ -149,6 +152,28 @@ class FakeAgent(pb.rpc.RoutingServicer, pb.rpc.SbfdServicer, pb.rpc.StateService
             if request.request_rtt_updates or not news.HasField("rtt"):
                 yield news
 
+    def WatchRoutes(self, request: Any, context: Any) -> Iterator[Any]:
+        updates = self.news
+        context.add_callback(lambda: updates.put(None))
+        kind, part = pb.agent.route_change_msg, pb.agent.route_changes_msg
+        yield part(change=[kind(route=route, programming=self.programming) for route in self.routes.values()])
+        yield part(synced=True)
+        while news := updates.get():
+            yield part(change=[news])
+
+    def Get(self, request: Any, context: Any) -> Any:
+        self.looks += 1
+        return pb.agent.status_msg(
+            version="1.2",
+            started=10**18,
+            time=10**18 + self.looks * 10**9,
+            routes=len(self.routes),
+            programs_kernel=True,
+            kernel={"failed": 3},
+            backlog={"waiting": 100 * self.looks, "done": 50 * self.looks},
+            certificate_expires=2 * 10**18,
+        )
+
     def Configure(self, request: Any, context: Any) -> Any:
         self.state.update((entry.key, entry.value) for entry in request.set)
         for item in getattr(request, "delete"):
@@ -177,7 +202,7 @@ class VornctlTest(unittest.TestCase):
         """Starts an agent, of which self.agent and self.address tell from then on."""
         self.agent = FakeAgent()
         server = grpc.server(futures.ThreadPoolExecutor(8))
-        for service in ("Routing", "Sbfd", "State"):
+        for service in ("Routing", "Sbfd", "State", "Status"):
             getattr(pb.rpc, f"add_{service}Servicer_to_server")(self.agent, server)
         secure = [credentials] if credentials else []
         port = (server.add_secure_port if secure else server.add_insecure_port)(address, *secure)
@@ -597,8 +622,8 @@ class VornctlTest(unittest.TestCase):
         rtt = self.update(rtt={"last_rtt": 4, "min_rtt": 1, "avg_rtt": 2, "max_rtt": 5})
         for words, last in (((), "DOWN"), (("--rtt",), "rtt last 4 min 1 avg 2 max 5 us")):
             watch = self.start("watch", "sessions", *words)
-            self.assertEqual(watch.stdout.readline(), "TIME      SESSION         STATUS\n")
-            self.assertRegex(watch.stdout.readline(), r"^\d\d:\d\d:\d\d  eth0 192.0.2.1  UP$")
+            self.assertRegex(watch.stdout.readline(), r"^TIME +SESSION         STATUS$")
+            self.assertRegex(watch.stdout.readline(), r"^\d{4}-\d\d-\d\d [\d:.]+[+-]\d\d:\d\d  eth0 192.0.2.1  UP$")
             bulk = [self.update(status={"status": "DOWN"}), rtt][: 1 + len(words)]
             self.agent.news.put(pb.sdk.watch_sbfd_echo_session_status_msg(bulk=bulk))
             lines = [watch.stdout.readline() for _ in bulk]
@@ -621,6 +646,61 @@ class VornctlTest(unittest.TestCase):
             watch = self.start("watch", "sessions")
             self.assertIn(part, watch.communicate()[1])
             self.assertEqual(watch.returncode, 1)
+
+    def test_watch_routes(self) -> None:
+        route = pb.sdk.ip_route_msg(prefix={"addr": b"\x0a\0\0\0", "mask_length": 8}, nexthop_group="core", tag=7)
+        self.agent.routes["10"] = route
+        self.agent.programming = pb.agent.programming_msg(state="WAITING", reason="not yet")
+        stamp = r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}[+-]\d\d:\d\d"
+        done = pb.agent.route_change_msg(route=route, programming={"state": "PROGRAMMED"})
+        gone = pb.agent.route_change_msg(route={"prefix": route.prefix}, removed=True)
+        for words, lines in (
+            (
+                (),
+                [
+                    rf"^{stamp}  10\.0\.0\.0/8 +core  7  waiting: not yet$",
+                    rf"^{stamp}  -- 1 routes; changes follow --$",
+                    rf"^{stamp}  10\.0\.0\.0/8 +core  7  programmed$",
+                    rf"^{stamp}  10\.0\.0\.0/8 +removed$",
+                ],
+            ),
+            (
+                ("--json",),
+                [
+                    r'"state": "waiting", "reason": "not yet".*"removed": false',
+                    r'"synced": true, "routes": 1',
+                    r'"tag": 7, "state": "programmed"',
+                    r'"prefix": "10.0.0.0/8", "removed": true',
+                ],
+            ),
+        ):
+            self.agent.news = queue.Queue()
+            watch = self.start("watch", "routes", *words)
+            for news in (done, gone):
+                self.agent.news.put(news)
+            for line in lines:
+                self.assertRegex(watch.stdout.readline(), line)
+            watch.send_signal(signal.SIGINT)
+            self.assertEqual((watch.communicate(), watch.returncode), (("", ""), 0))
+
+    def test_status(self) -> None:
+        self.succeed("set route 10.0.0.0/8 group core")
+        told = json.loads(self.succeed("status --json"))
+        self.assertEqual(
+            (told["version"], told["uptime_seconds"], told["kernel"]["failed"], told["backlog"]["waiting"]),
+            ("1.2", 1, 3, 100),
+        )
+        self.assertEqual((told["tables"]["routes"], told["authorities_expire"]), (1, None))
+        self.assertRegex(self.succeed("status"), r"(?m)^changes waiting +200$")
+        report = self.succeed("show tech")
+        for part in ("=== status\n", "=== policy\nnot to be had: UNIMPLEMENTED", "=== routes\nPREFIX", "10.0.0.0/8"):
+            self.assertIn(part, report)
+        looks = self.agent.looks
+        live = self.start("top", "--interval", "0.01", "--count", "3", env={**os.environ, "COLUMNS": "100"})
+        out, err = live.communicate()
+        self.assertEqual((err, live.returncode, self.agent.looks - looks), ("", 0, 3))
+        self.assertRegex(out, r"done a second +50")
+        self.assertRegex(out, rf"highest: {100 * self.agent.looks}")
 
     def test_closed_pipe(self) -> None:
         watch = self.start("watch", "sessions", "--json")
@@ -683,6 +763,8 @@ class VornctlTest(unittest.TestCase):
         theirs, mine = f"--tls-ca {self.folder}/agent.pem", f"--tls-cert {self.folder}/me.pem"
         mine += f" --tls-key {self.folder}/me.key --tls-name agent"
         self.succeed(f"list routes {theirs} {mine}")
+        other = mine.replace("me.key", "agent.key")
+        self.refuse(2, f"agent.key: not the key of {self.folder}/me.pem", "list", "routes", *other.split())
         for line in (
             f"{theirs} {mine} --tls-name x",
             f"{theirs} --tls-name agent",

@@ -2,10 +2,12 @@
 load gRPC takes longer than all the rest."""
 
 import argparse
+import contextlib
 import ipaddress
 import itertools
 import os
 import signal
+import ssl
 import threading
 import time
 from collections.abc import Callable, Iterator
@@ -18,6 +20,7 @@ import stubs
 from output import complain
 from values import FAILED, OK, UNREACHABLE, USAGE, Refused, UsageError, enum_name
 
+LOOK = 0.5  # seconds between two looks at what waits
 UNARY_TIMEOUT = 10.0  # seconds, where the user says nothing; streams have no limit then
 
 
@@ -56,6 +59,7 @@ class Agent:
         self.routing = stubs.rpc.RoutingStub(self.channel)
         self.sbfd = stubs.rpc.SbfdStub(self.channel)
         self.state = stubs.rpc.StateStub(self.channel)
+        self.status = stubs.rpc.StatusStub(self.channel)
         self.policy = stubs.policy_rpc.PolicyStub(self.channel)
         metadata = [("username", args.user)] if args.user else []
         self.patience: float = args.timeout or UNARY_TIMEOUT
@@ -98,6 +102,16 @@ class Agent:
                 raise
             return
         raise Refused("the agent ended the watch")
+
+    def all_tried(self, tell: Callable[[int], None]) -> Any:
+        """Waits until every change has been tried, and answers the agent's summary. Tells how many wait meanwhile."""
+        call = self.routing.AwaitAll.future(self.messages.await_all_msg(), **self.stream)
+        while True:
+            try:
+                return call.result(timeout=LOOK)
+            except grpc.FutureTimeoutError:
+                with contextlib.suppress(grpc.RpcError):  # an older agent does not say
+                    tell(self.status.Get(self.messages.get_status_msg(), **self.unary).backlog.waiting)
 
     def may_not_be_opened(self) -> bool:
         """Whether the agent is a Unix socket that this user may not connect to."""
@@ -142,10 +156,24 @@ def _channel(args: argparse.Namespace) -> grpc.Channel:
         raise UsageError("--local and the --tls options exclude each other")
     if bool(args.tls_cert) != bool(args.tls_key):
         raise UsageError("--tls-cert and --tls-key go together")
+    if args.tls_cert:
+        _check_key(args.tls_cert, args.tls_key)
     if args.tls_name:
         options.append(("grpc.ssl_target_name_override", args.tls_name))
     credentials = grpc.ssl_channel_credentials(*(_content(path) for path in (args.tls_ca, args.tls_key, args.tls_cert)))
     return grpc.secure_channel(args.server, credentials, options)
+
+
+def _check_key(cert: str, key: str) -> None:
+    """Of a key that is another certificate's, gRPC would only say that there is nowhere to connect to."""
+    try:
+        ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT).load_cert_chain(cert, key, password=lambda: "")
+    except ssl.SSLError as error:
+        if error.reason == "KEY_VALUES_MISMATCH":
+            raise UsageError(f"{key}: not the key of {cert}") from error
+        raise UsageError(f"{cert} and {key} can't be used: {error.reason or 'no certificate and key'}") from error
+    except OSError as error:
+        raise UsageError(f"{error.filename or f'{cert} or {key}'}: {error.strerror}") from error
 
 
 def _local_credentials(server: str) -> grpc.ChannelCredentials:

@@ -10,6 +10,7 @@ from typing import Any, NoReturn
 import commands
 import documents
 import policy
+import status
 import stubs
 import values
 from output import complain, printable
@@ -202,8 +203,17 @@ def make_parser() -> Parser:
     add_set(top)
     add_delete(top)
     add_list(top)
-    watch = top.add("watch", "show changes as they come", lines("watch sessions --rtt"))
-    sessions = Level(watch, "what to watch", "what").add(
+    watch = top.add("watch", "show changes as they come", lines("watch routes", "watch sessions --rtt"))
+    what = Level(watch, "what to watch", "what")
+    what.add(
+        "routes",
+        "show the IP routes, and then every change of them, until Ctrl-C",
+        lines("watch routes", "watch routes --json | jq --unbuffered 'select(.state == \"failed\")'"),
+        commands.watch_routes,
+        more="A line for each route, a mark, and from then on a line for what changes: what is set and removed, and"
+        " what becomes of it in the kernel. A terminal that is slow is shown the latest of a route alone.",
+    )
+    sessions = what.add(
         "sessions",
         "show the sessions' status, and then every change of it, until Ctrl-C",
         lines(
@@ -217,6 +227,7 @@ def make_parser() -> Parser:
     add_state(top)
     add_policy(top)
     add_show(top)
+    add_status(top)
     add_documents(top)
     top.add(
         "end-sync",
@@ -530,8 +541,32 @@ def add_show(top: Level) -> None:
     )
     leaf.add_argument("wanted", metavar="ADDRESS|PREFIX", type=values.address_or_prefix, help="such as 10.50.3.4")
     level.add(
+        "tech",
+        "print all that the agent tells of itself, for a report",
+        lines("show tech > report.txt"),
+        status.show_tech,
+        more="What can't be had says why, and the rest follows.",
+    )
+    level.add(
         "summary", "count what the agent holds", lines("show summary", "show summary --json"), commands.show_summary
     )
+
+
+def add_status(top: Level) -> None:
+    top.add(
+        "status",
+        "show how the agent is: version, uptime, tables, kernel, backlog, what expires",
+        lines("status", "status --json | jq .backlog"),
+        status.show,
+    )
+    leaf = top.add(
+        "top",
+        "show how the agent is as a live picture, with a curve of the backlog, until Ctrl-C",
+        lines("top", "top --interval 0.5"),
+        status.top,
+    )
+    leaf.add_argument("--interval", metavar="SECONDS", type=seconds, default=1.0, help="between two looks (default: 1)")
+    leaf.add_argument("--count", metavar="N", type=values.number, default=0, help="end after N looks (default: never)")
 
 
 def add_documents(top: Level) -> None:

@@ -4,8 +4,8 @@ from __future__ import annotations
 
 import argparse
 import itertools
+import json
 import sys
-import time
 from collections.abc import Callable, Iterator
 from typing import TYPE_CHECKING, Any
 
@@ -39,7 +39,8 @@ def changed(agent: Agent, args: argparse.Namespace, method: Any, request: Any, *
 
 def all_programmed(agent: Agent) -> None:
     """Waits until every change has been tried, and fails when one was refused."""
-    summary = agent.routing.AwaitAll(agent.messages.await_all_msg(), **agent.stream)
+    with Progress(0, sys.stderr.isatty(), word="changes wait to be programmed") as progress:
+        summary = agent.all_tried(progress.draw)
     if summary.failed:
         raise Refused(f"{summary.failed} of what the agent holds could not be programmed: see list --failed")
 
@@ -56,13 +57,14 @@ def set_route(agent: Agent, args: argparse.Namespace) -> None:
 def set_routes(agent: Agent, args: argparse.Namespace) -> None:
     parts = Parts()
     encoder = Encoder()
-    for place, words in file_lines(args.file):
-        try:
-            parts.add(encoder.usual(words))
-        except (KeyError, ValueError, OSError):  # not the usual form, or a mistake
-            route = read_route(agent, place, words, with_group=True)
-            encoder.learn(words, route)
-            parts.add_message(route)
+    with Progress(0, sys.stderr.isatty(), word="routes read") as progress:
+        for place, words in progress.counted(file_lines(args.file)):
+            try:
+                parts.add(encoder.usual(words))
+            except (KeyError, ValueError, OSError):  # not the usual form, or a mistake
+                route = read_route(agent, place, words, with_group=True)
+                encoder.learn(words, route)
+                parts.add_message(route)
     send_routes(agent, parts)
     if args.wait:
         all_programmed(agent)
@@ -445,11 +447,41 @@ def watch_sessions(agent: Agent, args: argparse.Namespace) -> None:
         begun = begun or item.end_of_status_batch
 
 
+def watch_routes(agent: Agent, args: argparse.Namespace) -> None:
+    known = 0
+    begun = False
+    width = len("255.255.255.255/32")
+    for part in agent.followed(agent.routing.WatchRoutes, agent.messages.watch_routes_msg(), lambda: begun):
+        for change in part.change:
+            known += not begun
+            if args.json:
+                print_json({"time": values.now_text(), **change_json(change)})
+            else:
+                width = max(width, len(values.prefix_text(change.route.prefix)))
+                print(f"{values.now_text()}  {values.prefix_text(change.route.prefix):{width}}  {change_text(change)}")
+        if part.synced:
+            begun = True
+            mark = {"time": values.now_text(), "synced": True, "routes": known}
+            print(json.dumps(mark) if args.json else f"{values.now_text()}  -- {known} routes; changes follow --")
+        sys.stdout.flush()
+
+
+def change_json(change: Any) -> dict[str, Any]:
+    if change.removed:
+        return {"prefix": values.prefix_text(change.route.prefix), "removed": True}
+    return {**values.route_json(change.route), **values.programming_json(change.programming), "removed": False}
+
+
+def change_text(change: Any) -> str:
+    if change.removed:
+        return "removed"
+    group = values.name_text(change.route.nexthop_group) if change.route.nexthop_group else "-"
+    return printable(f"{group}  {change.route.tag}  {values.programming_text(change.programming)}")
+
+
 def show_json(item: Any) -> None:
-    now = time.time()
-    stamp = time.strftime("%Y-%m-%dT%H:%M:%S", time.gmtime(now)) + f".{int(now % 1 * 1000):03}Z"
     news = {"end_of_batch": True} if item.end_of_status_batch else update_json(item)
-    print_json({"time": stamp, **news})
+    print_json({"time": values.now_text(), **news})
 
 
 class WatchTable:
@@ -468,7 +500,7 @@ class WatchTable:
         else:
             batch, self._batch = self._batch, None
             self._widen(*batch)
-            print(f"{'TIME':8}  {'SESSION':{self._width}}  STATUS", flush=True)
+            print(f"{'TIME':{len(values.now_text())}}  {'SESSION':{self._width}}  STATUS", flush=True)
             for held in batch:
                 self._line(held)
 
@@ -481,8 +513,7 @@ class WatchTable:
             return
         self._widen(item)
         session = printable(values.session_key_text(item.session_key))
-        clock = time.strftime("%H:%M:%S")
-        print(f"{clock}  {session:{self._width}}  {update_text(item)}", flush=True)
+        print(f"{values.now_text()}  {session:{self._width}}  {update_text(item)}", flush=True)
 
 
 # ----------------------------------------------------------------------------------------------------------

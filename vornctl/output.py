@@ -49,10 +49,12 @@ def print_table(header: Sequence[str], rows: Iterable[Sequence[Any]]) -> None:
 
 
 class Progress:
-    """A bar on standard error that counts items as they are taken, when it is shown at all."""
+    """A bar on standard error that counts items as they are taken, when it is shown at all. Where the total is not
+    known (0), it is the count and `word` alone."""
 
-    def __init__(self, total: int, shown: bool, each: int = 1) -> None:
+    def __init__(self, total: int, shown: bool, each: int = 1, word: str = "") -> None:
         self._total = total
+        self._word = word
         self._each = each  # how many of the total an item is, but the last
         self._shown = shown
         self._begun = time.monotonic()
@@ -72,15 +74,19 @@ class Progress:
     def counted(self, items: Iterable[Item]) -> Iterator[Item]:
         for count, item in enumerate(items):
             if self._shown and time.monotonic() - self._drawn > 0.1:
-                self._draw(count * self._each)
+                self.draw(count * self._each)
             yield item
-        self._draw(self._total)
+        if self._total:
+            self.draw(self._total)
 
-    def _draw(self, count: int) -> None:
+    def draw(self, count: int) -> None:
         with self._lock:
             if not self._shown:
                 return
             self._drawn = time.monotonic()
+            if not self._total:
+                print(f"\r{count} {self._word}\x1b[K", end="", file=sys.stderr, flush=True)
+                return
             rate = count / max(self._drawn - self._begun, 0.001)
             columns = os.get_terminal_size(sys.stderr.fileno()).columns or 80
             text = f" {100 * count // self._total:3}%  {count}/{self._total}  {rate:.0f}/s"

@@ -325,6 +325,11 @@ def time_text(nanoseconds: int) -> str:
     return datetime.datetime.fromtimestamp(nanoseconds // 10**9).astimezone().isoformat(sep=" ")
 
 
+def now_text() -> str:
+    """The time by this host's clock and zone, to the millisecond."""
+    return datetime.datetime.now().astimezone().isoformat(sep=" ", timespec="milliseconds")
+
+
 def rtt_json(rtt: Any) -> dict[str, int]:
     """Microseconds."""
     return {field.name.replace("_rtt", ""): getattr(rtt, field.name) for field in rtt.DESCRIPTOR.fields}

@@ -49,6 +49,11 @@ inline grpc::Status tooMuchWaits() {
   return {grpc::StatusCode::RESOURCE_EXHAUSTED, "too many changes wait to be programmed"};
 }
 
+inline grpc::Status tablesFull() {
+  return {grpc::StatusCode::RESOURCE_EXHAUSTED,
+          "the agent's tables are full: delete something, or give it a larger --table-mib"};
+}
+
 // Records of the state file, by their messages.
 inline StateFile::Kind kindOf(const ip_route_msg&) { return StateFile::kRoute; }
 inline StateFile::Kind kindOf(const ip_prefix_msg&) { return StateFile::kRouteRemoved; }
@@ -66,6 +71,7 @@ struct Workings {
   Backlog& backlog;
   const std::vector<std::string> listen;  // the addresses that the agent listens on
   StateFile* file = nullptr;              // keeps what clients have set; null: nothing does
+  std::size_t tableLimit = 0;             // bytes that the tables may take, about; 0: any number
 };
 
 // What the agent's services have in common.
@@ -77,7 +83,11 @@ class AgentService : public rpc::Service<Generated> {
         tables_(workings.tables),
         backlog_(workings.backlog),
         listen_(workings.listen),
-        file_(workings.file) {}
+        file_(workings.file),
+        tableLimit_(workings.tableLimit) {}
+
+  // Whether the tables take nothing new.
+  bool full() const { return tableLimit_ != 0 && tables_.bytes() >= tableLimit_; }
 
   // One line for each message that arrives, at level 8.
   template <typename Message>
@@ -96,6 +106,7 @@ class AgentService : public rpc::Service<Generated> {
     if (!mayChange(context, listen_)) return mayNot();
     check(message);
     if (deletes && !wanted.contains(key)) return notFound(what);
+    if (!deletes && full() && !wanted.contains(key)) return tablesFull();
     const bool isNew = !deletes && wanted.insert(key).second;
     const auto status = keepAndProgram(message, std::move(program), kind);
     if (status.ok() ? deletes : isNew) wanted.erase(key);
@@ -161,6 +172,7 @@ class AgentService : public rpc::Service<Generated> {
   }
 
   StateFile* const file_;
+  const std::size_t tableLimit_;
 };
 
 }  // namespace routing_agent

@@ -445,6 +445,15 @@ void KernelSync::tellOf(NamedGroup& entry) {
   group.since = now();
   group.told = trouble;
   if (trouble) warn("next-hop group " + entry.first, trouble);
+  tellWatchers(entry);
+}
+
+// That its routes have another state now.
+void KernelSync::tellWatchers(const NamedGroup& group) {
+  if (!watch_ || !watch_->watched()) return;
+  for (const auto& [prefix, route] : routes_) {
+    if (route.group == &group) watch_->changed(prefix);
+  }
 }
 
 // ------------------------------------------------------------------------------------------------

@@ -61,6 +61,7 @@ std::vector<KernelSync::Write> KernelSync::takeWrites() {
       routes_.erase(found);
     } else {
       route.since = now();
+      if (watch_) watch_->changed(prefix);
     }
   }
   return writes;
@@ -87,6 +88,7 @@ void KernelSync::written(const Write& write, const KernelAnswer& answer) {
   Route& route = found->second;
   route.pending.flying = false;
   route.since = now();
+  if (watch_) watch_->changed(write.prefix);
   const bool removed = write.object == 0 && (answer.error == 0 || answer.error == ESRCH);
   if (removed || (write.object != 0 && answer.error == 0)) {
     route.object = write.object;

@@ -82,8 +82,10 @@ void KernelSync::checkPermission() {
     fail(EOPNOTSUPP, "this kernel has no next-hop objects, which came with Linux 5.3");
 }
 
-std::vector<PrefixKey> KernelSync::start(std::function<void(const PrefixKey&)> swept) {
+std::vector<PrefixKey> KernelSync::start(std::function<void(const PrefixKey&)> swept,
+                                         RouteWatch* watch) {
   swept_ = std::move(swept);
+  watch_ = watch;
   readLinks();
   readNexthops();
   auto adopted = adoptRoutes();

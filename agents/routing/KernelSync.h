@@ -22,6 +22,7 @@
 #include "agents/routing/Descriptor.h"
 #include "agents/routing/KernelMessages.h"
 #include "agents/routing/Netlink.h"
+#include "agents/routing/RouteWatch.h"
 #include "agents/routing/RoutingAgent.pb.h"
 #include "agents/routing/Tables.h"
 
@@ -72,8 +73,9 @@ class KernelSync {
 
   // Reads the kernel, adopts what is ours in it, and begins to program. Answers the prefixes that
   // were adopted. `swept` is told, on the kernel's thread, each that is removed for want of
-  // somebody who has set it.
-  std::vector<PrefixKey> start(std::function<void(const PrefixKey&)> swept);
+  // somebody who has set it, and `watch` each route whose state changes; null: nobody.
+  std::vector<PrefixKey> start(std::function<void(const PrefixKey&)> swept,
+                               RouteWatch* watch = nullptr);
 
   // Ends the programming after the operation in progress, and removes what is ours from the kernel
   // unless it is to be kept.
@@ -249,6 +251,7 @@ class KernelSync {
   std::set<Question> openQuestions() VORN_REQUIRES(mutex_);
   std::set<Question> questions(const Hops& hops) const;
   void tellOf(NamedGroup& group) VORN_REQUIRES(mutex_);
+  void tellWatchers(const NamedGroup& group) VORN_REQUIRES(mutex_);
   Answers ask(const std::set<Question>& questions);
   std::optional<Question> question(const nexthop_msg& hop, int& interface, Trouble& trouble) const;
   bool answered(WantedHop& hop, const Answers& answers) const;
@@ -311,6 +314,7 @@ class KernelSync {
   Netlink netlink_;
   VornSdkRpc::rpc::Events tried_;
   std::function<void(const PrefixKey&)> swept_;
+  RouteWatch* watch_ = nullptr;
   std::chrono::steady_clock::time_point graceEnd_;
 
   mutable vorn::mutex mutex_;  // guards what follows; not held while the kernel works

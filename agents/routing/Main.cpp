@@ -33,6 +33,7 @@
 #include "agents/routing/Sockets.h"
 #include "agents/routing/StateFile.h"
 #include "agents/routing/StateService.h"
+#include "agents/routing/StatusService.h"
 #include "agents/routing/Supervision.h"
 #include "agents/routing/Tables.h"
 
@@ -246,11 +247,13 @@ void serve(const Options& options, const std::function<Options()>& readAgain) {
       kernel ? SbfdMonitor::kPackets : SbfdMonitor::kSimulated);
   Backlog backlog(options.stepTime, options.backlogMib << 20);
   const auto announcement = std::make_shared<Announcement>(addresses, ports, options.grace);
-  const Workings workings{tables, backlog, addresses, file.get()};
+  const Workings workings{tables, backlog, addresses, file.get(), options.tableMib << 20};
   std::vector<std::shared_ptr<VornSdkRpc::GrpcService>> services{
       std::make_shared<RoutingService>(workings, kernel.get()),
       std::make_shared<SbfdService>(workings, monitor), std::make_shared<StateService>(workings),
-      std::make_shared<PolicyService>(access.policy(), access.certificates())};
+      std::make_shared<PolicyService>(access.policy(), access.certificates()),
+      std::make_shared<StatusService>(
+          StatusSources{tables, backlog, kernel.get(), access, accounting.get()})};
   if (calls && !options.accounting.to.empty()) services.push_back(watchService(*calls, addresses));
   if (options.figures.any()) services.push_back(metrics.servingThread());
   services.push_back(announcement);

@@ -103,6 +103,13 @@ const Option kOptions[] = {
      [](Options& options, const Values& values) {
        options.backlogMib = static_cast<std::size_t>(number(values[0], 1, 1 << 20));
      }},
+    {"--table-mib", "NUMBER",
+     "mebibytes that routes and all else that is set may take, about;\n"
+     "what would be added beyond that is refused; 0 is any number\n"
+     "(default: 0)",
+     [](Options& options, const Values& values) {
+       options.tableMib = static_cast<std::size_t>(number(values[0], 0, 1 << 20));
+     }},
     {"--tls-cert", "FILE", "the agent's certificate, its private key, and the authorities",
      [](Options& options, const Values& values) { options.identity.tlsCert = values[0]; }},
     {"--tls-key", "FILE", "whose client certificates are accepted, all PEM: TCP callers",

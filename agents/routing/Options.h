@@ -40,6 +40,7 @@ struct Options {
   std::string stateFile;                  // keeps what clients have set; empty: nothing does
   std::chrono::milliseconds stepTime{0};  // what programming a step takes
   std::size_t backlogMib = 64;            // mebibytes of changes that may wait to be programmed
+  std::size_t tableMib = 0;               // mebibytes that the tables may take; 0: any number
   // Silence after which a peer is asked whether it lives.
   std::size_t peerConnections = 256;  // of one address or local user; 0: any number
   std::chrono::milliseconds keepalive{10000};

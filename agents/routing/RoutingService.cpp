@@ -2,6 +2,7 @@
 
 #include <Kiv/Log.h>
 
+#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <new>
@@ -38,6 +39,9 @@ constexpr const char* kUnsupported = "not supported by this kernel";
 
 // Each holds a call while it waits.
 constexpr std::size_t kMaxAwaits = 1024;
+
+// Each holds the prefixes that have changed, until its client takes them.
+constexpr std::size_t kMaxWatches = 64;
 
 // The end of a call that has waited in vain: it is over, or the server is about to stop.
 grpc::Status untold() {
@@ -235,6 +239,11 @@ RoutingService::RoutingService(const Workings& workings, KernelSync* kernel)
                [](redirects_msg& part) { return part.add_redirect(); },
                [this](const std::string&) { return stateOfRedirect(); });
          });
+  method(&Async::RequestWatchRoutes,
+         [this](rpc::Writer<route_changes_msg>& changes, const watch_routes_msg&) {
+           return watchRoutes(changes);
+         },
+         {.limit = kMaxWatches});
   method(&Async::RequestAwait,
          [this](rpc::Call& call, const await_msg& what, programming_msg& reply) {
            return await(call, what, reply);
@@ -252,10 +261,12 @@ RoutingService::RoutingService(const Workings& workings, KernelSync* kernel)
 // The server has its addresses: from here on the kernel is this agent's.
 void RoutingService::opened() {
   if (!kernel_) return;
-  const auto adopted = kernel_->start([this](const PrefixKey& prefix) {
+  const auto swept = [this](const PrefixKey& prefix) {
     tables_.routes.removeIf(
         prefix, [](const ip_route_msg& route) { return route.nexthop_group().empty(); });
-  });
+    watch_.changed(prefix);
+  };
+  const auto adopted = kernel_->start(swept, &watch_);
   tables_.groups.forEach(
       [this](const std::string&, const nexthop_group_msg& group) { kernel_->groupChanged(group); });
   tables_.routes.forEach(
@@ -343,6 +354,10 @@ rpc::Task<> RoutingService::removeParts(rpc::Reader<routes_msg>& parts,
 
 // Takes the routes of a part up to the first that can't be used.
 grpc::Status RoutingService::setPart(routes_msg& part, set_routes_reply_msg& reply) {
+  const auto isNew = [this](const ip_route_msg& route) {
+    return !routes_.contains(PrefixKey(route.prefix()));
+  };
+  if (full() && std::ranges::any_of(part.route(), isNew)) return tablesFull();
   const auto [good, wrong] = firstWrong(part, reply.accepted(), [this](const ip_route_msg& route) {
     traceArrival(route);
     check(route);
@@ -497,6 +512,48 @@ std::optional<programming_msg> RoutingService::stateOf(const await_msg& what) co
   throw vorn::invalid_argument_error("what is not set", "what");
 }
 
+rpc::Task<> RoutingService::watchRoutes(rpc::Writer<route_changes_msg>& changes) {
+  VornSdkRpc::noteOperation(changes.context(), "watch", "routes");
+  rpc::Event news;
+  RouteWatch::Watcher watcher(watch_, news);
+  std::optional<PrefixKey> last;
+  for (bool more = true; more;) {
+    auto items = tables_.routes.part(last);
+    more = !items.empty();
+    route_changes_msg part;
+    for (auto& [prefix, route] : items) {
+      auto& change = *part.add_change();
+      *change.mutable_route() = std::move(route);
+      *change.mutable_programming() = stateOf(prefix);
+    }
+    part.set_synced(!more);
+    if (!co_await changes.write(part)) co_return grpc::Status::CANCELLED;
+    if (more) last = std::move(items.back().first);
+  }
+  do {
+    for (auto prefixes = watcher.take(kItemsPerPart); !prefixes.empty();
+         prefixes = watcher.take(kItemsPerPart)) {
+      route_changes_msg part;
+      for (const auto& prefix : prefixes)
+        *part.add_change() = changeOf(prefix);
+      if (!co_await changes.write(part)) co_return grpc::Status::CANCELLED;
+    }
+  } while (co_await changes.wait(news));
+  co_return changes.endStatus();
+}
+
+route_change_msg RoutingService::changeOf(const PrefixKey& prefix) const {
+  route_change_msg change;
+  if (auto route = tables_.routes.find(prefix)) {
+    *change.mutable_route() = std::move(*route);
+    *change.mutable_programming() = stateOf(prefix);
+  } else {
+    *change.mutable_route()->mutable_prefix() = prefix.message();
+    change.set_removed(true);
+  }
+  return change;
+}
+
 rpc::Task<> RoutingService::await(rpc::Call& call, const await_msg& what, programming_msg& reply) {
   VornSdkRpc::noteOperation(call.context(), "await", objectOf(what));
   rpc::Event event;
@@ -556,11 +613,13 @@ void RoutingService::program(const ip_route_msg& route) {
   if (usesUnknown(groupOf(before), groupOf(route)))
     Kiv::log(unknownHandle, groupOf(route), "route " + toString(route.prefix()));
   if (kernel_) kernel_->routeSet(route);
+  watch_.changed(PrefixKey(route.prefix()));
 }
 
 void RoutingService::unprogram(const ip_prefix_msg& prefix) {
   usesUnknown(groupOf(tables_.routes.remove(PrefixKey(prefix))), {});
   if (kernel_) kernel_->routeRemoved(PrefixKey(prefix));
+  watch_.changed(PrefixKey(prefix));
 }
 
 void RoutingService::program(const nexthop_group_msg& group) {

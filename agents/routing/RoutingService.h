@@ -9,6 +9,7 @@
 
 #include "agents/routing/AgentService.h"
 #include "agents/routing/KernelSync.h"
+#include "agents/routing/RouteWatch.h"
 
 namespace routing_agent {
 
@@ -44,6 +45,8 @@ class RoutingService : public AgentService<Routing> {
 
   // What became of something that is in its table.
   programming_msg stateOf(const PrefixKey& prefix) const;
+  route_change_msg changeOf(const PrefixKey& prefix) const;
+  rpc::Task<> watchRoutes(rpc::Writer<route_changes_msg>& changes);
   programming_msg stateOfGroup(const std::string& name) const;
   programming_msg stateOfMplsRoute(std::uint32_t label) const;
   programming_msg stateOfRedirect() const;  // which a kernel never takes
@@ -76,6 +79,7 @@ class RoutingService : public AgentService<Routing> {
   std::set<std::string> groups_;
   std::set<std::uint32_t> mplsRoutes_;
   std::set<std::string> redirects_;
+  RouteWatch watch_;                          // of any thread
   std::unordered_map<std::string, Use> use_;  // by name; of the backlog's thread
 };
 

@@ -45,6 +45,7 @@ grpc::Status StateService::configure(grpc::ServerContext& context,
   note(context, config);
   if (!mayChange(context, listen_)) return mayNot();
   check(config);
+  if (config.set_size() != 0 && full()) return tablesFull();
   // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): std::function frees it
   return keepAndProgram(config, [this, config] { tables_.configureState(config); });
 }

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <compare>
 #include <cstddef>
 #include <cstdint>
@@ -50,6 +51,9 @@ inline std::size_t sizeOf(const google::protobuf::MessageLite& value) {
 }
 inline std::size_t sizeOf(const std::string& value) { return value.size(); }
 
+// About what an item takes beside its bytes on the wire, here and in the services' books.
+constexpr std::size_t kItemBytes = 320;
+
 // One table of what is programmed. Any thread may call any operation.
 template <typename Key, typename Value>
 class Table {
@@ -59,16 +63,21 @@ class Table {
   // Returns what was there before.
   std::optional<Value> set(const Key& key, Value value) {
     const vorn::lock_guard lock(mutex_);
+    bytes_ += kItemBytes + sizeOf(value);
     const auto [item, added] = items_.try_emplace(key);
     std::swap(item->second, value);
-    return added ? std::nullopt : std::optional(std::move(value));
+    if (added) return std::nullopt;
+    bytes_ -= kItemBytes + sizeOf(value);
+    return value;
   }
 
   // The same.
   std::optional<Value> remove(const Key& key) {
     const vorn::lock_guard lock(mutex_);
-    const auto item = items_.extract(key);
-    return item ? std::optional(std::move(item.mapped())) : std::nullopt;
+    auto item = items_.extract(key);
+    if (!item) return std::nullopt;
+    bytes_ -= kItemBytes + sizeOf(item.mapped());
+    return std::move(item.mapped());
   }
 
   // Removes an item that `unwanted` says so of.
@@ -76,8 +85,13 @@ class Table {
   void removeIf(const Key& key, Predicate unwanted) {
     const vorn::lock_guard lock(mutex_);
     const auto item = items_.find(key);
-    if (item != items_.end() && unwanted(item->second)) items_.erase(item);
+    if (item == items_.end() || !unwanted(item->second)) return;
+    bytes_ -= kItemBytes + sizeOf(item->second);
+    items_.erase(item);
   }
+
+  // About how much memory it takes. Waits for nobody.
+  std::size_t bytes() const { return bytes_; }
 
   std::optional<Value> find(const Key& key) const {
     const vorn::lock_guard lock(mutex_);
@@ -119,6 +133,7 @@ class Table {
  private:
   mutable vorn::mutex mutex_;
   std::map<Key, Value> items_ VORN_GUARDED_BY(mutex_);
+  std::atomic<std::size_t> bytes_ = 0;
 };
 
 // What the agent has taken, and programmed where there is no kernel to be programmed.
@@ -129,6 +144,11 @@ struct Tables {
   Table<std::string, cbf_nexthop_group_redirect_msg> redirects;
   Table<std::string, sbfd_echo_session_msg> sessions;  // by their serialized keys
   Table<std::string, std::string> state;
+
+  std::size_t bytes() const {
+    return routes.bytes() + groups.bytes() + mplsRoutes.bytes() + redirects.bytes() +
+           sessions.bytes() + state.bytes();
+  }
 
   void configureState(const rpc_server_state_config_msg& config) {
     for (const auto& entry : config.set())
