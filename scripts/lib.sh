@@ -24,7 +24,7 @@ need_build() {
 }
 
 need_run() {
-  need iproute2 iputils-ping openssl python3 python3-grpcio python3-protobuf python3-rich nghttp2-client
+  need iproute2 iputils-ping openssl python3 python3-grpcio python3-protobuf python3-rich nghttp2-client bird2
 }
 
 # build PRESET [TARGET...]: configures and builds a preset of CMakePresets.json.
