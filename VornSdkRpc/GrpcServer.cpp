@@ -6,6 +6,7 @@
 #include <VornSdkRpc/Later.h>
 #include <VornSdkRpc/ProtobufLog.h>
 #include <VornSdkRpc/ScopedNamespace.h>
+#include <VornSdkRpc/Turns.h>
 #include <grpc/grpc.h>
 #include <grpcpp/health_check_service_interface.h>
 #include <grpcpp/impl/server_builder_option.h>
@@ -264,6 +265,10 @@ bool GrpcServer::dequeue() {
     return false;
   }
   const bool lastPoll = !stopRequested_ && emptied_ && emptied_->come;
+  if (clientTurns_ && clientTurns_->waiting() && !stopRequested_) {
+    takeTurn();
+    return true;
+  }
   // A point in time: gRPC starts a span anew after each completion that is not the agent's, and a
   // client that makes such calls would keep the poll from ending. On the clock that nobody sets.
   constexpr Clock::duration kPoll = std::chrono::milliseconds(200);
@@ -280,6 +285,69 @@ bool GrpcServer::dequeue() {
   }
   if (lastPoll) stop();
   return false;
+}
+
+void GrpcServer::clientsTakeTurnsIs(bool takeTurns) {
+  clientTurns_ = takeTurns ? std::make_unique<Turns>() : nullptr;
+}
+
+// A call has arrived. Returns whether it waits for its turn.
+bool GrpcServer::putOff(OpaqueId tag, const RequestHandler& handler) {
+  client_.clear();
+  const auto* const context = clientTurns_ ? handler.callContext() : nullptr;
+  if (!context || !completionOk_) return false;
+  client_ = Turns::clientOf(*context);
+  begunAt_ = Clock::now();
+  if (clientTurns_->admits(client_, begunAt_)) return false;
+  clientTurns_->add({tag, std::move(client_)});
+  return true;
+}
+
+void GrpcServer::begin(OpaqueId tag, RequestHandler& handler) {
+  handler.proceed(tag);
+  charge();
+}
+
+// The call that begins has done its own work; what follows is gRPC's, and may be for anybody.
+void GrpcServer::charge() {
+  if (client_.empty()) return;
+  clientTurns_->used(client_, begunAt_, Clock::now());
+  client_.clear();
+}
+
+// While calls wait, what has completed and what the sockets bring come first.
+void GrpcServer::takeTurn() {
+  constexpr int kPolls = 4;              // each looks at one socket, the first one at none
+  constexpr unsigned kMostBefore = 256;  // completions, lest they keep those that wait from a turn
+  OpaqueId tag = nullptr;
+  bool ok = false;
+  const gpr_timespec atOnce = gpr_inf_past(GPR_CLOCK_MONOTONIC);
+  for (int poll = 0; poll < kPolls && sinceServed_ < kMostBefore; ++poll) {
+    if (completion::next(*cq_, &tag, &ok, atOnce, stopRequested_) == NextStatus::GOT_EVENT) {
+      ++sinceServed_;
+      return handleTag(tag, ok);
+    }
+  }
+  serveWaiting();
+}
+
+// Serves calls whose turn has come, for a short while.
+void GrpcServer::serveWaiting() {
+  constexpr std::chrono::microseconds kAtOnce{250};
+  struct Serving {
+    explicit Serving(bool& flag) : serving(flag) { serving = true; }
+    ~Serving() { serving = false; }
+    bool& serving;
+  } const serving(servesWaiting_);
+  sinceServed_ = 0;
+  const auto end = Clock::now() + kAtOnce;
+  while (clientTurns_->waiting() && !stopRequested_) {
+    begunAt_ = Clock::now();
+    if (begunAt_ >= end) break;
+    auto [tag, client] = clientTurns_->take();
+    client_ = std::move(client);
+    handleTag(tag, true);
+  }
 }
 
 void GrpcServer::handleTag(OpaqueId tag, bool ok) try {

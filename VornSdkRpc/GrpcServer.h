@@ -16,10 +16,17 @@
 #include <cstddef>
 #include <exception>
 #include <memory>
+#include <string>
 #include <utility>
 #include <vector>
 
 namespace VornSdkRpc {
+
+class Turns;
+
+namespace rpc {
+class ServiceBase;
+}  // namespace rpc
 
 class Later;
 
@@ -101,6 +108,12 @@ class VORN_EXPORT GrpcServer {
   // run().
   void listenerIs(std::shared_ptr<Listener> listener) { listener_ = std::move(listener); }
 
+  // Whether clients take turns: a call of one that has more than its share is put off until those
+  // of others, and everything else that can be done, have been served. A client is an IP address
+  // or, on a Unix socket, a proven user (Listener::addLocal()). For services of the kit, and for
+  // handlers that have a callContext(); not unless it is set. To be set before run().
+  void clientsTakeTurnsIs(bool takeTurns);
+
   // The steps of run(), public so that an agent with an event loop of its own can drive them, on
   // one thread.
 
@@ -141,7 +154,14 @@ class VORN_EXPORT GrpcServer {
  private:
   using Clock = std::chrono::steady_clock;
   class VORN_NO_EXPORT Emptied;
+  friend class GrpcService;
+  friend class rpc::ServiceBase;
 
+  VORN_NO_EXPORT bool putOff(OpaqueId tag, const RequestHandler& handler);
+  VORN_NO_EXPORT void begin(OpaqueId tag, RequestHandler& handler);
+  VORN_NO_EXPORT void charge();
+  VORN_NO_EXPORT void takeTurn();
+  VORN_NO_EXPORT void serveWaiting();
   VORN_NO_EXPORT void claim(std::size_t serviceId);
 
   VORN_NO_EXPORT void beginDrain();
@@ -162,6 +182,11 @@ class VORN_EXPORT GrpcServer {
   ServerProperties* properties_;
   bool accountingEnabled_;
   bool completionOk_ = true;
+  std::unique_ptr<Turns> clientTurns_;  // null: calls are served as they arrive
+  std::string client_;                  // of the call that begins; empty: nobody counts it
+  Clock::time_point begunAt_;
+  bool servesWaiting_ = false;
+  unsigned sinceServed_ = 0;  // completions, while calls wait
   std::chrono::milliseconds stopTimeout_ = std::chrono::seconds(30);
   bool queueShut_ = false;  // nothing new may go through the queue
   bool drained_ = false;    // and it has nothing left

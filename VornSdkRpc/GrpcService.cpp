@@ -101,12 +101,15 @@ void GrpcService::process(OpaqueId tag, RequestHandler* handler) {
         removeHandler(tag);
         break;
       }
-      // The successor comes first, so that the method's next call can arrive while this one is
-      // served.
-      makeTag(server_->tagManager(), serviceId_,
-              [&](OpaqueId next) { registerHandler(handler->spawn(next)); });
+      if (!server_->servesWaiting_) {
+        // The successor comes first, so that the method's next call can arrive while this one is
+        // served, or waits.
+        makeTag(server_->tagManager(), serviceId_,
+                [&](OpaqueId next) { registerHandler(handler->spawn(next)); });
+        if (server_->putOff(tag, *handler)) break;
+      }
       tracer_.trace8("process handler %p", tag);
-      handler->proceed(tag);
+      server_->begin(tag, *handler);
       if (handler->state_ == RequestHandler::AWAITING_CALL)
         handler->state_ = RequestHandler::FINISHED;
       break;

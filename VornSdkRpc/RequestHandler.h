@@ -8,6 +8,10 @@
 // One call in flight, as the server sees it. An agent derives a class per RPC method; one object
 // serves one call, and the server advances it by one step whenever an operation of it completes on
 // the completion queue.
+namespace grpc {
+class ServerContext;
+}  // namespace grpc
+
 namespace VornSdkRpc {
 
 // A completion-queue tag: the address of the tag registry's own record of it. Made by
@@ -49,6 +53,12 @@ class VORN_EXPORT RequestHandler {
   // drained and gRPC has given back the request for one: no call will come. The registry forgets
   // `tag` afterwards, and no successor is spawned. For what the handler has to give up besides.
   virtual void withdrawn(OpaqueId /*tag*/) {}
+
+  // The context of the call, for a server whose clients take turns: the call may then wait after it
+  // has arrived, and its first proceed() comes later. Meanwhile it can end: a handler that has
+  // asked for AsyncNotifyWhenDone() finds that completion gone, and its context IsCancelled().
+  // Null, as here: the call never waits.
+  virtual const grpc::ServerContext* callContext() const { return nullptr; }
 
   State state_ = AWAITING_CALL;
 

@@ -31,8 +31,9 @@ void finishWith(UnaryStream& answer, const MessageLite& reply, const grpc::Statu
 }
 
 grpc::Status overLimit(const grpc::ServerContext& context, const char* text) {
+  constexpr std::chrono::milliseconds kAfter{1000};
   noteLimit(context);
-  return {grpc::StatusCode::RESOURCE_EXHAUSTED, text};
+  return StatusError(grpc::StatusCode::RESOURCE_EXHAUSTED, text).retryAfter(kAfter).status();
 }
 
 // One call of a method that nothing serves.
@@ -100,6 +101,7 @@ void FunctionCall::proceed(OpaqueId tag) {
   if (!service.completionOk()) return service.removeHandler(tag);  // no call came
   Wakeups::Turn turn(*service.wakeups_);
   const grpc::Status status = outcome();
+  service.chargeClient();
   if (!status.ok()) service.traceFailure(context_, method_, status);
   finishWith(answer_, reply(), status, tag);
   turn.finish();
@@ -136,8 +138,9 @@ void Exchange::withdrawn(OpaqueId) { service().removeHandler(endTag_); }
 
 void Exchange::proceed(OpaqueId tag) {
   const bool ok = service().completionOk();
-  if (state_ == AWAITING_CALL && !ok) {
-    // The server takes no more calls, and the notice of this one's end will not come.
+  if (state_ == AWAITING_CALL && (!ok || context_.IsCancelled())) {
+    // The server takes no more calls, or this one's client has gone while it waited for its turn:
+    // the notice of its end will not come, or has.
     service().removeHandler(endTag_);
     service().removeHandler(tag);
     return;
@@ -167,6 +170,7 @@ void Exchange::arrived() {
   } catch (...) {
     return conclude(service().thrown(context_, method_));
   }
+  service().chargeClient();
   if (task_.done()) conclude(outcome());
 }
 

@@ -121,6 +121,7 @@ class VORN_EXPORT Exchange : public RequestHandler, public std::enable_shared_fr
   void proceed(OpaqueId tag) final;
   RequestHandlerPtr spawn(OpaqueId tag) final;
   void withdrawn(OpaqueId tag) final;
+  const grpc::ServerContext* callContext() const final { return &context_; }
 
   // For Call and Wait. begin() answers whether the wait has ended already.
   grpc::ServerContext& context() { return context_; }
@@ -245,6 +246,7 @@ class VORN_EXPORT FunctionCall : public RequestHandler {
 
   void proceed(OpaqueId tag) final;
   RequestHandlerPtr spawn(OpaqueId tag) final;
+  const grpc::ServerContext* callContext() const final { return &context_; }
 
  protected:
   FunctionCall(Method& method, OpaqueId tag);

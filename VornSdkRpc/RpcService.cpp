@@ -1,6 +1,7 @@
 #include <VornSdkRpc/RpcService.h>
 
 #include <VornSdkRpc/CallNote.h>
+#include <VornSdkRpc/GrpcServer.h>
 #include <google/protobuf/descriptor.h>
 
 #include <algorithm>
@@ -150,6 +151,8 @@ void ServiceBase::ask(const detail::Method& method, grpc::ServerContext& context
 
 // ------------------------------------------------------------------------------------------------
 // The end of a call that has no other
+
+void ServiceBase::chargeClient() const { server_->charge(); }
 
 std::optional<grpc::Status> ServiceBase::refusal(grpc::ServerContext& context,
                                                  const detail::Method& method,

@@ -102,6 +102,8 @@ class VORN_EXPORT ServiceBase : public GrpcService {
   VORN_NO_EXPORT void ask(const detail::Method& method, grpc::ServerContext& context,
                           detail::Arriving* request, detail::AnyStream& stream, OpaqueId tag) const;
 
+  // A call that begins has done what is its own.
+  VORN_NO_EXPORT void chargeClient() const;
   VORN_NO_EXPORT std::optional<grpc::Status> refusal(grpc::ServerContext& context,
                                                      const detail::Method& method,
                                                      const detail::Mark& mark);

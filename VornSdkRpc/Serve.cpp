@@ -16,6 +16,7 @@ void serve(grpc::ServerBuilder& builder, std::vector<std::shared_ptr<GrpcService
   if (options.accounting) installAccounting(builder);
   GrpcServer server(builder, std::move(services), properties, options.accounting);
   server.listenerIs(options.listener);
+  server.clientsTakeTurnsIs(options.clientsTakeTurns);
   const StopOnSignal stopOnSignal(server, options.grace);
   server.run();
 }

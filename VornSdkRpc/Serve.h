@@ -15,6 +15,7 @@ struct ServeOptions {
   ServerProperties properties = {};      // the network namespace to listen in
   ServerArguments arguments = {};        // what gRPC is told
   bool accounting = false;               // see InstallAccounting.h
+  bool clientsTakeTurns = true;          // see GrpcServer::clientsTakeTurnsIs()
   std::chrono::milliseconds grace = {};  // of a drain, see StopOnSignal.h; none: a stop at once
   std::shared_ptr<Listener> listener =
       {};  // who accepts, beside gRPC's own listeners; none: nobody

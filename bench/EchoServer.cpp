@@ -1,12 +1,15 @@
 // One of the servers that scripts/bench measures, in a process of its own:
 //
 //   EchoServer MODE [--ahead N] [--accounting FILE | --records KIND:FILE [--metrics] |
-//   --spdlog FILE] [--count-allocations] [--keepalive] [--listener]
+//   --spdlog FILE] [--count-allocations] [--keepalive [--streams N]] [--listener] [--work US]
+//   [--turns]
 //
-// MODE is handwritten, frame, kit, coroutine, callback or synchronous; KIND is line or json. Tells
-// the port of the loopback address that it listens on, then answers every line of its standard
-// input with one line of JSON: "report" with what the process has used so far, "stop" (or the end
-// of the input) with how long stopping took, after which it ends.
+// MODE is handwritten, frame, kit, coroutine, callback or synchronous; KIND is line or json.
+// --keepalive has installArguments() called, with N streams a connection (any number), --work has
+// Say of the kit take so long, and --turns has clients take turns on the frame. Tells the port that
+// it listens on, then answers every line of its standard input with one line of JSON: "report" with
+// what the process has used so far, "stop" (or the end of the input) with how long stopping took,
+// after which it ends.
 #include <VornSdkRpc/ServerArguments.h>
 #include <fmt/core.h>
 #include <malloc.h>
@@ -40,6 +43,9 @@ struct Options {
   bool countAllocations = false;
   bool keepalive = false;
   bool listener = false;
+  int streams = 0;
+  std::chrono::microseconds work{0};
+  bool turns = false;
 };
 
 Options parse(int argc, char** argv) {
@@ -67,6 +73,12 @@ Options parse(int argc, char** argv) {
       options.keepalive = true;
     } else if (option == "--listener") {
       options.listener = true;
+    } else if (option == "--streams") {
+      options.streams = std::stoi(value());
+    } else if (option == "--work") {
+      options.work = std::chrono::microseconds(std::stol(value()));
+    } else if (option == "--turns") {
+      options.turns = true;
     } else {
       throw std::invalid_argument(fmt::format("unknown option {}", option));
     }
@@ -77,8 +89,8 @@ Options parse(int argc, char** argv) {
 std::unique_ptr<bench::Server> make(const Options& options, bench::Counts& counts) {
   if (options.mode == "handwritten") return bench::makeHandWritten(counts, options.ahead);
   if (options.mode == "frame") return bench::makeFrame(counts, options.ahead);
-  if (options.mode == "kit") return bench::makeKit(counts, options.ahead, false);
-  if (options.mode == "coroutine") return bench::makeKit(counts, options.ahead, true);
+  if (options.mode == "kit") return bench::makeKit(counts, options.ahead, false, options.work);
+  if (options.mode == "coroutine") return bench::makeKit(counts, options.ahead, true, options.work);
   if (options.mode == "callback") return bench::makeCallback(counts);
   if (options.mode == "synchronous") return bench::makeSynchronous(counts);
   throw std::invalid_argument(fmt::format("unknown server {}", options.mode));
@@ -116,7 +128,7 @@ void answerReports(const bench::Counts& counts) {
 void serve(const Options& options) {
   int port = 0;
   grpc::ServerBuilder builder;
-  const std::string address = "127.0.0.1:0";
+  const std::string address = "0.0.0.0:0";
   const auto credentials = grpc::InsecureServerCredentials();
   const auto listener =
       std::make_shared<VornSdkRpc::Listener>(builder, VornSdkRpc::ServerProperties());
@@ -131,12 +143,13 @@ void serve(const Options& options) {
   if (!options.records.empty()) recording.emplace(builder, options.records, options.metrics);
   if (!options.spdlogFile.empty()) bench::accountThroughSpdlog(builder, options.spdlogFile);
   if (options.keepalive) {
-    VornSdkRpc::installArguments(builder, {.maxConcurrentStreams = 0});
+    VornSdkRpc::installArguments(builder, {.maxConcurrentStreams = options.streams});
   }
 
   bench::Counts counts;
   const auto server = make(options, counts);
   if (options.listener) server->listenerIs(listener);
+  if (options.turns) server->clientsTakeTurns();
   Clock::time_point stopped;
   std::thread control;
   server->run(builder, [&] {

@@ -6,6 +6,7 @@
 #include <grpcpp/grpcpp.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -39,6 +40,11 @@ class Server {
     throw std::invalid_argument("this server has no listener");
   }
 
+  // Where the frame can see to it; before run().
+  virtual void clientsTakeTurns() {
+    throw std::invalid_argument("this server has no turns for its clients");
+  }
+
   // Ends run(), with whatever is open. From another thread.
   virtual void stop() = 0;
 
@@ -53,8 +59,9 @@ std::unique_ptr<Server> makeHandWritten(Counts& counts, std::size_t ahead);
 // Handlers written by hand on VornSdkRpc::GrpcServer, as many ahead.
 std::unique_ptr<Server> makeFrame(Counts& counts, std::size_t ahead);
 
-// The same with the authoring kit, Say as a function or as a coroutine.
-std::unique_ptr<Server> makeKit(Counts& counts, std::size_t ahead, bool coroutine);
+// The same with the authoring kit, Say as a function or as a coroutine that works for so long.
+std::unique_ptr<Server> makeKit(Counts& counts, std::size_t ahead, bool coroutine,
+                                std::chrono::microseconds work);
 
 // gRPC's callback and synchronous API. They offer Say alone.
 std::unique_ptr<Server> makeCallback(Counts& counts);

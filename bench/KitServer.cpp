@@ -1,5 +1,6 @@
 #include <VornSdkRpc/Rpc.h>
 
+#include <chrono>
 #include <unordered_set>
 
 #include "bench/Bench.grpc.pb.h"
@@ -11,15 +12,24 @@ namespace {
 
 namespace rpc = VornSdkRpc::rpc;
 
+// Uses the processor for so long.
+void toil(std::chrono::microseconds time) {
+  if (time == time.zero()) return;
+  const auto end = std::chrono::steady_clock::now() + time;
+  while (std::chrono::steady_clock::now() < end) {
+  }
+}
+
 class KitService : public rpc::Service<Bench> {
  public:
-  KitService(Counts& counts, std::size_t ahead, bool coroutine)
+  KitService(Counts& counts, std::size_t ahead, bool coroutine, std::chrono::microseconds work)
       : Service("Bench"), counts_(counts) {
     const rpc::MethodOptions options{.ahead = ahead};
     if (coroutine) {
       method(
           &Async::RequestSay,
-          [](rpc::Call&, const Item& request, Item& reply) -> rpc::Task<> {
+          [work](rpc::Call&, const Item& request, Item& reply) -> rpc::Task<> {
+            toil(work);
             reply = request;
             co_return grpc::Status::OK;
           },
@@ -27,7 +37,8 @@ class KitService : public rpc::Service<Bench> {
     } else {
       method(
           &Async::RequestSay,
-          [](const Item& request, Item& reply) {
+          [work](const Item& request, Item& reply) {
+            toil(work);
             reply = request;
             return grpc::Status::OK;
           },
@@ -96,8 +107,10 @@ class KitService : public rpc::Service<Bench> {
 
 }  // namespace
 
-std::unique_ptr<Server> makeKit(Counts& counts, std::size_t ahead, bool coroutine) {
-  return std::make_unique<OnFrame>(counts, std::make_shared<KitService>(counts, ahead, coroutine));
+std::unique_ptr<Server> makeKit(Counts& counts, std::size_t ahead, bool coroutine,
+                                std::chrono::microseconds work) {
+  return std::make_unique<OnFrame>(counts,
+                                   std::make_shared<KitService>(counts, ahead, coroutine, work));
 }
 
 }  // namespace bench

@@ -26,6 +26,7 @@ class OnFrame : public Server {
                                                               std::make_shared<Last>(listening)},
         properties_);
     server_->listenerIs(listener_);
+    server_->clientsTakeTurnsIs(turns_);
     server_->setup();
     while (!server_->stopRequested())
       poll();
@@ -35,6 +36,8 @@ class OnFrame : public Server {
   void listenerIs(std::shared_ptr<VornSdkRpc::Listener> listener) override {
     listener_ = std::move(listener);
   }
+
+  void clientsTakeTurns() override { turns_ = true; }
 
   void stop() override { server_->stop(); }
 
@@ -62,6 +65,7 @@ class OnFrame : public Server {
 
   std::shared_ptr<VornSdkRpc::GrpcService> service_;
   std::shared_ptr<VornSdkRpc::Listener> listener_;
+  bool turns_ = false;
   VornSdkRpc::ServerProperties properties_;
   std::unique_ptr<VornSdkRpc::GrpcServer> server_;
 };

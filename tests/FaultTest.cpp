@@ -13,6 +13,7 @@
 #include "tests/Capture.h"
 #include "tests/ProbeService.h"
 #include "tests/RawClient.h"
+#include "tests/RawFrames.h"
 #include "tests/WaitUntil.h"
 
 namespace test {
@@ -57,38 +58,6 @@ TEST(FullDisk, IsToldOnceAndCostsNoCallAndNoOtherSinkARecord) {
 // ------------------------------------------------------------------------------------------------
 // Clients that misbehave
 
-// The frames of HTTP/2, as far as it takes to misuse them.
-constexpr char DATA = 0, HEADERS = 1, RST_STREAM = 3, SETTINGS = 4, PING = 6;
-
-std::string number(std::size_t value, int bytes) {
-  std::string text;
-  for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8)
-    text += static_cast<char>(value >> shift);
-  return text;
-}
-
-std::string frame(char type, std::uint32_t stream, const std::string& payload = "",
-                  char flags = 0) {
-  return number(payload.size(), 3) + type + flags + number(stream, 4) + payload;
-}
-
-std::string call(std::uint32_t stream, const std::string& method) {
-  std::string block;
-  for (const auto& [name, value] : {std::pair<std::string, std::string>{":method", "POST"},
-                                    {":scheme", "http"},
-                                    {":path", "/test.Probe/" + method},
-                                    {":authority", "probe"},
-                                    {"te", "trailers"},
-                                    {"content-type", "application/grpc"}}) {
-    block += number(0, 1) + number(name.size(), 1) + name + number(value.size(), 1) + value;
-  }
-  return frame(HEADERS, stream, block, 4);
-}
-
-std::string message(const std::string& serialized) {
-  return number(0, 1) + number(serialized.size(), 4) + serialized;
-}
-
 std::string forEachStream(const std::function<std::string(std::uint32_t)>& frames) {
   std::string all;
   for (std::uint32_t stream = 1; stream < 100; stream += 2)
@@ -96,7 +65,6 @@ std::string forEachStream(const std::function<std::string(std::uint32_t)>& frame
   return all;
 }
 
-const std::string kHello = "PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n"s + frame(SETTINGS, 0);
 const std::string kPing = frame(PING, 0, "are you?");
 const std::string kNothing;
 const std::string kEnd = "the server never sends this";

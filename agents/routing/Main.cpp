@@ -269,6 +269,7 @@ void serve(const Options& options, const std::function<Options()>& readAgain) {
   announcement->metricsPortIs(figures.port());
   announcement->supervisionIs(supervision);
   server.listenerIs(listener);
+  server.clientsTakeTurnsIs(true);
   server.stopTimeoutIs(kStopTimeout);
   const StopBacklog stopBacklog(backlog);  // before the services go that its changes refer to
   const VornSdkRpc::StopOnSignal stopOnSignal(server, options.grace);
