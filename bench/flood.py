@@ -18,37 +18,13 @@ from typing import Any
 from collections.abc import Callable, Iterator
 
 from driver import Server
+from h2frames import END_HEADERS, END_STREAM, GREETING, HEADERS, PING, RST_STREAM, SETTINGS, frame, headers
 
 Batch = Callable[["Connection", int], bytes]
 
-HEADERS, RST_STREAM, SETTINGS, PING = 1, 3, 4, 6
 BATCHES = 100  # a second
-
-
-def frame(kind: int, flags: int, stream: int, payload: bytes = b"") -> bytes:
-    return len(payload).to_bytes(3, "big") + bytes([kind, flags]) + stream.to_bytes(4, "big") + payload
-
-
-def headers(method: str) -> bytes:
-    """A header block without compression, and so the same for every call."""
-    fields = {
-        ":method": "POST",
-        ":scheme": "http",
-        ":path": method,
-        ":authority": "bench",
-        "te": "trailers",
-        "content-type": "application/grpc",
-    }
-    block = b""
-    for name, value in fields.items():
-        block += b"\0" + bytes([len(name)]) + name.encode() + bytes([len(value)]) + value.encode()
-    return block
-
-
-GREETING = b"PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n" + frame(SETTINGS, 0, 0)
 UNKNOWN, SAY, HOLD = headers("/no.such/Method"), headers("/bench.Bench/Say"), headers("/bench.Bench/Hold")
 CANCEL = (8).to_bytes(4, "big")
-END_HEADERS, END_STREAM, ACK = 4, 1, 1
 
 
 class Connection:
