@@ -8,6 +8,7 @@
 // One call in flight, as the server sees it. An agent derives a class per RPC method; one object
 // serves one call, and the server advances it by one step whenever an operation of it completes on
 // the completion queue.
+
 namespace grpc {
 class ServerContext;
 }  // namespace grpc

@@ -48,7 +48,6 @@ class UnservedCall final : public RequestHandler {
 
   // Left at AWAITING_CALL: this is the call's last operation.
   void proceed(OpaqueId tag) override {
-    if (!method_.service().completionOk()) return method_.service().removeHandler(tag);
     stream_.Finish({grpc::StatusCode::UNIMPLEMENTED, ""}, tag);
   }
 
@@ -98,7 +97,7 @@ RequestHandlerPtr FunctionCall::spawn(OpaqueId tag) { return method_.make(tag); 
 // Answers at once; the state that is left at AWAITING_CALL says so.
 void FunctionCall::proceed(OpaqueId tag) {
   auto& service = method_.service();
-  if (!service.completionOk()) return service.removeHandler(tag);  // no call came
+  assert(service.completionOk() && "what the server gives back, it does not hand to a handler");
   Wakeups::Turn turn(*service.wakeups_);
   const grpc::Status status = outcome();
   service.chargeClient();
@@ -138,9 +137,8 @@ void Exchange::withdrawn(OpaqueId) { service().removeHandler(endTag_); }
 
 void Exchange::proceed(OpaqueId tag) {
   const bool ok = service().completionOk();
-  if (state_ == AWAITING_CALL && (!ok || context_.IsCancelled())) {
-    // The server takes no more calls, or this one's client has gone while it waited for its turn:
-    // the notice of its end will not come, or has.
+  if (state_ == AWAITING_CALL && context_.IsCancelled()) {
+    // The client has gone while the call waited for its turn, and the notice of its end has come.
     service().removeHandler(endTag_);
     service().removeHandler(tag);
     return;
