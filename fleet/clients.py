@@ -33,6 +33,7 @@ class Client:
         self.address = address
         self.end = end
         self.answered: list[str] = []
+        self.late: list[str] = []  # whether they came to the agent, the next call tells
         self.unknown: list[str] = []
         self.thread = threading.Thread(target=self.run)
 
@@ -45,6 +46,7 @@ class Client:
                 method = WATCH if count % 50 == 0 else random.choice(CALLS)
                 self.call(channel, method, name, 1 if method == WATCH else 60)
                 time.sleep(0.01)
+        self.answered += self.late
 
     def call(self, channel: grpc.Channel, method: str, name: str, timeout: float) -> None:
         try:
@@ -52,9 +54,14 @@ class Client:
                 pass
         except grpc.RpcError as error:
             if error.code() is grpc.StatusCode.UNAVAILABLE:
-                self.unknown.append(name)
+                self.unknown += [*self.late, name]
+                self.late = []
                 return
-        self.answered.append(name)
+            if error.code() is grpc.StatusCode.DEADLINE_EXCEEDED:
+                self.late.append(name)
+                return
+        self.answered += [*self.late, name]
+        self.late = []
 
 
 def main() -> None:

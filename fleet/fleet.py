@@ -4,7 +4,7 @@ another one, which writes one file; and a collector that watches them, is killed
 killed and one is drained. Ends with a table of calls and of what each has of them, by the calls' names, and fails when
 they differ by more than what the killed agent has taken with it.
 
-usage: fleet.py SCRATCH AGENT N SECONDS NAMESPACE
+usage: fleet.py SCRATCH AGENT N SECONDS NAMESPACE [PICTURE]
 
 Runs in the namespace NAMESPACE-hub, where 10.77.0.254 is; agent i is to run in NAMESPACE-i, at 10.77.0.i.
 """
@@ -170,8 +170,18 @@ def main() -> None:
         fleet = Fleet(agent, count, namespace, processes)
         eventually("Prometheus reads every agent", lambda: up() == count)
         told = fleet.load(seconds)
-        if table(fleet, told):
+        failed = table(fleet, told)
+        for file in sys.argv[6:]:
+            take_picture(file, count)
+        if failed:
             sys.exit(1)
+
+
+def take_picture(file: str, count: int) -> None:
+    """Of the console. (Root's browser has no sandbox, and this page is ours.)"""
+    command = ["chromium", "--headless", "--no-sandbox", "--hide-scrollbars", f"--user-data-dir={SCRATCH}/browser"]
+    command += [f"--window-size=1320,{320 + 30 * count}", f"--screenshot={file}"]
+    subprocess.run([*command, f"{PROMETHEUS}/consoles/routing_agent.html"], check=True, capture_output=True, timeout=60)
 
 
 def up() -> float:
