@@ -45,6 +45,11 @@ void addTables(Metrics& metrics, const FiguresSources& from) {
                                sample("state", "failed", asDouble(counts.failed())),
                                sample("state", "adopted", asDouble(counts.adopted()))};
               });
+  metrics.add("routing_agent_kernel_refusals_total", "What the kernel has refused to take.",
+              Metrics::counter, [kernel = from.kernel] { return asDouble(kernel->refusals()); });
+  metrics.add("routing_agent_kernel_resyncs_total",
+              "How often the kernel's tables were read anew, as something was lost or has failed.",
+              Metrics::counter, [kernel = from.kernel] { return asDouble(kernel->resyncs()); });
 }
 
 void addBacklog(Metrics& metrics, const Backlog& backlog) {
@@ -63,6 +68,10 @@ void addBacklog(Metrics& metrics, const Backlog& backlog) {
       [](const All& all) { return all.done; });
   add("routing_agent_backlog_failed_total", "Changes that could not be.", Metrics::counter,
       [](const All& all) { return all.failed; });
+  add("routing_agent_backlog_steps_total", "Steps in which they were programmed.", Metrics::counter,
+      [](const All& all) { return all.runs; });
+  add("routing_agent_backlog_step_items", "Changes that the next step programs at most.",
+      Metrics::gauge, [](const All& all) { return all.step; });
   add("routing_agent_backlog_refused_total", "Changes that there was no room for.",
       Metrics::counter, [](const All& all) { return all.refused; });
 }

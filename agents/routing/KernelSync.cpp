@@ -156,6 +156,7 @@ void KernelSync::recover() {
 bool KernelSync::step() {
   readNotifications();
   if (std::exchange(readAll_, false)) {
+    ++resyncs_;
     readLinks();
     readNexthops();
     readRoutes();
@@ -175,6 +176,7 @@ bool KernelSync::step() {
     dropUnused();
     more = sweepWhenDue();
   }
+  ++changes_;
   tried_.set();
   return more;
 }
@@ -214,6 +216,7 @@ bool KernelSync::inGrace() const {
 }
 
 void KernelSync::wake() const {
+  ++changes_;
   const std::uint64_t one = 1;
   [[maybe_unused]] const auto size = ::write(wake_, &one, sizeof one);
 }
@@ -354,24 +357,29 @@ KernelSync::Programming KernelSync::mplsRouteState(std::uint32_t label) const {
 
 std::size_t KernelSync::waiting() const {
   const vorn::lock_guard lock(mutex_);
+  return underWay();
+}
+
+std::size_t KernelSync::underWay() const {
   return dirtyRoutes_.size() + dirtyGroups_.size() + dirtyMplsRoutes_.size() + newObjects_.size() +
          flying_;
 }
 
 void KernelSync::count(summary_msg& summary) const {
   const vorn::lock_guard lock(mutex_);
-  const auto add = [&](const Programming& programming) {
-    switch (programming.state()) {
-      case Programming::PROGRAMMED:
-        return summary.set_programmed(summary.programmed() + 1);
-      case Programming::FAILED:
-        return summary.set_failed(summary.failed() + 1);
-      case Programming::ADOPTED:
-        return summary.set_adopted(summary.adopted() + 1);
-      default:
-        return summary.set_waiting(summary.waiting() + 1);
-    }
-  };
+  const auto changes = changes_.load();
+  if (countedAt_ != changes) countStates();
+  // While something is under way, what is counted now is not what it will be.
+  countedAt_ = underWay() == 0 ? std::optional(changes) : std::nullopt;
+  summary.set_programmed(summary.programmed() + counted_[Programming::PROGRAMMED]);
+  summary.set_failed(summary.failed() + counted_[Programming::FAILED]);
+  summary.set_adopted(summary.adopted() + counted_[Programming::ADOPTED]);
+  summary.set_waiting(summary.waiting() + counted_[Programming::WAITING]);
+}
+
+void KernelSync::countStates() const {
+  counted_ = {};
+  const auto add = [&](const Programming& programming) { ++counted_.at(programming.state()); };
   for (const auto& [prefix, route] : routes_)
     add(stateOf(prefix, route));
   for (const auto& group : groups_) {
@@ -457,6 +465,7 @@ KernelSync::Trouble KernelSync::troubleOf(const KernelAnswer& answer) {
 }
 
 void KernelSync::warn(const std::string& what, const Trouble& trouble) const {
+  if (trouble.state == Programming::FAILED) ++refusals_;
   tracer_.trace0("%s: %s", what.c_str(), trouble.reason.c_str());
   Kiv::log(trouble.state == Programming::FAILED ? refusedHandle : waitsHandle, trouble.reason,
            what);

@@ -99,6 +99,10 @@ class KernelSync {
   std::size_t waiting() const;
   // Adds the routes, groups and MPLS routes to the counts.
   void count(summary_msg& summary) const;
+  // How often the kernel has refused something, and how often its tables were read anew, as
+  // notifications were lost or something has failed. Any thread.
+  std::uint64_t refusals() const { return refusals_; }
+  std::uint64_t resyncs() const { return resyncs_; }
 
   // Set whenever something has been tried.
   VornSdkRpc::rpc::Events& tried() { return tried_; }
@@ -225,6 +229,8 @@ class KernelSync {
   void pause(bool more) const;
   bool inGrace() const;
   void wake() const;
+  std::size_t underWay() const VORN_REQUIRES(mutex_);
+  void countStates() const VORN_REQUIRES(mutex_);
   Programming stateOf(const PrefixKey& prefix, const Route& route) const VORN_REQUIRES(mutex_);
   Programming stateOf(const NamedGroup& group) const VORN_REQUIRES(mutex_);
   static std::uint64_t now();  // nanoseconds since 1970
@@ -313,6 +319,9 @@ class KernelSync {
   Descriptor wake_;
   Netlink netlink_;
   VornSdkRpc::rpc::Events tried_;
+  mutable std::atomic<std::uint64_t> changes_ = 0;  // of what is wanted or known; some are none
+  mutable std::atomic<std::uint64_t> refusals_ = 0;
+  std::atomic<std::uint64_t> resyncs_ = 0;
   std::function<void(const PrefixKey&)> swept_;
   RouteWatch* watch_ = nullptr;
   std::chrono::steady_clock::time_point graceEnd_;
@@ -331,6 +340,9 @@ class KernelSync {
   std::deque<PrefixKey> dirtyRoutes_ VORN_GUARDED_BY(mutex_);
   std::deque<NamedGroup*> dirtyGroups_ VORN_GUARDED_BY(mutex_);
   std::deque<std::uint32_t> dirtyMplsRoutes_ VORN_GUARDED_BY(mutex_);
+  mutable std::optional<std::uint64_t> countedAt_ VORN_GUARDED_BY(mutex_);  // as changes_ stood
+  mutable std::array<std::uint64_t, Programming::state_enum_ARRAYSIZE> counted_
+      VORN_GUARDED_BY(mutex_){};                    // by state
   std::size_t flying_ VORN_GUARDED_BY(mutex_) = 0;  // routes and groups that the kernel works on
   std::set<std::uint32_t> newObjects_ VORN_GUARDED_BY(mutex_);  // whose routes are to be written
   std::uint32_t epochs_ VORN_GUARDED_BY(mutex_) = 0;
