@@ -291,7 +291,7 @@ TEST(RoutingAgent, AFullBacklogRefusesSingleChangesAndHoldsUpStreams) {
 
 // What is there may be changed and removed, and makes room.
 TEST(RoutingAgent, FullTablesTakeNothingNew) {
-  Agent agent({}, "127.0.0.1", 64 << 20, 2 * kItemBytes);
+  Agent agent({}, "127.0.0.1", 64 << 20, 2 * KeptRoutes::bytes({}));
   const auto stub = agent.stub<Routing>();
   const auto set = [&](std::uint8_t number) {
     const auto code = call(*stub, &Routing::Stub::SetRoute, routeOf(number));

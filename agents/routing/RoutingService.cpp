@@ -93,10 +93,11 @@ std::string objectOf(const await_msg& what) {
 // Sends a table in parts, each taken when the one before is out: a client that reads slowly costs
 // one part of memory, whatever the table's size. `add` answers the place of a further item in a
 // part, `stateOf` what became of it.
-template <typename Part, typename Key, typename Value, typename Add, typename StateOf,
-          typename Waiting>
+template <typename Part, typename Key, typename Value, typename Form, typename Add,
+          typename StateOf, typename Waiting>
 rpc::Task<> sendTable(rpc::Writer<Part>& writer, const get_msg& request, std::string_view name,
-                      const Table<Key, Value>& table, Waiting waiting, Add add, StateOf stateOf) {
+                      const Table<Key, Value, Form>& table, Waiting waiting, Add add,
+                      StateOf stateOf) {
   std::optional<Key> last;
   for (std::size_t sent = 0;;) {
     auto items = table.part(last);

@@ -54,8 +54,49 @@ inline std::size_t sizeOf(const std::string& value) { return value.size(); }
 // About what an item takes beside its bytes on the wire, here and in the services' books.
 constexpr std::size_t kItemBytes = 320;
 
-// One table of what is programmed. Any thread may call any operation.
+// How a table keeps its values: as they are.
 template <typename Key, typename Value>
+struct AsItIs {
+  using Kept = Value;
+
+  static Kept keep(Value value) { return value; }
+  static Value value(const Key&, Kept kept) { return kept; }
+  static void drop(const Kept&) {}
+  static std::size_t bytes(const Kept& kept) { return kItemBytes + sizeOf(kept); }
+};
+
+// How the table of routes keeps them, in less than half of the memory that the messages take:
+// without the prefix, which is the key, and with the name of a group once.
+class KeptRoutes {
+ public:
+  struct Kept {
+    std::map<std::string, std::size_t>::value_type* group = nullptr;
+    std::uint32_t tag = 0;
+  };
+
+  Kept keep(const ip_route_msg& route) {
+    auto& group = *groups_.try_emplace(route.nexthop_group()).first;
+    ++group.second;
+    return {&group, route.tag()};
+  }
+  static ip_route_msg value(const PrefixKey& key, const Kept& kept) {
+    ip_route_msg route;
+    *route.mutable_prefix() = key.message();
+    if (!kept.group->first.empty()) route.set_nexthop_group(kept.group->first);
+    route.set_tag(kept.tag);
+    return route;
+  }
+  void drop(const Kept& kept) {
+    if (--kept.group->second == 0) groups_.erase(kept.group->first);
+  }
+  static std::size_t bytes(const Kept&) { return kItemBytes / 2; }
+
+ private:
+  std::map<std::string, std::size_t> groups_;  // with how many routes have each
+};
+
+// One table of what is programmed. Any thread may call any operation.
+template <typename Key, typename Value, typename Form = AsItIs<Key, Value>>
 class Table {
  public:
   using Item = std::pair<Key, Value>;
@@ -63,21 +104,18 @@ class Table {
   // Returns what was there before.
   std::optional<Value> set(const Key& key, Value value) {
     const vorn::lock_guard lock(mutex_);
-    bytes_ += kItemBytes + sizeOf(value);
+    auto kept = form_.keep(std::move(value));
+    bytes_ += form_.bytes(kept);
     const auto [item, added] = items_.try_emplace(key);
-    std::swap(item->second, value);
-    if (added) return std::nullopt;
-    bytes_ -= kItemBytes + sizeOf(value);
-    return value;
+    std::swap(item->second, kept);
+    return added ? std::nullopt : std::optional(taken(key, std::move(kept)));
   }
 
   // The same.
   std::optional<Value> remove(const Key& key) {
     const vorn::lock_guard lock(mutex_);
     auto item = items_.extract(key);
-    if (!item) return std::nullopt;
-    bytes_ -= kItemBytes + sizeOf(item.mapped());
-    return std::move(item.mapped());
+    return item ? std::optional(taken(key, std::move(item.mapped()))) : std::nullopt;
   }
 
   // Removes an item that `unwanted` says so of.
@@ -85,8 +123,8 @@ class Table {
   void removeIf(const Key& key, Predicate unwanted) {
     const vorn::lock_guard lock(mutex_);
     const auto item = items_.find(key);
-    if (item == items_.end() || !unwanted(item->second)) return;
-    bytes_ -= kItemBytes + sizeOf(item->second);
+    if (item == items_.end() || !unwanted(form_.value(key, item->second))) return;
+    taken(key, std::move(item->second));
     items_.erase(item);
   }
 
@@ -96,7 +134,7 @@ class Table {
   std::optional<Value> find(const Key& key) const {
     const vorn::lock_guard lock(mutex_);
     const auto item = items_.find(key);
-    return item == items_.end() ? std::nullopt : std::optional(item->second);
+    return item == items_.end() ? std::nullopt : std::optional(form_.value(key, item->second));
   }
 
   std::size_t size() const {
@@ -124,21 +162,29 @@ class Table {
     auto next = after ? items_.upper_bound(*after) : items_.begin();
     for (std::size_t bytes = 0;
          next != items_.end() && items.size() < kItemsPerPart && bytes < kBytesPerPart; ++next) {
-      bytes += sizeOf(next->second);
-      items.emplace_back(*next);
+      items.emplace_back(next->first, form_.value(next->first, next->second));
+      bytes += sizeOf(items.back().second);
     }
     return items;
   }
 
  private:
+  Value taken(const Key& key, typename Form::Kept kept) VORN_REQUIRES(mutex_) {
+    bytes_ -= form_.bytes(kept);
+    Value value = form_.value(key, kept);
+    form_.drop(kept);
+    return value;
+  }
+
   mutable vorn::mutex mutex_;
-  std::map<Key, Value> items_ VORN_GUARDED_BY(mutex_);
+  Form form_ VORN_GUARDED_BY(mutex_);
+  std::map<Key, typename Form::Kept> items_ VORN_GUARDED_BY(mutex_);
   std::atomic<std::size_t> bytes_ = 0;
 };
 
 // What the agent has taken, and programmed where there is no kernel to be programmed.
 struct Tables {
-  Table<PrefixKey, ip_route_msg> routes;
+  Table<PrefixKey, ip_route_msg, KeptRoutes> routes;
   Table<std::string, nexthop_group_msg> groups;
   Table<std::uint32_t, mpls_route_msg> mplsRoutes;
   Table<std::string, cbf_nexthop_group_redirect_msg> redirects;
