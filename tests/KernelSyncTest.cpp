@@ -185,6 +185,7 @@ class KernelSyncTest : public testing::Test {
   std::unique_ptr<KernelSync> agent(std::chrono::seconds grace = 0s, bool keep = false) {
     auto kernel =
         std::make_unique<KernelSync>(KernelSync::Settings{namespace_.name(), grace, keep});
+    kernel->adopt();
     kernel->start([this](const PrefixKey& prefix) {
       const std::lock_guard lock(sweptMutex_);
       swept_.push_back(prefixText(prefix));
@@ -571,6 +572,11 @@ TEST_F(KernelSyncTest, AdoptsWhatAKilledRunHasLeft) {
     const auto kernel = agent(1h);
     kernel->groupChanged(group("edge", "10.0.0.3 fd00::2"));
     kernel->routeSet(route("fd09::/32", "edge"));
+    EXPECT_EQ(ip("route delete 10.9.5.0/24"), "");
+    EXPECT_TRUE(eventually([&] {
+      const std::lock_guard lock(sweptMutex_);
+      return swept_ == std::vector<std::string>{"10.9.5.0/24"};
+    })) << "nobody puts it back";
     kernel->sweep();
     EXPECT_TRUE(eventually(
         [&] { return shown("10.9.0.0/24").empty() && ip("route show proto 201").empty(); }));

@@ -58,6 +58,7 @@ std::vector<KernelSync::Write> KernelSync::takeWrites() {
       route.pending.flying = true;
       writes.push_back(*write);
     } else if (!route.group) {
+      swept_(prefix);  // adopted, and gone before somebody has set it
       routes_.erase(found);
     } else {
       route.since = now();

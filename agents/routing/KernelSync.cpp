@@ -82,18 +82,20 @@ void KernelSync::checkPermission() {
     fail(EOPNOTSUPP, "this kernel has no next-hop objects, which came with Linux 5.3");
 }
 
-std::vector<PrefixKey> KernelSync::start(std::function<void(const PrefixKey&)> swept,
-                                         RouteWatch* watch) {
-  swept_ = std::move(swept);
-  watch_ = watch;
+std::vector<PrefixKey> KernelSync::adopt() {
   readLinks();
   readNexthops();
   auto adopted = adoptRoutes();
   adoptMplsRoutes();
-  graceEnd_ = std::chrono::steady_clock::now() + settings_.grace;
   if (!adopted.empty()) tracer_.trace0("%zu routes of an earlier run adopted", adopted.size());
-  thread_ = std::thread([this] { run(); });
   return adopted;
+}
+
+void KernelSync::start(std::function<void(const PrefixKey&)> swept, RouteWatch* watch) {
+  swept_ = std::move(swept);
+  watch_ = watch;
+  graceEnd_ = std::chrono::steady_clock::now() + settings_.grace;
+  thread_ = std::thread([this] { run(); });
 }
 
 void KernelSync::stop() {
@@ -194,7 +196,7 @@ bool KernelSync::sweepWhenDue() {
 }
 
 // Until there is something to do.
-void KernelSync::pause(bool more) const {
+void KernelSync::pause(bool more) {
   int timeout = -1;
   if (more) {
     timeout = 0;
@@ -208,6 +210,7 @@ void KernelSync::pause(bool more) const {
   poll(fds.data(), fds.size(), timeout);
   std::uint64_t count = 0;
   [[maybe_unused]] const auto size = read(wake_, &count, sizeof count);
+  woken_ = false;
 }
 
 bool KernelSync::inGrace() const {
@@ -215,8 +218,10 @@ bool KernelSync::inGrace() const {
   return grace_;
 }
 
-void KernelSync::wake() const {
+// One system call for all that comes until the thread looks.
+void KernelSync::wake() {
   ++changes_;
+  if (woken_.exchange(true)) return;
   const std::uint64_t one = 1;
   [[maybe_unused]] const auto size = ::write(wake_, &one, sizeof one);
 }

@@ -71,11 +71,14 @@ class KernelSync {
   KernelSync(const KernelSync&) = delete;
   KernelSync& operator=(const KernelSync&) = delete;
 
-  // Reads the kernel, adopts what is ours in it, and begins to program. Answers the prefixes that
-  // were adopted. `swept` is told, on the kernel's thread, each that is removed for want of
-  // somebody who has set it, and `watch` each route whose state changes; null: nobody.
-  std::vector<PrefixKey> start(std::function<void(const PrefixKey&)> swept,
-                               RouteWatch* watch = nullptr);
+  // Reads the kernel and adopts what is ours in it. Answers the prefixes that were adopted. Once,
+  // before start().
+  std::vector<PrefixKey> adopt();
+
+  // Begins to program. `swept` is told, on the kernel's thread, each adopted prefix that is gone
+  // without somebody who has set it, and must not call back; `watch` each route whose state
+  // changes; null: nobody.
+  void start(std::function<void(const PrefixKey&)> swept, RouteWatch* watch = nullptr);
 
   // Ends the programming after the operation in progress, and removes what is ours from the kernel
   // unless it is to be kept.
@@ -226,9 +229,9 @@ class KernelSync {
   void recover();
   bool step();
   bool sweepWhenDue();
-  void pause(bool more) const;
+  void pause(bool more);
   bool inGrace() const;
-  void wake() const;
+  void wake();
   std::size_t underWay() const VORN_REQUIRES(mutex_);
   void countStates() const VORN_REQUIRES(mutex_);
   Programming stateOf(const PrefixKey& prefix, const Route& route) const VORN_REQUIRES(mutex_);
@@ -317,9 +320,10 @@ class KernelSync {
   const Settings settings_;
   Descriptor lock_;
   Descriptor wake_;
+  std::atomic<bool> woken_ = false;  // since the thread has looked last
   Netlink netlink_;
   VornSdkRpc::rpc::Events tried_;
-  mutable std::atomic<std::uint64_t> changes_ = 0;  // of what is wanted or known; some are none
+  std::atomic<std::uint64_t> changes_ = 0;  // of what is wanted or known; some are none
   mutable std::atomic<std::uint64_t> refusals_ = 0;
   std::atomic<std::uint64_t> resyncs_ = 0;
   std::function<void(const PrefixKey&)> swept_;

@@ -262,20 +262,21 @@ RoutingService::RoutingService(const Workings& workings, KernelSync* kernel)
 // The server has its addresses: from here on the kernel is this agent's.
 void RoutingService::opened() {
   if (!kernel_) return;
+  for (const auto& prefix : kernel_->adopt())
+    adopt(prefix);
+  tables_.groups.forEach(
+      [this](const std::string&, const nexthop_group_msg& group) { kernel_->groupChanged(group); });
+  tables_.routes.forEach([this](const PrefixKey&, const ip_route_msg& route) {
+    if (!route.nexthop_group().empty()) kernel_->routeSet(route);
+  });
+  tables_.mplsRoutes.forEach(
+      [this](std::uint32_t, const mpls_route_msg& route) { kernel_->mplsRouteChanged(route); });
   const auto swept = [this](const PrefixKey& prefix) {
     tables_.routes.removeIf(
         prefix, [](const ip_route_msg& route) { return route.nexthop_group().empty(); });
     watch_.changed(prefix);
   };
-  const auto adopted = kernel_->start(swept, &watch_);
-  tables_.groups.forEach(
-      [this](const std::string&, const nexthop_group_msg& group) { kernel_->groupChanged(group); });
-  tables_.routes.forEach(
-      [this](const PrefixKey&, const ip_route_msg& route) { kernel_->routeSet(route); });
-  tables_.mplsRoutes.forEach(
-      [this](std::uint32_t, const mpls_route_msg& route) { kernel_->mplsRouteChanged(route); });
-  for (const auto& prefix : adopted)
-    adopt(prefix);
+  kernel_->start(swept, &watch_);
 }
 
 // A route of the kernel that nobody has set.
