@@ -201,6 +201,18 @@ def resets(port: int, short: bool) -> list[Attacker]:
     return [attacker]
 
 
+def late_resets(port: int, short: bool) -> list[Attacker]:
+    """Calls that are whole, and reset with the next packet."""
+    attacker = Attacker(port)
+    for start in range(0, 10_000 if short else 100_000, 1000):
+        batch = range(2 * start + 1, 2 * start + 2001, 2)
+        calls = (frame(HEADERS, END_HEADERS, one, READ) + frame(DATA, END_STREAM, one, EMPTY) for one in batch)
+        cancels = (frame(RST_STREAM, 0, one, CANCEL) for one in batch)
+        if not attacker.send(b"".join(calls)) or not attacker.send(b"".join(cancels)):
+            break
+    return [attacker]
+
+
 def endless(port: int, short: bool) -> list[Attacker]:
     """A header whose text does not end, over as many frames as it takes."""
     attacker = Attacker(port)
@@ -281,6 +293,7 @@ ATTACKS: dict[str, Attack] = {
     "reflection": reflection,
     "partial": partial,
     "resets": resets,
+    "late-resets": late_resets,
     "endless": endless,
     "blocks": blocks,
     "connections": connections,
