@@ -2,6 +2,7 @@
 
 #include <Kiv/Trace.h>
 #include <VornSdkRpc/Completion.h>
+#include <VornSdkRpc/Goaway.h>
 #include <VornSdkRpc/GrpcLog.h>
 #include <VornSdkRpc/Later.h>
 #include <VornSdkRpc/ProtobufLog.h>
@@ -218,9 +219,16 @@ void GrpcServer::stop(std::chrono::milliseconds grace) {
 
 void GrpcServer::beginDrain() {
   tracer_.trace0("Server is being drained.");
-  emptied_ = std::make_unique<Emptied>();
-  if (auto* health = server_->GetHealthCheckService()) health->SetServingStatus(false);
+  if (auto* health = server_->GetHealthCheckService()) health->Shutdown();
   stopListening();
+  tellClientsToLeave(server_->c_server());
+  constexpr Clock::duration kToHearOfIt = std::chrono::seconds(1);
+  const auto now = Clock::now();
+  refuseCallsAt_ = now + std::min(kToHearOfIt, (drainEnd_.load() - now) / 2);
+}
+
+void GrpcServer::refuseCalls() {
+  emptied_ = std::make_unique<Emptied>();
   // Closes gRPC's own listening sockets, tells the clients, and gives the services' requests for
   // calls back. (grpc::Server::Shutdown() would wait here until the last call has ended.)
   grpc_server_shutdown_and_notify(server_->c_server(), cq_->cq(), emptied_.get());
@@ -259,7 +267,10 @@ bool GrpcServer::dequeue() {
   turns_.store(turns_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
   const auto now = Clock::now();
   const auto drainEnd = stopRequested_ ? Clock::time_point::max() : drainEnd_.load();
-  if (drainEnd != Clock::time_point::max() && !emptied_) beginDrain();
+  if (drainEnd != Clock::time_point::max() && refuseCallsAt_ == Clock::time_point::max())
+    beginDrain();
+  const bool tells = !stopRequested_ && !emptied_ && refuseCallsAt_ != Clock::time_point::max();
+  if (tells && now >= refuseCallsAt_) refuseCalls();
   if (now >= drainEnd) {
     stop();
     return false;
@@ -272,7 +283,8 @@ bool GrpcServer::dequeue() {
   // A point in time: gRPC starts a span anew after each completion that is not the agent's, and a
   // client that makes such calls would keep the poll from ending. On the clock that nobody sets.
   constexpr Clock::duration kPoll = std::chrono::milliseconds(200);
-  const auto end = lastPoll ? now : std::min(now + kPoll, drainEnd);
+  constexpr Clock::duration kPollForLeaving = std::chrono::milliseconds(20);
+  const auto end = lastPoll ? now : std::min(now + (tells ? kPollForLeaving : kPoll), drainEnd);
   const gpr_timespec deadline =
       gpr_time_from_nanos(end.time_since_epoch().count(), GPR_CLOCK_MONOTONIC);
   OpaqueId tag = nullptr;
@@ -284,6 +296,7 @@ bool GrpcServer::dequeue() {
     return true;
   }
   if (lastPoll) stop();
+  if (tells && listener_ && listener_->openConnections() == 0) refuseCallsAt_ = now;
   return false;
 }
 

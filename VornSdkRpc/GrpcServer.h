@@ -83,8 +83,10 @@ class VORN_EXPORT GrpcServer {
   void stop();
 
   // Drains the server, and then stops it. gRPC's health service, if the agent has turned it on,
-  // says NOT_SERVING, new calls and connections are refused, and the services are told
-  // (GrpcService::drainingChanged). Calls in progress go on. The stop follows when the last of them
+  // says NOT_SERVING, and new connections are refused. Clients are told to go elsewhere (GOAWAY);
+  // the calls that they have made before they hear of it are taken, for a second or half the grace
+  // at most. Then new calls are refused, and the services are told (GrpcService::drainingChanged).
+  // Calls in progress go on. The stop follows when the last of them
   // has ended, or when `grace` is over, counted from here. Returns at once; the drain begins with
   // the next poll. Of several graces the one that ends first holds, and stop() ends them all; one
   // that is not positive is a stop(). May be called before run(). Any thread.
@@ -165,6 +167,7 @@ class VORN_EXPORT GrpcServer {
   VORN_NO_EXPORT void claim(std::size_t serviceId);
 
   VORN_NO_EXPORT void beginDrain();
+  VORN_NO_EXPORT void refuseCalls();
   VORN_NO_EXPORT void stopListening();
   VORN_NO_EXPORT void shutQueue();
   VORN_NO_EXPORT void cancelUnlessTurning();
@@ -191,8 +194,10 @@ class VORN_EXPORT GrpcServer {
   bool queueShut_ = false;  // nothing new may go through the queue
   bool drained_ = false;    // and it has nothing left
   std::atomic<Clock::time_point> drainEnd_ =
-      Clock::time_point::max();         // when no drain is asked for
-  std::unique_ptr<Emptied> emptied_;    // null until a drain begins
+      Clock::time_point::max();  // when no drain is asked for
+  // Those that come until then are on their way from clients that have not heard of the drain.
+  Clock::time_point refuseCallsAt_ = Clock::time_point::max();  // until a drain begins
+  std::unique_ptr<Emptied> emptied_;                            // null until calls are refused
   std::unique_ptr<Emptied> cancelled_;  // by a stop that the loop did not see
   vorn::mutex loopMutex_;
   bool looping_ VORN_GUARDED_BY(loopMutex_) = false;               // after setup(), before the end

@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <map>
 #include <optional>
 #include <regex>
@@ -631,6 +632,35 @@ TEST(Listener, TakesNobodyOnceTheServerIsDrainedOrStopped) {
     const bool goesOn = chat->Write(text) && chat->Read(&text);
     chat->WritesDone();
     EXPECT_TRUE((goesOn && chat->Finish().ok()) || end != End::drain);
+    agent.join();
+  }
+}
+
+// A client learns of a drain between two calls: its next one goes elsewhere.
+TEST(Listener, FailsNoCallThatIsOnItsWayWhenTheServerIsDrained) {
+  for (int round = 0; round < 3; ++round) {
+    int port = 0;
+    Agent agent([&](Listener& listener, auto&) {
+      port = listener.add("127.0.0.1:0", grpc::InsecureServerCredentials());
+    });
+    std::atomic<int> answered = 0;
+    std::vector<std::future<grpc::StatusCode>> ends;
+    for (int client = 0; client < 4; ++client) {
+      ends.push_back(std::async(std::launch::async, [&] {
+        const auto stub = Probe::NewStub(connected("127.0.0.1:" + std::to_string(port)));
+        auto status = grpc::StatusCode::OK;
+        for (; status == grpc::StatusCode::OK; ++answered) {
+          grpc::ClientContext context;
+          Text reply;
+          status = stub->Echo(&context, Text(), &reply).error_code();
+        }
+        return status;
+      }));
+    }
+    waitUntil([&] { return answered > 100; }, "the clients are at it");
+    agent.server().stop(std::chrono::hours(1));
+    for (auto& end : ends)
+      EXPECT_EQ(end.get(), grpc::StatusCode::UNAVAILABLE) << "nobody listens";
     agent.join();
   }
 }
