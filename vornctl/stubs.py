@@ -1,7 +1,10 @@
 """The Python classes of the agent's messages and services.
 
-They are made from the repository's .proto files on first use, and kept in a cache folder named after what
-they were made from, so that a changed file or another version of gRPC gets stubs of its own.
+An installed vornctl has them beside it. Another one makes them from the repository's .proto files on first use, and
+keeps them in a cache folder named after what they were made from, so that a changed file or another version of gRPC
+gets stubs of its own.
+
+usage, for the package: stubs.py FOLDER makes them, and a file "version", in a new folder
 """
 
 import hashlib
@@ -14,6 +17,7 @@ from pathlib import Path
 from types import SimpleNamespace
 
 ROOT = Path(__file__).resolve().parents[1]
+INSTALLED = ROOT / "stubs"
 PROTOS = (
     "VornSdkRpcProtos/VornSdkRpc.proto",
     "agents/routing/RoutingAgent.proto",
@@ -28,7 +32,7 @@ class StubError(Exception):
 def load() -> SimpleNamespace:
     """The stub modules: sdk (the SDK's messages), agent (the agent's), rpc (its services), and both of the policy."""
     try:
-        folder = _folder()
+        folder = INSTALLED if INSTALLED.is_dir() else _folder()
         if not folder.is_dir():
             _generate(folder)
         sys.path.insert(0, str(folder))
@@ -49,6 +53,8 @@ def load() -> SimpleNamespace:
 
 def version() -> str:
     """The version of the project that this client belongs to."""
+    if INSTALLED.is_dir():
+        return (INSTALLED / "version").read_text().strip()
     found = re.search(r"project\(VornSdkRpc VERSION ([\d.]+)", (ROOT / "CMakeLists.txt").read_text())
     return found[1] if found else "unknown"
 
@@ -110,3 +116,8 @@ def _protoc() -> list[str]:
     raise StubError(
         f"{missing} not found, which the first use needs:" " apt-get install protobuf-compiler protobuf-compiler-grpc"
     )
+
+
+if __name__ == "__main__":
+    _generate(Path(sys.argv[1]))
+    Path(sys.argv[1], "version").write_text(version() + "\n")
