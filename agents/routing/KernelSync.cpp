@@ -127,7 +127,9 @@ void KernelSync::run() {
 void KernelSync::runStep(bool& more) {
   try {
     more = step();
+    reachable_ = true;
   } catch (const std::exception& error) {
+    reachable_ = false;
     try {
       Kiv::log(failedHandle, std::string(error.what()));
     } catch (const std::bad_alloc&) {

@@ -98,6 +98,8 @@ class KernelSync {
   Programming routeState(const PrefixKey& prefix) const;
   Programming groupState(const std::string& name) const;
   Programming mplsRouteState(std::uint32_t label) const;
+  // Whether the kernel can be worked with, as far as the last step tells.
+  bool isReachable() const { return reachable_; }
   // How many changes have not been tried yet.
   std::size_t waiting() const;
   // Adds the routes, groups and MPLS routes to the counts.
@@ -363,6 +365,7 @@ class KernelSync {
   bool resolve_ = false;
   bool dropUnused_ = false;
   std::atomic<bool> stopping_ = false;
+  std::atomic<bool> reachable_ = true;  // the last step did not fail
   std::thread thread_;
 };
 

@@ -25,6 +25,8 @@
 #include "agents/routing/Accounting.h"
 #include "agents/routing/Backlog.h"
 #include "agents/routing/Figures.h"
+#include "agents/routing/Health.h"
+#include "agents/routing/LogFormat.h"
 #include "agents/routing/Options.h"
 #include "agents/routing/PolicyService.h"
 #include "agents/routing/ReloadOnSignal.h"
@@ -193,6 +195,18 @@ void installInterceptors(grpc::ServerBuilder& builder, const Access& access,
   builder.experimental().SetInterceptorCreators(std::move(creators));
 }
 
+// The services serve while their changes can be kept, and those of routes reach the kernel.
+std::shared_ptr<VornSdkRpc::GrpcService> healthOf(StateFile* file, const KernelSync* kernel) {
+  const std::string routing = routing_agent::Routing::service_full_name();
+  const std::string sbfd = Sbfd::service_full_name(), state = State::service_full_name();
+  std::vector<Need> needs;
+  if (file) needs.push_back({[file] { return file->isWritable(); }, {routing, sbfd, state}});
+  if (kernel) needs.push_back({[kernel] { return kernel->isReachable(); }, {routing}});
+  return std::make_shared<Health>(
+      std::vector{routing, sbfd, state, std::string(Policy::service_full_name())},
+      std::move(needs));
+}
+
 // Serves the records of calls to those who may change something, as far as the policy lets them.
 std::shared_ptr<VornSdkRpc::GrpcService> watchService(const VornSdkRpc::CallAccounting& calls,
                                                       const std::vector<std::string>& listen) {
@@ -214,6 +228,7 @@ void check(const Options& options) {
 void serve(const Options& options, const std::function<Options()>& readAgain) {
   applyTrace(options);
   const auto log = openLog(options);
+  logFormatIs(options.logFormat, options.log == "-");
   checkNetns(options.netns);
 
   // gRPC's standard services, for tools that ask any server for its health and its methods.
@@ -256,6 +271,7 @@ void serve(const Options& options, const std::function<Options()>& readAgain) {
           StatusSources{tables, backlog, kernel.get(), access, accounting.get()})};
   if (calls && !options.accounting.to.empty()) services.push_back(watchService(*calls, addresses));
   if (options.figures.any()) services.push_back(metrics.servingThread());
+  services.push_back(healthOf(file.get(), kernel.get()));
   services.push_back(announcement);
   VornSdkRpc::GrpcServer server(builder, std::move(services), properties, calls != nullptr);
   const auto supervision = std::make_shared<Supervision>(

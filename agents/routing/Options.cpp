@@ -54,6 +54,12 @@ gid_t group(const std::string& name) {
   throw UsageError("names a group that is not there: " + name);
 }
 
+LogFormat logFormat(const std::string& name) {
+  if (name == "text") return LogFormat::kText;
+  if (name == "json") return LogFormat::kJson;
+  throw UsageError("is text or json");
+}
+
 void checkPlace(const std::string& place) try {
   checkAccountingPlace(place);
 } catch (const std::invalid_argument& error) {
@@ -183,6 +189,10 @@ const Option kOptions[] = {
      "write the log to this file, - for standard error (default:\n"
      "syslog where there is one, standard error otherwise)",
      [](Options& options, const Values& values) { options.log = values[0]; }},
+    {"--log-format", "FORMAT",
+     "text, or json: a JSON object a line, of the log and of the trace\n"
+     "(default: text)",
+     [](Options& options, const Values& values) { options.logFormat = logFormat(values[0]); }},
     {"--trace", "SETTING",
      "trace levels by name, on standard error, such as\n"
      "\"GrpcServer/8,Routing-service/8\"",

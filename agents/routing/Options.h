@@ -12,6 +12,7 @@
 #include "agents/routing/Accounting.h"
 #include "agents/routing/Figures.h"
 #include "agents/routing/Identity.h"
+#include "agents/routing/LogFormat.h"
 
 // What the agent is told at its start: by its command line, and by a configuration file whose keys
 // are the command line's options without the dashes.
@@ -47,6 +48,7 @@ struct Options {
   std::chrono::milliseconds grace{0};  // what calls in progress are given when the agent is stopped
   // File of the platform log, "-" for standard error; empty: the platform's default.
   std::string log;
+  LogFormat logFormat = LogFormat::kText;
   std::string trace;         // trace setting
   bool help = false;         // print help() and exit
   bool version = false;      // print version() and exit

@@ -251,12 +251,26 @@ void StateFile::flush() {
   const vorn::lock_guard lock(mutex_);
   try {
     writeAll(file_, size_, buffer_);
+    failed_ = false;
   } catch (const Error&) {  // a part of it may be there
+    failed_ = true;
     [[maybe_unused]] const int cut = ftruncate(file_, static_cast<off_t>(size_.load()));
     throw;
   }
   size_ += buffer_.size();
   buffer_.clear();
+}
+
+bool StateFile::isWritable() {
+  if (!failed_) return true;
+  const std::lock_guard lock(mutex_);
+  try {
+    writeAll(file_, size_, std::string(4096, '\0'));
+    failed_ = false;
+  } catch (const Error&) {  // tried again when this is asked again
+  }
+  [[maybe_unused]] const int cut = ftruncate(file_, static_cast<off_t>(size_.load()));
+  return !failed_;
 }
 
 void StateFile::writeAll(int fd, std::size_t place, std::string_view bytes) const {

@@ -75,6 +75,10 @@ class StateFile {
   void rewrite();
   void rewriteLater() { rewriting_ = false; }
 
+  // Whether changes can be written: when the last could not, it tries some bytes that it takes away
+  // again. Any thread.
+  bool isWritable();
+
   // How large the file is, in bytes. Any thread.
   std::size_t size() const { return size_; }
 
@@ -98,8 +102,9 @@ class StateFile {
   mutable vorn::mutex mutex_;  // guards the file against its replacement
   Descriptor file_ VORN_GUARDED_BY(mutex_);
   std::atomic<std::size_t> size_ = 0;
-  std::size_t rewritten_ = 0;  // how large it was when it was last written anew
-  std::size_t mark_ = 0;       // what the file held when writing it anew was asked for
+  std::atomic<bool> failed_ = false;  // the last write did
+  std::size_t rewritten_ = 0;         // how large it was when it was last written anew
+  std::size_t mark_ = 0;              // what the file held when writing it anew was asked for
   std::string buffer_;
   std::atomic<bool> rewriting_ = false;
   std::atomic<bool> stopping_ = false;
