@@ -26,8 +26,8 @@ int compare(void* one, void* other) { return one < other ? -1 : one > other ? 1 
 
 }  // namespace
 
-void tellClientsToLeave(grpc_server* server) {
-  if (!sendGoaways) return;
+bool tellClientsToLeave(grpc_server* server) {
+  if (!sendGoaways) return false;
   // What gRPC does inside of itself takes a context of the calling thread that only its own
   // functions have: the one that makes a server copies its arguments in it.
   static const grpc_arg_pointer_vtable vtable{tell, leave, compare};
@@ -38,6 +38,7 @@ void tellClientsToLeave(grpc_server* server) {
   argument.value.pointer = {&told, &vtable};
   const grpc_channel_args arguments{1, &argument};
   grpc_server_destroy(grpc_server_create(&arguments, nullptr));
+  return true;
 }
 
 }  // namespace VornSdkRpc

@@ -217,14 +217,20 @@ void GrpcServer::stop(std::chrono::milliseconds grace) {
   }
 }
 
-void GrpcServer::beginDrain() {
+void GrpcServer::drain(Clock::time_point now) {
+  if (refuseCallsAt_ == Clock::time_point::max()) beginDrain(now);
+  if (!emptied_ && now >= refuseCallsAt_) refuseCalls();
+}
+
+void GrpcServer::beginDrain(Clock::time_point now) {
   tracer_.trace0("Server is being drained.");
   if (auto* health = server_->GetHealthCheckService()) health->Shutdown();
   stopListening();
-  tellClientsToLeave(server_->c_server());
+  refuseCallsAt_ = now;
+  // Clients who leave come back at once where gRPC itself still listens.
+  if (!listener_ || !tellClientsToLeave(server_->c_server())) return;
   constexpr Clock::duration kToHearOfIt = std::chrono::seconds(1);
-  const auto now = Clock::now();
-  refuseCallsAt_ = now + std::min(kToHearOfIt, (drainEnd_.load() - now) / 2);
+  refuseCallsAt_ += std::min(kToHearOfIt, (drainEnd_.load() - now) / 2);
 }
 
 void GrpcServer::refuseCalls() {
@@ -267,10 +273,9 @@ bool GrpcServer::dequeue() {
   turns_.store(turns_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
   const auto now = Clock::now();
   const auto drainEnd = stopRequested_ ? Clock::time_point::max() : drainEnd_.load();
-  if (drainEnd != Clock::time_point::max() && refuseCallsAt_ == Clock::time_point::max())
-    beginDrain();
-  const bool tells = !stopRequested_ && !emptied_ && refuseCallsAt_ != Clock::time_point::max();
-  if (tells && now >= refuseCallsAt_) refuseCalls();
+  const bool drains = drainEnd != Clock::time_point::max();
+  if (drains) drain(now);
+  const bool clientsLeave = drains && !emptied_;
   if (now >= drainEnd) {
     stop();
     return false;
@@ -284,7 +289,8 @@ bool GrpcServer::dequeue() {
   // client that makes such calls would keep the poll from ending. On the clock that nobody sets.
   constexpr Clock::duration kPoll = std::chrono::milliseconds(200);
   constexpr Clock::duration kPollForLeaving = std::chrono::milliseconds(20);
-  const auto end = lastPoll ? now : std::min(now + (tells ? kPollForLeaving : kPoll), drainEnd);
+  const auto end =
+      lastPoll ? now : std::min(now + (clientsLeave ? kPollForLeaving : kPoll), drainEnd);
   const gpr_timespec deadline =
       gpr_time_from_nanos(end.time_since_epoch().count(), GPR_CLOCK_MONOTONIC);
   OpaqueId tag = nullptr;
@@ -296,7 +302,7 @@ bool GrpcServer::dequeue() {
     return true;
   }
   if (lastPoll) stop();
-  if (tells && listener_ && listener_->openConnections() == 0) refuseCallsAt_ = now;
+  if (clientsLeave && listener_->openConnections() == 0) refuseCallsAt_ = now;
   return false;
 }
 

@@ -83,11 +83,11 @@ class VORN_EXPORT GrpcServer {
   void stop();
 
   // Drains the server, and then stops it. gRPC's health service, if the agent has turned it on,
-  // says NOT_SERVING, and new connections are refused. Clients are told to go elsewhere (GOAWAY);
-  // the calls that they have made before they hear of it are taken, for a second or half the grace
-  // at most. Then new calls are refused, and the services are told (GrpcService::drainingChanged).
-  // Calls in progress go on. The stop follows when the last of them
-  // has ended, or when `grace` is over, counted from here. Returns at once; the drain begins with
+  // says NOT_SERVING, new connections and calls are refused, and the services are told
+  // (GrpcService::drainingChanged). Calls in progress go on. The stop follows when the last of them
+  // has ended, or when `grace` is over, counted from here. With a Listener, no call that is on its
+  // way fails: clients are told first to go elsewhere (GOAWAY), and what they send before they hear
+  // of it is taken, for a second or half the grace at most. Returns at once; the drain begins with
   // the next poll. Of several graces the one that ends first holds, and stop() ends them all; one
   // that is not positive is a stop(). May be called before run(). Any thread.
   void stop(std::chrono::milliseconds grace);
@@ -166,7 +166,8 @@ class VORN_EXPORT GrpcServer {
   VORN_NO_EXPORT void serveWaiting();
   VORN_NO_EXPORT void claim(std::size_t serviceId);
 
-  VORN_NO_EXPORT void beginDrain();
+  VORN_NO_EXPORT void drain(Clock::time_point now);
+  VORN_NO_EXPORT void beginDrain(Clock::time_point now);
   VORN_NO_EXPORT void refuseCalls();
   VORN_NO_EXPORT void stopListening();
   VORN_NO_EXPORT void shutQueue();

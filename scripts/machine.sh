@@ -4,12 +4,33 @@
 
 machine_base=build/machine.tar
 
+# machine_can: whether there can be one here; says why not.
+machine_can() {
+  local why
+  if [ "$(id -u)" -ne 0 ]; then
+    why="it takes root"
+  elif ! unshare --pid --mount --net --uts --ipc --cgroup --fork --mount-proc true 2>/dev/null; then
+    why="there are no namespaces to be had"
+  elif ! machine_make_base; then
+    why="there is no Debian to be had"
+  else
+    return 0
+  fi
+  echo "LEFT OUT, for $why: a machine"
+  return 1
+}
+
+machine_make_base() {
+  [ -s "$machine_base" ] && return
+  need mmdebstrap
+  mkdir -p build
+  mmdebstrap --quiet --variant=apt --include=systemd,dbus,logrotate,iproute2,iputils-ping,openssl,man-db \
+    bookworm build/unfinished.tar && mv build/unfinished.tar "$machine_base"
+}
+
 # machine_new ROOT: a fresh Debian in an empty folder, with what any machine has. The network of the host is there yet.
 machine_new() {
-  need mmdebstrap
   mkdir -p "$1"
-  [ -s "$machine_base" ] || mmdebstrap --quiet --variant=apt \
-    --include=systemd,dbus,logrotate,iproute2,iputils-ping,openssl,man-db bookworm "$machine_base"
   tar -x --numeric-owner --exclude='./dev/*' -f "$machine_base" -C "$1"
   cp /etc/resolv.conf "$1/etc/resolv.conf"
   rm -f "$1/usr/sbin/policy-rc.d"
@@ -33,7 +54,7 @@ machine_install() {
       -o APT::Keep-Downloaded-Packages=true "${@:2}"' machine "$root" "${@/#*\//./packages/}" >/dev/null
 }
 
-# machine_start ROOT: boots it. Sets machine_pid, its PID 1.
+# machine_start ROOT: boots it, and says so where systemd can't be had. Sets machine_pid, its PID 1.
 machine_start() {
   # shellcheck disable=SC2016
   unshare --pid --mount --net --uts --ipc --cgroup --fork --kill-child bash -euo pipefail -c 'mount --make-rprivate /
@@ -64,7 +85,7 @@ machine_start() {
   disown
   local deadline=$((SECONDS + 60))
   until machine_pid=$(pgrep -P "$machine_unshare") && machine systemctl is-active -q multi-user.target 2>/dev/null; do
-    [ $SECONDS -lt $deadline ] || { cat "$1.log" >&2; return 1; }
+    [ $SECONDS -lt $deadline ] || { cat "$1.log" && echo "LEFT OUT, for systemd does not boot here: a machine" && return 1; }
     sleep 0.2
   done
   machine ip link set lo up
