@@ -386,7 +386,8 @@ void KernelSync::count(summary_msg& summary) const {
 
 void KernelSync::countStates() const {
   counted_ = {};
-  const auto add = [&](const Programming& programming) { ++counted_.at(programming.state()); };
+  const auto add = [this](const Programming& programming)
+                       VORN_REQUIRES(mutex_) { ++counted_.at(programming.state()); };
   for (const auto& [prefix, route] : routes_)
     add(stateOf(prefix, route));
   for (const auto& group : groups_) {
