@@ -365,7 +365,9 @@ TEST(Rpc, RefusesWhatIsOverTheLimitAndGivesEverySlotBack) {
     }
     while (kit->wake.subscriptions() != 2)
       std::this_thread::yield();
-    EXPECT_EQ(echo(*stub, "hello").error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
+    const auto refused = echo(*stub, "hello");
+    EXPECT_EQ(refused.error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
+    EXPECT_THAT(refused.error_details(), testing::HasSubstr("google.rpc.RetryInfo"));
     while (released != 2) {
       kit->wake.set();
       std::this_thread::yield();
