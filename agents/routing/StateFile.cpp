@@ -118,7 +118,6 @@ StateFile::StateFile(std::string path, Tables& tables)
     : path_(std::move(path)),
       tables_(tables),
       file_(open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0600)) {
-  const vorn::lock_guard lock(mutex_);
   if (file_ < 0) failedTo("open");
   struct stat found{}, named{};
   if (fstat(file_, &found) != 0) failedTo("look at");
@@ -127,9 +126,9 @@ StateFile::StateFile(std::string path, Tables& tables)
   if (stat(path_.c_str(), &named) != 0 || named.st_ino != found.st_ino)
     fail("another agent has just replaced it");
   if (found.st_size == 0) {
-    begin();
+    begin(file_);
   } else {
-    read(tables);
+    read(file_, tables);
   }
   rewritten_ = size_;
 }
@@ -157,13 +156,13 @@ void StateFile::own(int fd) const {
 // Reading
 
 // An empty file gets its header in one write; one that was cut off there is told as no state file.
-void StateFile::begin() {
-  writeAll(file_, 0, bytesOf(Header()));
+void StateFile::begin(int fd) {
+  writeAll(fd, 0, bytesOf(Header()));
   size_ = sizeof(Header);
 }
 
-void StateFile::read(Tables& tables) {
-  Reader reader(file_);
+void StateFile::read(int fd, Tables& tables) {
+  Reader reader(fd);
   Header header;
   const auto first = reader.next(sizeof header);
   if (first.size() < sizeof header) fail("it is no state file");
@@ -186,7 +185,7 @@ void StateFile::read(Tables& tables) {
     apply(static_cast<Kind>(record.kind), bytes, tables);
     size_ += sizeof record + record.size;
   }
-  if (ftruncate(file_, static_cast<off_t>(size_.load())) != 0) failedTo("cut");
+  if (ftruncate(fd, static_cast<off_t>(size_.load())) != 0) failedTo("cut");
 }
 
 void StateFile::apply(Kind kind, std::string_view bytes, Tables& tables) const {

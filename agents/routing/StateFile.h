@@ -88,8 +88,8 @@ class StateFile {
   [[noreturn]] void fail(const std::string& why) const;
   [[noreturn]] void failedTo(const char* what) const;  // with errno
   void own(int fd) const;
-  void begin() VORN_REQUIRES(mutex_);
-  void read(Tables& tables) VORN_REQUIRES(mutex_);
+  void begin(int fd);
+  void read(int fd, Tables& tables);
   void apply(Kind kind, std::string_view bytes, Tables& tables) const;
   void writeAll(int fd, std::size_t place, std::string_view bytes) const;
   std::size_t writeTables(int fd);
