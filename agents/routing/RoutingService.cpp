@@ -530,7 +530,7 @@ rpc::Task<> RoutingService::watchRoutes(rpc::Writer<route_changes_msg>& changes)
     }
     part.set_synced(!more);
     if (!co_await changes.write(part)) co_return grpc::Status::CANCELLED;
-    if (more) last = std::move(items.back().first);
+    if (more) last = items.back().first;
   }
   do {
     for (auto prefixes = watcher.take(kItemsPerPart); !prefixes.empty();
