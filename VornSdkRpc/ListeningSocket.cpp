@@ -4,16 +4,20 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
+#include <thread>
 
 namespace VornSdkRpc {
 
@@ -100,8 +104,22 @@ bool isStale(const Address& name, const std::string& path) {
          errno == ECONNREFUSED;
 }
 
+// The lock of the folder that a socket file is in, for as long as it lives: of two that start at
+// once, neither takes the other's file, which is bound and not listened on yet, for one that was
+// left behind. Not held where the folder may not be read, or somebody else holds it for a second.
+OwnDescriptor lockFolderOf(const std::string& path) {
+  const auto folder = std::filesystem::path(path).parent_path();
+  OwnDescriptor lock(
+      open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  constexpr int kTries = 100;
+  for (int i = 0; i < kTries && lock.get() >= 0 && flock(lock.get(), LOCK_EX | LOCK_NB) != 0; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  return lock;
+}
+
 OwnDescriptor listenOnUnix(const std::string& address, const Address& name,
                            const std::string& path) {
+  const OwnDescriptor lock = path.empty() ? OwnDescriptor() : lockFolderOf(path);
   auto made = bound(name);
   if (made.get() < 0 && errno == EADDRINUSE && !path.empty()) {
     if (isStale(name, path)) {
