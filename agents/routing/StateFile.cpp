@@ -262,12 +262,18 @@ void StateFile::flush() {
 
 bool StateFile::isWritable() {
   if (!failed_) return true;
-  constexpr off_t kSome = 4096;
+  constexpr std::uint32_t kSome = 4096;
+  RecordHeader header{0, kSome, 0};
+  header.headerSum = headerSumOf(header);
+  // Without its last byte: if a kill leaves it there, it is a record that was cut off.
+  const std::string cutOff = std::string(bytesOf(header)) + std::string(kSome - 1, '\0');
   const vorn::lock_guard lock(mutex_);
-  const auto end = static_cast<off_t>(size_.load());
-  // Behind what the file says it has: whoever reads it meanwhile finds no more than before.
-  if (fallocate(file_, FALLOC_FL_KEEP_SIZE, end, kSome) == 0 || errno == EOPNOTSUPP)
+  try {
+    writeAll(file_, size_, cutOff);
     failed_ = false;
+  } catch (const Error&) {  // tried again when this is asked again
+  }
+  [[maybe_unused]] const int cut = ftruncate(file_, static_cast<off_t>(size_.load()));
   return !failed_;
 }
 

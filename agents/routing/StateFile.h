@@ -75,8 +75,8 @@ class StateFile {
   void rewrite();
   void rewriteLater() { rewriting_ = false; }
 
-  // Whether changes can be written: when the last could not, whether there is room again. Any
-  // thread.
+  // Whether changes can be written: when the last could not, it tries some bytes that it takes away
+  // again. Any thread.
   bool isWritable();
 
   // How large the file is, in bytes. Any thread.
