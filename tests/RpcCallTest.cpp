@@ -161,7 +161,7 @@ TEST(RpcCall, AnEventBeatsATimeThatIsFarAndLosesToOneThatHasCome) {
   service->method(&Async::RequestEcho,
                   [&](rpc::Call& call, const Text&, Text& reply) -> rpc::Task<> {
                     ++waiting;
-                    const rpc::Woke woke = co_await call.wait(event, 1h);
+                    const rpc::Woke woke = co_await call.wait(event, Scripted::kStart + 1h);
                     reply.set_text(woke == rpc::Woke::event  ? "event"
                                    : woke == rpc::Woke::time ? "time"
                                                              : "neither");
@@ -312,15 +312,15 @@ TEST(RpcCall, IsAccountedAsWhatHasEndedIt) {
   const auto service = std::make_shared<Scripted>();
   std::atomic<bool> waiting = false;
   std::atomic<rpc::EndedBy> endedBy = rpc::EndedBy::nothing;
-  std::chrono::seconds age = 0s;
+  std::atomic<std::chrono::seconds> age{0s};
   service->method(&Async::RequestEcho, [&](rpc::Call& call, const Text&, Text&) -> rpc::Task<> {
     EXPECT_GT(call.remaining(), 0s);
     co_await call.sendInitialMetadata();
-    service->timeIs(Scripted::kStart + age);
+    service->timeIs(Scripted::kStart + age.load());
     waiting = true;
     co_await call.wait(1000h);
     endedBy = call.endedBy();
-    EXPECT_TRUE(endedBy == rpc::EndedBy::cancelled || age > 0s || call.remaining() < 100ms);
+    EXPECT_TRUE(endedBy == rpc::EndedBy::cancelled || age.load() > 0s || call.remaining() < 100ms);
     co_return grpc::Status::OK;
   });
   struct Case {

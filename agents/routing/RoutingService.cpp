@@ -259,6 +259,10 @@ RoutingService::RoutingService(const Workings& workings, KernelSync* kernel)
                                         rpc_status_msg&) { return endSync(context); });
 }
 
+RoutingService::~RoutingService() {
+  if (kernel_) kernel_->stop();
+}
+
 // The server has its addresses: from here on the kernel is this agent's.
 void RoutingService::opened() {
   if (!kernel_) return;

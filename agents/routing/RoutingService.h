@@ -20,6 +20,8 @@ class RoutingService : public AgentService<Routing> {
   // and groups as they are taken from the backlog; null: there is none, and what is taken from the
   // backlog is programmed.
   RoutingService(const Workings& workings, KernelSync* kernel);
+  // Ends what it has begun in the kernel, whose thread tells it of routes.
+  ~RoutingService() override;
 
  private:
   void opened() override;
