@@ -29,6 +29,7 @@ install(
   FILES_MATCHING
   PATTERN "*.md"
   PATTERN "*.svg"
+  PATTERN "*.png"
   PATTERN "*.h"
   PATTERN "*.cpp"
   PATTERN "*.proto"
