@@ -311,7 +311,7 @@ void GrpcServer::clientsTakeTurnsIs(bool takeTurns) {
 }
 
 // A call has arrived. Returns whether it waits for its turn.
-bool GrpcServer::putOff(OpaqueId tag, const RequestHandler& handler) {
+bool GrpcServer::putOff(OpaqueId tag, RequestHandler& handler) {
   client_.clear();
   const auto* const context = clientTurns_ ? handler.callContext() : nullptr;
   if (!context || !completionOk_) return false;
@@ -319,6 +319,8 @@ bool GrpcServer::putOff(OpaqueId tag, const RequestHandler& handler) {
   begunAt_ = Clock::now();
   if (clientTurns_->admits(client_, begunAt_)) return false;
   clientTurns_->add({tag, std::move(client_)});
+  handler.state_ = RequestHandler::IN_PROGRESS;
+  handler.putOff();
   return true;
 }
 

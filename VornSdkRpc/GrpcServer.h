@@ -159,7 +159,7 @@ class VORN_EXPORT GrpcServer {
   friend class GrpcService;
   friend class rpc::ServiceBase;
 
-  VORN_NO_EXPORT bool putOff(OpaqueId tag, const RequestHandler& handler);
+  VORN_NO_EXPORT bool putOff(OpaqueId tag, RequestHandler& handler);
   VORN_NO_EXPORT void begin(OpaqueId tag, RequestHandler& handler);
   VORN_NO_EXPORT void charge();
   VORN_NO_EXPORT void takeTurn();

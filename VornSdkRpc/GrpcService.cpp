@@ -93,6 +93,7 @@ void GrpcService::removeHandler(OpaqueId tag) {
 
 void GrpcService::process(OpaqueId tag, RequestHandler* handler) {
   if (stopping_) return;
+  if (server_->servesWaiting_) handler->state_ = RequestHandler::AWAITING_CALL;
   switch (handler->state_) {
     case RequestHandler::AWAITING_CALL:
       if (draining_ && !completionOk()) {

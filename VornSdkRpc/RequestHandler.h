@@ -56,10 +56,12 @@ class VORN_EXPORT RequestHandler {
   virtual void withdrawn(OpaqueId /*tag*/) {}
 
   // The context of the call, for a server whose clients take turns: the call may then wait after it
-  // has arrived, and its first proceed() comes later. Meanwhile it can end: a handler that has
-  // asked for AsyncNotifyWhenDone() finds that completion gone, and its context IsCancelled().
-  // Null, as here: the call never waits.
+  // has arrived, and its first proceed() comes later. Null, as here: the call never waits.
   virtual const grpc::ServerContext* callContext() const { return nullptr; }
+
+  // Called when the call begins to wait for its turn; it is IN_PROGRESS until that comes. A handler
+  // that has asked for AsyncNotifyWhenDone() registers for that tag here: the call may end.
+  virtual void putOff() {}
 
   State state_ = AWAITING_CALL;
 

@@ -135,14 +135,17 @@ RequestHandlerPtr Exchange::spawn(OpaqueId tag) { return method_.make(tag); }
 
 void Exchange::withdrawn(OpaqueId) { service().removeHandler(endTag_); }
 
+void Exchange::putOff() { hearOfEnd(); }
+
+void Exchange::hearOfEnd() {
+  if (std::exchange(hearsOfEnd_, true)) return;
+  service().registerHandlerAs(endTag_, shared_from_this());  // completes for every call that came
+}
+
 void Exchange::proceed(OpaqueId tag) {
   const bool ok = service().completionOk();
-  if (state_ == AWAITING_CALL && context_.IsCancelled()) {
-    // The client has gone while the call waited for its turn, and the notice of its end has come.
-    service().removeHandler(endTag_);
-    service().removeHandler(tag);
-    return;
-  }
+  // The client may have gone while the call waited for its turn.
+  if (state_ == AWAITING_CALL && endedBy_ != EndedBy::nothing) return service().removeHandler(tag);
   Wakeups::Turn turn(*service().wakeups_);
   if (state_ == AWAITING_CALL) {
     arrived();
@@ -159,7 +162,7 @@ void Exchange::proceed(OpaqueId tag) {
 
 void Exchange::arrived() {
   state_ = IN_PROGRESS;
-  service().registerHandlerAs(endTag_, shared_from_this());  // completes for every call that came
+  hearOfEnd();
   enter();
   if (auto status = refusal()) return conclude(*std::move(status));
   try {

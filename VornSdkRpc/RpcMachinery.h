@@ -122,6 +122,7 @@ class VORN_EXPORT Exchange : public RequestHandler, public std::enable_shared_fr
   RequestHandlerPtr spawn(OpaqueId tag) final;
   void withdrawn(OpaqueId tag) final;
   const grpc::ServerContext* callContext() const final { return &context_; }
+  void putOff() final;
 
   // For Call and Wait. begin() answers whether the wait has ended already.
   grpc::ServerContext& context() { return context_; }
@@ -165,6 +166,7 @@ class VORN_EXPORT Exchange : public RequestHandler, public std::enable_shared_fr
   friend class rpc::ServiceBase;
 
   VORN_NO_EXPORT void arrived();
+  VORN_NO_EXPORT void hearOfEnd();
   VORN_NO_EXPORT std::optional<grpc::Status> refusal();
   VORN_NO_EXPORT void enter();
   VORN_NO_EXPORT void leave() noexcept;
@@ -196,6 +198,7 @@ class VORN_EXPORT Exchange : public RequestHandler, public std::enable_shared_fr
   bool writing_ = false;  // gRPC has a write, or the initial metadata
   bool metadataSent_ = false;
   bool toldOfDrain_ = false;
+  bool hearsOfEnd_ = false;  // the handler is registered for endTag_
   bool concluding_ = false;  // the coroutine has ended, and the write is still to come back
   bool entered_ = false;     // in the service's list of calls
   bool counted_ = false;     // among those of its method

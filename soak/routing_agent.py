@@ -60,6 +60,8 @@ class Agent:
         line = re.compile(r"VORNSDKRPC_ACCOUNTING_RPC: user: local:(\w+), .*, status: (\d+)$")
         with open(self.log) as log:
             for text in log:
+                if " [warning] ROUTING_AGENT_GROUP_UNKNOWN: " in text:
+                    continue  # nobody sets the group
                 record = line.search(text)
                 assert record, f"a line that is no record: {text}"
                 records[record[1]][int(record[2])] += 1

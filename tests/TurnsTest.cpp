@@ -1,5 +1,7 @@
 // Clients that take turns: what one client has in flight does not hold up another one.
+#include <Kiv/Log.h>
 #include <VornSdkRpc/GrpcServer.h>
+#include <VornSdkRpc/InstallAccounting.h>
 #include <VornSdkRpc/Rpc.h>
 #include <gmock/gmock.h>
 
@@ -9,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/Capture.h"
 #include "tests/RawClient.h"
 #include "tests/RawFrames.h"
 #include "tests/Test.grpc.pb.h"
@@ -57,8 +60,11 @@ class Scene {
     int port = 0;
     builder_.AddListeningPort("127.0.0.1:0", grpc::InsecureServerCredentials(), &port);
     builder_.AddListeningPort(socket, grpc::InsecureServerCredentials());
+    VornSdkRpc::installAccounting(
+        builder_);  // whose interceptors hold up the notice of a call's end
     server = std::make_unique<VornSdkRpc::GrpcServer>(
-        builder_, std::vector<std::shared_ptr<VornSdkRpc::GrpcService>>{busyService}, properties_);
+        builder_, std::vector<std::shared_ptr<VornSdkRpc::GrpcService>>{busyService}, properties_,
+        true);
     server->clientsTakeTurnsIs(true);
     server->setup();
     tags = server->tagManager().size();
@@ -103,6 +109,7 @@ class Scene {
   }
 
   const std::filesystem::path directory_ = makeDirectory();
+  const Capture log_{Kiv::platformLogger()};
   grpc::ServerBuilder builder_;
   VornSdkRpc::ServerProperties properties_;
 };
