@@ -126,10 +126,11 @@ void reload(const Options& before, const std::function<Options()>& read, Kiv::Fi
   }
 }
 
-std::string statusOf(const Backlog& backlog) {
+std::string statusOf(const Tables& tables, const Backlog& backlog) {
   const auto figures = backlog.figures();
-  return std::to_string(figures.items) + " changes wait, " + std::to_string(figures.done) +
-         " done, " + std::to_string(figures.failed) + " failed";
+  return std::to_string(tables.routes.size()) + " routes, " + std::to_string(figures.items) +
+         " changes wait, " + std::to_string(figures.done) + " done, " +
+         std::to_string(figures.failed) + " failed";
 }
 
 void checkNetns(const std::string& name) try {
@@ -275,7 +276,7 @@ void serve(const Options& options, const std::function<Options()>& readAgain) {
   services.push_back(announcement);
   VornSdkRpc::GrpcServer server(builder, std::move(services), properties, calls != nullptr);
   const auto supervision = std::make_shared<Supervision>(
-      [&backlog] { return statusOf(backlog); },
+      [&tables, &backlog] { return statusOf(tables, backlog); },
       std::vector<Moving>{
           {"serving thread", [&server] { return server.turns(); }, [] { return false; }},
           {"backlog", [&backlog] { return backlog.figures().done; },
