@@ -5,14 +5,13 @@
 #include <cstdint>
 #include <memory>
 
-// One call in flight, as the server sees it. An agent derives a class per RPC method; one object
-// serves one call, and the server advances it by one step whenever an operation of it completes on
-// the completion queue.
-
 namespace grpc {
 class ServerContext;
 }  // namespace grpc
 
+// One call in flight, as the server sees it. An agent derives a class per RPC method; one object
+// serves one call, and the server advances it by one step whenever an operation of it completes on
+// the completion queue.
 namespace VornSdkRpc {
 
 // A completion-queue tag: the address of the tag registry's own record of it. Made by

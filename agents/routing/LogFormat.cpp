@@ -6,7 +6,6 @@
 #include <spdlog/formatter.h>
 #include <spdlog/pattern_formatter.h>
 #include <sys/stat.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -20,24 +19,9 @@ namespace {
 
 using spdlog::details::log_msg;
 
-int priorityOf(spdlog::level::level_enum level) {
-  switch (level) {
-    case spdlog::level::critical:
-      return LOG_CRIT;
-    case spdlog::level::err:
-      return LOG_ERR;
-    case spdlog::level::warn:
-      return LOG_WARNING;
-    case spdlog::level::info:
-      return LOG_INFO;
-    default:
-      return LOG_DEBUG;
-  }
-}
-
 class JournalFormatter : public spdlog::formatter {
   void format(const log_msg& message, spdlog::memory_buf_t& line) override {
-    fmt::format_to(std::back_inserter(line), "<{}>{}\n", priorityOf(message.level),
+    fmt::format_to(std::back_inserter(line), "<{}>{}\n", Kiv::priorityOf(message.level),
                    std::string_view(message.payload.data(), message.payload.size()));
   }
   std::unique_ptr<formatter> clone() const override { return std::make_unique<JournalFormatter>(); }

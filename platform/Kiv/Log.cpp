@@ -26,21 +26,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-int priorityOf(spdlog::level::level_enum level) {
-  switch (level) {
-    case spdlog::level::critical:
-      return LOG_CRIT;
-    case spdlog::level::err:
-      return LOG_ERR;
-    case spdlog::level::warn:
-      return LOG_WARNING;
-    case spdlog::level::info:
-      return LOG_INFO;
-    default:
-      return LOG_DEBUG;
-  }
-}
-
 // Calls syslog(3) and nothing beside it: openlog(3) would take the identity of the process's other
 // messages away, and closelog(3) its connection.
 class SyslogSink : public spdlog::sinks::base_sink<spdlog::details::null_mutex> {
@@ -127,6 +112,21 @@ std::uint32_t hashed(std::string_view text, std::uint32_t hash) {
 }
 
 }  // namespace
+
+int priorityOf(spdlog::level::level_enum level) {
+  switch (level) {
+    case spdlog::level::critical:
+      return LOG_CRIT;
+    case spdlog::level::err:
+      return LOG_ERR;
+    case spdlog::level::warn:
+      return LOG_WARNING;
+    case spdlog::level::info:
+      return LOG_INFO;
+    default:
+      return LOG_DEBUG;
+  }
+}
 
 spdlog::logger& platformLogger() {
   static auto* logger = [] {

@@ -40,6 +40,9 @@ namespace Kiv {
 // installed, one failure an hour at most is told, with the number of failures so far.
 VORN_EXPORT spdlog::logger& platformLogger();
 
+// The priority of syslog(3) that lines of a level have, there and in the journal.
+VORN_EXPORT int priorityOf(spdlog::level::level_enum level);
+
 // While one lives, the lines that its thread logs may wait, so that many are one write to sinks
 // that can do that (Kiv/LineSink.h); then the sinks are flushed. Lines of other threads wait for
 // nothing.
