@@ -1,37 +1,33 @@
-"""HTTP/2 by hand: frames that no library would send, and a client that is quick and sees every answer."""
+"""The frames of soak/http2.py, and a client that is quick and sees every answer."""
 
+import pathlib
 import socket
 import struct
+import sys
 import time
 
-DATA, HEADERS, RST_STREAM, SETTINGS, PING, GOAWAY, WINDOW_UPDATE, CONTINUATION = 0, 1, 3, 4, 6, 7, 8, 9
-END_STREAM, ACK, END_HEADERS = 1, 1, 4
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "soak"))
 
+from http2 import (  # noqa: E402
+    ACK,
+    CONTINUATION,
+    DATA,
+    END_HEADERS,
+    END_STREAM,
+    GOAWAY,
+    GREETING,
+    HEADERS,
+    PING,
+    RST_STREAM,
+    SETTINGS,
+    WINDOW_UPDATE,
+    frame,
+    headers,
+)
 
-def frame(kind: int, flags: int, stream: int, payload: bytes = b"") -> bytes:
-    return len(payload).to_bytes(3, "big") + bytes([kind, flags]) + stream.to_bytes(4, "big") + payload
+__all__ = ["ACK", "CONTINUATION", "DATA", "END_HEADERS", "END_STREAM", "ENDLESS", "GOAWAY", "GREETING", "HEADERS"]
+__all__ += ["PING", "RST_STREAM", "SETTINGS", "WINDOW_UPDATE", "Caller", "frame", "headers"]
 
-
-def field(name: bytes, value: bytes) -> bytes:
-    """A header without compression, of names and values below 127 bytes."""
-    return b"\0" + bytes([len(name)]) + name + bytes([len(value)]) + value
-
-
-def headers(method: str, **more: str) -> bytes:
-    """A header block without compression, and so the same for every call."""
-    fields = {
-        ":method": "POST",
-        ":scheme": "http",
-        ":path": method,
-        ":authority": "bench",
-        "te": "trailers",
-        "content-type": "application/grpc",
-        **{name.replace("_", "-"): value for name, value in more.items()},
-    }
-    return b"".join(field(name.encode(), value.encode()) for name, value in fields.items())
-
-
-GREETING = b"PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n" + frame(SETTINGS, 0, 0)
 ENDLESS = frame(WINDOW_UPDATE, 0, 0, struct.pack(">I", 2**31 - 1 - 65535))  # room for all that will be sent
 
 

@@ -6,7 +6,7 @@ from collections.abc import Iterator
 from typing import NamedTuple
 
 PREFACE = b"PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n"
-DATA, HEADERS, RST_STREAM, SETTINGS, PING = 0, 1, 3, 4, 6
+DATA, HEADERS, RST_STREAM, SETTINGS, PING, GOAWAY, WINDOW_UPDATE, CONTINUATION = 0, 1, 3, 4, 6, 7, 8, 9
 END_STREAM = ACK = 1
 END_HEADERS = 4
 
@@ -30,14 +30,20 @@ def message(payload: bytes) -> bytes:
     return b"\0" + len(payload).to_bytes(4, "big") + payload
 
 
+def headers(path: str, **metadata: str) -> bytes:
+    """The header block of a call, without compression, and so the same each time; names are given with _ for -."""
+    fields = {":method": "POST", ":scheme": "http", ":path": path, ":authority": "agent"}
+    fields |= {"te": "trailers", "content-type": "application/grpc"}
+    fields |= {name.replace("_", "-"): value for name, value in metadata.items()}
+    return b"".join(
+        b"\0" + bytes([len(name)]) + name.encode() + bytes([len(value)]) + value.encode()
+        for name, value in fields.items()
+    )
+
+
 def call(path: str, stream: int, request: bytes | None = None, **metadata: str) -> bytes:
     """The frames of a call; without a request, the client has still to send one."""
-    headers = {":method": "POST", ":scheme": "http", ":path": path, ":authority": "agent"}
-    headers |= {"te": "trailers", "content-type": "application/grpc", **metadata}
-    block = b""
-    for name, value in headers.items():
-        block += b"\0" + bytes([len(name)]) + name.encode() + bytes([len(value)]) + value.encode()
-    frames = frame(HEADERS, END_HEADERS, stream, block)
+    frames = frame(HEADERS, END_HEADERS, stream, headers(path, **metadata))
     if request is not None:
         frames += frame(DATA, END_STREAM, stream, message(request))
     return frames
