@@ -5,12 +5,11 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
-#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <random>
-#include <stop_token>
+#include <semaphore>
 #include <thread>
 #include <unordered_map>
 #include <vector>
@@ -22,12 +21,21 @@ namespace {
 using VornSdkRpc::OpaqueId;
 using VornSdkRpc::RequestHandlerPtr;
 
-// A second thread, as every server has: without one, the reference counts would not be atomic.
-const std::jthread other([](std::stop_token stop) {
-  std::mutex mutex;
-  std::unique_lock lock(mutex);
-  std::condition_variable_any().wait(lock, stop, [] { return false; });
-});
+// A second thread, as every server has: without one, the reference counts would not be atomic. It
+// allocates nothing, as the lookups' allocations are counted while it may only be starting.
+class SecondThread {
+ public:
+  ~SecondThread() {
+    end_.release();
+    thread_.join();
+  }
+
+ private:
+  std::binary_semaphore end_{0};
+  std::thread thread_{[this] { end_.acquire(); }};
+};
+
+const SecondThread second;
 
 class NoCall : public VornSdkRpc::RequestHandler {
   void proceed(OpaqueId) override {}
