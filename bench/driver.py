@@ -1,6 +1,7 @@
 """Starts a server of the benchmarks, loads it with h2load, and reads what it has used."""
 
 import json
+import os
 import pathlib
 import re
 import signal
@@ -14,6 +15,17 @@ Report = dict[str, Any]  # what a server says of itself
 
 BUILD = pathlib.Path("build/release/bench")
 SCRATCH = pathlib.Path(tempfile.mkdtemp(prefix="vorn-bench-"))
+
+# Whether the load has a processor of its own, and the server the others.
+apart = False
+
+
+def on_its_processors(command: list[str | pathlib.Path], is_load: bool) -> list[str | pathlib.Path]:
+    processors = sorted(os.sched_getaffinity(0))
+    if not apart or len(processors) == 1:
+        return command
+    own = processors[-1:] if is_load else processors[:-1]
+    return ["taskset", "--cpu-list", ",".join(map(str, own)), *command]
 
 
 def varint(value: int) -> bytes:
@@ -43,7 +55,7 @@ class Server:
     def __init__(self, *arguments: str, under: Sequence[str] = ()) -> None:
         self.errors = tempfile.TemporaryFile("w+")  # a pipe that nobody reads would hold gRPC's log up
         self.process = subprocess.Popen(
-            [*under, BUILD / "EchoServer", *arguments],
+            on_its_processors([*under, BUILD / "EchoServer", *arguments], is_load=False),
             stdin=subprocess.PIPE,
             stdout=subprocess.PIPE,
             stderr=self.errors,
@@ -104,27 +116,25 @@ def h2load(
 ) -> subprocess.Popen[str]:
     path = SCRATCH / "body"
     path.write_bytes(body)
+    command: list[str | pathlib.Path] = [
+        "h2load",
+        "-n",
+        str(calls),
+        "-c",
+        str(connections),
+        "-m",
+        str(streams),
+        "-d",
+        path,
+        "-H",
+        "te: trailers",
+        "-H",
+        "content-type: application/grpc",
+        *(["--log-file", str(log)] if log else []),
+        f"http://127.0.0.1:{port}/bench.Bench/{method}",
+    ]
     return subprocess.Popen(
-        [
-            "h2load",
-            "-n",
-            str(calls),
-            "-c",
-            str(connections),
-            "-m",
-            str(streams),
-            "-d",
-            path,
-            "-H",
-            "te: trailers",
-            "-H",
-            "content-type: application/grpc",
-            *(["--log-file", str(log)] if log else []),
-            f"http://127.0.0.1:{port}/bench.Bench/{method}",
-        ],
-        stdout=subprocess.PIPE,
-        stderr=subprocess.STDOUT,
-        text=True,
+        on_its_processors(command, is_load=True), stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True
     )
 
 

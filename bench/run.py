@@ -1,9 +1,10 @@
 """Measures the library beside what a user would pick instead, with the release build that stands.
 
-scripts/bench [--quick] [--long] [--only WORK[,WORK...]]
+scripts/bench [--quick] [--long] [--apart] [--only WORK[,WORK...]]
 
   --quick   fewer rounds and calls, about two minutes
   --long    the run that looks for growth serves ten million calls instead of 300,000
+  --apart   the load has a processor of its own, the server the others
   --only    some of: unary streaming held stalled growth programs
 
 Subjects take turns (A B C, then C B A), each round in a process of its own after a warm-up. A
@@ -22,6 +23,7 @@ import time
 from collections.abc import Callable, Iterable, Mapping
 
 import chart
+import driver
 import programs
 import table
 from driver import Server, h2load, instructions, item, load, order, percentiles, stalled, Report, SCRATCH
@@ -283,9 +285,11 @@ def parse() -> Plan:
     )
     parser.add_argument("--quick", action="store_true")
     parser.add_argument("--long", action="store_true")
+    parser.add_argument("--apart", action="store_true")
     parser.add_argument("--only", default=",".join(WORKS))
     plan = parser.parse_args()
     plan.only = plan.only.split(",")
+    driver.apart = plan.apart
     plan.rounds, plan.few, plan.counted_rounds = (5, 1, 1) if plan.quick else (7, 3, 2)
     plan.calls, plan.counted = (5_000, 2_000) if plan.quick else (20_000, 3_000)
     plan.streams, plan.publishes = (20, 3) if plan.quick else (100, 10)
