@@ -46,6 +46,7 @@ struct Options {
   int streams = 0;
   std::chrono::microseconds work{0};
   bool turns = false;
+  bool timesPolls = false;
 };
 
 Options parse(int argc, char** argv) {
@@ -77,6 +78,8 @@ Options parse(int argc, char** argv) {
       options.streams = std::stoi(value());
     } else if (option == "--work") {
       options.work = std::chrono::microseconds(std::stol(value()));
+    } else if (option == "--time-polls") {
+      options.timesPolls = true;
     } else if (option == "--turns") {
       options.turns = true;
     } else {
@@ -147,6 +150,7 @@ void serve(const Options& options) {
   }
 
   bench::Counts counts;
+  counts.timesPolls = options.timesPolls;
   const auto server = make(options, counts);
   if (options.listener) server->listenerIs(listener);
   if (options.turns) server->clientsTakeTurns();

@@ -22,7 +22,8 @@ namespace bench {
 struct Counts {
   std::atomic<std::uint64_t> held = 0;     // open Hold streams
   std::atomic<std::uint64_t> written = 0;  // writes to them that are out
-  std::atomic<double> longestPollMs = 0;   // and its step; of a server on the frame
+  bool timesPolls = false;                 // which costs a server on the frame more than a percent
+  std::atomic<double> longestPollMs = 0;   // with the step behind it
 };
 
 class Server {

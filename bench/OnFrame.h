@@ -27,6 +27,7 @@ class OnFrame : public Server {
         properties_);
     server_->listenerIs(listener_);
     server_->clientsTakeTurnsIs(turns_);
+    if (!counts_.timesPolls) return server_->run();
     server_->setup();
     while (!server_->stopRequested())
       poll();

@@ -156,7 +156,7 @@ def flood(port: int, kind: str, connections: int, rate: int, sent: Any) -> None:
 
 
 def measure(kind: str, options: argparse.Namespace) -> str:
-    arguments = ["--listener"] if options.server == "listener" else []
+    arguments = ["--time-polls", *(["--listener"] if options.server == "listener" else [])]
     if options.keepalive:
         arguments.append("--keepalive")
     with Server("frame", *arguments) as server:
