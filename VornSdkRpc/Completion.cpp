@@ -9,22 +9,21 @@ namespace {
 
 using NextStatus = grpc::CompletionQueue::NextStatus;
 
-thread_local Current currentOne = Current::none;
-thread_local bool isInStop = false;
+struct LookedAt {
+  Current current = Current::none;
+  bool inStop = false;
+};
+
+thread_local LookedAt lookedAt;
 
 // Lets gRPC finish an operation, which is where it calls interceptors. Returns false when there is
 // nothing in it for the agent.
 bool finalized(grpc::internal::CompletionQueueTag& operation, void** tag, bool* ok, bool stopping) {
   struct Within {
-    Within(bool succeeded, bool stopping) {
-      currentOne = succeeded ? Current::succeeded : Current::failed;
-      isInStop = stopping;
-    }
-    ~Within() {
-      currentOne = Current::none;
-      isInStop = false;
-    }
-  } const within(*ok, stopping);
+    explicit Within(LookedAt is) { on = is; }
+    ~Within() { on = {}; }
+    LookedAt& on = lookedAt;  // found once: each look at a thread's own variable is a call
+  } const within({*ok ? Current::succeeded : Current::failed, stopping});
   return operation.FinalizeResult(tag, ok);
 }
 
@@ -43,8 +42,8 @@ NextStatus next(grpc::CompletionQueue& queue, void** tag, bool* ok, gpr_timespec
   }
 }
 
-Current current() { return currentOne; }
+Current current() { return lookedAt.current; }
 
-bool isStopping() { return isInStop; }
+bool isStopping() { return lookedAt.inStop; }
 
 }  // namespace VornSdkRpc::completion
