@@ -152,7 +152,7 @@ class CallAccounting::Feeder {
 
   void tellLoss() const noexcept try {
     const Kiv::TraceHandle trace("RPCAccounting", false);
-    trace.write(0, fmt::format("{} records could not be written and are lost", lost_));
+    trace.warn(fmt::format("{} records could not be written and are lost", lost_));
   } catch (const std::exception&) {
     // Without memory for the line, the count is left.
   }

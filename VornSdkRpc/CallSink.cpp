@@ -29,8 +29,8 @@ class AccountingLines : public CallSink {
   }
 
   bool writeGap(const CallGap& gap) override {
-    trace_.write(0, fmt::format("{} records from number {} on could not be kept and are lost",
-                                gap.count, gap.first));
+    trace_.warn(fmt::format("{} records from number {} on could not be kept and are lost",
+                            gap.count, gap.first));
     return true;
   }
 

@@ -157,9 +157,9 @@ class Expiry {
     if (expires == CertificateState::Time::max() || expires - warnBefore_ > now) return;
     const auto hours = std::chrono::duration_cast<std::chrono::hours>(expires - now).count();
     if (expires <= now) {
-      tracer().trace0("what %s held when it was last good has expired", file.c_str());
+      tracer().error("what %s held when it was last good has expired", file.c_str());
     } else {
-      tracer().trace0("%s expires in %lld hours", file.c_str(), static_cast<long long>(hours));
+      tracer().warn("%s expires in %lld hours", file.c_str(), static_cast<long long>(hours));
     }
   }
 
@@ -265,7 +265,7 @@ class Certificates::Impl {
   void refused(const char* why) VORN_REQUIRES(mutex_) {
     if (error_ == why) return;
     error_ = why;
-    tracer().trace0("the certificates stay as they were: %s", why);
+    tracer().error("the certificates stay as they were: %s", why);
   }
 
   const CertificateFiles files_;

@@ -18,8 +18,8 @@ void write(gpr_log_func_args* args) try {
   if (handle->enabled(8)) return handle->write(8, args->message);
   if (args->severity != GPR_LOG_SEVERITY_ERROR) return;
   if (const auto heldBack = limit->admit())
-    handle->write(
-        0, fmt::format("{} ({} messages were left out before it)", args->message, *heldBack));
+    handle->error(
+        fmt::format("{} ({} messages were left out before it)", args->message, *heldBack));
 } catch (const std::exception&) {
   // Without memory there is no message.
 }

@@ -89,13 +89,13 @@ class EndsInTime {
     if (timeout > timeout.zero())
       abort_.emplace(timeout, [&tracer, timeout] { abandon(tracer, timeout); });
     if (!cut_->planned() || (abort_ && !abort_->planned()))
-      tracer.trace0("The stop has no timeout, for want of a thread.");
+      tracer.warn("The stop has no timeout, for want of a thread.");
   }
 
  private:
   [[noreturn]] static void abandon(const vorn::tracer& tracer, std::chrono::milliseconds timeout) {
-    tracer.trace0("The server has not ended %lld ms after everything was cancelled: aborted.",
-                  static_cast<long long>(timeout.count()));
+    tracer.error("The server has not ended %lld ms after everything was cancelled: aborted.",
+                 static_cast<long long>(timeout.count()));
     Kiv::traceLogger().flush();
     std::abort();
   }
@@ -169,7 +169,7 @@ GrpcServer::~GrpcServer() {
   try {
     stop();
   } catch (...) {
-    tracer_.trace0("A service failed to stop.");
+    tracer_.error("A service failed to stop.");
   }
   leaveLoop();
   stopListening();

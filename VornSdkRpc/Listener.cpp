@@ -173,8 +173,8 @@ class Refusals {
   }
   void tell() {
     if (!untold()) return;
-    tracer_.trace0("Refused connections: %llu; %s.",
-                   static_cast<unsigned long long>(count_ - told_), why_);
+    tracer_.warn("Refused connections: %llu; %s.", static_cast<unsigned long long>(count_ - told_),
+                 why_);
     told_ = count_;
     nextWord_ = Clock::now() + std::chrono::seconds(1);
   }
@@ -352,7 +352,7 @@ class Listener::Accepting {
       parameters.fd = connection;
       entrance->acceptor->HandleNewConnection(&parameters);  // which closes it from here on
     } catch (const std::exception& error) {
-      tracer_.trace0("Lost a connection: %s", error.what());
+      tracer_.warn("Lost a connection: %s", error.what());
     }
   }
 
@@ -388,7 +388,7 @@ class Listener::Accepting {
   bool refuseNext(const Place& place) {
     if (!reserve_.take()) {
       if (!std::exchange(helpless_, true))
-        tracer_.trace0("No file descriptor is left, not even to refuse with: connections wait.");
+        tracer_.warn("No file descriptor is left, not even to refuse with: connections wait.");
       return false;
     }
     reserve_.giveUp();
@@ -402,7 +402,7 @@ class Listener::Accepting {
 
   void giveUp(Place& place) {
     place.broken = true;
-    tracer_.trace0("A listening socket is gone: %s.", std::strerror(errno));
+    tracer_.error("A listening socket is gone: %s.", std::strerror(errno));
   }
 
   const vorn::tracer tracer_{"Listener"};

@@ -247,7 +247,7 @@ class MetricsFile::Impl {
       replaceFile(path_, metrics_.text());
       failed_ = false;
     } catch (const std::exception& error) {
-      if (!std::exchange(failed_, true)) tracer_.trace0("%s", error.what());
+      if (!std::exchange(failed_, true)) tracer_.error("%s", error.what());
     }
   }
 

@@ -146,7 +146,7 @@ class PolicyGuard::Impl {
     }
     if (options_.denied) options_.denied(denial);
   } catch (const std::exception& error) {
-    tracer().trace0("a denial could not be told: %s", error.what());
+    tracer().error("a denial could not be told: %s", error.what());
   }
 
   const PolicyOptions options_;
@@ -196,7 +196,7 @@ class PolicyProcessor : public grpc::AuthMetadataProcessor {
     const auto method = path == metadata.end() ? std::string_view() : textOf(path->second);
     return guard_->admit(*connection, method, metadata);
   } catch (const std::exception& error) {
-    tracer().trace0("a call could not be decided on: %s", error.what());
+    tracer().error("a call could not be decided on: %s", error.what());
     return {grpc::StatusCode::INTERNAL, "internal error"};
   }
 
@@ -267,7 +267,7 @@ class PolicyFile::Impl {
   void refused(const char* why) VORN_REQUIRES(mutex_) {
     if (error_ == why) return;
     error_ = why;
-    tracer().trace0("the policy stays as it was: %s", why);
+    tracer().error("the policy stays as it was: %s", why);
   }
 
   const std::string path_;

@@ -24,8 +24,9 @@ void write(google::protobuf::LogLevel level, const char* file, int line,
   const bool fatal = level == google::protobuf::LOGLEVEL_FATAL;
   const auto heldBack = limit->admit();
   if (!heldBack && !fatal) return;
-  handle->write(0, fmt::format("{} ({}:{}; {} messages were left out before it)", message, file,
-                               line, heldBack.value_or(0)));
+  const std::string text = fmt::format("{} ({}:{}; {} messages were left out before it)", message,
+                                       file, line, heldBack.value_or(0));
+  level >= google::protobuf::LOGLEVEL_ERROR ? handle->error(text) : handle->warn(text);
   if (fatal) Kiv::traceLogger().flush();  // protobuf ends the process now
 } catch (const std::exception&) {
   // Without memory there is no message.

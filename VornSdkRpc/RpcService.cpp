@@ -181,11 +181,11 @@ grpc::Status ServiceBase::thrown(const grpc::ServerContext& context,
   } catch (const vorn::no_scoped_lock_obtained_error& error) {
     return {grpc::StatusCode::UNAVAILABLE, textOf(error)};
   } catch (const std::exception& error) {
-    tracer_.trace0("%s of %s failed: %s", method.path().c_str(), context.peer().c_str(),
-                   error.what());
+    tracer_.error("%s of %s failed: %s", method.path().c_str(), context.peer().c_str(),
+                  error.what());
   } catch (...) {
-    tracer_.trace0("%s of %s failed with an unknown exception", method.path().c_str(),
-                   context.peer().c_str());
+    tracer_.error("%s of %s failed with an unknown exception", method.path().c_str(),
+                  context.peer().c_str());
   }
   return {grpc::StatusCode::INTERNAL, "internal error"};
 }

@@ -125,9 +125,9 @@ void StopOnSignal::wait() {
     try {
       server_.stop(grace);
     } catch (const std::exception& error) {
-      tracer.trace0("a service failed to stop: %s", error.what());
+      tracer.error("a service failed to stop: %s", error.what());
     } catch (...) {
-      tracer.trace0("a service failed to stop");
+      tracer.error("a service failed to stop");
     }
   }
 }

@@ -113,8 +113,8 @@ class RecordWriter {
   void tellLoss() noexcept {
     if (lost_ == 0) return;
     try {
-      _defaultTraceHandle().write(
-          0, fmt::format("{} records could not be written and are lost", lost_));
+      _defaultTraceHandle().warn(
+          fmt::format("{} records could not be written and are lost", lost_));
       lost_ = 0;
     } catch (const std::exception&) {
       // It is told behind the next record, when there is memory.

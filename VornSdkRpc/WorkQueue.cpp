@@ -28,9 +28,9 @@ void trace(const vorn::tracer& tracer, const std::exception_ptr& failure) {
   try {
     std::rethrow_exception(failure);
   } catch (const std::exception& error) {
-    tracer.trace0("work failed: %s", error.what());
+    tracer.error("work failed: %s", error.what());
   } catch (...) {
-    tracer.trace0("work failed with an unknown exception");
+    tracer.error("work failed with an unknown exception");
   }
 }
 

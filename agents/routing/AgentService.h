@@ -167,7 +167,7 @@ class AgentService : public rpc::Service<Generated> {
   }
 
   grpc::Status notKept(const StateFile::Error& error) const {
-    this->tracer_.trace0("%s", error.what());
+    this->tracer_.error("%s", error.what());
     return {grpc::StatusCode::RESOURCE_EXHAUSTED, error.what()};
   }
 

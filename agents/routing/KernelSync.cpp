@@ -133,7 +133,7 @@ void KernelSync::runStep(bool& more) {
     try {
       Kiv::log(failedHandle, std::string(error.what()));
     } catch (const std::bad_alloc&) {
-      tracer_.trace0("no memory");
+      tracer_.error("no memory");
     }
     std::this_thread::sleep_for(kRestAfterFailure);
     recover();
@@ -474,7 +474,7 @@ KernelSync::Trouble KernelSync::troubleOf(const KernelAnswer& answer) {
 
 void KernelSync::warn(const std::string& what, const Trouble& trouble) const {
   if (trouble.state == Programming::FAILED) ++refusals_;
-  tracer_.trace0("%s: %s", what.c_str(), trouble.reason.c_str());
+  tracer_.warn("%s: %s", what.c_str(), trouble.reason.c_str());
   Kiv::log(trouble.state == Programming::FAILED ? refusedHandle : waitsHandle, trouble.reason,
            what);
 }

@@ -117,12 +117,12 @@ void reload(const Options& before, const std::function<Options()>& read, Kiv::Fi
     const Options now = read();
     applyTrace(now);
     if (now.withoutTrace() != before.withoutTrace())
-      tracer.trace0("reload: options other than the trace wait for the next start");
+      tracer.warn("reload: options other than the trace wait for the next start");
     if (log) log->reopen();
     if (accounting) accounting->reopen();
     tracer.trace0("reload: done");
   } catch (const std::exception& error) {
-    tracer.trace0("reload: %s", error.what());
+    tracer.error("reload: %s", error.what());
   }
 }
 

@@ -40,7 +40,7 @@ void ReloadOnSignal::run() {
     try {
       reload_();
     } catch (const std::exception& error) {
-      vorn::tracer("ReloadOnSignal").trace0("%s", error.what());
+      vorn::tracer("ReloadOnSignal").error("%s", error.what());
     }
   }
 }

@@ -38,7 +38,7 @@ std::unique_ptr<SbfdEcho> openEcho(const std::string& netns) try {
   return std::make_unique<SbfdEcho>(netns);
 } catch (const std::system_error& error) {
   if (error.code().value() != EPERM && error.code().value() != EAFNOSUPPORT) throw;
-  vorn::tracer("Sbfd").trace0("sessions are simulated: %s", error.what());
+  vorn::tracer("Sbfd").warn("sessions are simulated: %s", error.what());
   return nullptr;
 }
 

@@ -89,8 +89,8 @@ void Supervision::look() {
     const auto count = moving_[i].count();
     if (count == std::exchange(last_[i], count) && !idle) {
       moves = false;
-      tracer_.trace0("the %s stands still: the watchdog is not told that the agent lives",
-                     moving_[i].name.c_str());
+      tracer_.error("the %s stands still: the watchdog is not told that the agent lives",
+                    moving_[i].name.c_str());
     }
   }
   tell(std::string(moves ? "WATCHDOG=1\n" : "") + "STATUS=" + status_());

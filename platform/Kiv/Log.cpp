@@ -133,7 +133,7 @@ spdlog::logger& platformLogger() {
     auto* made = new spdlog::logger("log", defaultSink());
     made->set_level(spdlog::level::trace);
     static auto* const trace = new TraceHandle("PlatformLog", false);  // never destroyed either
-    SinkFailures::tellOf(*made, "log", [](std::string_view text) { trace->write(0, text); });
+    SinkFailures::tellOf(*made, "log", [](std::string_view text) { trace->error(text); });
     return made;
   }();
   return *logger;

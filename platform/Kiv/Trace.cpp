@@ -127,6 +127,17 @@ void flushAtExit() {
   traceLogger().flush();
 }
 
+void writeLine(const std::string& name, unsigned level, spdlog::level::level_enum severity,
+               const spdlog::source_loc& where, std::string_view text) {
+  try {
+    const std::string line = oneLine(fmt::format("{}/{}: {}", name, level, text), kLineMax);
+    traceLogger().log(where, severity, spdlog::string_view_t(line));
+    if (isExiting) traceLogger().flush();
+  } catch (...) {
+    // spdlog keeps a sink's std::exception to itself; what else a sink may throw ends here.
+  }
+}
+
 // Tells a failure of the trace's sinks, where the trace can't.
 void tellOnStderr(std::string_view text) {
   static auto* const sink = new StderrSink(std::chrono::milliseconds(0));
@@ -163,14 +174,15 @@ void TraceHandle::write(unsigned level, std::string_view text) const {
 
 void TraceHandle::write(unsigned level, const spdlog::source_loc& where,
                         std::string_view text) const {
-  try {
-    const std::string line = oneLine(fmt::format("{}/{}: {}", name_, level, text), kLineMax);
-    traceLogger().log(where, level == 0 ? spdlog::level::info : spdlog::level::debug,
-                      spdlog::string_view_t(line));
-    if (isExiting) traceLogger().flush();
-  } catch (...) {
-    // spdlog keeps a sink's std::exception to itself; what else a sink may throw ends here.
-  }
+  writeLine(name_, level, level == 0 ? spdlog::level::info : spdlog::level::debug, where, text);
+}
+
+void TraceHandle::warn(std::string_view text) const {
+  writeLine(name_, 0, spdlog::level::warn, {}, text);
+}
+
+void TraceHandle::error(std::string_view text) const {
+  writeLine(name_, 0, spdlog::level::err, {}, text);
 }
 
 }  // namespace Kiv

@@ -11,13 +11,13 @@
 // higher levels tell more. Lines go through one spdlog logger.
 namespace Kiv {
 
-// The logger that every trace line is written through, at spdlog's level info for level 0 and debug
-// for the others; it passes both. Its one sink is a queue in front of standard error
-// (Kiv/QueuedSink.h), so that nobody who traces waits for whoever reads it; flush() waits for the
-// queue, with a bound, and an exit of the process flushes. An agent may replace sinks(), which is
-// to be done before other threads trace: a sink of its own is called by the thread that traces,
-// and one that may stand still goes behind a QueuedSink. Never destroyed, so that static
-// destructors can still trace. The first call starts the queue's thread.
+// The logger that every trace line is written through, at spdlog's level info for level 0, unless
+// it is a warning or an error, and debug for the others; it passes all. Its one sink is a queue in
+// front of standard error (Kiv/QueuedSink.h), so that nobody who traces waits for whoever reads it;
+// flush() waits for the queue, with a bound, and an exit of the process flushes. An agent may
+// replace sinks(), which is to be done before other threads trace: a sink of its own is called by
+// the thread that traces, and one that may stand still goes behind a QueuedSink. Never destroyed,
+// so that static destructors can still trace. The first call starts the queue's thread.
 VORN_EXPORT spdlog::logger& traceLogger();
 
 // Replaces the trace setting of the process: a comma-separated list of NAME/LEVEL or

@@ -35,6 +35,11 @@ class VORN_EXPORT TraceHandle {
   void write(unsigned level, std::string_view text) const;
   void write(unsigned level, const spdlog::source_loc& where, std::string_view text) const;
 
+  // write(0, text), as a line of the logger's level warn or err: for what somebody should look at,
+  // such as a loss, and for what does not work until somebody mends it.
+  void warn(std::string_view text) const;
+  void error(std::string_view text) const;
+
  private:
   friend class TraceRegistry;
 

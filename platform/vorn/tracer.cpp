@@ -30,6 +30,22 @@ void tracer::trace0(const char* format, ...) const {
   va_end(args);
 }
 
+void tracer::warn(const char* format, ...) const {
+  if (!handle_.enabled(0)) return;
+  va_list args;
+  va_start(args, format);
+  handle_.warn(formatted(format, args));
+  va_end(args);
+}
+
+void tracer::error(const char* format, ...) const {
+  if (!handle_.enabled(0)) return;
+  va_list args;
+  va_start(args, format);
+  handle_.error(formatted(format, args));
+  va_end(args);
+}
+
 void tracer::trace8(const char* format, ...) const {
   if (!handle_.enabled(8)) return;
   va_list args;

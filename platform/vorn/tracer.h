@@ -18,7 +18,11 @@ class VORN_EXPORT tracer {
   // Writes one line when level 0 is enabled, as Kiv::TraceHandle::write does.
   [[gnu::format(printf, 2, 3)]] void trace0(const char* format, ...) const;
 
-  // The same at level 8.
+  // The same, as a warning and as an error (Kiv::TraceHandle).
+  [[gnu::format(printf, 2, 3)]] void warn(const char* format, ...) const;
+  [[gnu::format(printf, 2, 3)]] void error(const char* format, ...) const;
+
+  // The same as trace0() at level 8.
   [[gnu::format(printf, 2, 3)]] void trace8(const char* format, ...) const;
 
  private:
