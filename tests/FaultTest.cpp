@@ -126,6 +126,7 @@ TEST(Clients, WhateverTheyDoTheOthersAreServedAndNothingStays) {
 TEST(Stop, FromEightThreadsAtOnceUnderLoad) {
   using namespace routing_agent;
   Tables tables;
+  Election election;
   Backlog backlog(std::chrono::milliseconds(0), 1 << 20);
   SbfdMonitor monitor;
   for (const char* interface : {"eth0", "eth1"}) {
@@ -137,7 +138,7 @@ TEST(Stop, FromEightThreadsAtOnceUnderLoad) {
   const auto probe = std::make_shared<ProbeService>();
   auto running =
       std::make_unique<RunningServer>(std::vector<std::shared_ptr<VornSdkRpc::GrpcService>>{
-          probe, std::make_shared<SbfdService>(Workings{tables, backlog, {}}, monitor)});
+          probe, std::make_shared<SbfdService>(Workings{tables, backlog, election, {}}, monitor)});
   std::latch busy(16);
   std::vector<std::jthread> threads;
   for (int i = 0; i < 8; ++i) {

@@ -5,11 +5,14 @@
 #include <vorn/error.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <latch>
 #include <map>
 #include <mutex>
 #include <set>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "agents/routing/Options.h"
 #include "agents/routing/RoutingService.h"
@@ -118,10 +121,13 @@ TEST(Check, NamesTheFieldThatCantBeUsed) {
 // The agent's services on a loopback address. On [::1] a peer counts as a remote one.
 struct Agent {
   explicit Agent(std::chrono::milliseconds stepTime = {}, const std::string& host = "127.0.0.1",
-                 std::size_t backlogLimit = 64 << 20, std::size_t tableLimit = 0)
+                 std::size_t backlogLimit = 64 << 20, std::size_t tableLimit = 0,
+                 const std::string& stateFile = {})
       : host_(host),
+        file(stateFile.empty() ? nullptr : std::make_unique<StateFile>(stateFile, tables)),
+        election(file.get()),
         backlog(stepTime, backlogLimit),
-        workings{tables, backlog, {host_}, nullptr, tableLimit} {}
+        workings{tables, backlog, election, {host_}, file.get(), tableLimit} {}
 
   template <typename Service>
   std::unique_ptr<typename Service::Stub> stub() const {
@@ -134,7 +140,9 @@ struct Agent {
 
   const std::string host_;
   mutable Tables tables;
+  const std::unique_ptr<StateFile> file;
   SbfdMonitor monitor;
+  Election election;
   Backlog backlog;
   const Workings workings;
   test::RunningServer running{
@@ -447,6 +455,125 @@ TEST(RoutingAgent, TellsWhatBecameOfAChange) {
   summary_msg summary;
   EXPECT_TRUE(stub->AwaitAll(&context, await_all_msg(), &summary).ok());
   EXPECT_EQ(summary.programmed(), 1U);
+}
+
+grpc::Status setAs(Routing::Stub& stub, const char* electionId, std::uint8_t number) {
+  grpc::ClientContext context;
+  if (electionId) context.AddMetadata("election-id", electionId);
+  rpc_status_msg reply;
+  return stub.SetRoute(&context, routeOf(number), &reply);
+}
+
+TEST(RoutingAgent, TakesThePrimarysChangesAloneOnceThereIsOne) {
+  using enum grpc::StatusCode;
+  const Agent agent;
+  const auto stub = agent.stub<Routing>();
+  const std::string max = std::to_string(~std::uint64_t{0});
+  const struct {
+    const char* id;
+    grpc::StatusCode code;
+    std::string text;
+  } calls[] = {
+      {nullptr, OK, ""},
+      {"", INVALID_ARGUMENT, "election-id is neither"},
+      {"0", INVALID_ARGUMENT, "election-id is neither"},
+      {"0:0", INVALID_ARGUMENT, "election-id is neither"},
+      {"-1", INVALID_ARGUMENT, "election-id is neither"},
+      {"1:2:3", INVALID_ARGUMENT, "election-id is neither"},
+      {"18446744073709551616", INVALID_ARGUMENT, "election-id is neither"},
+      {nullptr, OK, ""},
+      {"7", OK, ""},
+      {"7", OK, ""},
+      {"6", PERMISSION_DENIED, "election id 6 is not the primary's, which is 7"},
+      {nullptr, PERMISSION_DENIED, "only the primary, whose election id is 7, may change"},
+      {max.c_str(), OK, ""},
+      {"1:0", OK, ""},
+      {"7", PERMISSION_DENIED, "which is 1:0"},
+      {max.c_str(), PERMISSION_DENIED, "which is 1:0"},
+      {"0:7", PERMISSION_DENIED, "election id 7 is"},
+  };
+  for (const auto& [id, code, text] : calls) {
+    const auto status = setAs(*stub, id, 1);
+    EXPECT_EQ(status.error_code(), code) << (id ? id : "none");
+    EXPECT_THAT(status.error_message(), testing::HasSubstr(text));
+  }
+  announce_msg announce;
+  EXPECT_EQ(call(*stub, &Routing::Stub::Announce, announce), INVALID_ARGUMENT);
+  announce.mutable_election_id()->set_low(9);
+  EXPECT_EQ(call(*stub, &Routing::Stub::Announce, announce), PERMISSION_DENIED);
+  announce.mutable_election_id()->set_high(2);
+  EXPECT_EQ(call(*stub, &Routing::Stub::Announce, announce), OK);
+  EXPECT_EQ(setAs(*stub, "1:0", 1).error_code(), PERMISSION_DENIED);
+  EXPECT_EQ(setAs(*stub, "2:9", 1).error_code(), OK);
+}
+
+// In the tables, in the books of what is there, in the state file, and in the former one's calls.
+TEST(RoutingAgent, DropsWhatWaitsOfAFormerPrimary) {
+  std::string folder = (std::filesystem::temp_directory_path() / "election-XXXXXX").string();
+  ASSERT_TRUE(mkdtemp(folder.data()));
+  const std::string path = folder + "/state";
+  {
+    Agent agent({}, "127.0.0.1", 64 << 20, 0, path);
+    const auto stub = agent.stub<Routing>();
+    const auto asFormer = [](grpc::ClientContext& context) {
+      context.AddMetadata("election-id", "5");
+    };
+    EXPECT_TRUE(setAs(*stub, "5", 1).ok());
+    agent.programAll();
+    std::latch gate(1);
+    ASSERT_TRUE(agent.backlog.add([&gate] { gate.wait(); }, 0));
+    EXPECT_TRUE(setAs(*stub, "5", 2).ok());
+    rpc_status_msg reply;
+    grpc::ClientContext deletion, upload, waits;
+    asFormer(deletion);
+    EXPECT_TRUE(stub->DeleteRoute(&deletion, routeOf(1).prefix(), &reply).ok());
+    asFormer(upload);
+    set_routes_reply_msg accepted;
+    const auto writer = stub->SetRouteParts(&upload, &accepted);
+    routes_msg part;
+    *part.add_route() = routeOf(3);
+    *part.add_route() = routeOf(4);
+    writer->Write(part);
+    while (agent.backlog.waiting() != 5)
+      std::this_thread::yield();
+    asFormer(waits);
+    programming_msg state;
+    grpc::Status awaited;
+    await_msg what;
+    *what.mutable_route() = routeOf(1).prefix();
+    std::jthread waiting([&] { awaited = stub->Await(&waits, what, &state); });
+    while (agent.backlog.waiting() != 6)
+      std::this_thread::yield();
+
+    EXPECT_TRUE(setAs(*stub, "6", 5).ok());
+    const auto before = agent.file->size();
+    EXPECT_EQ(agent.election.dropped(), 4U);
+    writer->WritesDone();
+    EXPECT_EQ(writer->Finish().error_code(), grpc::StatusCode::ABORTED);
+    gate.count_down();
+    waiting.join();
+    EXPECT_EQ(awaited.error_code(), grpc::StatusCode::ABORTED);
+    EXPECT_THAT(awaited.error_message(), testing::HasSubstr("with election id 6"));
+    agent.programAll();
+    EXPECT_THAT(tagsOf(*stub), testing::ElementsAre(1, 5));
+    for (const auto& [number, code] :
+         {std::pair(2, grpc::StatusCode::NOT_FOUND), std::pair(1, grpc::StatusCode::OK)}) {
+      grpc::ClientContext context;
+      context.AddMetadata("election-id", "6");
+      const auto prefix = routeOf(static_cast<std::uint8_t>(number)).prefix();
+      EXPECT_EQ(stub->DeleteRoute(&context, prefix, &reply).error_code(), code);
+    }
+    while (agent.file->size() >= before)
+      std::this_thread::yield();
+  }
+  Tables tables;
+  {
+    const StateFile file(path, tables);
+  }
+  std::vector<std::uint32_t> kept;
+  tables.routes.forEach([&](const PrefixKey&, const auto& route) { kept.push_back(route.tag()); });
+  EXPECT_THAT(kept, testing::ElementsAre(5));
+  std::filesystem::remove_all(folder);
 }
 
 // A watcher is sent the present state first, then an end, then what changes: sessions that come up,

@@ -208,11 +208,11 @@ TEST_F(StateFileTest, IsWrittenAnewWhileItGoesOn) {
       file->add(StateFile::kRouteRemoved, gone);
       tables.routes.remove(PrefixKey(gone));
     }
-    if (!file->isFull() && !file->grown()) continue;
+    if (!file->isFull() && !file->wantsRewrite()) continue;
     file->flush();
     shrunk = shrunk || file->size() < largest;
     largest = std::max(largest, file->size());
-    if (!file->grown()) continue;
+    if (!file->wantsRewrite()) continue;
     file->markRewrite();
     file->rewrite();
   }

@@ -55,7 +55,9 @@ def setting(table: str, key: str) -> Callable[..., Any]:
     """A method that keeps what it is told in a table."""
 
     def answer(self: "FakeAgent", request: Any, context: Any) -> Any:
-        self.users.append(dict(context.invocation_metadata()).get("username"))
+        metadata = dict(context.invocation_metadata())
+        self.users.append(metadata.get("username"))
+        self.elected = metadata.get("election-id")
         place = str(getattr(request, key))
         if self.room_in > 0:
             self.room_in -= 1
@@ -84,6 +86,8 @@ class FakeAgent(
         self.sessions: dict[str, Any] = {}
         self.state: dict[str, str] = {}
         self.users: list[str | None] = []
+        self.elected: str | None = None  # what the last change was sent with
+        self.primary: Any = None
         self.waiting = 0
         self.programming: Any = None  # what becomes of everything; None: this agent does not say
         self.synced = False
@@ -133,6 +137,10 @@ class FakeAgent(
         self.synced = True
         return self.answer
 
+    def Announce(self, request: Any, context: Any) -> Any:
+        self.primary = request.election_id
+        return self.answer
+
     def GetSessions(self, request: Any, context: Any) -> Iterator[Any]:
         kind = pb.agent.session_state_msg
         states = [
@@ -172,6 +180,7 @@ class FakeAgent(
             kernel={"failed": 3},
             backlog={"waiting": 100 * self.looks, "done": 50 * self.looks},
             certificate_expires=2 * 10**18,
+            primary=self.primary,
         )
 
     def Configure(self, request: Any, context: Any) -> Any:
@@ -701,6 +710,18 @@ class VornctlTest(unittest.TestCase):
         self.assertEqual((err, live.returncode, self.agent.looks - looks), ("", 0, 3))
         self.assertRegex(out, r"done a second +50")
         self.assertRegex(out, rf"highest: {100 * self.agent.looks}")
+
+    def test_election(self) -> None:
+        self.assertRegex(self.succeed("status"), r"(?m)^primary's election id +none")
+        self.succeed("set group g --election-id 18446744073709551615")
+        self.assertEqual(self.agent.elected, "18446744073709551615")
+        for id, high, low in (("7", 0, 7), ("1:0", 1, 0)):
+            self.succeed(f"announce --election-id {id}")
+            self.assertEqual((self.agent.primary.high, self.agent.primary.low), (high, low))
+            self.assertRegex(self.succeed("status"), rf"(?m)^primary's election id +{id}$")
+        for id in ("0", "0:0", "-1", "1:2:3", "", "18446744073709551616"):
+            self.refuse(2, "is neither NUMBER nor HIGH:NUMBER", "set", "group", "g", "--election-id", id)
+        self.refuse(2, "needs --election-id", "announce")
 
     def test_closed_pipe(self) -> None:
         watch = self.start("watch", "sessions", "--json")

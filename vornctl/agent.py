@@ -61,7 +61,8 @@ class Agent:
         self.state = stubs.rpc.StateStub(self.channel)
         self.status = stubs.rpc.StatusStub(self.channel)
         self.policy = stubs.policy_rpc.PolicyStub(self.channel)
-        metadata = [("username", args.user)] if args.user else []
+        named = (("username", args.user), ("election-id", args.election_id))
+        metadata = [(key, value) for key, value in named if value]
         self.patience: float = args.timeout or UNARY_TIMEOUT
         self.unary = {"timeout": self.patience, "metadata": metadata}
         self.stream = {"timeout": args.timeout, "metadata": metadata}

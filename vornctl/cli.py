@@ -136,6 +136,12 @@ COMMON: dict[str, dict[str, Any]] = {
         "type": user_name,
         "help": "who calls, for an agent that takes a local caller's word for it",
     },
+    "--election-id": {
+        "metavar": "ID",
+        "type": values.election_id,
+        "help": "the id by which this client is elected among those that change the agent: NUMBER or HIGH:NUMBER."
+        " The largest that the agent has seen is the primary's, whose changes alone it takes",
+    },
     "--local": {
         "action": "store_true",
         "help": "gRPC's local credentials: for an agent on this host that asks for them, at a"
@@ -155,6 +161,7 @@ DEFAULTS = {
     "timeout": None,
     "json": False,
     "user": None,
+    "election_id": None,
     "local": False,
     "tls_ca": None,
     "tls_cert": None,
@@ -235,6 +242,13 @@ def make_parser() -> Parser:
         lines("apply agent.json && vornctl end-sync"),
         commands.end_sync,
         more="What it has found in the kernel and nobody has set since is removed.",
+    )
+    top.add(
+        "announce",
+        "make this client the primary, without a change",
+        lines("announce --election-id 7"),
+        commands.announce,
+        more="What the former primary has set and is not programmed yet is dropped. See --election-id.",
     )
     return parser
 

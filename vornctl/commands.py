@@ -49,6 +49,14 @@ def end_sync(agent: Agent, args: argparse.Namespace) -> None:
     changed(agent, args, agent.routing.EndSync, agent.messages.end_sync_msg())
 
 
+def announce(agent: Agent, args: argparse.Namespace) -> None:
+    if not args.election_id:
+        raise UsageError("announce needs --election-id")
+    *high, low = args.election_id.split(":")
+    election_id = {"high": int(high[0]) if high else 0, "low": int(low)}
+    changed(agent, args, agent.routing.Announce, agent.messages.announce_msg(election_id=election_id))
+
+
 def set_route(agent: Agent, args: argparse.Namespace) -> None:
     route = agent.sdk.ip_route_msg(prefix=args.prefix, nexthop_group=args.group, tag=args.tag)
     changed(agent, args, agent.routing.SetRoute, route, route=route.prefix)

@@ -53,8 +53,17 @@ def as_json(status: Any) -> dict[str, Any]:
         "kernel": {state: getattr(status.kernel, state) for state in STATES} if status.programs_kernel else None,
         "backlog": {field.name: getattr(backlog, field.name) for field in backlog.DESCRIPTOR.fields},
         "records_lost": status.records_lost,
+        "primary": primary(status),
         **{field: when(field) for field in EXPIRING},
     }
+
+
+def primary(status: Any) -> str | None:
+    """The primary's election id, if there is one."""
+    if not status.HasField("primary"):
+        return None
+    high, low = status.primary.high, status.primary.low
+    return f"{high}:{low}" if high else str(low)
 
 
 def uptime(status: Any) -> int:
@@ -77,6 +86,8 @@ def rows(status: Any) -> list[tuple[str, Any]]:
         ("the oldest waits", f"{status.backlog.oldest / 1e9:.3f} s"),
         ("changes without room", status.backlog.refused),
         ("changes that failed", status.backlog.failed),
+        ("changes of former primaries dropped", status.backlog.dropped),
+        ("primary's election id", primary(status) or "none: all may change"),
         ("records lost", status.records_lost),
     ]
     for field in EXPIRING:

@@ -57,6 +57,14 @@ def number(text: str) -> int:
     return int(text)
 
 
+def election_id(text: str) -> str:
+    parts = text.split(":")
+    good = all(part.isascii() and part.isdigit() and len(part) <= 20 and int(part) < 1 << 64 for part in parts)
+    if not good or len(parts) > 2 or not any(map(int, parts)):
+        raise UsageError(f"{text!r} is neither NUMBER nor HIGH:NUMBER, of 64 bits each and not zero")
+    return text
+
+
 def numbers(text: str) -> list[int]:
     return [number(part) for part in text.split(",")]
 

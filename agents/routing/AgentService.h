@@ -6,6 +6,7 @@
 #include <VornSdkRpc/Rpc.h>
 #include <vorn/tracer.h>
 
+#include <functional>
 #include <set>
 #include <string>
 #include <utility>
@@ -13,6 +14,7 @@
 
 #include "agents/routing/Backlog.h"
 #include "agents/routing/Check.h"
+#include "agents/routing/Election.h"
 #include "agents/routing/RoutingAgent.grpc.pb.h"
 #include "agents/routing/StateFile.h"
 #include "agents/routing/Tables.h"
@@ -65,10 +67,39 @@ inline StateFile::Kind kindOf(const cbf_nexthop_group_redirect_msg&) {
 inline StateFile::Kind kindOf(const sbfd_echo_session_msg&) { return StateFile::kSession; }
 inline StateFile::Kind kindOf(const rpc_server_state_config_msg&) { return StateFile::kState; }
 
+// The keys of a table as they will be once everything on the backlog is done. Serving thread.
+template <typename Key, typename Table>
+class Wanted {
+ public:
+  // Begins with what is in the table, which must outlive this.
+  explicit Wanted(const Table& table) : table_(table) {
+    table.forEach([this](const Key& key, const auto&) { keys_.insert(keys_.end(), key); });
+  }
+
+  bool contains(const Key& key) const { return keys_.contains(key); }
+  std::size_t size() const { return keys_.size(); }
+  bool insert(const Key& key) { return keys_.insert(key).second; }
+  void erase(const Key& key) { keys_.erase(key); }
+
+  // Nothing on the backlog changes the key any more.
+  void settle(const Key& key) {
+    if (table_.find(key)) {
+      keys_.insert(key);
+    } else {
+      keys_.erase(key);
+    }
+  }
+
+ private:
+  const Table& table_;
+  std::set<Key> keys_;
+};
+
 // What every service of the agent works on.
 struct Workings {
   Tables& tables;
   Backlog& backlog;
+  Election& election;
   const std::vector<std::string> listen;  // the addresses that the agent listens on
   StateFile* file = nullptr;              // keeps what clients have set; null: nothing does
   std::size_t tableLimit = 0;             // bytes that the tables may take, about; 0: any number
@@ -82,12 +113,18 @@ class AgentService : public rpc::Service<Generated> {
       : rpc::Service<Generated>(std::move(name)),
         tables_(workings.tables),
         backlog_(workings.backlog),
+        election_(workings.election),
         listen_(workings.listen),
         file_(workings.file),
         tableLimit_(workings.tableLimit) {}
 
   // Whether the tables take nothing new.
   bool full() const { return tableLimit_ != 0 && tables_.bytes() >= tableLimit_; }
+
+  // Whether the caller may change anything, and may now.
+  grpc::Status mayChangeNow(const grpc::ServerContext& context) {
+    return mayChange(context, listen_) ? election_.admit(context) : mayNot();
+  }
 
   // One line for each message that arrives, at level 8.
   template <typename Message>
@@ -98,31 +135,34 @@ class AgentService : public rpc::Service<Generated> {
   // A message that asks for a change: checked, and put on the backlog after the bookkeeping of what
   // is wanted. Possible for callers who may, while the backlog has room; deleting a key, when it is
   // there. Throws vorn::invalid_argument_error when the message can't be used.
-  template <typename Message, typename Key>
-  grpc::Status change(grpc::ServerContext& context, const Message& message, std::set<Key>& wanted,
-                      const Key& key, bool deletes, const char* what, Backlog::Change program,
-                      Backlog::Kind kind = Backlog::single) {
+  template <typename Message, typename Key, typename Table>
+  grpc::Status change(grpc::ServerContext& context, const Message& message,
+                      Wanted<Key, Table>& wanted, const Key& key, bool deletes, const char* what,
+                      Backlog::Change program, Backlog::Kind kind = Backlog::single) {
     traceArrival(message);
-    if (!mayChange(context, listen_)) return mayNot();
+    if (auto status = mayChangeNow(context); !status.ok()) return status;
     check(message);
     if (deletes && !wanted.contains(key)) return notFound(what);
     if (!deletes && full() && !wanted.contains(key)) return tablesFull();
-    const bool isNew = !deletes && wanted.insert(key).second;
-    const auto status = keepAndProgram(message, std::move(program), kind);
+    const bool isNew = !deletes && wanted.insert(key);
+    const auto status =
+        keepAndProgram(message, std::move(program), [&wanted, key] { wanted.settle(key); }, kind);
     if (status.ok() ? deletes : isNew) wanted.erase(key);
     return status;
   }
 
   // Puts a change on the backlog, once it is in the state file; a bulk one may be in the file only
-  // after keepAll().
+  // after keepAll(). `dropped` is called if another primary comes before it is programmed.
   template <typename Message>
   grpc::Status keepAndProgram(const Message& message, Backlog::Change program,
+                              std::function<void()> dropped,
                               Backlog::Kind kind = Backlog::single) try {
     if (!backlog_.hasRoom(kind)) return tooMuchWaits();
     if (file_ && kind == Backlog::single) file_->keep(kindOf(message), message);
     if (file_ && kind == Backlog::bulk) file_->add(kindOf(message), message);
     if (file_ && file_->isFull()) file_->flush();
-    if (!backlog_.add(std::move(program), message.SpaceUsedLong(), kind)) return tooMuchWaits();
+    auto change = election_.guarded(std::move(program), std::move(dropped), 1);
+    if (!backlog_.add(std::move(change), message.SpaceUsedLong(), kind)) return tooMuchWaits();
     rewriteFile();
     return ok();
   } catch (const StateFile::Error& error) {
@@ -132,13 +172,14 @@ class AgentService : public rpc::Service<Generated> {
   // Puts changes that came together on the backlog as one, as bulk ones.
   template <typename Messages>
   grpc::Status keepAndProgramAll(const Messages& messages, std::size_t bytes,
-                                 Backlog::Change program) try {
+                                 Backlog::Change program, std::function<void()> dropped) try {
     if (!backlog_.hasRoom(Backlog::bulk)) return tooMuchWaits();
     for (const auto& message : messages)
       if (file_) file_->add(kindOf(message), message);
     if (file_ && file_->isFull()) file_->flush();
     const auto count = static_cast<std::size_t>(messages.size());
-    if (!backlog_.add(std::move(program), bytes, Backlog::bulk, count)) return tooMuchWaits();
+    auto change = election_.guarded(std::move(program), std::move(dropped), count);
+    if (!backlog_.add(std::move(change), bytes, Backlog::bulk, count)) return tooMuchWaits();
     rewriteFile();
     return ok();
   } catch (const StateFile::Error& error) {
@@ -153,14 +194,23 @@ class AgentService : public rpc::Service<Generated> {
     return notKept(error);
   }
 
+  // Has what was dropped taken out of the state file.
+  grpc::Status forgetDropped() try {
+    rewriteFile();
+    return ok();
+  } catch (const StateFile::Error& error) {
+    return notKept(error);
+  }
+
   Tables& tables_;
   Backlog& backlog_;
+  Election& election_;
   const std::vector<std::string> listen_;
 
  private:
-  // When the file has grown: behind all changes that are in it.
+  // When the state file wants that: behind all changes that are in it.
   void rewriteFile() {
-    if (!file_ || !file_->grown()) return;
+    if (!file_ || !file_->wantsRewrite()) return;
     file_->flush();
     file_->markRewrite();
     if (!backlog_.add([file = file_] { file->rewrite(); }, 0)) file_->rewriteLater();

@@ -42,10 +42,10 @@ class Backlog : public VornSdkRpc::WorkQueue {
   // How many changes wait. Any thread.
   std::size_t waiting() const { return figures().items + further_; }
 
-  // Has `reached` told when everything that is on the backlog now is done. Answers false when there
-  // is no room.
-  [[nodiscard]] bool mark(Answer& reached) {
-    return WorkQueue::add([] {}, 0, reached);
+  // Has `reached` told when everything that is on the backlog now is done, and `look` was called.
+  // Answers false when there is no room.
+  [[nodiscard]] bool mark(Answer& reached, Change look) {
+    return WorkQueue::add(std::move(look), 0, reached);
   }
 
  private:

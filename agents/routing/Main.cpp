@@ -24,6 +24,7 @@
 
 #include "agents/routing/Accounting.h"
 #include "agents/routing/Backlog.h"
+#include "agents/routing/Election.h"
 #include "agents/routing/Figures.h"
 #include "agents/routing/Health.h"
 #include "agents/routing/LogFormat.h"
@@ -261,15 +262,16 @@ void serve(const Options& options, const std::function<Options()>& readAgain) {
         if (kernel) kernel->sessionIsDown(key, down);
       },
       kernel ? SbfdMonitor::kPackets : SbfdMonitor::kSimulated);
+  Election election(file.get());
   Backlog backlog(options.stepTime, options.backlogMib << 20);
   const auto announcement = std::make_shared<Announcement>(addresses, ports, options.grace);
-  const Workings workings{tables, backlog, addresses, file.get(), options.tableMib << 20};
+  const Workings workings{tables, backlog, election, addresses, file.get(), options.tableMib << 20};
   std::vector<std::shared_ptr<VornSdkRpc::GrpcService>> services{
       std::make_shared<RoutingService>(workings, kernel.get()),
       std::make_shared<SbfdService>(workings, monitor), std::make_shared<StateService>(workings),
       std::make_shared<PolicyService>(access.policy(), access.certificates()),
       std::make_shared<StatusService>(
-          StatusSources{tables, backlog, kernel.get(), access, accounting.get()})};
+          StatusSources{tables, backlog, election, kernel.get(), access, accounting.get()})};
   if (calls && !options.accounting.to.empty()) services.push_back(watchService(*calls, addresses));
   if (options.figures.any()) services.push_back(metrics.servingThread());
   services.push_back(healthOf(file.get(), kernel.get()));

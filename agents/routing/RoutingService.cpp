@@ -162,15 +162,8 @@ Wrong firstWrong(const routes_msg& part, std::uint64_t before, Check checkOne) {
 
 RoutingService::RoutingService(const Workings& workings, KernelSync* kernel)
     : AgentService("Routing", workings), kernel_(kernel) {
-  const auto keysOf = [](const auto& table, auto& keys) {
-    table.forEach([&](const auto& key, const auto&) { keys.insert(keys.end(), key); });
-  };
-  keysOf(tables_.routes, routes_);
-  keysOf(tables_.groups, groups_);
-  keysOf(tables_.mplsRoutes, mplsRoutes_);
-  keysOf(tables_.redirects, redirects_);
-  for (const auto& name : groups_)
-    use_[name].set = true;
+  tables_.groups.forEach(
+      [this](const std::string& name, const nexthop_group_msg&) { use_[name].set = true; });
   const auto countUses = [this](const auto&, const auto& route) {
     usesUnknown({}, groupOf(route));
   };
@@ -257,6 +250,8 @@ RoutingService::RoutingService(const Workings& workings, KernelSync* kernel)
          {.limit = kMaxAwaits});
   method(&Async::RequestEndSync, [this](grpc::ServerContext& context, const end_sync_msg&,
                                         rpc_status_msg&) { return endSync(context); });
+  method(&Async::RequestAnnounce, [this](grpc::ServerContext& context, const announce_msg& request,
+                                         rpc_status_msg&) { return announce(context, request); });
 }
 
 RoutingService::~RoutingService() {
@@ -312,6 +307,7 @@ rpc::Task<> RoutingService::setAll(rpc::Reader<ip_route_msg>& routes, set_routes
   rpc::Event room;
   const rpc::Events::Subscription subscription(backlog_.room(), room);
   ip_route_msg route;
+  Election::Term term = 0;
   const NoteRoutes note(routes.context(), "set", [&] { return reply.accepted(); });
   while (co_await routes.read(route)) {
     // A client that sends faster than can be programmed is held up by what gRPC holds for it.
@@ -324,10 +320,16 @@ rpc::Task<> RoutingService::setAll(rpc::Reader<ip_route_msg>& routes, set_routes
       throw vorn::invalid_argument_error(
           "route " + std::to_string(reply.accepted()) + ": " + error.what(), error.argument());
     }
+    term = election_.term();
     reply.set_accepted(reply.accepted() + 1);
   }
   if (routes.cancelled()) co_return grpc::Status::CANCELLED;
-  co_return keepAll();
+  co_return ended(term);
+}
+
+// The end of an upload of which some was taken in `term`.
+grpc::Status RoutingService::ended(Election::Term term) {
+  return election_.isOver(term) ? election_.over() : keepAll();
 }
 
 // Gives `take` the parts of a call, while there is room.
@@ -336,15 +338,17 @@ rpc::Task<> RoutingService::takeParts(rpc::Reader<routes_msg>& parts, Take take)
   rpc::Event room;
   const rpc::Events::Subscription subscription(backlog_.room(), room);
   routes_msg part;
+  Election::Term term = 0;
   while (co_await parts.read(part)) {
     while (!backlog_.hasRoom(Backlog::bulk)) {
       if (!co_await parts.wait(room)) co_return grpc::Status::CANCELLED;
     }
-    if (!mayChange(parts.context(), listen_)) co_return mayNot();
+    if (auto status = mayChangeNow(parts.context()); !status.ok()) co_return status;
+    term = election_.term();
     if (auto status = take(part); !status.ok()) co_return status;
   }
   if (parts.cancelled()) co_return grpc::Status::CANCELLED;
-  co_return keepAll();
+  co_return ended(term);
 }
 
 rpc::Task<> RoutingService::setParts(rpc::Reader<routes_msg>& parts, set_routes_reply_msg& reply) {
@@ -379,10 +383,15 @@ grpc::Status RoutingService::setPart(routes_msg& part, set_routes_reply_msg& rep
 
 grpc::Status RoutingService::programPart(routes_msg part) {
   const auto shared = std::make_shared<routes_msg>(std::move(part));
-  auto status = keepAndProgramAll(shared->route(), shared->SpaceUsedLong(), [this, shared] {
+  const auto programAll = [this, shared] {
     for (const auto& route : shared->route())
       program(route);
-  });
+  };
+  const auto dropped = [this, shared] {
+    for (const auto& route : shared->route())
+      routes_.settle(PrefixKey(route.prefix()));
+  };
+  auto status = keepAndProgramAll(shared->route(), shared->SpaceUsedLong(), programAll, dropped);
   // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): std::function frees it
   if (!status.ok()) return status;
   for (const auto& route : shared->route())
@@ -416,10 +425,15 @@ grpc::Status RoutingService::unprogramPart(std::vector<ip_prefix_msg> part) {
   if (part.empty()) return ok();
   const auto shared = std::make_shared<std::vector<ip_prefix_msg>>(std::move(part));
   const auto bytes = shared->size() * (sizeof(ip_prefix_msg) + sizeof(PrefixKey));
-  auto status = keepAndProgramAll(*shared, bytes, [this, shared] {
+  const auto unprogramAll = [this, shared] {
     for (const auto& prefix : *shared)
       unprogram(prefix);
-  });
+  };
+  const auto dropped = [this, shared] {
+    for (const auto& prefix : *shared)
+      routes_.settle(PrefixKey(prefix));
+  };
+  auto status = keepAndProgramAll(*shared, bytes, unprogramAll, dropped);
   // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): std::function frees it
   if (!status.ok()) return status;
   for (const auto& prefix : *shared)
@@ -461,9 +475,19 @@ grpc::Status RoutingService::set(grpc::ServerContext& context,
 
 grpc::Status RoutingService::endSync(grpc::ServerContext& context) {
   VornSdkRpc::noteOperation(context, "end sync", "routes");
-  if (!mayChange(context, listen_)) return mayNot();
+  if (auto status = mayChangeNow(context); !status.ok()) return status;
   if (!kernel_) return ok();
-  return backlog_.add([this] { kernel_->sweep(); }, 0) ? ok() : tooMuchWaits();
+  auto sweep = election_.guarded([this] { kernel_->sweep(); }, [] {}, 1);
+  return backlog_.add(std::move(sweep), 0) ? ok() : tooMuchWaits();
+}
+
+grpc::Status RoutingService::announce(grpc::ServerContext& context, const announce_msg& request) {
+  const ElectionId id{request.election_id().high(), request.election_id().low()};
+  VornSdkRpc::noteOperation(context, "announce", toString(id));
+  if (!mayChange(context, listen_)) return mayNot();
+  if (id == ElectionId()) throw vorn::invalid_argument_error("election_id is zero", "election_id");
+  if (auto status = election_.admit(id); !status.ok()) return status;
+  return forgetDropped();
 }
 
 // ------------------------------------------------------------------------------------------------
@@ -565,7 +589,7 @@ rpc::Task<> RoutingService::await(rpc::Call& call, const await_msg& what, progra
   rpc::Event event;
   std::optional<rpc::Events::Subscription> tried;
   if (kernel_) tried.emplace(kernel_->tried(), event);
-  if (!co_await taken(call)) co_return untold();
+  if (auto status = co_await taken(call); !status.ok()) co_return status;
   for (;;) {
     auto state = stateOf(what);
     if (!state) co_return notFound("such thing");
@@ -582,7 +606,7 @@ rpc::Task<> RoutingService::awaitAll(rpc::Call& call, summary_msg& reply) {
   rpc::Event event;
   std::optional<rpc::Events::Subscription> tried;
   if (kernel_) tried.emplace(kernel_->tried(), event);
-  if (!co_await taken(call)) co_return untold();
+  if (auto status = co_await taken(call); !status.ok()) co_return status;
   while (kernel_ && kernel_->waiting() != 0) {
     if (!co_await call.waitThroughDrain(event)) co_return untold();
   }
@@ -596,15 +620,21 @@ rpc::Task<> RoutingService::awaitAll(rpc::Call& call, summary_msg& reply) {
   co_return grpc::Status::OK;
 }
 
-rpc::Task<bool> RoutingService::taken(rpc::Call& call) {
+rpc::Task<> RoutingService::taken(rpc::Call& call) {
   rpc::Event room;
   const rpc::Events::Subscription subscription(backlog_.room(), room);
   Backlog::Answer mark;
-  while (!backlog_.mark(mark)) {
-    if (!co_await call.waitThroughDrain(room)) co_return false;
+  // What stands before the mark was programmed if its primary still was one at the mark.
+  const auto over = std::make_shared<bool>(false);
+  const auto look = [this, over, term = election_.termOf(call.context())] {
+    *over = election_.isOver(term);
+  };
+  while (!backlog_.mark(mark, look)) {
+    if (!co_await call.waitThroughDrain(room)) co_return untold();
   }
   const rpc::Woke woke = co_await call.waitThroughDrain(mark.event());
-  co_return static_cast<bool>(woke);
+  if (!woke) co_return untold();
+  co_return *over ? election_.over() : grpc::Status::OK;
 }
 
 std::size_t RoutingService::waiting() const {

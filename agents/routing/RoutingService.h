@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <optional>
-#include <set>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -43,7 +42,9 @@ class RoutingService : public AgentService<Routing> {
   grpc::Status programPart(routes_msg part);
   bool isThere(const PrefixKey& prefix);
   grpc::Status unprogramPart(std::vector<ip_prefix_msg> part);
+  grpc::Status ended(Election::Term term);
   grpc::Status endSync(grpc::ServerContext& context);
+  grpc::Status announce(grpc::ServerContext& context, const announce_msg& request);
 
   // What became of something that is in its table.
   programming_msg stateOf(const PrefixKey& prefix) const;
@@ -57,8 +58,8 @@ class RoutingService : public AgentService<Routing> {
 
   rpc::Task<> await(rpc::Call& call, const await_msg& what, programming_msg& reply);
   rpc::Task<> awaitAll(rpc::Call& call, summary_msg& reply);
-  // Until what is on the backlog now has been taken from it. Answers whether the call still lives.
-  rpc::Task<bool> taken(rpc::Call& call);
+  // Until what is on the backlog now has been taken from it, or the call ends.
+  rpc::Task<> taken(rpc::Call& call);
   std::size_t waiting() const;
 
   // What the backlog does, on its thread.
@@ -76,11 +77,10 @@ class RoutingService : public AgentService<Routing> {
   };
 
   KernelSync* const kernel_;
-  // What has been asked for, programmed or still on the backlog. Serving thread.
-  std::set<PrefixKey> routes_;
-  std::set<std::string> groups_;
-  std::set<std::uint32_t> mplsRoutes_;
-  std::set<std::string> redirects_;
+  Wanted<PrefixKey, decltype(Tables::routes)> routes_{tables_.routes};
+  Wanted<std::string, decltype(Tables::groups)> groups_{tables_.groups};
+  Wanted<std::uint32_t, decltype(Tables::mplsRoutes)> mplsRoutes_{tables_.mplsRoutes};
+  Wanted<std::string, decltype(Tables::redirects)> redirects_{tables_.redirects};
   RouteWatch watch_;                          // of any thread
   std::unordered_map<std::string, Use> use_;  // by name; of the backlog's thread
 };

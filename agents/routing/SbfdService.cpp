@@ -48,10 +48,8 @@ std::optional<Item> nextOf(Sessions::Watcher& statuses, std::optional<Sessions::
 
 SbfdService::SbfdService(const Workings& workings, SbfdMonitor& monitor)
     : AgentService("Sbfd", workings), monitor_(monitor) {
-  tables_.sessions.forEach([this](const std::string& key, const sbfd_echo_session_msg& session) {
-    sessions_.insert(key);
-    monitor_.set(session);
-  });
+  tables_.sessions.forEach(
+      [this](const std::string&, const sbfd_echo_session_msg& session) { monitor_.set(session); });
   method(&Async::RequestSetSession,
          [this](grpc::ServerContext& context, const sbfd_echo_session_msg& session,
                 rpc_status_msg&) { return set(context, session); });

@@ -22,7 +22,7 @@ class SbfdService : public AgentService<Sbfd> {
                     const watch_sbfd_echo_session_config_msg& config);
 
   SbfdMonitor& monitor_;
-  std::set<std::string> sessions_;  // those asked for, by their serialized key; serving thread
+  Wanted<std::string, decltype(Tables::sessions)> sessions_{tables_.sessions};
 };
 
 }  // namespace routing_agent

@@ -290,11 +290,20 @@ void StateFile::writeAll(int fd, std::size_t place, std::string_view bytes) cons
 // ------------------------------------------------------------------------------------------------
 // Writing anew
 
-bool StateFile::grown() const { return !rewriting_ && size_ > kSmall && size_ / 4 > rewritten_; }
+bool StateFile::wantsRewrite() const {
+  const bool grown = size_ > kSmall && size_ / 4 > rewritten_;
+  return !rewriting_ && (grown || dropped_);
+}
 
 void StateFile::markRewrite() {
   rewriting_ = true;
   mark_ = size_;
+  droppedBefore_ = std::exchange(dropped_, false);
+}
+
+void StateFile::rewriteLater() {
+  rewriting_ = false;
+  dropped_ = droppedBefore_;
 }
 
 void StateFile::rewrite() {

@@ -67,13 +67,14 @@ class StateFile {
   // Whether records wait for a flush that should not wait longer.
   bool isFull() const { return buffer_.size() >= kFlushed; }
 
-  // Whether the file should be written anew. It then is by a flush, markRewrite() and, once all
-  // changes so far are in the tables, rewrite(), which any thread may call, or not by
-  // rewriteLater().
-  bool grown() const;
+  // Whether the file should be written anew, as it has grown or holds changes that were dropped
+  // since (rewriteSoon()). It then is by a flush, markRewrite() and, once all changes so far are in
+  // the tables or dropped, rewrite(), which any thread may call, or not by rewriteLater().
+  bool wantsRewrite() const;
+  void rewriteSoon() { dropped_ = true; }
   void markRewrite();
   void rewrite();
-  void rewriteLater() { rewriting_ = false; }
+  void rewriteLater();
 
   // Whether changes can be written: when the last could not, it tries some bytes that it takes away
   // again. Any thread.
@@ -105,6 +106,8 @@ class StateFile {
   std::atomic<bool> failed_ = false;  // the last write did
   std::size_t rewritten_ = 0;         // how large it was when it was last written anew
   std::size_t mark_ = 0;              // what the file held when writing it anew was asked for
+  bool dropped_ = false;              // it holds changes that were
+  bool droppedBefore_ = false;        // likewise, before the mark
   std::string buffer_;
   std::atomic<bool> rewriting_ = false;
   std::atomic<bool> stopping_ = false;

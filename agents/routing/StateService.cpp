@@ -43,11 +43,11 @@ grpc::Status StateService::configure(grpc::ServerContext& context,
                                      const rpc_server_state_config_msg& config) {
   traceArrival(config);
   note(context, config);
-  if (!mayChange(context, listen_)) return mayNot();
+  if (auto status = mayChangeNow(context); !status.ok()) return status;
   check(config);
   if (config.set_size() != 0 && full()) return tablesFull();
   // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDeleteLeaks): std::function frees it
-  return keepAndProgram(config, [this, config] { tables_.configureState(config); });
+  return keepAndProgram(config, [this, config] { tables_.configureState(config); }, [] {});
 }
 
 grpc::Status StateService::read(const state_keys_msg& keys,

@@ -39,6 +39,10 @@ status_msg StatusService::now() const {
   status.set_programs_kernel(from_.kernel != nullptr);
   if (from_.kernel) from_.kernel->count(*status.mutable_kernel());
   addBacklog(status);
+  if (const auto& primary = from_.election.primary()) {
+    status.mutable_primary()->set_high(primary->high);
+    status.mutable_primary()->set_low(primary->low);
+  }
   if (from_.accounting) status.set_records_lost(from_.accounting->calls().missed());
   addCertificates(status);
   return status;
@@ -53,6 +57,7 @@ void StatusService::addBacklog(status_msg& status) const {
   backlog.set_done(figures.done);
   backlog.set_failed(figures.failed);
   backlog.set_refused(figures.refused);
+  backlog.set_dropped(from_.election.dropped());
 }
 
 void StatusService::addCertificates(status_msg& status) const {

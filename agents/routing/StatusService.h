@@ -4,6 +4,7 @@
 
 #include "agents/routing/Accounting.h"
 #include "agents/routing/Backlog.h"
+#include "agents/routing/Election.h"
 #include "agents/routing/Identity.h"
 #include "agents/routing/KernelSync.h"
 #include "agents/routing/RoutingAgent.grpc.pb.h"
@@ -15,6 +16,7 @@ namespace routing_agent {
 struct StatusSources {
   const Tables& tables;
   const Backlog& backlog;
+  const Election& election;
   const KernelSync* kernel;  // null: there is none
   const Access& access;
   Accounting* accounting;  // null: no calls are recorded
