@@ -11,13 +11,14 @@ prefixes. Prints medians, and medians of the rounds' ratios to `ip -batch`.
 
 import argparse
 import contextlib
+import json
 import os
 import pathlib
+import select
 import statistics
 import subprocess
 import sys
 import tempfile
-import threading
 import time
 from collections.abc import Callable, Iterator
 
@@ -96,6 +97,22 @@ def by_bird(count: int, folder: pathlib.Path) -> dict[str, float]:
     return {"load": taken}
 
 
+def connect(address: str) -> grpc.Channel:
+    return grpc.secure_channel(address, grpc.local_channel_credentials(grpc.LocalConnectionType.UDS))
+
+
+def singles(address: str) -> None:
+    """Prints what a single change takes to be answered, one every 20 ms until standard input ends."""
+    stub = pb.rpc.RoutingStub(connect(address))
+    taken: list[float] = []
+    while not select.select([sys.stdin], [], [], 0.02)[0]:
+        prefix = {"addr": bytes((198, 18, len(taken) // 256, len(taken) % 256)), "mask_length": 32}
+        begun = time.monotonic()
+        stub.SetRoute(pb.sdk.ip_route_msg(prefix=prefix, nexthop_group="core"))
+        taken.append(time.monotonic() - begun)
+    print(json.dumps(taken))
+
+
 class Agent:
     """The routing agent in the namespace, and a client of it."""
 
@@ -105,12 +122,8 @@ class Agent:
         self.process = subprocess.Popen([program, *options], stdout=subprocess.PIPE, text=True)
         assert self.process.stdout
         self.process.stdout.readline()
-        self.channel = self.connect()
+        self.channel = connect(self.address)
         self.routing = pb.rpc.RoutingStub(self.channel)
-
-    def connect(self) -> grpc.Channel:
-        local = grpc.local_channel_credentials(grpc.LocalConnectionType.UDS)
-        return grpc.secure_channel(self.address, local, [("grpc.use_local_subchannel_pool", 1)])
 
     def group(self, gateway: str) -> None:
         """Sets the group, and waits until it is in the kernel."""
@@ -122,18 +135,6 @@ class Agent:
         kind = pb.agent.set_routes_reply_msg
         routes.sent(self.channel, "SetRouteParts", parts, iter, kind)
         assert not self.routing.AwaitAll(pb.agent.await_all_msg()).failed
-
-    def singles(self, until: threading.Event) -> list[float]:
-        """What a single change takes to be answered, one every 20 ms."""
-        stub = pb.rpc.RoutingStub(self.connect())
-        taken: list[float] = []
-        while not until.is_set():
-            prefix = {"addr": bytes((198, 18, len(taken) // 256, len(taken) % 256)), "mask_length": 32}
-            begun = time.monotonic()
-            stub.SetRoute(pb.sdk.ip_route_msg(prefix=prefix, nexthop_group="core"))
-            taken.append(time.monotonic() - begun)
-            time.sleep(0.02)
-        return taken
 
     def memory(self) -> int:
         status = pathlib.Path(f"/proc/{self.process.pid}/status").read_text()
@@ -165,15 +166,12 @@ def by_agent(count: int, folder: pathlib.Path, program: str) -> dict[str, float]
         agent.group(gateway)
         taken[what] = time.monotonic() - begun
     # The same routes by the other next hop, beside single changes: a bulk load that takes its time.
-    over = threading.Event()
-    singles: list[float] = []
-    others = threading.Thread(target=lambda: singles.extend(agent.singles(over)))
-    others.start()
-    for _ in range(3):
-        agent.load(parts)
-    over.set()
-    others.join()
-    taken["single, median"], taken["single, slowest"] = statistics.median(singles), max(singles)
+    command = [sys.executable, __file__, "--singles", agent.address]  # a program of its own, as a client is
+    with subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True) as other:
+        for _ in range(3):
+            agent.load(parts)
+        answered = json.loads(other.communicate()[0])
+    taken["single, median"], taken["single, slowest"] = statistics.median(answered), max(answered)
     taken["stop"] = agent.stop()
     return taken
 
@@ -183,7 +181,11 @@ def main() -> None:
     parser.add_argument("--agent", default="build/release/agents/routing/routing_agent")
     parser.add_argument("--routes", type=int, default=100_000)
     parser.add_argument("--rounds", type=int, default=5)
+    parser.add_argument("--singles", metavar="ADDRESS", help=argparse.SUPPRESS)
     args = parser.parse_args()
+    if args.singles:
+        singles(args.singles)
+        return
     works: dict[str, Callable[[int, pathlib.Path], dict[str, float]]] = {
         "ip -batch": by_ip,
         "BIRD": by_bird,

@@ -386,42 +386,45 @@ void KernelSync::count(summary_msg& summary) const {
 
 void KernelSync::countStates() const {
   counted_ = {};
-  const auto add = [this](const Programming& programming)
-                       VORN_REQUIRES(mutex_) { ++counted_.at(programming.state()); };
+  const auto add = [this](Programming::state_enum state)
+                       VORN_REQUIRES(mutex_) { ++counted_.at(state); };
   for (const auto& [prefix, route] : routes_)
-    add(stateOf(prefix, route));
+    add(verdictOf(prefix, route).state);
   for (const auto& group : groups_) {
-    if (group.second.set) add(stateOf(group));
+    if (group.second.set) add(stateOf(group).state());
   }
   for (const auto& [label, route] : mplsRoutes_) {
-    if (route.set) add(stateOf(route));
+    if (route.set) add(stateOf(route).state());
   }
 }
 
-// Without a reason: not tried yet.
 KernelSync::Programming KernelSync::stateOf(const PrefixKey& prefix, const Route& route) const {
+  const auto verdict = verdictOf(prefix, route);
   Programming state;
-  const auto answer = [&](Programming::state_enum what, const std::string& reason = {}) {
-    state.set_state(what);
-    state.set_reason(reason);
-    return state;
-  };
-  state.set_time(route.since);
-  const auto* const group = route.group;
-  if (!group) return answer(inKernel(route) ? Programming::ADOPTED : Programming::WAITING);
-  if (route.pending || group->second.pending ||
-      newObjects_.contains(group->second.object[familyOf(prefix)]))
-    return answer(Programming::WAITING);
-  if (route.refusal && isThere(group->second.object[familyOf(prefix)]))
-    return answer(Programming::FAILED, *route.refusal);
-  const std::string named = "next-hop group " + group->first;
-  if (kept(route)) return answer(Programming::ADOPTED, named + " is not set");
-  if (!group->second.set) return answer(Programming::WAITING, named + " is not set");
-  const auto& trouble = group->second.trouble[familyOf(prefix)];
-  if (inKernel(route) && !trouble) return answer(Programming::PROGRAMMED);
-  state.set_time(std::max(route.since, group->second.since));
-  return trouble ? answer(trouble.state, named + ": " + trouble.reason)
-                 : answer(Programming::WAITING);
+  state.set_state(verdict.state);
+  state.set_time(verdict.since);
+  std::string reason(verdict.reason);
+  if (verdict.group) reason.insert(0, "next-hop group " + *verdict.group + verdict.link);
+  state.set_reason(std::move(reason));
+  return state;
+}
+
+// Waiting without a reason: not tried yet.
+KernelSync::Verdict KernelSync::verdictOf(const PrefixKey& prefix, const Route& route) const {
+  const auto since = route.since;
+  if (!route.group) return {inKernel(route) ? Programming::ADOPTED : Programming::WAITING, since};
+  const auto& [name, group] = *route.group;
+  const auto object = group.object[familyOf(prefix)];
+  if (route.pending || group.pending || newObjects_.contains(object))
+    return {Programming::WAITING, since};
+  if (route.refusal && isThere(object)) return {Programming::FAILED, since, *route.refusal};
+  if (kept(route)) return {Programming::ADOPTED, since, "is not set", &name, " "};
+  if (!group.set) return {Programming::WAITING, since, "is not set", &name, " "};
+  const auto& trouble = group.trouble[familyOf(prefix)];
+  if (inKernel(route) && !trouble) return {Programming::PROGRAMMED, since};
+  const auto last = std::max(since, group.since);
+  if (!trouble) return {Programming::WAITING, last};
+  return {trouble.state, last, trouble.reason, &name};
 }
 
 KernelSync::Programming KernelSync::stateOf(const NamedGroup& entry) const {

@@ -15,6 +15,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -119,6 +120,15 @@ class KernelSync {
     std::string reason;
     bool operator==(const Trouble&) const = default;
     explicit operator bool() const { return state != Programming::PROGRAMMED; }
+  };
+
+  // What became of a route, without a text of its own: all are counted while clients wait.
+  struct Verdict {
+    Programming::state_enum state = Programming::WAITING;
+    std::uint64_t since = 0;
+    std::string_view reason{};
+    const std::string* group = nullptr;  // the name of the one that is the reason; null: none
+    const char* link = ": ";             // between the name and the reason
   };
 
   // Whether something is still to be tried: it is in a queue, and the kernel is working on it. It
@@ -236,6 +246,7 @@ class KernelSync {
   void wake();
   std::size_t underWay() const VORN_REQUIRES(mutex_);
   void countStates() const VORN_REQUIRES(mutex_);
+  Verdict verdictOf(const PrefixKey& prefix, const Route& route) const VORN_REQUIRES(mutex_);
   Programming stateOf(const PrefixKey& prefix, const Route& route) const VORN_REQUIRES(mutex_);
   Programming stateOf(const NamedGroup& group) const VORN_REQUIRES(mutex_);
   static std::uint64_t now();  // nanoseconds since 1970
