@@ -5,6 +5,7 @@ import math
 import os
 import re
 import sys
+from collections.abc import Container
 from typing import Any, NoReturn
 
 import commands
@@ -178,20 +179,52 @@ def add_common_options(parser: Parser, shown: bool) -> None:
         group.add_argument(name, **{**options, "default": argparse.SUPPRESS, "help": text})
 
 
+class Version(argparse.Action):
+    def __call__(self, parser: argparse.ArgumentParser, *_: Any) -> None:
+        print(f"vornctl {stubs.version()}")
+        parser.exit()
+
+
+class Unsaid(Parser):
+    """Stands for a command that the line does not have: to put the parsers of all commands together takes longer than
+    what most of them do."""
+
+    def __init__(self) -> None:
+        pass
+
+    def add_argument(self, *_: Any, **__: Any) -> Any:
+        pass
+
+
 class Level:
-    """A command that has commands of its own."""
+    """A command that has commands of its own. Those that the line does not have are listed, and nothing else."""
+
+    words: Container[str] | None = None  # of the line; None: every command is to be told of
 
     def __init__(self, parser: Parser, title: str, dest: str) -> None:
-        self._commands = parser.add_subparsers(title=title, metavar=dest.upper(), dest=dest, required=True)
+        self._commands: Any = None
+        make: Any = self._parser
+        if not isinstance(parser, Unsaid):
+            self._commands = parser.add_subparsers(
+                title=title, metavar=dest.upper(), dest=dest, required=True, parser_class=make
+            )
+
+    def _parser(self, prog: str, **options: Any) -> Parser:
+        said = self.words is None or prog.rpartition(" ")[2] in self.words
+        return Parser(prog=prog, **options) if said else Unsaid()
 
     def add(self, name: str, text: str, examples: str, run: Any = None, more: str = "") -> Parser:
         """`run` is what a command without commands of its own does."""
-        parser = self._commands.add_parser(
+        if not self._commands:
+            return Unsaid()
+        parser: Parser = self._commands.add_parser(
             name,
             help=text,
             description=f"{text[0].upper()}{text[1:]}.\n\n{more}".strip(),
             epilog=f"examples:\n{examples}\n\n{ANYWHERE}",
         )
+        if isinstance(parser, Unsaid):
+            return parser
         add_common_options(parser, shown=False)
         if run:
             parser.set_defaults(run=run)
@@ -204,7 +237,7 @@ def lines(*examples: str) -> str:
 
 def make_parser() -> Parser:
     parser = Parser(prog="vornctl", description=DESCRIPTION, epilog=EXAMPLES)
-    parser.add_argument("--version", action="version", version=f"vornctl {stubs.version()}")
+    parser.add_argument("--version", action=Version, nargs=0, help="show the version, and exit")
     add_common_options(parser, shown=True)
     top = Level(parser, "commands", "command")
     add_set(top)
@@ -626,8 +659,10 @@ def parse(arguments: list[str]) -> argparse.Namespace:
             argument.encode()
         except UnicodeEncodeError as error:
             raise UsageError(f"{argument!r} is no UTF-8 text") from error
+    completes = "_ARGCOMPLETE" in os.environ  # a shell asks how the line could go on
+    Level.words = None if completes else set(arguments)
     parser = make_parser()
-    if "_ARGCOMPLETE" in os.environ:  # a shell asks how the line could go on
+    if completes:
         import argcomplete  # type: ignore[import]
 
         argcomplete.autocomplete(parser)

@@ -4,7 +4,6 @@ import itertools
 import json
 import os
 import sys
-import threading
 import time
 from collections.abc import Callable, Iterable, Iterator, Sequence
 from typing import Any, TypeVar
@@ -53,6 +52,8 @@ class Progress:
     known (0), it is the count and `word` alone."""
 
     def __init__(self, total: int, shown: bool, each: int = 1, word: str = "") -> None:
+        import threading  # most commands do without it
+
         self._total = total
         self._word = word
         self._each = each  # how many of the total an item is, but the last

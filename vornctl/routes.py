@@ -4,7 +4,7 @@ usual form; tests compare them with protobuf's."""
 
 from __future__ import annotations
 
-import socket
+import functools
 from collections.abc import Callable, Iterable, Iterator
 from typing import TYPE_CHECKING, Any
 
@@ -39,13 +39,16 @@ class Encoder:
     """Makes routes of a part of their words PREFIX GROUP [TAG]."""
 
     def __init__(self) -> None:
+        import socket  # most commands do without it
+
         self._groups: dict[str, bytes] = {}  # by their words
+        self._packed = functools.partial(socket.inet_pton, socket.AF_INET)
 
     def usual(self, words: list[str]) -> bytes:
         """The route as a field of a part. ValueError or KeyError: it has not the usual form, an IPv4 prefix and a
         group whose name was learnt, or is wrong."""
         address, _, digits = words[0].partition("/")
-        packed = socket.inet_pton(socket.AF_INET, address)
+        packed = self._packed(address)
         length = int(digits)
         if (
             not (digits.isascii() and digits.isdecimal())

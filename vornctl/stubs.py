@@ -7,17 +7,15 @@ gets stubs of its own.
 usage, for the package: stubs.py FOLDER makes them, and a file "version", in a new folder
 """
 
-import hashlib
 import importlib
 import importlib.util
 import os
 import re
 import sys
-from pathlib import Path
 from types import SimpleNamespace
 
-ROOT = Path(__file__).resolve().parents[1]
-INSTALLED = ROOT / "stubs"
+ROOT = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
+INSTALLED = os.path.join(ROOT, "stubs")
 PROTOS = (
     "VornSdkRpcProtos/VornSdkRpc.proto",
     "agents/routing/RoutingAgent.proto",
@@ -32,10 +30,8 @@ class StubError(Exception):
 def load() -> SimpleNamespace:
     """The stub modules: sdk (the SDK's messages), agent (the agent's), rpc (its services), and both of the policy."""
     try:
-        folder = INSTALLED if INSTALLED.is_dir() else _folder()
-        if not folder.is_dir():
-            _generate(folder)
-        sys.path.insert(0, str(folder))
+        folder = INSTALLED if os.path.isdir(INSTALLED) else _made()
+        sys.path.insert(0, folder)
         return SimpleNamespace(
             sdk=importlib.import_module("VornSdkRpcProtos.VornSdkRpc_pb2"),
             agent=importlib.import_module("agents.routing.RoutingAgent_pb2"),
@@ -53,35 +49,54 @@ def load() -> SimpleNamespace:
 
 def version() -> str:
     """The version of the project that this client belongs to."""
-    if INSTALLED.is_dir():
-        return (INSTALLED / "version").read_text().strip()
-    found = re.search(r"project\(VornSdkRpc VERSION ([\d.]+)", (ROOT / "CMakeLists.txt").read_text())
+    if os.path.isdir(INSTALLED):
+        return _text(INSTALLED, "version").strip()
+    found = re.search(r"project\(VornSdkRpc VERSION ([\d.]+)", _text(ROOT, "CMakeLists.txt"))
     return found[1] if found else "unknown"
 
 
-def _folder() -> Path:
+def _text(folder: str, name: str) -> str:
+    with open(os.path.join(folder, name), encoding="utf-8") as file:
+        return file.read()
+
+
+def _made() -> str:
+    """The cache folder with the stubs, which are made when they are not there. Imports what an installed vornctl does
+    without: its start is to take no time."""
+    folder = _folder()
+    if not os.path.isdir(folder):
+        _generate(folder)
+    return folder
+
+
+def _folder() -> str:
+    import hashlib
+    import pathlib
+
     import google.protobuf
     import grpc
 
     made_from = hashlib.sha256(f"{grpc.__version__} {google.protobuf.__version__}".encode())
     for proto in PROTOS:
-        content = (ROOT / proto).read_bytes()
+        content = pathlib.Path(ROOT, proto).read_bytes()
         made_from.update(f" {proto} {len(content)} ".encode() + content)
-    cache = Path(os.environ.get("XDG_CACHE_HOME", ""))
+    cache = pathlib.Path(os.environ.get("XDG_CACHE_HOME", ""))
     if not cache.is_absolute():
-        cache = Path.home() / ".cache"
-    return cache / "vornctl" / made_from.hexdigest()[:32]
+        cache = pathlib.Path.home() / ".cache"
+    return str(cache / "vornctl" / made_from.hexdigest()[:32])
 
 
-def _generate(folder: Path) -> None:
+def _generate(place: str) -> None:
     """Makes the stubs beside their folder, then moves them there at once: whoever looks at the same time
     finds nothing or all of it, and of two that make them one moves first."""
+    import pathlib
     import subprocess
     import tempfile
 
+    folder = pathlib.Path(place)
     folder.parent.mkdir(mode=0o700, parents=True, exist_ok=True)
     with tempfile.TemporaryDirectory(prefix="making-", dir=folder.parent) as scratch:
-        made = Path(scratch, "stubs")
+        made = pathlib.Path(scratch, "stubs")
         made.mkdir()
         outcome = subprocess.run(
             [*_protoc(), f"-I{ROOT}", f"--python_out={made}", f"--grpc_python_out={made}", *PROTOS],
@@ -119,5 +134,6 @@ def _protoc() -> list[str]:
 
 
 if __name__ == "__main__":
-    _generate(Path(sys.argv[1]))
-    Path(sys.argv[1], "version").write_text(version() + "\n")
+    _generate(sys.argv[1])
+    with open(os.path.join(sys.argv[1], "version"), "w", encoding="utf-8") as told:
+        told.write(version() + "\n")
