@@ -2,6 +2,7 @@
 
 #include <VornSdkRpc/CallCounters.h>
 #include <VornSdkRpc/FileWatch.h>
+#include <VornSdkRpc/Histogram.h>
 #include <VornSdkRpc/ServingThread.h>
 #include <fcntl.h>
 #include <prometheus/collectable.h>
@@ -93,6 +94,12 @@ class Metrics::Impl : public prometheus::Collectable {
     figures_.push_back({std::move(name), std::move(help), kind, std::move(read)});
   }
 
+  std::function<void(std::chrono::nanoseconds)> addDurations(std::string name, std::string help) {
+    auto histogram = std::make_shared<Histogram>(buckets_);
+    durations_.push_back({std::move(name), std::move(help), histogram});
+    return [histogram](std::chrono::nanoseconds duration) { histogram->add(duration); };
+  }
+
   void count(CallAccounting& accounting) {
     accounting.observe(calls_);
     counts_ = true;
@@ -107,13 +114,12 @@ class Metrics::Impl : public prometheus::Collectable {
     std::vector<MetricFamily> families;
     if (counts_) calls_->collect(families);
     if (serving_) {
-      MetricFamily delays{"vornsdkrpc_serving_delay_seconds",
-                          "How late the serving thread handles what is due.",
-                          MetricType::Histogram,
-                          {}};
-      delays.metric.emplace_back().histogram = serving_->delays().collected();
-      families.push_back(std::move(delays));
+      families.push_back(familyOf("vornsdkrpc_serving_delay_seconds",
+                                  "How late the serving thread handles what is due.",
+                                  serving_->delays()));
     }
+    for (const auto& each : durations_)
+      families.push_back(familyOf(each.name, each.help, *each.histogram));
     for (const auto& figure : figures_)
       collect(figure, families);
     return families;
@@ -126,6 +132,19 @@ class Metrics::Impl : public prometheus::Collectable {
     Kind kind;
     Read read;
   };
+
+  struct Durations {
+    std::string name;
+    std::string help;
+    std::shared_ptr<const Histogram> histogram;
+  };
+
+  static MetricFamily familyOf(const std::string& name, const std::string& help,
+                               const Histogram& histogram) {
+    MetricFamily family{name, help, MetricType::Histogram, {}};
+    family.metric.emplace_back().histogram = histogram.collected();
+    return family;
+  }
 
   static void collect(const Figure& figure, std::vector<MetricFamily>& families) try {
     const auto type = figure.kind == counter ? MetricType::Counter : MetricType::Gauge;
@@ -145,6 +164,7 @@ class Metrics::Impl : public prometheus::Collectable {
   const std::shared_ptr<CallCounters> calls_;
   bool counts_ = false;
   std::shared_ptr<ServingThread> serving_;
+  std::vector<Durations> durations_;
   std::vector<Figure> figures_;
 };
 
@@ -188,6 +208,11 @@ void Metrics::add(std::string name, std::string help, Kind kind, std::function<d
 void Metrics::add(std::string name, std::string help, Kind kind,
                   std::function<std::vector<Sample>()> read) {
   impl_->add(std::move(name), std::move(help), kind, std::move(read));
+}
+
+std::function<void(std::chrono::nanoseconds)> Metrics::addDurations(std::string name,
+                                                                    std::string help) {
+  return impl_->addDurations(std::move(name), std::move(help));
 }
 
 std::string Metrics::text() const {

@@ -78,6 +78,10 @@ class VORN_EXPORT Metrics {
   void add(std::string name, std::string help, Kind kind,
            std::function<std::vector<Sample>()> read);
 
+  // Adds a histogram of durations, and answers what is told each of them, on any thread and also
+  // when this has gone. Before the figures are read.
+  std::function<void(std::chrono::nanoseconds)> addDurations(std::string name, std::string help);
+
   // All figures in Prometheus's text format.
   std::string text() const;
 

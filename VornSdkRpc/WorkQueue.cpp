@@ -195,15 +195,17 @@ void WorkQueue::Queue::handleBacklog() {
   const auto begin = options_.now();
   Tally tally;
   std::size_t done = 0;
-  bool inTime = true;
-  for (; done < most && inTime && !stopped_ && takeWaiting(); ++done) {
+  std::chrono::nanoseconds taken{0};
+  const auto inTime = [&] { return taken < options_.stepBudget; };
+  for (; done < most && inTime() && !stopped_ && takeWaiting(); ++done) {
     Item item = std::move(taken_.front());
     taken_.pop_front();
     perform(std::move(item), tally);
-    inTime = options_.now() - begin < options_.stepBudget;
+    taken = options_.now() - begin;
   }
   count(tally);
-  if (endStep(done, inTime)) wake();
+  if (options_.stepEnded) options_.stepEnded(taken);
+  if (endStep(done, inTime())) wake();
 }
 
 // Takes everything that waits at once, so that neither side holds up the other for each item.

@@ -69,6 +69,9 @@ struct WorkQueueOptions {
 
   // The clock that steps and ages are measured with; for tests. Called on any thread.
   std::function<std::chrono::steady_clock::time_point()> now = std::chrono::steady_clock::now;
+
+  // Told how long each step has taken, on the scheduler's thread. It must not throw.
+  std::function<void(std::chrono::nanoseconds)> stepEnded{};
 };
 
 // The queue. Any thread may add; the scheduler's does the work.

@@ -41,7 +41,9 @@ class WorkQueueTest : public testing::Test {
 };
 
 TEST_F(WorkQueueTest, AStepGrowsWhileItIsWithinItsBudgetAndEndsWithIt) {
-  WorkQueue queue("queue", scheduler_, options({.stepBudget = 10ms}));
+  std::vector<std::chrono::nanoseconds> lasted;
+  const auto ended = [&](std::chrono::nanoseconds time) { lasted.push_back(time); };
+  WorkQueue queue("queue", scheduler_, options({.stepBudget = 10ms, .stepEnded = ended}));
   for (int i = 0; i < 15; ++i)
     ASSERT_TRUE(queue.add(takes(1ms), 0));
   std::vector<std::size_t> done;
@@ -50,6 +52,7 @@ TEST_F(WorkQueueTest, AStepGrowsWhileItIsWithinItsBudgetAndEndsWithIt) {
     done.push_back(queue.figures().done);
   }
   EXPECT_THAT(done, testing::ElementsAre(1, 3, 7, 15));
+  EXPECT_THAT(lasted, testing::ElementsAre(1ms, 2ms, 4ms, 8ms));
   EXPECT_FALSE(scheduler_->runOne()) << "nothing is left to do";
   for (int i = 0; i < 30; ++i)
     ASSERT_TRUE(queue.add(takes(i < 13 ? 1ms : 5ms), 0));

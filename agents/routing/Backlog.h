@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <thread>
 #include <utility>
 
@@ -17,9 +18,11 @@ class Backlog : public VornSdkRpc::WorkQueue {
   using Change = Work;
 
   // `stepTime` is slept after every 64 changes: what they cost the hardware, where there is some.
-  // `limit` is how many bytes may wait.
-  Backlog(std::chrono::milliseconds stepTime, std::size_t limit)
-      : WorkQueue("Backlog", {.maxBytes = limit}), stepTime_(stepTime) {}
+  // `limit` is how many bytes may wait. `stepEnded` is as WorkQueue's.
+  Backlog(std::chrono::milliseconds stepTime, std::size_t limit,
+          std::function<void(std::chrono::nanoseconds)> stepEnded = {})
+      : WorkQueue("Backlog", {.maxBytes = limit, .stepEnded = std::move(stepEnded)}),
+        stepTime_(stepTime) {}
 
   // Before what the thread uses is gone.
   ~Backlog() { stop(); }

@@ -263,7 +263,9 @@ void serve(const Options& options, const std::function<Options()>& readAgain) {
       },
       kernel ? SbfdMonitor::kPackets : SbfdMonitor::kSimulated);
   Election election(file.get());
-  Backlog backlog(options.stepTime, options.backlogMib << 20);
+  Backlog backlog(options.stepTime, options.backlogMib << 20,
+                  metrics.addDurations("routing_agent_backlog_step_seconds",
+                                       "How long steps of the backlog have taken."));
   const auto announcement = std::make_shared<Announcement>(addresses, ports, options.grace);
   const Workings workings{tables, backlog, election, addresses, file.get(), options.tableMib << 20};
   std::vector<std::shared_ptr<VornSdkRpc::GrpcService>> services{
