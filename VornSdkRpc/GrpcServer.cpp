@@ -334,11 +334,6 @@ bool GrpcServer::putOff(OpaqueId tag, RequestHandler& handler) {
   return true;
 }
 
-void GrpcServer::begin(OpaqueId tag, RequestHandler& handler) {
-  handler.proceed(tag);
-  charge();
-}
-
 // The call that begins has done its own work; what follows is gRPC's, and may be for anybody.
 void GrpcServer::charge() {
   if (client_.empty()) return;
@@ -365,11 +360,6 @@ void GrpcServer::takeTurn() {
 // Serves calls whose turn has come, for a short while.
 void GrpcServer::serveWaiting() {
   constexpr std::chrono::microseconds kAtOnce{250};
-  struct Serving {
-    explicit Serving(bool& flag) : serving(flag) { serving = true; }
-    ~Serving() { serving = false; }
-    bool& serving;
-  } const serving(servesWaiting_);
   sinceServed_ = 0;
   const auto end = Clock::now() + kAtOnce;
   while (clientTurns_->waiting() && !stopRequested_) {
@@ -377,16 +367,21 @@ void GrpcServer::serveWaiting() {
     if (begunAt_ >= end) break;
     auto [tag, client] = clientTurns_->take();
     client_ = std::move(client);
-    handleTag(tag, true);
+    dispatch(tag, true, &GrpcService::begin);
   }
 }
 
-void GrpcServer::handleTag(OpaqueId tag, bool ok) try {
+void GrpcServer::handleTag(OpaqueId tag, bool ok) {
   if (cancelled_ && tag == cancelled_.get()) return;
   if (emptied_ && tag == emptied_.get()) {
     emptied_->come = true;
     return;
   }
+  dispatch(tag, ok, &GrpcService::process);
+}
+
+void GrpcServer::dispatch(OpaqueId tag, bool ok,
+                          void (GrpcService::*step)(OpaqueId, RequestHandler*)) try {
   std::size_t serviceId = 0;
   RequestHandlerPtr handler;  // keeps the handler alive while its tag is removed
   if (!tagManager_.find(tag, serviceId, handler)) {
@@ -400,7 +395,7 @@ void GrpcServer::handleTag(OpaqueId tag, bool ok) try {
   }
   if (!stopRequested_ || ok) {
     completionOk_ = ok;
-    service.process(tag, handler.get());
+    (service.*step)(tag, handler.get());
   } else {
     tracer_.trace8("tag %p cancelled", tag);
     tagManager_.removeHandler(serviceId, tag);

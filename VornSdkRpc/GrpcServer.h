@@ -160,10 +160,11 @@ class VORN_EXPORT GrpcServer {
   friend class rpc::ServiceBase;
 
   VORN_NO_EXPORT bool putOff(OpaqueId tag, RequestHandler& handler);
-  VORN_NO_EXPORT void begin(OpaqueId tag, RequestHandler& handler);
   VORN_NO_EXPORT void charge();
   VORN_NO_EXPORT void takeTurn();
   VORN_NO_EXPORT void serveWaiting();
+  VORN_NO_EXPORT void dispatch(OpaqueId tag, bool ok,
+                               void (GrpcService::*step)(OpaqueId, RequestHandler*));
   VORN_NO_EXPORT void claim(std::size_t serviceId);
 
   VORN_NO_EXPORT void drain(Clock::time_point now);
@@ -189,7 +190,6 @@ class VORN_EXPORT GrpcServer {
   std::unique_ptr<Turns> clientTurns_;  // null: calls are served as they arrive
   std::string client_;                  // of the call that begins; empty: nobody counts it
   Clock::time_point begunAt_;
-  bool servesWaiting_ = false;
   unsigned sinceServed_ = 0;  // completions, while calls wait
   std::chrono::milliseconds stopTimeout_ = std::chrono::seconds(30);
   bool queueShut_ = false;  // nothing new may go through the queue

@@ -93,7 +93,6 @@ void GrpcService::removeHandler(OpaqueId tag) {
 
 void GrpcService::process(OpaqueId tag, RequestHandler* handler) {
   if (stopping_) return;
-  if (server_->servesWaiting_) handler->state_ = RequestHandler::AWAITING_CALL;
   switch (handler->state_) {
     case RequestHandler::AWAITING_CALL:
       if (draining_ && !completionOk()) {
@@ -102,17 +101,11 @@ void GrpcService::process(OpaqueId tag, RequestHandler* handler) {
         removeHandler(tag);
         break;
       }
-      if (!server_->servesWaiting_) {
-        // The successor comes first, so that the method's next call can arrive while this one is
-        // served, or waits.
-        makeTag(server_->tagManager(), serviceId_,
-                [&](OpaqueId next) { registerHandler(handler->spawn(next)); });
-        if (server_->putOff(tag, *handler)) break;
-      }
-      tracer_.trace8("process handler %p", tag);
-      server_->begin(tag, *handler);
-      if (handler->state_ == RequestHandler::AWAITING_CALL)
-        handler->state_ = RequestHandler::FINISHED;
+      // The successor comes first, so that the method's next call can arrive while this one is
+      // served, or waits.
+      makeTag(server_->tagManager(), serviceId_,
+              [&](OpaqueId next) { registerHandler(handler->spawn(next)); });
+      if (!server_->putOff(tag, *handler)) begin(tag, handler);
       break;
     case RequestHandler::IN_PROGRESS:
       handler->proceed(tag);
@@ -121,6 +114,16 @@ void GrpcService::process(OpaqueId tag, RequestHandler* handler) {
       removeHandler(tag);
       break;
   }
+}
+
+void GrpcService::begin(OpaqueId tag, RequestHandler* handler) {
+  if (stopping_) return;
+  tracer_.trace8("process handler %p", tag);
+  handler->state_ = RequestHandler::AWAITING_CALL;
+  handler->proceed(tag);
+  server_->charge();
+  if (handler->state_ == RequestHandler::AWAITING_CALL)
+    handler->state_ = RequestHandler::FINISHED;
 }
 
 }  // namespace VornSdkRpc

@@ -134,6 +134,9 @@ class VORN_EXPORT GrpcService {
  private:
   friend class GrpcServer;
 
+  // What process() does with a call that has arrived, at once or when its turn has come.
+  VORN_NO_EXPORT void begin(OpaqueId tag, RequestHandler* handler);
+
   std::atomic<bool> draining_ = false;
   bool claimed_ = false;  // by a server
 };
