@@ -29,7 +29,7 @@
 //                co_return grpc::Status::OK;
 //              });
 //
-//       // Client streaming: read() answers false at the end of the client's stream.
+//       // Client streaming: read() returns false at the end of the client's stream.
 //       method(&Async::RequestLoad,
 //              [this](rpc::Reader<ip_route_msg>& routes, count_msg& count) -> rpc::Task<> {
 //                ip_route_msg route;
@@ -39,7 +39,7 @@
 //                co_return grpc::Status::OK;
 //              });
 //
-//       // Server streaming: write() answers false once the call is dead. One write is outstanding
+//       // Server streaming: write() returns false once the call is over. One write is outstanding
 //       // at a time, so a client that reads slowly holds up its own stream and costs one item of
 //       // memory.
 //       method(&Async::RequestWatch,

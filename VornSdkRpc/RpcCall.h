@@ -98,7 +98,7 @@ enum class EndedBy : std::uint8_t {
   stopped,    // the server has stopped; for the same
 };
 
-// Until when something is waited for: a time from now, or a point of rpc::Clock. From a year on it
+// How long a wait may last: a time from now, or a point of rpc::Clock. From a year on it
 // is for ever.
 class Limit {
  public:
@@ -125,7 +125,7 @@ inline const Limit forever = std::chrono::hours::max();
 
 namespace detail {
 
-// What an operation of a call answers, to be awaited at once. Its destruction does nothing, so that
+// What an operation of a call returns, to be awaited at once. Its destruction does nothing, so that
 // it does no harm either where g++ 12 destroys a temporary too often.
 class [[nodiscard]] Wait {
  public:
@@ -189,8 +189,7 @@ class VORN_EXPORT Call {
   // is added here, initial metadata before sendInitialMetadata() or the first write.
   grpc::ServerContext& context();
 
-  // Whether the call is over before its time. After a read or a write that answered Woke::over it
-  // is known at once.
+  // Whether the call is over early. True at once after a read or a write that returned Woke::over.
   bool cancelled() const { return endedBy() != EndedBy::nothing; }
 
   // Why the call is over. A client whose deadline passes cancels at the same time: a cancellation
@@ -205,7 +204,7 @@ class VORN_EXPORT Call {
   // makes more exact in the accounting, UNAVAILABLE when the server is being drained, else OK.
   grpc::Status endStatus() const;
 
-  // How much is left until the call's deadline, to hand on: nothing when it has passed, and
+  // The time left until the call's deadline, to hand on: zero when it has passed, and
   // nanoseconds::max() when it has none.
   std::chrono::nanoseconds remaining() const;
 
@@ -244,7 +243,7 @@ class VORN_EXPORT Call {
 template <typename Request>
 class Reader : public Call {
  public:
-  // Reads the next message: answers Woke::message, Woke::end at the end of the client's stream, or
+  // Reads the next message. Returns Woke::message, Woke::end at the end of the client's stream, or
   // Woke::over. `item` is touched by the first alone. Bytes that are no Request end the call with
   // INVALID_ARGUMENT.
   detail::ReadWait read(Request& item) { return {exchange_, item, nullptr, forever, false}; }
@@ -269,7 +268,7 @@ namespace detail {
 template <typename Base, typename Reply>
 class Writing : public Base {
  public:
-  // Writes a message, and waits until gRPC has taken it: answers Woke::written or Woke::over.
+  // Writes a message, and waits until gRPC has taken it: returns Woke::written or Woke::over.
   // Options that ask gRPC to hold the message back for the next one, or for the end of the stream,
   // are passed over.
   WriteWait write(const Reply& item, grpc::WriteOptions options = {}) {

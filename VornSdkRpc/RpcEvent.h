@@ -36,10 +36,10 @@ class VORN_EXPORT Event {
  private:
   friend class detail::Exchange;
 
-  // Whether it was set; it no longer is.
+  // Returns whether the event was set, and clears it.
   VORN_NO_EXPORT bool take();
 
-  // From now on set() wakes this one, and at once when it is set; null: nobody.
+  // set() wakes this sleeper from now on, at once when the event is set already; null: none.
   VORN_NO_EXPORT void wakes(detail::Sleeper* sleeper);
 
   vorn::mutex mutex_;

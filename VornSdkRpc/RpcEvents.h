@@ -1,7 +1,7 @@
 #pragma once
 
-// A hub of events: one place where whatever has changed is said once, and where every call that
-// wants to hear of it subscribes.
+// A hub of events: whoever changes something sets the hub once, and every call that has subscribed
+// wakes.
 //
 //   rpc::Task<> watch(rpc::Writer<ip_route_msg>& watcher, RouteTable& table) {
 //     rpc::Event news;
@@ -64,7 +64,7 @@ class VORN_EXPORT Events {
   // Wakes all who have subscribed. Several before a subscriber's wait count once for it.
   void set();
 
-  // How many have subscribed.
+  // The number of subscriptions.
   std::size_t subscriptions() const;
 
  private:

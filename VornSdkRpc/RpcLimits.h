@@ -61,7 +61,7 @@ class VORN_EXPORT Limits {
 struct MethodOptions {
   // How many calls of the method may be in progress; one more is refused at once with
   // RESOURCE_EXHAUSTED. Zero: no limit. Without effect on a plain function, which is never in
-  // progress: it has answered before the next call is looked at.
+  // progress: it has ended before the next call is looked at.
   std::size_t limit = 0;
 
   // How many calls of the method are asked for ahead, so that one poll can pick up several. At

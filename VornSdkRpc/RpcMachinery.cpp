@@ -15,12 +15,12 @@ namespace VornSdkRpc::rpc::detail {
 
 namespace {
 
-// What makes gRPC hold an item back would keep the coroutine that awaits the write waiting.
+// Clears the hints that let gRPC buffer the item: a buffered write would stall the coroutine.
 grpc::WriteOptions atOnce(grpc::WriteOptions options) {
   return options.clear_buffer_hint().clear_last_message();
 }
 
-// Ends a call that has one reply, which a client is sent only with an OK.
+// Ends a call that has one reply. Only an OK sends the reply.
 void finishWith(UnaryStream& answer, const MessageLite& reply, const grpc::Status& status,
                 OpaqueId tag) {
   if (status.ok()) {
@@ -46,7 +46,7 @@ class UnservedCall final : public RequestHandler {
 
   RequestHandlerPtr spawn(OpaqueId tag) override { return method_.make(tag); }
 
-  // Left at AWAITING_CALL: this is the call's last operation.
+  // The state stays AWAITING_CALL: process() takes this for the last operation.
   void proceed(OpaqueId tag) override {
     stream_.Finish({grpc::StatusCode::UNIMPLEMENTED, ""}, tag);
   }
@@ -94,7 +94,8 @@ FunctionCall::~FunctionCall() = default;
 
 RequestHandlerPtr FunctionCall::spawn(OpaqueId tag) { return method_.make(tag); }
 
-// Answers at once; the state that is left at AWAITING_CALL says so.
+// Finishes in one step. State AWAITING_CALL, left as it is, tells process() that nothing else is
+// outstanding.
 void FunctionCall::proceed(OpaqueId tag) {
   auto& service = method_.service();
   assert(service.completionOk() && "what the server gives back, it does not hand to a handler");
@@ -128,7 +129,7 @@ Exchange::Exchange(Method& method, OpaqueId tag)
   context_.AsyncNotifyWhenDone(endTag_);
 }
 
-// abandon() has been called by then: the coroutine refers to what derived classes hold.
+// Derived classes have called abandon(): the coroutine refers to their members.
 Exchange::~Exchange() { leave(); }
 
 RequestHandlerPtr Exchange::spawn(OpaqueId tag) { return method_.make(tag); }
@@ -190,7 +191,7 @@ std::optional<grpc::Status> Exchange::refusal() {
   return std::nullopt;
 }
 
-// The calls of a service are in a list, the oldest first.
+// Appends the call to the service's list of calls.
 void Exchange::enter() {
   auto& service = this->service();
   previous_ = service.lastCall_;
@@ -236,7 +237,7 @@ grpc::Status Exchange::outcome() {
   }
 }
 
-// The coroutine has ended, or has never begun.
+// Ends the call when its coroutine has ended, or has never begun.
 void Exchange::conclude(grpc::Status status) {
   abandon();
   sleeper_.cancel();
@@ -245,14 +246,14 @@ void Exchange::conclude(grpc::Status status) {
     status = *std::move(settled_);
   } else if (endedBy_ != EndedBy::nothing &&
              (status.ok() || status.error_code() == grpc::StatusCode::CANCELLED)) {
-    // Nobody hears the status, but it is accounted.
+    // The client does not get the status, but accounting records it.
     status = endedBy_ == EndedBy::deadline
                  ? grpc::Status(grpc::StatusCode::DEADLINE_EXCEEDED, "the deadline has passed")
                  : grpc::Status(grpc::StatusCode::CANCELLED, "the client has cancelled");
   }
   if (!status.ok()) service().traceFailure(context_, method_, status);
   if (!writing_) return finish(status);
-  // It would wait behind what the client does not read.
+  // The status would wait behind a message that the client does not read.
   concluding_ = true;
   settled_ = std::move(status);
   context_.TryCancel();
@@ -281,8 +282,9 @@ std::chrono::nanoseconds Exchange::remaining() const {
   return std::max(time, std::chrono::nanoseconds::zero());
 }
 
-// A client cancels when its own deadline passes. That is before the server's, by the call's way
-// here and by what the deadline was rounded up to be sent, which is a share of its length.
+// A client cancels when its own deadline passes. That is earlier than the server's: by the time
+// that the call took to arrive, and by the rounding of the deadline on the wire, a share of its
+// length.
 EndedBy Exchange::whyGone() const {
   constexpr std::chrono::nanoseconds kWay = std::chrono::milliseconds(20);
   const auto left = remaining();
@@ -310,7 +312,7 @@ bool Exchange::begin(Wait& wait) {
 void Exchange::suspend(Wait& wait, std::coroutine_handle<> awaiting) {
   wait_ = &wait;
   suspended_ = awaiting;
-  // Read here alone, so that a call that ends without a wait costs no look at the clock.
+  // The clock is read only here: a call that ends without a wait does not pay for it.
   const auto span = wait.limit_.kind_ == Limit::Kind::span;
   const auto now = span || !begunAt_ ? service().now() : Clock::time_point();
   if (!begunAt_) begunAt_ = now;
@@ -389,7 +391,7 @@ void Exchange::readDone(bool ok) {
   look();
 }
 
-// Starts the write when none is under way; whether it is done.
+// Starts the write when none is in flight. Returns whether it is done.
 bool Exchange::isWritten(Wait& wait) {
   if (writing_) return false;
   if (std::exchange(wait.started_, true)) return true;
@@ -473,7 +475,7 @@ using VornSdkRpc::rpc::detail::Mark;
 using VornSdkRpc::rpc::detail::MessageLite;
 
 Status SerializationTraits<Arriving, void>::Deserialize(ByteBuffer* bytes, Arriving* arriving) {
-  if (!arriving) {  // nobody wants it
+  if (!arriving) {  // the method has no use for it
     bytes->Clear();
     return Status::OK;
   }

@@ -58,10 +58,10 @@ namespace VornSdkRpc::rpc::detail {
 
 using google::protobuf::MessageLite;
 
-grpc::Status noMessage();  // what answers bytes that are no message
+grpc::Status noMessage();  // the status for bytes that are no message
 
-// Stands before the message in memory. gRPC takes bytes that are no message for the end of the
-// stream, and gives up a unary call without a word; here they are marked and arrive.
+// Lies before the message in memory. gRPC treats bytes that are no message as the end of the
+// stream, and drops a unary call silently. Here they arrive, with a mark.
 struct alignas(std::max_align_t) Mark {
   bool malformed = false;
   std::size_t size = 0;  // in bytes, as it arrived
@@ -124,7 +124,7 @@ class VORN_EXPORT Exchange : public RequestHandler, public std::enable_shared_fr
   const grpc::ServerContext* callContext() const final { return &context_; }
   void putOff() final;
 
-  // For Call and Wait. begin() answers whether the wait has ended already.
+  // For Call and Wait. begin() returns whether the wait has ended already.
   grpc::ServerContext& context() { return context_; }
   VORN_NO_EXPORT EndedBy endedBy() const;
   VORN_NO_EXPORT std::chrono::nanoseconds remaining() const;
@@ -137,13 +137,13 @@ class VORN_EXPORT Exchange : public RequestHandler, public std::enable_shared_fr
   const Method& method() const { return method_; }
   VORN_NO_EXPORT Clock::duration age(Clock::time_point now) const;
   VORN_NO_EXPORT const char* waitsFor() const;
-  VORN_NO_EXPORT void look();  // goes on when what it waits for has come
+  VORN_NO_EXPORT void look();  // resumes the coroutine when its wait has ended
   Sleeper& sleeper() { return sleeper_; }
 
  protected:
   Exchange(Method& method, OpaqueId tag);
 
-  // What derived classes hold is asked for and given up by them.
+  // Derived classes hold the stream and the messages.
   void ask(Arriving* request, AnyStream& stream) {
     method_.ask(context_, request, stream, opaqueId_);
   }
@@ -269,8 +269,7 @@ class VORN_EXPORT FunctionCall : public RequestHandler {
   UnaryStream answer_{&context_};
 };
 
-// A method that nothing serves. Without it, gRPC would keep its calls for as long as their clients
-// wait.
+// A method without a function. Without this, gRPC would hold its calls until their clients give up.
 class VORN_EXPORT UnservedMethod final : public Method {
  public:
   using Method::Method;

@@ -73,7 +73,7 @@ template <typename Work>
 class OffloadedWork final : public Offloaded {
  public:
   using Result = std::decay_t<std::invoke_result_t<Work&>>;
-  // What the call is answered: empty or false when it is over.
+  // What co_await returns: empty or false when the call is over.
   using Answer = std::conditional_t<std::is_void_v<Result>, bool, std::optional<Result>>;
 
   template <typename Function>
@@ -149,13 +149,13 @@ class VORN_EXPORT Job {
 };
 
 // Hands `work`, a function without arguments, to the executor, at once; co_await waits until it has
-// been done. To start several pieces before waiting for the first, keep what this answers:
+// been done. To start several pieces before waiting for the first, keep what this returns:
 //
 //   auto first = rpc::offload(call, executor, one);
 //   auto second = rpc::offload(call, executor, other);
 //   const auto firstResult = co_await std::move(first);
 //
-// co_await answers, on the serving thread,
+// co_await returns, on the serving thread,
 // - the result, as a std::optional that is empty when the call is over (cancelled, its deadline
 //   past); for work without a result, true, and false when the call is over. It does not wait for
 //   the work then, which goes on without anybody to take its result. For a call that is over

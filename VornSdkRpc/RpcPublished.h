@@ -121,7 +121,7 @@ class VORN_EXPORT PublishedTable {
   explicit PublishedTable(std::size_t removals);
   virtual ~PublishedTable();
 
-  // With the lock held. Takes over the last change of a key, and answers the one before. When it
+  // With the lock held. Takes over the last change of a key, and returns the one before. When it
   // throws, nothing has changed, and an entry that is new is to be erased.
   std::shared_ptr<const void> publish(PublishedEntry& entry, std::shared_ptr<const void> change,
                                       bool removal) VORN_REQUIRES(mutex_);
@@ -313,7 +313,7 @@ class Published : private detail::PublishedTable {
     }
   }
 
-  // Answers false, and changes nothing, when there is no such key.
+  // Returns false, and changes nothing, when there is no such key.
   bool remove(const Key& key) {
     auto change = std::make_shared<const Change>(Change{key, std::nullopt});
     std::shared_ptr<const void> before;  // destroyed without the lock

@@ -137,7 +137,7 @@ class Service : public ServiceBase {
   }
 
   // Unary. The handler is a function (const Request&, Reply&) or (grpc::ServerContext&, const
-  // Request&, Reply&) that answers a grpc::Status, or a coroutine (Call&, const Request&, Reply&)
+  // Request&, Reply&) that returns a grpc::Status, or a coroutine (Call&, const Request&, Reply&)
   // -> Task<>. A function must not ask its context whether the call IsCancelled(): gRPC knows that
   // only of calls whose end is followed, which are those of coroutines.
   template <typename Base, typename Request, typename Reply, typename Handler>

@@ -105,7 +105,7 @@ class [[nodiscard]] Task {
     if (frame_) frame_.destroy();
   }
 
-  // Awaited by another coroutine: runs to its end, then answers its result or throws its exception.
+  // Awaited by another coroutine: runs to its end, then returns its result or throws its exception.
   // Throws std::logic_error when there is nothing to run: the task is empty or has ended.
   auto operator co_await() && noexcept { return Awaiter(frame_); }
 

@@ -1,11 +1,11 @@
 #pragma once
 
-// How what sleeps on the serving thread is woken: by a time or by another thread. Nothing in here
-// is for an agent.
+// Wakes what sleeps on the serving thread, at a time or from another thread. Nothing in here is for
+// an agent.
 //
 // All sleepers of a service share one grpc::Alarm, which fires for the earliest of their times or,
 // in the past, when another thread has made one of them ready. What is made ready on the serving
-// thread itself, during a turn, goes on at the end of that turn, without a way through the queue.
+// thread itself, during a turn, runs at the end of that turn and does not pass the queue.
 
 #include <VornSdkRpc/RequestHandler.h>
 #include <grpcpp/alarm.h>
@@ -52,7 +52,7 @@ class VORN_EXPORT Sleeper {
   // Wakes it at that time, in place of one given before. During a turn.
   void at(Clock::time_point time);
 
-  // Neither is any longer to come. Nobody else may make it ready any more by then.
+  // Drops its time and its wake-up. No other thread may call ready() any more.
   void cancel() noexcept;
 
  private:
@@ -75,10 +75,10 @@ class VORN_EXPORT Wakeups final : public RequestHandler {
  public:
   explicit Wakeups(GrpcService& service) : service_(service) {}
 
-  // The server runs: a tag of the service, under which this is registered. Serving thread.
+  // Called when the server runs, with a tag of the service for the alarm. Serving thread.
   VORN_NO_EXPORT void open(grpc::ServerCompletionQueue& queue, OpaqueId tag);
 
-  // No alarm is set any more, and none is pending. Any thread.
+  // Cancels the alarm; none is set afterwards. Any thread.
   VORN_NO_EXPORT void close();
 
   // The time by which sleepers are woken. Any thread.
