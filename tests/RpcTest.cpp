@@ -1,22 +1,23 @@
 #include <Kiv/Trace.h>
 #include <VornSdkRpc/Rpc.h>
 #include <VornSdkRpc/RpcEvents.h>
-#include <VornSdkRpc/Testing.h>
 #include <gmock/gmock.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <map>
 #include <thread>
 
+#include "tests/Calls.h"
 #include "tests/Capture.h"
 #include "tests/ProbeService.h"
+#include "tests/WaitUntil.h"
 
 namespace test {
 namespace {
 
 namespace rpc = VornSdkRpc::rpc;
+using VornSdkRpc::testing::call;
 using VornSdkRpc::testing::TestServer;
 using namespace std::chrono_literals;
 
@@ -111,6 +112,8 @@ class KitService : public rpc::Service<Probe> {
       ended(call);
     } else if (text.text() == "no task later") {
       co_await rpc::Task<void>();
+    } else if (text.text() == "task throws") {
+      co_await throwingTask();
     } else if (text.text() == "many tasks") {
       for (int i = 0; i < 200000; ++i)
         co_await noTask();
@@ -120,6 +123,10 @@ class KitService : public rpc::Service<Probe> {
   }
 
   rpc::Task<void> noTask() { co_return; }
+  rpc::Task<void> throwingTask() {
+    throw vorn::configuration_error("no table");
+    co_return;
+  }
 
   rpc::Task<void> writeAll(rpc::Writer<Text>& ticks, std::uint32_t count) {
     Text text;
@@ -155,39 +162,22 @@ class FunctionService : public rpc::Service<Probe> {
   }
 };
 
-Text textOf(const std::string& text) {
-  Text message;
-  message.set_text(text);
-  return message;
-}
-
-grpc::Status echo(Probe::Stub& stub, const std::string& text, Text* reply = nullptr,
-                  std::chrono::milliseconds deadline = 60s) {
-  grpc::ClientContext context;
-  context.set_deadline(std::chrono::system_clock::now() + deadline);
-  Text ignored;
-  return stub.Echo(&context, textOf(text), reply ? reply : &ignored);
-}
-
 TEST(Rpc, ServesEveryKindOfCall) {
   const auto kit = std::make_shared<KitService>();
   TestServer server({kit});
   const auto stub = server.stub<Probe>();
-  Text reply;
-  EXPECT_TRUE(echo(*stub, "hello", &reply).ok());
-  EXPECT_EQ(reply.text(), "hello");
-  EXPECT_TRUE(echo(*stub, "pause", &reply).ok());
-  EXPECT_EQ(reply.text(), "pause");
+  for (const char* text : {"hello", "pause"})
+    EXPECT_EQ(echo(*stub, text).reply.text(), text);
   streamAHundredEachWay(*stub);
   {
-    grpc::ClientContext context;
-    const auto stream = stub->Chat(&context);
+    Text reply;
+    const Chatting chat(*stub);
     for (const char* text : {"a", "b", "leave"}) {
-      ASSERT_TRUE(stream->Write(textOf(text)));
-      ASSERT_TRUE(stream->Read(&reply));
+      ASSERT_TRUE(chat->Write(textOf(text)));
+      ASSERT_TRUE(chat->Read(&reply));
       EXPECT_EQ(reply.text(), text);
     }
-    EXPECT_EQ(stream->Finish().error_code(), grpc::StatusCode::ABORTED);
+    EXPECT_EQ(chat->Finish().error_code(), grpc::StatusCode::ABORTED);
   }
   EXPECT_TRUE(server.settle());
   EXPECT_EQ(kit->alive, 0);
@@ -198,20 +188,16 @@ TEST(Rpc, ServesEveryKindOfCall) {
 TEST(Rpc, AFunctionAnswersAtOnce) {
   TestServer server({std::make_shared<FunctionService>()}, {.socket = true});
   const auto stub = server.stub<Probe>();
-  Text reply;
-  EXPECT_TRUE(echo(*stub, "hello", &reply).ok());
-  EXPECT_EQ(reply.text(), "unix:hello");
-  EXPECT_EQ(echo(*stub, "fail").error_code(), grpc::StatusCode::NOT_FOUND);
-  EXPECT_EQ(echo(*stub, "throw").error_message(), "thrown");
+  EXPECT_EQ(echo(*stub, "hello").reply.text(), "unix:hello");
+  EXPECT_EQ(echo(*stub, "fail").status.error_code(), grpc::StatusCode::NOT_FOUND);
+  EXPECT_EQ(echo(*stub, "throw").status.error_message(), "thrown");
   // The other methods have no function.
-  Count count;
-  grpc::ClientContext collecting, ticking, chatting;
-  const auto writer = stub->Collect(&collecting, &count);
-  while (writer->Write(reply)) {
+  const Collecting collect(*stub);
+  while (collect->Write(Text())) {
   }
-  EXPECT_EQ(writer->Finish().error_code(), grpc::StatusCode::UNIMPLEMENTED);
-  EXPECT_EQ(stub->Tick(&ticking, count)->Finish().error_code(), grpc::StatusCode::UNIMPLEMENTED);
-  EXPECT_EQ(stub->Chat(&chatting)->Finish().error_code(), grpc::StatusCode::UNIMPLEMENTED);
+  EXPECT_EQ(collect->Finish().error_code(), grpc::StatusCode::UNIMPLEMENTED);
+  EXPECT_EQ(Ticking(*stub)->Finish().error_code(), grpc::StatusCode::UNIMPLEMENTED);
+  EXPECT_EQ(Chatting(*stub)->Finish().error_code(), grpc::StatusCode::UNIMPLEMENTED);
   EXPECT_TRUE(server.settle());
 }
 
@@ -246,12 +232,9 @@ TEST(Rpc, LivesBesideAServiceWrittenByHand) {
       const auto kit = Mirror::NewStub(connection);
       for (int i = 0; i < 50; ++i) {
         const std::string text = std::to_string(1000 * client + i);
-        Text reply;
-        EXPECT_TRUE(echo(*byHand, text, &reply).ok());
-        EXPECT_EQ(reply.text(), text);
-        grpc::ClientContext context;
-        EXPECT_TRUE(kit->Reflect(&context, textOf(text), &reply).ok());
-        EXPECT_EQ(reply.text(), std::string(text.rbegin(), text.rend()));
+        EXPECT_EQ(echo(*byHand, text).reply.text(), text);
+        EXPECT_EQ(call(*kit, &Mirror::Stub::Reflect, textOf(text)).reply.text(),
+                  std::string(text.rbegin(), text.rend()));
       }
     });
   }
@@ -276,14 +259,15 @@ TEST(Rpc, AnExceptionBecomesAStatusThatTheClientCanActOn) {
            {"secret", grpc::StatusCode::INTERNAL, "internal error"},
            {"number", grpc::StatusCode::INTERNAL, "internal error"},
            {"throw first", grpc::StatusCode::UNIMPLEMENTED, "not here"},
+           {"task throws", grpc::StatusCode::FAILED_PRECONDITION, "no table"},
            {"no task", grpc::StatusCode::INTERNAL, "internal error"},
            {"no task later", grpc::StatusCode::INTERNAL, "internal error"},
        }) {
-    const grpc::Status status = echo(*stub, text);
+    const grpc::Status status = echo(*stub, text).status;
     EXPECT_EQ(status.error_code(), code) << text;
     EXPECT_EQ(status.error_message(), message) << text;
   }
-  const grpc::Status status = echo(*stub, "long");
+  const grpc::Status status = echo(*stub, "long").status;
   EXPECT_EQ(status.error_code(), grpc::StatusCode::FAILED_PRECONDITION);
   EXPECT_LT(status.error_message().size(), 2000U) << "more than a client takes";
   EXPECT_TRUE(server.settle());
@@ -296,27 +280,22 @@ TEST(Rpc, ACancelledCallRunsToItsEndOnTheServingThread) {
   const auto kit = std::make_shared<KitService>();
   TestServer server({kit});
   const auto stub = server.stub<Probe>();
-  EXPECT_EQ(echo(*stub, "forever", nullptr, 1s).error_code(), grpc::StatusCode::DEADLINE_EXCEEDED);
-  EXPECT_EQ(echo(*stub, "listen", nullptr, 1s).error_code(), grpc::StatusCode::DEADLINE_EXCEEDED);
-  Text text;
+  for (const char* text : {"forever", "listen"})
+    EXPECT_EQ(echo(*stub, text, 1s).status.error_code(), grpc::StatusCode::DEADLINE_EXCEEDED);
   {
-    grpc::ClientContext collecting, ticking, chatting;
-    Count count;
-    const auto collect = stub->Collect(&collecting, &count);
+    Text text;
+    Collecting collect(*stub);
+    Ticking ticks(*stub);  // a client that stops reading
+    Chatting chat(*stub);
     ASSERT_TRUE(collect->Write(text));
-    const auto ticks = stub->Tick(&ticking, count);  // a client that stops reading
     ASSERT_TRUE(ticks->Read(&text));
-    const auto chat = stub->Chat(&chatting);
     ASSERT_TRUE(chat->Write(text));
     ASSERT_TRUE(chat->Read(&text));
-    collecting.TryCancel();
-    ticking.TryCancel();
-    chatting.TryCancel();
-    EXPECT_EQ(collect->Finish().error_code(), grpc::StatusCode::CANCELLED);
-    while (ticks->Read(&text)) {
-    }
-    EXPECT_EQ(ticks->Finish().error_code(), grpc::StatusCode::CANCELLED);
-    EXPECT_EQ(chat->Finish().error_code(), grpc::StatusCode::CANCELLED);
+    for (auto* context : {&collect.context, &ticks.context, &chat.context})
+      context->TryCancel();
+    ticks.readAll(text);
+    for (const auto& status : {collect->Finish(), ticks->Finish(), chat->Finish()})
+      EXPECT_EQ(status.error_code(), grpc::StatusCode::CANCELLED);
   }
   EXPECT_TRUE(server.settle());
   EXPECT_EQ(kit->alive, 0);
@@ -325,32 +304,11 @@ TEST(Rpc, ACancelledCallRunsToItsEndOnTheServingThread) {
   EXPECT_EQ(kit->wake.subscriptions(), 0U);
 }
 
-// Another thread sets the event of every call exactly once, as soon as it exists: a wake-up that
-// comes between the call's look and its wait must not be lost, or the call would wait for ever.
-TEST(Rpc, AnEventThatIsSetOnceWakesTheCallOnTheServingThread) {
-  constexpr int kRounds = 500;
-  const auto kit = std::make_shared<KitService>();
-  TestServer server({kit});
-  const auto stub = server.stub<Probe>();
-  std::atomic<int> answered = 0;
-  std::thread waker([&] {
-    for (int round = 0; round < kRounds; ++round) {
-      while (answered != round || kit->wake.subscriptions() != 1)
-        std::this_thread::yield();
-      kit->wake.set();
-    }
-  });
-  for (; answered < kRounds; ++answered)
-    EXPECT_TRUE(echo(*stub, "listen").ok());
-  waker.join();
-  EXPECT_EQ(kit->elsewhere, 0);
-}
-
 // Tasks that end without a wait leave nothing on the stack, however many there are.
 TEST(Rpc, ALoopOverTasksThatNeverWaitDoesNotGrowTheStack) {
   const auto kit = std::make_shared<KitService>();
   TestServer server({kit});
-  EXPECT_TRUE(echo(*server.stub<Probe>(), "many tasks").ok());
+  EXPECT_TRUE(echo(*server.stub<Probe>(), "many tasks").status.ok());
 }
 
 TEST(Rpc, RefusesWhatIsOverTheLimitAndGivesEverySlotBack) {
@@ -358,26 +316,20 @@ TEST(Rpc, RefusesWhatIsOverTheLimitAndGivesEverySlotBack) {
   TestServer server({kit});
   const auto stub = server.stub<Probe>();
   for (int round = 0; round < 3; ++round) {
-    std::vector<std::thread> held;
-    std::atomic<int> released = 0;
-    for (int i = 0; i < 2; ++i) {
-      held.emplace_back([&] { released += echo(*stub, "listen").ok(); });
-    }
-    while (kit->wake.subscriptions() != 2)
-      std::this_thread::yield();
-    const auto refused = echo(*stub, "hello");
+    std::vector<std::jthread> held;
+    for (int i = 0; i < 2; ++i)
+      held.emplace_back([&] { EXPECT_TRUE(echo(*stub, "listen").status.ok()); });
+    waitUntil([&] { return kit->wake.subscriptions() == 2; }, "two calls listen");
+    const auto refused = echo(*stub, "hello").status;
     EXPECT_EQ(refused.error_code(), grpc::StatusCode::RESOURCE_EXHAUSTED);
     EXPECT_THAT(refused.error_details(), testing::HasSubstr("google.rpc.RetryInfo"));
-    while (released != 2) {
-      kit->wake.set();
-      std::this_thread::yield();
-    }
-    for (auto& thread : held)
-      thread.join();
-    EXPECT_EQ(echo(*stub, "argument").error_code(), grpc::StatusCode::INVALID_ARGUMENT);
-    EXPECT_EQ(echo(*stub, "throw first").error_code(), grpc::StatusCode::UNIMPLEMENTED);
-    EXPECT_EQ(echo(*stub, "forever", nullptr, 20ms).error_code(),
-              grpc::StatusCode::DEADLINE_EXCEEDED);
+    kit->wake.set();
+    held.clear();
+    for (const auto& [text, timeout, code] :
+         {std::tuple{"argument", 60000ms, grpc::StatusCode::INVALID_ARGUMENT},
+          {"throw first", 60000ms, grpc::StatusCode::UNIMPLEMENTED},
+          {"forever", 20ms, grpc::StatusCode::DEADLINE_EXCEEDED}})
+      EXPECT_EQ(echo(*stub, text, timeout).status.error_code(), code);
     EXPECT_TRUE(server.settle());
   }
 }
@@ -410,8 +362,7 @@ TEST(Rpc, AStopDestroysEveryCallWhereverItWaits) {
         call.echo->Finish(&call.reply, &call.status, &call);
       }
     }
-    while (kit->alive != 4 * kEach)
-      std::this_thread::yield();
+    waitUntil([&] { return kit->alive == 4 * kEach; }, "every call waits");
     server.stop();
     for (auto& call : open)
       call->context.TryCancel();
