@@ -12,8 +12,10 @@
 #include <thread>
 #include <vector>
 
+#include "tests/Calls.h"
 #include "tests/Capture.h"
 #include "tests/ProbeService.h"
+#include "tests/WaitUntil.h"
 
 namespace test {
 namespace {
@@ -48,20 +50,9 @@ class Scripted : public rpc::Service<Probe> {
 using Async = Scripted::Async;
 using Chat = rpc::ReaderWriter<Text, Text>;
 
-Text textOf(const std::string& text) {
-  Text message;
-  message.set_text(text);
-  return message;
-}
-
-void waitUntil(const std::function<bool()>& reached) {
-  while (!reached())
-    std::this_thread::yield();
-}
-
 // What the calls of a service have left behind: nothing but what is asked for.
 void expectIdle(RunningServer& running) {
-  waitUntil([&] { return running.server().tagManager().size() <= 9; });
+  waitUntil([&] { return running.server().tagManager().size() <= 9; }, "no call is left");
 }
 
 // Sends bytes that need not be a message, as the only or the second item of a call.
@@ -123,7 +114,9 @@ TEST(RpcCall, WaitsForWhicheverComesFirst) {
       if (!woke) co_return grpc::Status::OK;
       if (woke == rpc::Woke::message) last = session.now();
       if (woke == rpc::Woke::event) beat.set_text("notice");
-      if (!co_await session.write(beat)) break;
+      // With hints to hold it back, which the client would wait for in vain.
+      const auto hints = grpc::WriteOptions().set_buffer_hint().set_last_message();
+      if (!co_await session.write(beat, hints)) break;
     }
     co_return grpc::Status::CANCELLED;
   });
@@ -131,8 +124,7 @@ TEST(RpcCall, WaitsForWhicheverComesFirst) {
   const auto stub = running.stub();
   Text text;
   {
-    grpc::ClientContext context;
-    const auto session = stub->Chat(&context);
+    const Chatting session(*stub);
     for (int second = 0; second < 10; ++second) {
       service->timeIs(Scripted::kStart + std::chrono::seconds(second));
       ASSERT_TRUE(session->Write(textOf(std::to_string(second))));
@@ -146,8 +138,7 @@ TEST(RpcCall, WaitsForWhicheverComesFirst) {
     EXPECT_FALSE(session->Read(&text));
     EXPECT_EQ(session->Finish().error_message(), "silent");
   }
-  grpc::ClientContext context;
-  const auto session = stub->Chat(&context);
+  const Chatting session(*stub);
   session->WritesDone();
   EXPECT_TRUE(session->Finish().ok()) << "the end of the stream is told";
   expectIdle(running);
@@ -170,24 +161,18 @@ TEST(RpcCall, AnEventBeatsATimeThatIsFarAndLosesToOneThatHasCome) {
   RunningServer running({service});
   const auto stub = running.stub();
   for (int round = 1; round <= 200; ++round) {
-    Text reply;
     const bool early = round % 2 == 0;
     std::jthread waker([&] {
-      if (!early) waitUntil([&] { return waiting == round; });
+      if (!early) waitUntil([&] { return waiting == round; }, "the call waits");
       event.set();
     });
-    grpc::ClientContext context;
-    ASSERT_TRUE(stub->Echo(&context, Text(), &reply).ok());
-    EXPECT_EQ(reply.text(), "event");
+    ASSERT_EQ(echo(*stub).reply.text(), "event");
   }
   std::jthread clock([&] {
-    waitUntil([&] { return waiting == 201; });
+    waitUntil([&] { return waiting == 201; }, "the last call waits");
     service->timeIs(Scripted::kStart + 1h);
   });
-  grpc::ClientContext context;
-  Text reply;
-  ASSERT_TRUE(stub->Echo(&context, Text(), &reply).ok());
-  EXPECT_EQ(reply.text(), "time");
+  EXPECT_EQ(echo(*stub).reply.text(), "time");
 }
 
 TEST(RpcCall, BytesThatAreNoMessageEndTheCallAndAreAccounted) {
@@ -255,22 +240,19 @@ TEST(RpcCall, AWriteHasALimit) {
   const Capture log(Kiv::platformLogger());
   {
     RunningServer running({service}, true);
-    grpc::ClientContext context;
     const auto stub = running.stub();
-    const auto reader = stub->Tick(&context, Count());
+    const Ticking ticks(*stub);
     auto now = Scripted::kStart;
-    waitUntil([&] {
+    const auto tickEnded = [&] {
       service->timeIs(now += 1s);
       std::this_thread::sleep_for(1ms);
       return ended.load();
-    });
+    };
+    waitUntil(tickEnded, "the write is given up");
     expectIdle(running);
     Text text;
-    int read = 0;
-    while (reader->Read(&text))
-      ++read;
-    EXPECT_LE(read, written + 1);
-    EXPECT_EQ(reader->Finish().error_code(), StatusCode::CANCELLED);
+    EXPECT_LE(ticks.readAll(text), written + 1);
+    EXPECT_EQ(ticks->Finish().error_code(), StatusCode::CANCELLED);
   }
   EXPECT_EQ(log.count("rpc: /test.Probe/Tick, status: 8"), 1U);
 }
@@ -293,14 +275,12 @@ TEST(RpcCall, ReadsWhileItWrites) {
     co_return grpc::Status(StatusCode::ABORTED, std::to_string(written));
   });
   RunningServer running({service});
-  grpc::ClientContext context;
   const auto stub = running.stub();
-  const auto chat = stub->Chat(&context);
+  const Chatting chat(*stub);
   Text text;
   ASSERT_TRUE(chat->Read(&text));
   ASSERT_TRUE(chat->Write(textOf("in between")));
-  while (chat->Read(&text)) {
-  }
+  chat.readAll(text);
   EXPECT_EQ(chat->Finish().error_message(), "100");
   expectIdle(running);
 }
@@ -346,13 +326,13 @@ TEST(RpcCall, IsAccountedAsWhatHasEndedIt) {
       grpc::ClientContext context;
       if (one.deadline > 0ms) context.set_deadline(std::chrono::system_clock::now() + one.deadline);
       std::jthread canceller([&] {
-        waitUntil([&] { return waiting.load(); });
+        waitUntil([&] { return waiting.load(); }, "the call waits");
         if (one.cancels) context.TryCancel();
       });
       Text reply;
       EXPECT_EQ(stub->Echo(&context, {}, &reply).error_code(),
                 one.cancels ? StatusCode::CANCELLED : StatusCode::DEADLINE_EXCEEDED);
-      waitUntil([&] { return endedBy != rpc::EndedBy::nothing; });
+      waitUntil([&] { return endedBy != rpc::EndedBy::nothing; }, "the call has ended");
       EXPECT_EQ(endedBy, one.endedBy) << one.deadline.count() << " ms, " << one.age.count() << " s";
     }
     expectIdle(running);
@@ -402,20 +382,12 @@ TEST(RpcCall, ADrainEndsWhatCanEndByItself) {
   {
     RunningServer running({service});
     const auto stub = running.stub();
-    grpc::ClientContext chatting, watching, ticking;
-    Count forEver;
-    forEver.set_count(1);
-    const auto chat = stub->Chat(&chatting);
-    const auto watch = stub->Tick(&watching, Count());
-    const auto ticks = stub->Tick(&ticking, forEver);
-    std::jthread echo([&] {
-      grpc::ClientContext echoing;
-      Text reply;
-      EXPECT_TRUE(stub->Echo(&echoing, Text(), &reply).ok()) << "slept through the drain";
-    });
-    waitUntil([&] { return waiting == 4; });
+    const Chatting chat(*stub);
+    const Ticking watch(*stub), ticks(*stub, 1);
+    std::jthread sleeper([&] { EXPECT_TRUE(echo(*stub).status.ok()) << "through the drain"; });
+    waitUntil([&] { return waiting == 4; }, "every call waits");
     std::jthread drain([&] { running.drain(1s); });
-    waitUntil([&] { return service->draining(); });
+    waitUntil([&] { return service->draining(); }, "the drain has begun");
     EXPECT_EQ(watch->Finish().error_code(), StatusCode::UNAVAILABLE);
     finished.set();
     ASSERT_TRUE(chat->Write(textOf("go on")));
@@ -486,8 +458,7 @@ TEST(RpcCall, NoOperationHarmsWhatACoroutineHolds) {
   });
   RunningServer running({service});
   const auto stub = running.stub();
-  grpc::ClientContext context;
-  const auto chat = stub->Chat(&context);
+  const Chatting chat(*stub);
   Text text;
   for (int i = 0; i < 2; ++i) {
     ASSERT_TRUE(chat->Write(text));
@@ -529,8 +500,7 @@ TEST(RpcCall, EveryCallPassesOnePlaceBeforeItsFunction) {
   };
   EXPECT_EQ(echoed("no-key").error_message(), "/test.Probe/Echo");
   EXPECT_EQ(echoed("throw").error_message(), "no policy");
-  grpc::ClientContext context;
-  EXPECT_EQ(stub->Tick(&context, Count())->Finish().error_message(), "/test.Probe/Tick");
+  EXPECT_EQ(Ticking(*stub)->Finish().error_message(), "/test.Probe/Tick");
   EXPECT_EQ(served, 0);
   EXPECT_TRUE(echoed("let-in").ok());
   EXPECT_EQ(served, 1);
@@ -549,21 +519,14 @@ TEST(RpcCall, OneClientDoesNotHoldEveryCall) {
   });
   RunningServer running({service});
   const auto one = running.stub(), other = running.stub();
-  struct Held {
-    explicit Held(Probe::Stub& stub) : stream(stub.Tick(&context, Count())) {}
-    grpc::ClientContext context;
-    std::unique_ptr<grpc::ClientReader<Text>> stream;
-  };
   for (int round = 0; round < 3; ++round) {
     held = 0;
-    Held first(*one), second(*one), third(*other);
-    waitUntil([&] { return held == 3; });
-    EXPECT_EQ(Held(*one).stream->Finish().error_code(), StatusCode::RESOURCE_EXHAUSTED)
-        << "the connection's";
-    EXPECT_EQ(Held(*other).stream->Finish().error_code(), StatusCode::RESOURCE_EXHAUSTED)
-        << "the address's";
-    for (auto* call : {&first, &second, &third})
-      call->context.TryCancel();
+    {
+      const Ticking first(*one), second(*one), third(*other);
+      waitUntil([&] { return held == 3; }, "three calls are held");
+      for (auto* stub : {one.get(), other.get()})  // the connection's limit, the address's
+        EXPECT_EQ(Ticking(*stub)->Finish().error_code(), StatusCode::RESOURCE_EXHAUSTED);
+    }
     expectIdle(running);
   }
 }
@@ -582,12 +545,10 @@ TEST(RpcCall, AStreamThatDoesNothingIsEnded) {
                   {.idle = 10s});
   RunningServer running({service});
   const auto stub = running.stub();
-  grpc::ClientContext context;
-  Count count;
-  const auto texts = stub->Collect(&context, &count);
+  const Collecting texts(*stub);
   for (int i = 1; i <= 5; ++i) {
     ASSERT_TRUE(texts->Write(Text()));
-    waitUntil([&] { return read == i; });
+    waitUntil([&] { return read == i; }, "the text is read");
     service->timeIs(Scripted::kStart + i * 9s);  // a moment before its time
   }
   service->timeIs(Scripted::kStart + 4 * 9s + 10s);
@@ -620,15 +581,12 @@ TEST(RpcCall, TheCallsInProgressCanBeListed) {
   });
   RunningServer running({service});
   const auto stub = running.stub();
-  grpc::ClientContext ticking, collecting, asking;
-  Count count;
-  Text reply;
-  const auto ticks = stub->Tick(&ticking, count);
-  waitUntil([&] { return waiting == 1; });
+  const Ticking ticks(*stub);
+  waitUntil([&] { return waiting == 1; }, "the first call waits");
   service->timeIs(Scripted::kStart + 5s);
-  const auto texts = stub->Collect(&collecting, &count);
-  waitUntil([&] { return waiting == 2; });
-  ASSERT_TRUE(stub->Echo(&asking, Text(), &reply).ok());
+  const Collecting texts(*stub);
+  waitUntil([&] { return waiting == 2; }, "the second call waits");
+  ASSERT_TRUE(echo(*stub).status.ok());
   const auto calls = listed.get_future().get();
   ASSERT_EQ(calls.size(), 2U);
   EXPECT_EQ(calls[0].method, "/test.Probe/Tick");
@@ -652,10 +610,7 @@ TEST(RpcCall, ACoroutineThatEndsWithoutAStatusEndsItsCall) {
     if (text.text() == "status") co_return grpc::Status::OK;
   });
   RunningServer running({service});
-  const auto stub = running.stub();
-  grpc::ClientContext context;
-  Text reply;
-  EXPECT_EQ(stub->Echo(&context, Text(), &reply).error_code(), StatusCode::INTERNAL);
+  EXPECT_EQ(echo(*running.stub()).status.error_code(), StatusCode::INTERNAL);
   EXPECT_EQ(trace.count("a coroutine ended without co_return"), 1U);
 }
 #pragma GCC diagnostic pop
@@ -674,9 +629,7 @@ TEST(RpcCall, AStatusNamesTheFieldsThatAreWrongAndWhenToTryAgain) {
   RunningServer running({service});
   const auto stub = running.stub();
   const auto detailsOf = [&](const char* text) {
-    grpc::ClientContext context;
-    Text reply;
-    const grpc::Status status = stub->Echo(&context, textOf(text), &reply);
+    const grpc::Status status = echo(*stub, text).status;
     Details details;
     EXPECT_TRUE(details.ParseFromString(status.error_details())) << text;
     EXPECT_EQ(details.code(), status.error_code()) << text;
@@ -733,12 +686,8 @@ TEST(RpcCall, OneRpcMayBeServedByHand) {
   });
   RunningServer running({service});
   const auto stub = running.stub();
-  for (int i = 0; i < 3; ++i) {
-    grpc::ClientContext context;
-    Text reply;
-    ASSERT_TRUE(stub->Echo(&context, textOf("text"), &reply).ok());
-    EXPECT_EQ(reply.text(), "by hand: text");
-  }
+  for (int i = 0; i < 3; ++i)
+    EXPECT_EQ(echo(*stub, "text").reply.text(), "by hand: text");
 }
 
 }  // namespace
