@@ -1,15 +1,17 @@
 #include <VornSdkRpc/Rpc.h>
-#include <VornSdkRpc/Testing.h>
 
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <future>
 #include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "tests/Calls.h"
 #include "tests/ProbeService.h"
+#include "tests/WaitUntil.h"
 
 namespace test {
 namespace {
@@ -43,47 +45,28 @@ class ListeningService : public rpc::Service<Probe> {
   int round = 0;
 };
 
-class Client {
- public:
-  Client(Probe::Stub& stub, const std::string& text, std::chrono::milliseconds deadline = 60s)
-      : thread_([this, &stub, text, deadline] {
-          grpc::ClientContext context;
-          context.set_deadline(std::chrono::system_clock::now() + deadline);
-          Text request, reply;
-          request.set_text(text);
-          status = stub.Echo(&context, request, &reply);
-          answer = reply.text();
-        }) {}
-
-  void join() { thread_.join(); }
-
-  grpc::Status status;
-  std::string answer;
-
- private:
-  std::jthread thread_;
-};
+// One Echo on a thread of its own.
+std::future<VornSdkRpc::testing::Answer<Text>> listen(Probe::Stub& stub, const std::string& text) {
+  return std::async(std::launch::async, [&stub, text] { return echo(stub, text); });
+}
 
 void waitForSubscriptions(const rpc::Events& hub, std::size_t count) {
-  while (hub.subscriptions() != count)
-    std::this_thread::yield();
+  waitUntil([&] { return hub.subscriptions() == count; }, "so many subscribe");
 }
 
 TEST(Events, WakeWhoHasSubscribedAndNobodyElse) {
   const auto service = std::make_shared<ListeningService>();
   VornSdkRpc::testing::TestServer server({service});
   const auto stub = server.stub<Probe>();
-  Client onlyA(*stub, "a"), onlyB(*stub, "b"), both(*stub, "ab");
+  auto onlyA = listen(*stub, "a"), onlyB = listen(*stub, "b"), both = listen(*stub, "ab");
   waitForSubscriptions(service->a, 2);
   waitForSubscriptions(service->b, 2);
   service->a.set();
-  onlyA.join();
-  both.join();
+  EXPECT_TRUE(onlyA.get().status.ok());
+  EXPECT_TRUE(both.get().status.ok());
   waitForSubscriptions(service->b, 1);  // its call still waits
   service->b.set();
-  onlyB.join();
-  for (const Client* client : {&onlyA, &onlyB, &both})
-    EXPECT_TRUE(client->status.ok());
+  EXPECT_TRUE(onlyB.get().status.ok());
   EXPECT_EQ(service->a.subscriptions() + service->b.subscriptions(), 0U);
 }
 
@@ -93,17 +76,15 @@ TEST(Events, ShowWhatWasWrittenBeforeThemToEveryCall) {
   VornSdkRpc::testing::TestServer server({service});
   const auto stub = server.stub<Probe>();
   for (int round = 0; round < kRounds; round += 20) {
-    std::vector<std::unique_ptr<Client>> clients;
+    std::vector<std::future<VornSdkRpc::testing::Answer<Text>>> clients;
     for (std::size_t i = 0; i < kCalls; ++i)
-      clients.push_back(std::make_unique<Client>(*stub, i % 2 ? "a" : "ab"));
+      clients.push_back(listen(*stub, i % 2 ? "a" : "ab"));
     waitForSubscriptions(service->a, kCalls);
     service->round = round;
     service->said[static_cast<std::size_t>(round)] = round;
     service->a.set();
-    for (const auto& client : clients) {
-      client->join();
-      EXPECT_EQ(client->answer, std::to_string(round));
-    }
+    for (auto& client : clients)
+      EXPECT_EQ(client.get().reply.text(), std::to_string(round));
     waitForSubscriptions(service->a, 0);
   }
 }
@@ -122,20 +103,14 @@ TEST(Events, LetSubscribersComeAndGoMeanwhile) {
           hub->set();
       });
     const auto stub = server.stub<Probe>();
-    for (int i = 0; i < kRounds; ++i) {
-      grpc::ClientContext context;
-      context.set_deadline(std::chrono::system_clock::now() + std::chrono::milliseconds(i % 3));
-      Text request, reply;
-      request.set_text(i % 2 ? "ab" : "none");
-      stub->Echo(&context, request, &reply);
-    }
-    Client left(*stub, "left");
+    for (int i = 0; i < kRounds; ++i)
+      echo(*stub, i % 2 ? "ab" : "none", std::chrono::milliseconds(i % 3));
+    const auto left = listen(*stub, "left");
     // gRPC ends the process when a call begins on an in-process channel whose server has gone.
-    while (service->waiting == 0)
-      std::this_thread::yield();
+    waitUntil([&] { return service->waiting != 0; }, "the call waits");
     enough = true;
     speakers.clear();
-    Client listening(*stub, "a");
+    const auto listening = listen(*stub, "a");
     waitForSubscriptions(service->a, 1);
     server.stop();
   }
