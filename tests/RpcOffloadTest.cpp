@@ -19,8 +19,10 @@
 #include <asio/post.hpp>
 #include <asio/thread_pool.hpp>
 
+#include "tests/Calls.h"
 #include "tests/Capture.h"
 #include "tests/ProbeService.h"
+#include "tests/WaitUntil.h"
 
 namespace test {
 namespace {
@@ -106,17 +108,6 @@ class OffloadingService : public rpc::Service<Probe> {
   std::thread::id servingThread_;
 };
 
-grpc::Status echo(Probe::Stub& stub, const std::string& text, std::string* reply = nullptr,
-                  std::chrono::milliseconds deadline = 60s) {
-  grpc::ClientContext context;
-  context.set_deadline(std::chrono::system_clock::now() + deadline);
-  Text request, answer;
-  request.set_text(text);
-  auto status = stub.Echo(&context, request, &answer);
-  if (reply) *reply = answer.text();
-  return status;
-}
-
 // Keeps the jobs that it is given.
 class Shelf {
  public:
@@ -148,11 +139,9 @@ TEST(Offload, AnswersOnTheServingThreadWhateverTheExecutorIs) {
     TestServer running({std::make_shared<OffloadingService>(executor)});
     const auto stub = running.stub<Probe>();
     for (const std::string text : {"result", "void", "move-only", "references", "two"}) {
-      std::string reply;
-      EXPECT_TRUE(echo(*stub, text, &reply).ok()) << text << ", " << name;
-      EXPECT_EQ(reply, text + kLong) << name;
+      EXPECT_EQ(echo(*stub, text).reply.text(), text + kLong) << name;
     }
-    const auto status = echo(*stub, "throws");
+    const auto status = echo(*stub, "throws").status;
     EXPECT_EQ(status.error_code(), grpc::StatusCode::INVALID_ARGUMENT) << name;
     EXPECT_EQ(status.error_message(), "throws" + kLong) << name;
   }
@@ -165,10 +154,11 @@ TEST(Offload, TellsACallWhoseWorkIsDropped) {
   const Capture trace(Kiv::traceLogger());
   {
     TestServer dropping({std::make_shared<OffloadingService>([](auto) {})});
-    EXPECT_EQ(echo(*dropping.stub<Probe>(), "result").error_code(), grpc::StatusCode::INTERNAL);
+    EXPECT_EQ(echo(*dropping.stub<Probe>(), "result").status.error_code(),
+              grpc::StatusCode::INTERNAL);
     TestServer refusing({std::make_shared<OffloadingService>(
         [](auto) { throw vorn::no_scoped_lock_obtained_error("the pool is full"); })});
-    EXPECT_EQ(echo(*refusing.stub<Probe>(), "result").error_message(), "the pool is full");
+    EXPECT_EQ(echo(*refusing.stub<Probe>(), "result").status.error_message(), "the pool is full");
   }
   EXPECT_EQ(trace.count("an executor has dropped a piece of work"), 1U);
   EXPECT_EQ(Alive::count, 0);
@@ -189,13 +179,11 @@ TEST(Offload, OutlivesItsCallAndItsServer) {
         const auto service = std::make_shared<OffloadingService>(shelf.executor());
         TestServer running({service});
         const auto stub = running.stub<Probe>();
-        EXPECT_EQ(echo(*stub, text, nullptr, 20ms).error_code(),
-                  grpc::StatusCode::DEADLINE_EXCEEDED);
+        EXPECT_EQ(echo(*stub, text, 20ms).status.error_code(), grpc::StatusCode::DEADLINE_EXCEEDED);
         const int arrived = service->waiting;  // it may not have got as far as that
         later(shelf.take());
-        std::jthread client([&] { EXPECT_FALSE(echo(*stub, text).ok()); });
-        while (service->waiting == arrived)
-          std::this_thread::yield();
+        std::jthread client([&] { EXPECT_FALSE(echo(*stub, text).status.ok()); });
+        waitUntil([&] { return service->waiting != arrived; }, "the call waits");
         running.stop();
       }
       later(shelf.take());
@@ -209,19 +197,14 @@ TEST(Offload, IsWaitedForDuringADrain) {
   const auto service = std::make_shared<OffloadingService>(shelf.executor());
   TestServer running({service}, {.socket = true});
   const auto stub = running.stub<Probe>();
-  std::string reply;
-  std::jthread client([&] { EXPECT_TRUE(echo(*stub, "result", &reply).ok()); });
-  while (service->waiting == 0)
-    std::this_thread::yield();
+  std::jthread client([&] { EXPECT_EQ(echo(*stub, "result").reply.text(), "result" + kLong); });
+  waitUntil([&] { return service->waiting != 0; }, "the call waits");
   std::jthread worker([&] {
-    while (!service->draining())
-      std::this_thread::yield();
+    waitUntil([&] { return service->draining(); }, "the drain has begun");
     for (const auto& job : shelf.take())
       job();
   });
   running.drain(60s);
-  client.join();
-  EXPECT_EQ(reply, "result" + kLong);
 }
 
 // Calls of which every other is given up, with a pool that does its work at any time: as they begin
@@ -233,10 +216,9 @@ TEST(Offload, ArrivesOrNotWheneverACallIsGivenUp) {
         [&](auto work) { asio::post(pool, std::move(work)); })});
     const auto stub = running.stub<Probe>();
     for (int i = 0; i < 400; ++i) {
-      std::string reply;
-      const auto deadline = i % 2 ? std::chrono::milliseconds(i % 4) : 60s;
-      const auto status = echo(*stub, "result", &reply, deadline);
-      EXPECT_EQ(reply, status.ok() ? "result" + kLong : "") << status.error_message();
+      const auto [status, reply] =
+          echo(*stub, "result", i % 2 ? std::chrono::milliseconds(i % 4) : 60s);
+      EXPECT_EQ(reply.text(), status.ok() ? "result" + kLong : "") << status.error_message();
     }
   }
   pool.join();

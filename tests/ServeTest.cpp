@@ -9,6 +9,7 @@
 #include <future>
 
 #include "tests/ProbeService.h"
+#include "tests/WaitUntil.h"
 
 namespace test {
 namespace {
@@ -48,8 +49,7 @@ void blockSignals() {
 }
 
 void waitUntilStopped(RunningServer& running) {
-  while (!running.server().stopRequested())
-    std::this_thread::yield();
+  waitUntil([&] { return running.server().stopRequested(); }, "the server is told to stop");
 }
 
 TEST(StopOnSignalDeathTest, EndsAServedProcessCleanly) {

@@ -6,7 +6,9 @@
 #include <stdexcept>
 #include <thread>
 
+#include "tests/Calls.h"
 #include "tests/ProbeService.h"
+#include "tests/WaitUntil.h"
 
 namespace test {
 namespace {
@@ -14,12 +16,6 @@ namespace {
 using namespace std::chrono_literals;
 using VornSdkRpc::testing::call;
 using VornSdkRpc::testing::TestServer;
-
-Text textOf(const std::string& text) {
-  Text message;
-  message.set_text(text);
-  return message;
-}
 
 std::vector<std::string> recordsOf(TestServer& server) {
   std::vector<std::string> lines;
@@ -34,9 +30,8 @@ TEST(Testing, ServesAndAccountsInTheProcessAndOnASocket) {
     TestServer server({std::make_shared<ProbeService>()}, {.socket = socket});
     EXPECT_THAT(server.records(), testing::IsEmpty());
     const auto stub = server.stub<Probe>();
-    EXPECT_EQ(call(*stub, &Probe::Stub::Echo, textOf("hello")).reply.text(), "hello");
-    EXPECT_EQ(call(*stub, &Probe::Stub::Echo, textOf("fail")).status.error_code(),
-              grpc::StatusCode::NOT_FOUND);
+    EXPECT_EQ(echo(*stub, "hello").reply.text(), "hello");
+    EXPECT_EQ(echo(*stub, "fail").status.error_code(), grpc::StatusCode::NOT_FOUND);
     streamAHundredEachWay(*stub);
     EXPECT_THAT(recordsOf(server), testing::ElementsAre("unknown unknown /test.Probe/Echo 0",
                                                         "unknown unknown /test.Probe/Echo 5",
@@ -52,7 +47,7 @@ TEST(Testing, GivesEachConnectionItsIdentity) {
   const auto nobody = server.stub<Probe>();
   for (int round = 0; round < 2; ++round) {
     for (auto* stub : {alice.get(), nobody.get()})
-      EXPECT_TRUE(call(*stub, &Probe::Stub::Echo, Text()).status.ok());
+      EXPECT_TRUE(echo(*stub).status.ok());
   }
   EXPECT_THAT(
       recordsOf(server),
@@ -136,8 +131,7 @@ TEST(Testing, TurnsTimeByHand) {
   const auto stub = server.stub<Mirror>();
   std::jthread client(
       [&] { EXPECT_TRUE(call(*stub, &Mirror::Stub::Reflect, Text()).status.ok()); });
-  while (late->arrived == 0)
-    std::this_thread::yield();
+  waitUntil([&] { return late->arrived != 0; }, "the call has arrived");
   server.advance(59min);
   server.advance(1min);
   client.join();
@@ -150,8 +144,7 @@ TEST(Testing, TellsWhatACallOfTheKitWaitsFor) {
   const auto stub = server.stub<Mirror>();
   std::jthread client(
       [&] { EXPECT_FALSE(call(*stub, &Mirror::Stub::Reflect, Text()).status.ok()); });
-  while (late->arrived == 0)
-    std::this_thread::yield();
+  waitUntil([&] { return late->arrived != 0; }, "the call has arrived");
   EXPECT_THAT(server.finish(), testing::AllOf(testing::StartsWith("/test.Mirror/Reflect of "),
                                               testing::HasSubstr(" waits for a time")));
 }
