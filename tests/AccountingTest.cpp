@@ -8,8 +8,9 @@
 #include <future>
 #include <latch>
 
-#include "Capture.h"
-#include "ProbeService.h"
+#include "tests/Calls.h"
+#include "tests/Capture.h"
+#include "tests/ProbeService.h"
 #include "tests/WaitUntil.h"
 
 using testing::ElementsAre;
@@ -45,28 +46,6 @@ std::vector<std::string> linesOf(const test::Capture& log) {
   return lines;
 }
 
-void makeStreamingCalls(test::Probe::Stub& stub) {
-  grpc::ClientContext collecting, ticking, chatting;
-  test::Text text;
-  test::Count count;
-  const auto writer = stub.Collect(&collecting, &count);
-  for (int i = 0; i < 3; ++i)
-    writer->Write(text);
-  writer->WritesDone();
-  EXPECT_TRUE(writer->Finish().ok());
-  const auto reader = stub.Tick(&ticking, count);
-  while (reader->Read(&text)) {
-  }
-  EXPECT_TRUE(reader->Finish().ok());
-  const auto stream = stub.Chat(&chatting);
-  for (int i = 0; i < 3; ++i) {
-    stream->Write(text);
-    stream->Read(&text);
-  }
-  stream->WritesDone();
-  EXPECT_TRUE(stream->Finish().ok());
-}
-
 // A chat that the client gives up, by itself or at its deadline; the server then answers OK to
 // nobody. On a busy machine it may be over before it gets to the server.
 grpc::StatusCode abandonChat(test::Probe::Stub& stub, bool late) {
@@ -87,7 +66,10 @@ TEST(Accounting, EveryKindOfCallIsOneRecordHoweverItEnds) {
       std::vector<std::shared_ptr<VornSdkRpc::GrpcService>>{service}, true);
   const auto stub = server->stub();
   EXPECT_EQ(callEcho(*stub, "fail"), grpc::NOT_FOUND);
-  makeStreamingCalls(*stub);
+  test::streamAHundredEachWay(*stub);
+  const test::Chatting chat(*stub);
+  chat->WritesDone();
+  EXPECT_TRUE(chat->Finish().ok());
   EXPECT_EQ(abandonChat(*stub, false), grpc::CANCELLED);
   const int before = service->made;
   while (service->made == before)
@@ -117,18 +99,16 @@ TEST(Accounting, AnUploadWithAMessageOverTheLimitIsRecordedAsItsClientIsTold) {
   {
     const test::RunningServer server({std::make_shared<test::ProbeService>()}, true);
     const auto stub = server.stub();
-    test::Text small, large;
-    large.set_text(std::string(5 << 20, 'x'));
+    test::Text small;
+    const auto large = test::textOf(std::string(5 << 20, 'x'));
     for (const bool refused : {true, false}) {
       const auto told = refused ? grpc::RESOURCE_EXHAUSTED : grpc::OK;
-      grpc::ClientContext collecting, chatting;
-      test::Count count;
-      const auto upload = stub->Collect(&collecting, &count);
+      const test::Collecting upload(*stub);
       upload->Write(small);
       upload->Write(refused ? large : small);
       upload->WritesDone();
       EXPECT_EQ(upload->Finish().error_code(), told);
-      const auto chat = stub->Chat(&chatting);
+      const test::Chatting chat(*stub);
       chat->Write(small);
       chat->Read(&small);
       if (refused) chat->Write(large);

@@ -14,6 +14,7 @@
 #include <map>
 #include <sstream>
 
+#include "tests/Calls.h"
 #include "tests/Capture.h"
 #include "tests/FullAt.h"
 #include "tests/FullRecord.h"
@@ -122,9 +123,7 @@ class Waiting {
   Waiting(Probe::Stub& stub, NotingService& service, std::chrono::milliseconds deadline = 1h) {
     const int before = service.begun;
     context_.set_deadline(std::chrono::system_clock::now() + deadline);
-    Text text;
-    text.set_text("wait");
-    reader_ = stub.AsyncEcho(&context_, text, &queue_);
+    reader_ = stub.AsyncEcho(&context_, textOf("wait"), &queue_);
     reader_->Finish(&reply_, &status_, nullptr);
     waitUntil([&] { return service.begun != before; }, "the call has begun");
   }
@@ -147,16 +146,11 @@ class Waiting {
 };
 
 grpc::StatusCode collect(Probe::Stub& stub, const std::vector<std::size_t>& sizes) {
-  grpc::ClientContext context;
-  Count count;
-  const auto writer = stub.Collect(&context, &count);
-  for (const auto size : sizes) {
-    Text text;
-    text.set_text(std::string(size, 'x'));
-    writer->Write(text);
-  }
-  writer->WritesDone();
-  return writer->Finish().error_code();
+  const Collecting texts(stub);
+  for (const auto size : sizes)
+    texts->Write(textOf(std::string(size, 'x')));
+  texts->WritesDone();
+  return texts->Finish().error_code();
 }
 
 TEST(CallAccounting, TellsOfEveryCallHowItEnded) {
@@ -172,14 +166,10 @@ TEST(CallAccounting, TellsOfEveryCallHowItEnded) {
     EXPECT_EQ(callUnknownMethod(server.connection(), "/no.Such/Method"), grpc::UNIMPLEMENTED);
     EXPECT_EQ(collect(*stub, {1, 2}), grpc::OK);
     EXPECT_EQ(collect(*stub, {1, 5 << 20}), grpc::RESOURCE_EXHAUSTED);
-    grpc::ClientContext ticking;
-    Count count;
-    count.set_count(2);
     Text text;
-    const auto reader = stub->Tick(&ticking, count);
-    while (reader->Read(&text)) {
-    }
-    EXPECT_TRUE(reader->Finish().ok());
+    const Ticking ticks(*stub, 2);
+    EXPECT_EQ(ticks.readAll(text), 2);
+    EXPECT_TRUE(ticks->Finish().ok());
     {
       Waiting waiting(*stub, *service);
       EXPECT_EQ(callEcho(*stub, "hello"), grpc::RESOURCE_EXHAUSTED);
@@ -364,8 +354,7 @@ TEST(CallAccounting, ASinkThatStandsStillHoldsUpNobodyAndIsToldWhatItMisses) {
   for (std::uint64_t i = 1; i <= kRecords; ++i) {
     records.append({.method = "/x/y"});
     EXPECT_LE(records.memory(), kBound);
-    while (i % 100 == 0 && quick.lines().size() < i)
-      std::this_thread::yield();
+    if (i % 100 == 0) waitUntil([&] { return quick.lines().size() >= i; }, "it is written");
   }
   open = true;
   waitUntil([&] { return seen(slow.lines()).records + seen(slow.lines()).missing >= kRecords; },
@@ -394,17 +383,13 @@ TEST(CallLog, KeepsEveryRecordOfEveryThreadWithItsTexts) {
       });
     }
     threads.emplace_back([&] {
-      std::map<std::string_view, std::uint64_t> next;
+      std::map<std::string, std::uint64_t> next;
       CallLog::Batch batch;
       for (std::uint64_t number = 1; number <= 4 * kEach && reader.read(100, batch);) {
         ASSERT_EQ(batch.gap.count, 0U);
         for (const auto* record : batch.records) {
-          const auto name = record->method == "a"   ? "a"
-                            : record->method == "b" ? "b"
-                            : record->method == "c" ? "c"
-                                                    : "d";
-          const auto i = next[name]++;
-          const std::string object(i % 2000, name[0]);
+          const auto i = next[std::string(record->method)]++;
+          const std::string object(i % 2000, record->method[0]);
           ASSERT_EQ(record->number, number++);
           ASSERT_EQ(record->count, i);
           ASSERT_EQ(record->object.substr(0, 1024), object.substr(0, 1024));

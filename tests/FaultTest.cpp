@@ -21,13 +21,6 @@ namespace {
 
 using namespace std::string_literals;
 
-grpc::StatusCode echo(Probe::Stub& stub) {
-  grpc::ClientContext context;
-  Text request, reply;
-  request.set_text("hello");
-  return stub.Echo(&context, request, &reply).error_code();
-}
-
 // A ProbeService asks for four calls; nothing else is left once every call is over.
 void waitUntilNoCallIsLeft(RunningServer& running) {
   waitUntil([&] { return running.server().tagManager().size() == 4; },
@@ -48,7 +41,7 @@ TEST(FullDisk, IsToldOnceAndCostsNoCallAndNoOtherSinkARecord) {
     RunningServer running({std::make_shared<ProbeService>()}, true);
     const auto stub = running.stub();
     for (int i = 0; i < kCalls; ++i)
-      ASSERT_EQ(echo(*stub), grpc::StatusCode::OK);
+      ASSERT_EQ(callEcho(*stub, "hello"), grpc::StatusCode::OK);
   }
   Kiv::platformLogger().flush_on(spdlog::level::off);
   EXPECT_EQ(log.count("rpc: /test.Probe/Echo, status: 0"), std::size_t{kCalls});
@@ -114,7 +107,7 @@ TEST(Clients, WhateverTheyDoTheOthersAreServedAndNothingStays) {
       EXPECT_EQ(client.readUntil(c.until), c.until != kEnd);
     }
     for (int i = 0; i < 5; ++i)
-      EXPECT_EQ(echo(*stub), grpc::StatusCode::OK);
+      EXPECT_EQ(callEcho(*stub, "hello"), grpc::StatusCode::OK);
     clients.clear();
     waitUntilNoCallIsLeft(running);
   }
@@ -143,7 +136,7 @@ TEST(Stop, FromEightThreadsAtOnceUnderLoad) {
   std::vector<std::jthread> threads;
   for (int i = 0; i < 8; ++i) {
     threads.emplace_back([&, stub = running->stub()] {
-      for (bool first = true; echo(*stub) == grpc::StatusCode::OK; first = false) {
+      for (bool first = true; callEcho(*stub, "hello") == grpc::StatusCode::OK; first = false) {
         if (first) busy.count_down();
       }
     });
