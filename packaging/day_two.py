@@ -17,7 +17,8 @@ import sys
 import tempfile
 import threading
 import time
-from collections.abc import Callable
+from collections.abc import Callable, Iterator
+from typing import Any
 
 os.environ["GRPC_VERBOSITY"] = "NONE"
 import grpc  # noqa: E402
@@ -25,6 +26,7 @@ import grpc  # noqa: E402
 RESTARTS = int(sys.argv[1])
 PACKAGES = sys.argv[2:]
 SOCKET = "unix:/run/vorn/routing-agent.sock"
+CHECK = "/grpc.health.v1.Health/Check"
 PORT = 50051
 TLS = pathlib.Path("/etc/vorn/tls")
 AUTHORITY = pathlib.Path("/root/authority")
@@ -100,6 +102,34 @@ class TlsClient(Client):
             time.sleep(0.01)
 
 
+class BusyClient:
+    """h2load with 64 calls in flight on one connection: it goes when the agent tells it to."""
+
+    numbers = iter(range(1, sys.maxsize))
+
+    def __init__(self) -> None:
+        self.number = f"{next(BusyClient.numbers):016x}{'b' * 16}"
+
+    def start(self) -> None:
+        empty = pathlib.Path("/root/empty-message")
+        empty.write_bytes(bytes(5))
+        command = ["h2load", "-D", "60", "-c", "1", "-m", "64", "-B", SOCKET, "-d", str(empty)]
+        for header in ("te: trailers", "content-type: application/grpc", f"traceparent: 00-{self.number}-{1:016x}-01"):
+            command += ["-H", header]
+        self.process = subprocess.Popen([*command, f"http://agent{CHECK}"], stdout=subprocess.PIPE, text=True)
+
+    def is_recorded(self) -> bool:
+        return self.number in pathlib.Path(CALLS).read_text()
+
+    def answered(self) -> int:
+        """How many of its calls, once it has gone."""
+        told = self.process.communicate()[0]
+        found = re.search(r"(\d+) succeeded", told)
+        if not found or found[1] == "0":
+            sys.exit(f"h2load: {told}")
+        return int(found[1])
+
+
 class Packets:
     """Packets through the route, 500 a second."""
 
@@ -142,6 +172,22 @@ class Table:
             self.wrong += [f"{name}: {failure}" for failure in failed]
         if lost or sent == 0:
             self.wrong.append(f"{name}: {lost} of {sent} packets lost")
+
+    def phase_of_h2load(self, name: str) -> None:
+        """Restarts under more calls than are told apart: they are counted, as are their records."""
+        packets, busy, answered = Packets(), [BusyClient() for _ in range(RESTARTS)], 0
+        for client in busy:
+            client.start()
+            until("h2load is answered", client.is_recorded)
+            restart_once()
+            answered += client.answered()
+        sent, lost = packets.finish()
+        numbers = {client.number for client in busy}
+        ends = [record["end"] for record in records() if number_of(record) in numbers]
+        failed = len(ends) - ends.count("answered")
+        self.rows.append((name, len(ends), failed, sent, lost, set()))
+        if failed or lost or answered != len(ends):
+            self.wrong.append(f"{name}: {failed} failed, {lost} packets lost, {answered} answers, {len(ends)} records")
 
     def tell(self, recorded: set[str], may_lose: str) -> None:
         print("| under load | calls | failed | packets | lost | records lost |")
@@ -222,7 +268,11 @@ def upgrade() -> None:
 
 def restart() -> None:
     for _ in range(RESTARTS):
-        run("systemctl", "restart", SERVICE)
+        restart_once()
+
+
+def restart_once() -> None:
+    run("systemctl", "restart", SERVICE)
 
 
 def rename_logs() -> None:
@@ -261,14 +311,15 @@ def kill() -> None:
     )
 
 
-def recorded() -> set[str]:
-    """The numbers of the calls that have a record, in any of the files."""
-    numbers = set[str]()
+def records() -> Iterator[dict[str, Any]]:
+    """Those in any of the files."""
     for name in glob.glob(f"{CALLS}*"):
         text = subprocess.run(["zcat", "-f", name], capture_output=True, text=True, check=True).stdout
-        for line in text.splitlines():
-            numbers.add(json.loads(line).get("traceparent", "--").split("-")[1])
-    return numbers
+        yield from map(json.loads, text.splitlines())
+
+
+def number_of(record: dict[str, Any]) -> str:
+    return str(record.get("traceparent", "--")).split("-")[1]
 
 
 def remove() -> list[str]:
@@ -290,12 +341,13 @@ def main() -> None:
     former = vornctl("list", "routes")
     table.phase("upgrade", upgrade)
     table.phase(f"{RESTARTS} restarts", restart)
+    table.phase_of_h2load(f"{RESTARTS} restarts, h2load")
     table.phase(f"{RENAMES} log rotations", rename_logs)
     table.phase(f"{CERTIFICATES} certificates", renew_certificates)
     table.phase("kill -9", kill, failures=LOCAL_CLIENTS + 1)
     assert vornctl("list", "routes") == former, "the routes are others"
     run("systemctl", "stop", SERVICE)
-    table.tell(recorded(), "kill -9")
+    table.tell({number_of(record) for record in records()}, "kill -9")
     left = remove()
     if left:
         table.wrong.append(f"left behind: {' '.join(left)}")

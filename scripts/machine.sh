@@ -2,7 +2,8 @@
 # Sourced by the scripts beside it, after lib.sh: a Debian of its own, with systemd as PID 1 of namespaces of its own
 # and no way to any other network. It takes root, and ends with the script.
 
-machine_base=build/machine.tar
+machine_has=systemd,dbus,logrotate,iproute2,iputils-ping,openssl,nghttp2-client,man-db
+machine_base=build/machine-$(cksum <<<"$machine_has" | cut -d ' ' -f 1).tar
 
 # machine_can: whether there can be one here; says why not.
 machine_can() {
@@ -24,8 +25,7 @@ machine_make_base() {
   [ -s "$machine_base" ] && return
   need mmdebstrap
   mkdir -p build
-  mmdebstrap --quiet --variant=apt --include=systemd,dbus,logrotate,iproute2,iputils-ping,openssl,man-db \
-    bookworm build/unfinished.tar && mv build/unfinished.tar "$machine_base"
+  mmdebstrap --quiet --variant=apt --include="$machine_has" bookworm build/unfinished.tar && mv build/unfinished.tar "$machine_base"
 }
 
 # machine_new ROOT: a fresh Debian in an empty folder, with what any machine has. The network of the host is there yet.
