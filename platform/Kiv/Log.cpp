@@ -59,21 +59,30 @@ std::string_view viewOf(const Text& text) { return {text.data(), text.size()}; }
 // The message id, and the format with the texts in place of its conversions; one without an
 // argument stays as it is.
 Text substituted(std::string_view messageId, std::string_view format, LogArgs args) {
+  std::size_t most = messageId.size() + 2 + format.size();
+  for (const auto arg : args)
+    most += arg.size();
   Text text;
-  text.append(messageId);
-  text.append(std::string_view(": "));
+  text.resize(most);  // once, and not for each piece
+  char* end = text.data();
+  const auto put = [&end](std::string_view piece) {
+    end = std::copy(piece.begin(), piece.end(), end);
+  };
+  put(messageId);
+  put(": ");
   std::size_t next = 0;
   for (auto percent = format.find('%'); percent < format.size(); percent = format.find('%')) {
-    text.append(format.substr(0, percent));
+    put(format.substr(0, percent));
     const auto conversion = format.substr(percent, 2);
     if (conversion == "%s" && next < args.size()) {
-      text.append(args[next++]);
+      put(args[next++]);
     } else {
-      text.append(conversion == "%%" ? "%" : conversion);
+      put(conversion == "%%" ? "%" : conversion);
     }
     format.remove_prefix(percent + conversion.size());
   }
-  text.append(format);
+  put(format);
+  text.resize(static_cast<std::size_t>(end - text.data()));
   return text;
 }
 
