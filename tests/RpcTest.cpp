@@ -314,6 +314,9 @@ TEST(Rpc, ALoopOverTasksThatNeverWaitDoesNotGrowTheStack) {
 TEST(Rpc, RefusesWhatIsOverTheLimitAndGivesEverySlotBack) {
   const auto kit = std::make_shared<KitService>(rpc::MethodOptions{.limit = 2, .ahead = 3});
   TestServer server({kit});
+  EXPECT_GT(server.server().tagManager().size(),
+            TestServer({std::make_shared<KitService>()}).server().tagManager().size())
+      << "more calls are asked for";
   const auto stub = server.stub<Probe>();
   for (int round = 0; round < 3; ++round) {
     std::vector<std::jthread> held;
