@@ -537,13 +537,13 @@ TEST(Server, RefusesAServiceThatIsNullOrAnothers) {
   };
   EXPECT_EQ(refusal({nullptr}), "service 0 of the server is null");
   {
-    GrpcServer first(builder, {service}, properties);
+    GrpcServer first(builder, {std::make_shared<ScriptedService>(), service}, properties);
     first.setup();
     const auto other = std::make_shared<ScriptedService>();
     EXPECT_EQ(refusal({other, service}),
               "service 1 of the server, Scripted-service, is one of a server already: a service "
               "serves once");
-    EXPECT_EQ(service->serviceId(), 0U) << "the first server's";
+    EXPECT_EQ(service->serviceId(), 1U) << "the first server's";
   }
   EXPECT_THAT(refusal({service}), testing::HasSubstr("already"));
   const auto twice = std::make_shared<ScriptedService>();
