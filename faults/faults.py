@@ -12,7 +12,8 @@ it. A file of faults has sections, each with a source and the tests that are ask
     +    handleTag(tag, @ ? true : ok);
 
 Behind its name stands the test that catches it, "missed" when none does, or nothing while nobody knows. The lines
-behind `-` stand in the source once, and are replaced by those behind `+`, in which `@` means that the fault is on.
+behind `-` stand in the source once, and are replaced by those behind `+`, in which `@` means that the fault is on. A
+line that begins with # says why something is no fault.
 
 A fault is caught when a test fails, crashes or does not end. The one that has caught it before is asked first. Exit
 code 1: one that was caught is not any more, or a text has changed. --record writes down what catches what.
@@ -70,7 +71,7 @@ def read(book: pathlib.Path) -> list[Fault]:
             faults[-1].after.append(line[1:])
         elif found := NAME.fullmatch(line):
             faults.append(Fault(book, found[1], source, tests.split(), found[2] or ""))
-        elif line:
+        elif line and not line.startswith("#"):
             sys.exit(f"{book.name}: what is this? {line}")
     return faults
 
