@@ -5,6 +5,8 @@
 #include <VornSdkRpc/Rpc.h>
 #include <gmock/gmock.h>
 
+#include <algorithm>
+#include <array>
 #include <chrono>
 #include <filesystem>
 #include <memory>
@@ -68,7 +70,8 @@ class Scene {
     server->clientsTakeTurnsIs(true);
     server->setup();
     tags = server->tagManager().size();
-    EXPECT_TRUE(busy.connectTo("127.0.0.1:" + std::to_string(port)));
+    address = "127.0.0.1:" + std::to_string(port);
+    EXPECT_TRUE(busy.connectTo(address));
     EXPECT_TRUE(quiet.connectTo(socket));
     for (auto* client : {&busy, &quiet}) {
       EXPECT_TRUE(client->send(kHello));
@@ -97,8 +100,10 @@ class Scene {
       server->dequeue();
   }
 
+  const Capture log{Kiv::platformLogger()};
   const std::shared_ptr<Busy> busyService;
   std::unique_ptr<VornSdkRpc::GrpcServer> server;
+  std::string address;   // of TCP
   std::size_t tags = 0;  // of the calls that are asked for
   RawClient busy, quiet;
 
@@ -109,7 +114,6 @@ class Scene {
   }
 
   const std::filesystem::path directory_ = makeDirectory();
-  const Capture log_{Kiv::platformLogger()};
   grpc::ServerBuilder builder_;
   VornSdkRpc::ServerProperties properties_;
 };
@@ -142,13 +146,66 @@ TEST_P(Turns, ACallThatEndsWhileItWaitsLeavesNothing) {
   EXPECT_GE(scene.busyService->served.size(), kMany - 10);
 }
 
-TEST_P(Turns, AStopLeavesWhatWaits) {
-  Scene scene(GetParam());
-  ASSERT_TRUE(scene.busy.send(Scene::many()));
-  scene.serve(1);
-  scene.server->stop();
-  scene.server->teardown();
-  EXPECT_LT(scene.busyService->served.size(), kMany);
+// The calls of a client that ends up with more of them than may be served at once.
+class ManyCalls {
+ public:
+  explicit ManyCalls(const std::string& address)
+      : stub_(Probe::NewStub(grpc::CreateChannel(address, grpc::InsecureChannelCredentials()))) {
+    request_.set_text("many");
+    for (auto& call : calls_)
+      call.reader = stub_->AsyncEcho(&call.context, request_, &queue_);
+    for (auto& call : calls_)
+      call.reader->Finish(&call.reply, &call.status, &call);
+  }
+  ~ManyCalls() { queue_.Shutdown(); }
+
+  // Waits until every call has ended, and returns how many were answered by the service.
+  std::size_t answered() {
+    void* tag = nullptr;
+    bool ok = false;
+    for (std::size_t i = 0; i < calls_.size(); ++i)
+      EXPECT_TRUE(queue_.Next(&tag, &ok));
+    return static_cast<std::size_t>(
+        std::ranges::count_if(calls_, [](const Call& call) { return call.status.ok(); }));
+  }
+
+ private:
+  struct Call {
+    grpc::ClientContext context;
+    Text reply;
+    grpc::Status status;
+    std::unique_ptr<grpc::ClientAsyncResponseReader<Text>> reader;
+  };
+
+  grpc::CompletionQueue queue_;
+  const std::unique_ptr<Probe::Stub> stub_;
+  Text request_;
+  std::array<Call, kMany> calls_;
+};
+
+TEST_P(Turns, AStopAndADrainEndWhatWaits) {
+  for (const bool drain : {false, true}) {
+    SCOPED_TRACE(drain ? "drain" : "stop");
+    Scene scene(GetParam());
+    scene.busy = RawClient();  // which would not leave when it is told to
+    scene.quiet = RawClient();
+    ManyCalls calls(scene.address);
+    scene.serve(4);
+    const auto arrived = (scene.server->tagManager().size() - scene.tags) / 2;  // two tags each
+    if (drain) {
+      scene.server->stop(std::chrono::minutes(1));
+      while (!scene.server->stopRequested())
+        scene.server->dequeue();
+    } else {
+      scene.server->stop();
+    }
+    scene.server->teardown();
+    const auto answered = calls.answered();
+    EXPECT_EQ(answered, scene.busyService->served.size());
+    EXPECT_TRUE(drain ? answered >= arrived : answered < kMany);
+    scene.server.reset();
+    EXPECT_EQ(scene.log.count("VORNSDKRPC_ACCOUNTING_RPC"), answered);
+  }
 }
 
 }  // namespace
