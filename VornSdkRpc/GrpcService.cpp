@@ -122,8 +122,7 @@ void GrpcService::begin(OpaqueId tag, RequestHandler* handler) {
   handler->state_ = RequestHandler::AWAITING_CALL;
   handler->proceed(tag);
   server_->charge();
-  if (handler->state_ == RequestHandler::AWAITING_CALL)
-    handler->state_ = RequestHandler::FINISHED;
+  if (handler->state_ == RequestHandler::AWAITING_CALL) handler->state_ = RequestHandler::FINISHED;
 }
 
 }  // namespace VornSdkRpc
