@@ -1,5 +1,6 @@
 #include <VornSdkRpc/Listener.h>
 
+#include <VornSdkRpc/FloodWatch.h>
 #include <VornSdkRpc/ListeningSocket.h>
 #include <VornSdkRpc/LocalCaller.h>
 #include <VornSdkRpc/OwnDescriptor.h>
@@ -231,11 +232,14 @@ class Listener::Accepting {
     return port;
   }
 
-  void start(std::size_t connectionsPerPeer, std::chrono::milliseconds unacknowledgedTime) {
+  void start(std::size_t connectionsPerPeer, std::chrono::milliseconds unacknowledgedTime,
+             const FloodLimits& floodLimits) {
     const vorn::lock_guard lock(mutex_);
     if (started_.exchange(true)) return;
     unacknowledgedTime_ = unacknowledgedTime;
     connectionsPerPeer_ = connectionsPerPeer;
+    if (floodLimits.any()) floodWatch_ = std::make_unique<FloodWatch>(floodLimits);
+    watching_ = floodWatch_.get();
     thread_ = std::jthread([this] { run(); });
   }
 
@@ -255,7 +259,9 @@ class Listener::Accepting {
   std::size_t openConnections() { return connections_.count(); }
 
   Figures figures() const {
-    return {accepted_, forDescriptors_.count(), forCallers_.count(), forPeer_.count()};
+    const auto* const watch = watching_.load();
+    return {accepted_, forDescriptors_.count(), forCallers_.count(), forPeer_.count(),
+            watch ? watch->closed() : 0};
   }
 
  private:
@@ -347,6 +353,7 @@ class Listener::Accepting {
     if (!peer.isUnix()) setTcpOptions(connection);
     ++accepted_;
     try {
+      if (floodWatch_) floodWatch_->add(connection, peer.address);
       Acceptor::NewConnectionParameters parameters;
       parameters.listener_fd = place.socket.fd();
       parameters.fd = connection;
@@ -413,6 +420,8 @@ class Listener::Accepting {
   std::vector<Place> places_;
   std::size_t connectionsPerPeer_ = 0;
   std::chrono::milliseconds unacknowledgedTime_{0};
+  std::unique_ptr<FloodWatch> floodWatch_;             // from the start on, if anything is limited
+  std::atomic<const FloodWatch*> watching_ = nullptr;  // the same, for other threads
   std::jthread thread_;
 
   // The thread's own.
@@ -498,7 +507,9 @@ void Listener::mustNotHaveStarted(const std::string& what) const {
     throw std::logic_error(what + ": the listener has started or stopped already");
 }
 
-void Listener::start() { accepting_->start(connectionsPerPeer_, unacknowledgedTime_); }
+void Listener::start() {
+  accepting_->start(connectionsPerPeer_, unacknowledgedTime_, floodLimits_);
+}
 
 void Listener::stop() { accepting_->stop(); }
 

@@ -46,8 +46,24 @@ class VORN_EXPORT Listener {
     std::uint64_t refusedForDescriptors = 0;  // for want of descriptors or memory
     std::uint64_t refusedForCallers = 0;      // over the number of addLocal()
     std::uint64_t refusedForPeer = 0;         // over the limit of their peer
+    std::uint64_t closedForFlood = 0;         // over a limit of FloodLimits
 
     bool operator==(const Figures&) const = default;
+  };
+
+  // What a client may send over one TCP connection that comes to nothing; 0: any amount.
+  struct FloodLimits {
+    // Calls that are open or were abandoned (reset before their answer), of which a tenth of the
+    // limit is forgotten in a second. To be above maxConcurrentStreams (ServerArguments.h), by as
+    // many calls as an honest client may abandon at once.
+    std::size_t abandonedCalls = 0;
+
+    // Bytes for each open call, and one more, while no call begins and no message is whole. To be
+    // above the largest message that is taken (maxReceiveMessageBytes), several times where the
+    // agent lets messages wait.
+    std::size_t bytesWithoutMessage = 0;
+
+    bool any() const { return abandonedCalls != 0 || bytesWithoutMessage != 0; }
   };
 
   // For the server that `builder` will build. The builder must live until then. Of `properties`,
@@ -69,6 +85,14 @@ class VORN_EXPORT Listener {
   // connection up (TCP_USER_TIMEOUT); 0, the default, is the kernel's own time, a quarter of an
   // hour. A stop waits for such a connection. To be set before start().
   void unacknowledgedTimeIs(std::chrono::milliseconds time) { unacknowledgedTime_ = time; }
+
+  // Closes TCP connections, with TLS or without, over which more comes than `limits` allows: what
+  // keeps gRPC busy and never reaches the agent (calls that are reset at once, headers without an
+  // end). Who is over is closed within 50 ms or so, while the others are served on, and may connect
+  // again; it is traced at level 0, once a second at most. It takes a thread of the listener's, and
+  // gRPC's own counts of each connection: nothing is closed with GRPC_ARG_ENABLE_CHANNELZ off. To
+  // be set before start().
+  void floodLimitsAre(const FloodLimits& limits) { floodLimits_ = limits; }
 
   // Listens on an address, with the given credentials, and returns the TCP port, or 0 for a Unix
   // socket:
@@ -153,6 +177,7 @@ class VORN_EXPORT Listener {
   const std::string nsName_;
   std::size_t connectionsPerPeer_ = 0;
   std::chrono::milliseconds unacknowledgedTime_ = std::chrono::seconds(20);
+  FloodLimits floodLimits_;
   std::unique_ptr<Accepting> accepting_;
 };
 

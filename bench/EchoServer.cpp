@@ -1,8 +1,8 @@
 // One of the servers that scripts/bench measures, in a process of its own:
 //
 //   EchoServer MODE [--ahead N] [--accounting FILE | --records KIND:FILE [--metrics] |
-//   --spdlog FILE] [--count-allocations] [--keepalive [--streams N]] [--listener] [--work US]
-//   [--turns]
+//   --spdlog FILE] [--count-allocations] [--keepalive [--streams N]]
+//   [--listener [--flood-limits]] [--work US] [--turns]
 //
 // MODE is handwritten, frame, kit, coroutine, callback or synchronous; KIND is line or json.
 // --keepalive has installArguments() called, with N streams a connection (any number), --work has
@@ -43,6 +43,7 @@ struct Options {
   bool countAllocations = false;
   bool keepalive = false;
   bool listener = false;
+  bool floodLimits = false;
   int streams = 0;
   std::chrono::microseconds work{0};
   bool turns = false;
@@ -74,6 +75,8 @@ Options parse(int argc, char** argv) {
       options.keepalive = true;
     } else if (option == "--listener") {
       options.listener = true;
+    } else if (option == "--flood-limits") {
+      options.floodLimits = true;
     } else if (option == "--streams") {
       options.streams = std::stoi(value());
     } else if (option == "--work") {
@@ -135,6 +138,8 @@ void serve(const Options& options) {
   const auto credentials = grpc::InsecureServerCredentials();
   const auto listener =
       std::make_shared<VornSdkRpc::Listener>(builder, VornSdkRpc::ServerProperties());
+  if (options.floodLimits)
+    listener->floodLimitsAre({.abandonedCalls = 2000, .bytesWithoutMessage = 4 << 20});
   if (options.listener) {
     port = listener->add(address, credentials);
   } else {

@@ -22,6 +22,7 @@
 #include "tests/Certificates.h"
 #include "tests/ProbeService.h"
 #include "tests/RawClient.h"
+#include "tests/RawFrames.h"
 #include "tests/Thrown.h"
 #include "tests/WaitUntil.h"
 
@@ -130,6 +131,15 @@ std::string peerSeenBy(const std::string& address,
   return status.ok() ? reply.text() : status.error_message();
 }
 
+std::shared_ptr<grpc::ServerCredentials> serverWith(const Certificates& certificates) {
+  grpc::SslServerCredentialsOptions options(
+      GRPC_SSL_REQUEST_AND_REQUIRE_CLIENT_CERTIFICATE_AND_VERIFY);
+  options.pem_root_certs = certificates.read("ca.pem");
+  options.pem_key_cert_pairs.push_back(
+      {certificates.read("server.key"), certificates.read("server.pem")});
+  return grpc::SslServerCredentials(options);
+}
+
 std::string withPort(std::string address, int port) {
   return address.ends_with(":0") ? address.replace(address.size() - 1, 1, std::to_string(port))
                                  : address;
@@ -142,12 +152,7 @@ TEST(Listener, ServesEveryKindOfAddressAndTellsThePeerAsGrpcDoes) {
   const Directory directory;
   const Certificates certificates;
   certificates.issue("alice", "/CN=alice");
-  grpc::SslServerCredentialsOptions options(
-      GRPC_SSL_REQUEST_AND_REQUIRE_CLIENT_CERTIFICATE_AND_VERIFY);
-  options.pem_root_certs = certificates.read("ca.pem");
-  options.pem_key_cert_pairs.push_back(
-      {certificates.read("server.key"), certificates.read("server.pem")});
-  const auto tls = grpc::SslServerCredentials(options);
+  const auto tls = serverWith(certificates);
   const auto localTcp = grpc::experimental::LocalServerCredentials(LOCAL_TCP);
   const auto localUnix = grpc::experimental::LocalServerCredentials(UDS);
   const auto none = grpc::InsecureServerCredentials();
@@ -323,6 +328,92 @@ TEST(Listener, HoldsAPeerToItsLimitAndTakesItAgainAfterwards) {
   agent.stop();
   EXPECT_EQ(agent.figures(), (Listener::Figures{.accepted = 9, .refusedForPeer = refused}));
   EXPECT_GE(trace.count("their peer has as many as it may have"), 1U);
+}
+
+std::string settings(std::uint32_t) {
+  std::string frames;
+  for (int i = 0; i < 1000; ++i)
+    frames += frame(SETTINGS, 0);
+  return frames;
+}
+
+// Calls that are reset with the next packet.
+std::string resetCalls(std::uint32_t first) {
+  std::string calls, resets;
+  for (std::uint32_t stream = first; stream < first + 200; stream += 2) {
+    calls += call(stream, "Chat");
+    resets += frame(RST_STREAM, stream, number(8, 4));
+  }
+  return calls + resets;
+}
+
+// A header whose text goes on for as long as somebody listens.
+std::string endless(std::uint32_t part) {
+  constexpr char kContinuation = 9;
+  if (part != 1) return frame(kContinuation, 1, std::string(16'384, 'x'));
+  const std::string unfinished = std::string("\0\1x\x7f", 4) + "\xff\xff\xff\x7f";
+  return frame(HEADERS, 1, unfinished);
+}
+
+TEST(Listener, ClosesWhoFloodsAndServesTheOthers) {
+  const Certificates certificates;
+  certificates.issue("alice", "/CN=alice");
+  const Capture trace(Kiv::traceLogger());
+  int port = 0, tlsPort = 0;
+  Agent agent([&](Listener& listener, grpc::ServerBuilder& builder) {
+    builder.AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS, 100);
+    listener.floodLimitsAre({.abandonedCalls = 400, .bytesWithoutMessage = 256 << 10});
+    port = listener.add("[::]:0", grpc::InsecureServerCredentials());
+    tlsPort = listener.add("127.0.0.1:0", serverWith(certificates));
+  });
+  const auto ipv4 = "127.0.0.1:" + std::to_string(port), ipv6 = "[::1]:" + std::to_string(port);
+  const auto honest = Probe::NewStub(connected(ipv4, grpc::InsecureChannelCredentials()));
+  const auto callsAreAnswered = [&](int count) {
+    Text request, reply;
+    request.set_text(std::string(1000, 'x'));
+    int answered = 0;
+    for (int i = 0; i < count; ++i) {
+      grpc::ClientContext context;
+      answered += honest->Echo(&context, request, &reply).ok();
+    }
+    EXPECT_EQ(answered, count);
+  };
+  callsAreAnswered(1000);
+
+  const struct {
+    std::string to;
+    std::function<std::string(std::uint32_t)> more;
+  } floods[] = {
+      {ipv4, resetCalls},
+      {ipv6, resetCalls},
+      {ipv4, endless},
+      {ipv6, settings},
+  };
+  for (const auto& flood : floods) {
+    RawClient client;
+    ASSERT_TRUE(client.connectTo(flood.to));
+    std::uint32_t sent = 1;
+    for (std::string more = kHello; sent < 10'000'000 && client.send(more); sent += 200)
+      more = flood.more(sent);
+    EXPECT_LT(sent, 10'000'000U) << "it has not been closed";
+    callsAreAnswered(1);
+  }
+  std::uint64_t closed = std::size(floods);
+  EXPECT_EQ(agent.figures().closedForFlood, closed);
+
+  const auto cancels = Probe::NewStub(
+      connected("127.0.0.1:" + std::to_string(tlsPort), certificates.client("alice")));
+  for (int i = 0; i < 100'000 && agent.figures().closedForFlood == closed; ++i) {
+    grpc::ClientContext context;
+    const auto stream = cancels->Chat(&context);
+    context.TryCancel();
+    stream->Finish();
+  }
+  EXPECT_EQ(agent.figures().closedForFlood, ++closed) << "behind TLS";
+  callsAreAnswered(1000);
+  agent.stop();
+  EXPECT_EQ(agent.figures().closedForFlood, closed);
+  EXPECT_GE(trace.count("their clients flood"), 1U);
 }
 
 // ------------------------------------------------------------------------------------------------

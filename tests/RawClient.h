@@ -14,7 +14,7 @@
 
 namespace test {
 
-// A connection without any client behind it, to 127.0.0.1:PORT or unix:PATH.
+// A connection without any client behind it, to 127.0.0.1:PORT, [::1]:PORT or unix:PATH.
 class RawClient {
  public:
   RawClient() = default;
@@ -38,8 +38,10 @@ class RawClient {
     close(fd);
   }
   bool connectTo(const std::string& address) {
-    return address.starts_with("unix:") ? connectToFile(address.substr(5))
-                                        : connectToPort(address.substr(address.rfind(':') + 1));
+    if (address.starts_with("unix:")) return connectToFile(address.substr(5));
+    const auto number = std::stoi(address.substr(address.rfind(':') + 1));
+    const auto port = htons(static_cast<std::uint16_t>(number));
+    return address.starts_with("[") ? connectToIpv6(port) : connectToIpv4(port);
   }
   bool send(std::string_view bytes) {
     return ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
@@ -61,12 +63,20 @@ class RawClient {
   bool isServed() { return readUntil(std::string_view("\0", 1)); }
 
  private:
-  bool connectToPort(const std::string& port) {
+  bool connectToIpv4(in_port_t port) {
     sockaddr_in to{};
     to.sin_family = AF_INET;
-    to.sin_port = htons(static_cast<std::uint16_t>(std::stoi(port)));
+    to.sin_port = port;
     to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     if (fd_ < 0) open();
+    return connect(fd_, reinterpret_cast<const sockaddr*>(&to), sizeof to) == 0;
+  }
+  bool connectToIpv6(in_port_t port) {
+    sockaddr_in6 to{};
+    to.sin6_family = AF_INET6;
+    to.sin6_port = port;
+    to.sin6_addr = in6addr_loopback;
+    if (fd_ < 0) open(AF_INET6);
     return connect(fd_, reinterpret_cast<const sockaddr*>(&to), sizeof to) == 0;
   }
   bool connectToFile(const std::string& path) {

@@ -152,6 +152,7 @@ void serve(const Options& options, RouteTable& table, const std::function<void()
   // [listener]
   const auto listener = std::make_shared<VornSdkRpc::Listener>(builder, properties);
   listener->connectionsPerPeerIs(100);
+  listener->floodLimitsAre({.abandonedCalls = 2000, .bytesWithoutMessage = 4 << 20});
   listener->add(address + ".limited", grpc::InsecureServerCredentials());
   // [listener]
   // [local]
