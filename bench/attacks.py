@@ -59,8 +59,8 @@ class Attacker:
 
     sent = 0  # by all of them
 
-    def __init__(self, port: int, greeting: bytes = GREETING + ENDLESS) -> None:
-        self.socket = socket.create_connection(("127.0.0.1", port), 30)
+    def __init__(self, port: int, greeting: bytes = GREETING + ENDLESS, source: str = "127.0.0.1") -> None:
+        self.socket = socket.create_connection(("127.0.0.1", port), 30, (source, 0))
         self.socket.setblocking(False)
         self.windows = {0: FIRST_WINDOW}
         self.window = FIRST_WINDOW  # of a stream at first
@@ -115,10 +115,12 @@ class Attacker:
     def wait(self, seconds: float) -> None:
         """Reads for a while."""
         end = time.monotonic() + seconds
-        with contextlib.suppress(OSError):
+        try:
             while (left := end - time.monotonic()) > 0:
                 if select.select([self.socket], [], [], left)[0]:
                     self.read()
+        except OSError:
+            self.open = False
 
     def upload(self, stream: int, size: int) -> int:
         """Sends as much of a message as its stream and the connection may; how much."""
@@ -130,17 +132,17 @@ class Attacker:
         return len(data)
 
 
-Attack = Callable[[int, bool], list[Attacker]]  # of a port; short. What it returns stays open for the stop.
+Attack = Callable[["Agent", bool], list[Attacker]]  # short or not. What it returns stays open for the stop.
 
 
 def streams(count: int) -> range:
     return range(1, 2 * count, 2)
 
 
-def inflating(port: int, short: bool) -> list[Attacker]:
+def inflating(agent: "Agent", short: bool) -> list[Attacker]:
     size = (100 if short else 1000) * MIB
     message = gzip.compress(bytes(size))
-    attackers = [Attacker(port) for _ in range(8)]
+    attackers = [Attacker(agent.port) for _ in range(8)]
     call = frame(HEADERS, END_HEADERS, 1, headers("/routing_agent.State/Read", grpc_encoding="gzip"))
     body = b"\1" + len(message).to_bytes(4, "big") + message
     for attacker in attackers:
@@ -161,17 +163,17 @@ def inflating(port: int, short: bool) -> list[Attacker]:
     return attackers
 
 
-def reflection(port: int, short: bool) -> list[Attacker]:
-    attacker = Attacker(port)
+def reflection(agent: "Agent", short: bool) -> list[Attacker]:
+    attacker = Attacker(agent.port)
     for stream in streams(1000 if short else 16000):
         attacker.send(frame(HEADERS, END_HEADERS, stream, ASK_REFLECTION) + frame(DATA, 0, stream, EMPTY))
     attacker.wait(2)
     return [attacker]
 
 
-def partial(port: int, short: bool) -> list[Attacker]:
+def partial(agent: "Agent", short: bool) -> list[Attacker]:
     """Messages of 1 MiB that never end."""
-    count, attacker = 200 if short else 4000, Attacker(port)
+    count, attacker = 200 if short else 4000, Attacker(agent.port)
     left = {}
     for stream in streams(count):
         attacker.send(frame(HEADERS, END_HEADERS, stream, headers("/routing_agent.Routing/SetRouteParts")))
@@ -189,8 +191,8 @@ def partial(port: int, short: bool) -> list[Attacker]:
     return [attacker]
 
 
-def resets(port: int, short: bool) -> list[Attacker]:
-    attacker = Attacker(port)
+def resets(agent: "Agent", short: bool) -> list[Attacker]:
+    attacker = Attacker(agent.port)
     for start in range(0, 10_000 if short else 100_000, 1000):
         pairs = (
             frame(HEADERS, END_HEADERS, 2 * stream + 1, READ) + frame(RST_STREAM, 0, 2 * stream + 1, CANCEL)
@@ -201,9 +203,9 @@ def resets(port: int, short: bool) -> list[Attacker]:
     return [attacker]
 
 
-def late_resets(port: int, short: bool) -> list[Attacker]:
+def late_resets(agent: "Agent", short: bool) -> list[Attacker]:
     """Calls that are whole, and reset with the next packet."""
-    attacker = Attacker(port)
+    attacker = Attacker(agent.port)
     for start in range(0, 10_000 if short else 100_000, 1000):
         batch = range(2 * start + 1, 2 * start + 2001, 2)
         calls = (frame(HEADERS, END_HEADERS, one, READ) + frame(DATA, END_STREAM, one, EMPTY) for one in batch)
@@ -213,9 +215,23 @@ def late_resets(port: int, short: bool) -> list[Attacker]:
     return [attacker]
 
 
-def endless(port: int, short: bool) -> list[Attacker]:
+def again(agent: "Agent", short: bool) -> list[Attacker]:
+    """The same over a new connection whenever one is closed."""
+    attacker, stream, end = Attacker(agent.port), 1, time.monotonic() + (3 if short else 20)
+    while time.monotonic() < end:
+        batch = range(stream, stream + 2000, 2)
+        calls = (frame(HEADERS, END_HEADERS, one, READ) + frame(DATA, END_STREAM, one, EMPTY) for one in batch)
+        cancels = (frame(RST_STREAM, 0, one, CANCEL) for one in batch)
+        if attacker.send(b"".join(calls)) and attacker.send(b"".join(cancels)):
+            stream += 2000
+        else:
+            attacker, stream = Attacker(agent.port), 1
+    return [attacker]
+
+
+def endless(agent: "Agent", short: bool) -> list[Attacker]:
     """A header whose text does not end, over as many frames as it takes."""
-    attacker = Attacker(port)
+    attacker = Attacker(agent.port)
     attacker.send(frame(HEADERS, 0, 1, READ + b"\0\1x\x7f\xff\xff\xff\x7f"))
     for _ in range((2 if short else 18) * MIB // 16384):
         if not attacker.send(frame(CONTINUATION, 0, 1, b"y" * 16384)):
@@ -223,9 +239,9 @@ def endless(port: int, short: bool) -> list[Attacker]:
     return [attacker]
 
 
-def blocks(port: int, short: bool) -> list[Attacker]:
+def blocks(agent: "Agent", short: bool) -> list[Attacker]:
     """Names of a megabyte, each over several frames."""
-    attacker = Attacker(port)
+    attacker = Attacker(agent.port)
     size = MIB - 16
     length = size - 127
     text = b"\0\x7f"
@@ -242,32 +258,30 @@ def blocks(port: int, short: bool) -> list[Attacker]:
     return [attacker]
 
 
-def connections(port: int, short: bool) -> list[Attacker]:
+def connections(agent: "Agent", short: bool) -> list[Attacker]:
     attackers = []
     for _ in range(1000 if short else 20_000):
         with contextlib.suppress(OSError):
-            attackers.append(Attacker(port))
+            attackers.append(Attacker(agent.port))
         while len(attackers) > 400:
             attackers.pop(300).socket.close()
     return attackers
 
 
-def unknown(port: int, short: bool) -> list[Attacker]:
+def unknown(agent: "Agent", short: bool) -> list[Attacker]:
     """Methods that nobody has, 4,000 of them outstanding."""
-    attacker = Attacker(port)
+    attacker = Attacker(agent.port)
     call = headers("/no.such/Method")
     for sent, stream in enumerate(streams(10_000 if short else 100_000)):
         if not attacker.send(frame(HEADERS, END_HEADERS | END_STREAM, stream, call)):
             break
         while sent - attacker.ended >= 4000 and attacker.open:
-            before = attacker.ended
             attacker.wait(0.01)
-            attacker.open = attacker.ended > before or select.select([attacker.socket], [], [], 30)[0] != []
     return [attacker]
 
 
-def deadlines(port: int, short: bool) -> list[Attacker]:
-    attacker = Attacker(port)
+def deadlines(agent: "Agent", short: bool) -> list[Attacker]:
+    attacker = Attacker(agent.port)
     blocks_of = [headers("/routing_agent.State/Read", grpc_timeout=time) for time in ("1n", "99999999H", "0n")]
     for stream in streams(5_000 if short else 50_000):
         call = blocks_of[stream // 2 % 3]
@@ -277,9 +291,153 @@ def deadlines(port: int, short: bool) -> list[Attacker]:
     return [attacker]
 
 
+def malformed_shapes() -> dict[str, bytes]:
+    """What no client sends, each behind a greeting."""
+    call = frame(HEADERS, END_HEADERS, 1, READ)
+    shapes = {
+        "a call on stream 0": frame(HEADERS, END_HEADERS, 0, READ),
+        "a call on an even stream": frame(HEADERS, END_HEADERS, 2, READ),
+        "a call on a stream that has been": frame(HEADERS, END_HEADERS, 5, READ) + frame(HEADERS, END_HEADERS, 3, READ),
+        "headers twice": call + call,
+        "headers in the middle of headers": frame(HEADERS, 0, 1, READ) + frame(HEADERS, END_HEADERS, 3, READ),
+        "a message in the middle of headers": frame(HEADERS, 0, 1, READ) + frame(DATA, 0, 1, EMPTY),
+        "a continuation of nothing": frame(CONTINUATION, END_HEADERS, 1, READ),
+        "no headers": frame(HEADERS, END_HEADERS, 1, b""),
+        "padding that is longer than its frame": frame(HEADERS, END_HEADERS | 8, 1, b"\xff" + READ),
+        "padding of nothing": frame(DATA, 8, 1, b""),
+        "a priority that is cut off": frame(HEADERS, END_HEADERS | 0x20, 1, b"\0\0"),
+        "a call that depends on itself": frame(HEADERS, END_HEADERS | 0x20, 1, b"\0\0\0\1\x10" + READ),
+        "a message on no stream": frame(DATA, 0, 0, EMPTY),
+        "a message on a stream that is idle": frame(DATA, 0, 9, EMPTY),
+        "a message after its end": call + frame(DATA, END_STREAM, 1, EMPTY) * 2,
+        "more than the window": call + frame(DATA, 0, 1, bytes(16384)) * 8,
+        "a message of 4 GiB": call + frame(DATA, 0, 1, b"\0\xff\xff\xff\xff"),
+        "a message of no known kind": call + frame(DATA, END_STREAM, 1, b"\7\0\0\0\0"),
+        "a message that is cut off": call + frame(DATA, END_STREAM, 1, b"\0\0\0\0\x20x"),
+        "bytes that are no message": call + frame(DATA, END_STREAM, 1, b"\0\0\0\0\4\xff\xff\xff\xff"),
+        "a window of 0 more": frame(WINDOW_UPDATE, 0, 0, bytes(4)),
+        "a window of 0 more for a stream": call + frame(WINDOW_UPDATE, 0, 1, bytes(4)),
+        "a window that overflows": frame(WINDOW_UPDATE, 0, 0, b"\x7f\xff\xff\xff") * 2,
+        "settings that push": frame(SETTINGS, 0, 0, struct.pack(">HI", 2, 7)),
+        "settings of a window that is too large": frame(SETTINGS, 0, 0, struct.pack(">HI", 4, 1 << 31)),
+        "settings of frames that are too small": frame(SETTINGS, 0, 0, struct.pack(">HI", 5, 1)),
+        "settings on a stream": frame(SETTINGS, 0, 1, b""),
+        "settings that are agreed to with more": frame(SETTINGS, 1, 0, bytes(6)),
+        "settings that nobody knows": frame(SETTINGS, 0, 0, struct.pack(">HI", 0xFEFE, 1)),
+        "a reset of no stream": frame(RST_STREAM, 0, 0, CANCEL),
+        "a reset of an idle stream": frame(RST_STREAM, 0, 77, CANCEL),
+        "a ping on a stream": frame(PING, 0, 1, bytes(8)),
+        "a promise": frame(5, END_HEADERS, 1, b"\0\0\0\2" + READ),
+        "a goodbye that is cut off": frame(7, 0, 0, b"\0"),
+        "a goodbye on a stream": frame(7, 0, 1, bytes(8)),
+        "a kind that nobody knows": frame(0xEE, 0xFF, 1, b"what?"),
+        "a frame of 16 MiB": b"\xff\xff\xff" + bytes([DATA, 0, 0, 0, 0, 1]) + bytes(1 << 20),
+        "a stream beyond 31 bits": b"\0\0\5" + bytes([DATA, 0, 0xFF, 0xFF, 0xFF, 0xFF]) + EMPTY,
+        "a table of 4 GiB": frame(HEADERS, END_HEADERS, 1, b"\x3f\xe1\xff\xff\xff\x0f" + READ),
+        "an index that is not in the table": frame(HEADERS, END_HEADERS, 1, b"\xff\xff\x7f"),
+        "an index that overflows": frame(HEADERS, END_HEADERS, 1, b"\xff" * 12),
+        "index 0": frame(HEADERS, END_HEADERS, 1, b"\x80"),
+        "Huffman's end in a text": frame(HEADERS, END_HEADERS, 1, b"\0\x84\xff\xff\xff\xff\1x"),
+        "capital letters": frame(HEADERS, END_HEADERS, 1, READ + b"\0\1A\1b"),
+        "control bytes": frame(HEADERS, END_HEADERS, 1, READ + b"\0\1a\3\0\r\n"),
+        "a pseudo-header at the end": frame(HEADERS, END_HEADERS, 1, READ + b"\0\5:what\1x"),
+        "no path": frame(HEADERS, END_HEADERS | END_STREAM, 1, b"\x83\x86"),
+        "a path without a slash": frame(HEADERS, END_HEADERS | END_STREAM, 1, headers("what")),
+        "a timeout that is none": frame(
+            HEADERS, END_HEADERS, 1, headers("/routing_agent.State/Read", grpc_timeout="x")
+        ),
+        "an encoding that nobody knows": frame(
+            HEADERS, END_HEADERS, 1, headers("/routing_agent.State/Read", grpc_encoding="what")
+        ),
+        "a second greeting": GREETING,
+    }
+    sizes = {SETTINGS: 5, PING: 7, RST_STREAM: 3, WINDOW_UPDATE: 3, 2: 4}
+    return shapes | {f"{size} bytes of a frame {kind}": frame(kind, 0, 0, bytes(size)) for kind, size in sizes.items()}
+
+
+def malformed(agent: "Agent", short: bool) -> list[Attacker]:
+    """Each shape on a connection of its own, whole, and cut off in the middle."""
+    attackers = []
+    for shape in malformed_shapes().values():
+        for part in [shape, shape[: len(shape) // 2]] if short else [shape[:size] for size in cuts(len(shape))]:
+            attackers.append(Attacker(agent.port))
+            attackers[-1].send(part)
+            attackers[-1].wait(0.002)
+            if len(attackers) > 100:
+                attackers.pop(0).socket.close()
+    for start in (b"GET / HTTP/1.1\r\n\r\n", b"\x16\3\1\2\0\1\0\1\xfc\3\3", bytes(24), GREETING[:16] + b"XX"):
+        attackers.append(Attacker(agent.port, start))
+        attackers[-1].wait(0.01)
+    return attackers
+
+
+def cuts(size: int) -> list[int]:
+    return sorted({*range(1, min(size, 20)), size // 2, size - 1, size})
+
+
+def handshakes(agent: "Agent", short: bool) -> list[Attacker]:
+    """Greetings that come a byte at a time, and ones that don't: each is given up in time."""
+    attackers = [Attacker(agent.port, b"") for _ in range(50 if short else 200)]
+    given_up = agent.keepalive + 2
+    end = time.monotonic() + given_up
+    for at in range(1000):
+        for attacker in attackers[::2]:
+            attacker.open = attacker.open and attacker.send(GREETING[at : at + 1])
+        time.sleep(0.5)
+        for attacker in attackers:
+            attacker.wait(0)
+        if time.monotonic() > end:
+            break
+    for attacker in attackers:
+        attacker.wait(0.001)
+    still = sum(attacker.open for attacker in attackers)
+    if still:
+        raise RuntimeError(f"{still} connections have not begun to speak in {given_up:.0f} s, and are open")
+    return attackers
+
+
+def descriptors(agent: "Agent", short: bool) -> list[Attacker]:
+    """Connections from several addresses, far beyond the descriptors that the agent may have."""
+    attackers = []
+    for at in range(1000 if short else 20_000):
+        with contextlib.suppress(OSError):
+            attackers.append(Attacker(agent.port, source=f"127.0.1.{at % 200 + 1}"))
+        if len(attackers) > 900:
+            attackers.pop(0).socket.close()
+    return attackers
+
+
+def stopped(agent: "Agent", short: bool) -> list[Attacker]:
+    """The agent stands still (SIGSTOP) while calls come, and goes on."""
+    attackers = [Attacker(agent.port) for _ in range(10)]
+    for _ in range(1 if short else 3):
+        agent.process.send_signal(signal.SIGSTOP)
+        for attacker in attackers:
+            attacker.send(b"".join(frame(HEADERS, END_HEADERS, stream, READ) for stream in streams(500)))
+        time.sleep(2 if short else 15)
+        agent.process.send_signal(signal.SIGCONT)
+        time.sleep(0.5)
+        attackers = [Attacker(agent.port) for _ in range(10)]
+    return attackers
+
+
+def clock(agent: "Agent", short: bool) -> list[Attacker]:
+    """The agent's wall clock jumps by years, there and back, while calls with deadlines come."""
+    attacker = Attacker(agent.port)
+    call = headers("/routing_agent.State/Read", grpc_timeout="5S")
+    for at, jump in enumerate(["+10y", "-10y", "+0", "+1d", "-1d", "+0"] * (1 if short else 5)):
+        agent.clock.write_text(jump)
+        for stream in range(200 * at + 1, 200 * at + 201, 2):
+            attacker.send(frame(HEADERS, END_HEADERS, stream, call) + frame(DATA, END_STREAM, stream, EMPTY))
+        attacker.wait(0.5)
+    if not attacker.open or attacker.ended < 100:
+        raise RuntimeError(f"{attacker.ended} calls have ended")
+    return [attacker]
+
+
 def frames(kind: int, payload: bytes) -> Attack:
-    def attack(port: int, short: bool) -> list[Attacker]:
-        attacker = Attacker(port)
+    def attack(agent: "Agent", short: bool) -> list[Attacker]:
+        attacker = Attacker(agent.port)
         for _ in range(20 if short else 500):
             if not attacker.send(frame(kind, 0, 0 if kind != DATA else 1, payload) * 1000):
                 break
@@ -294,6 +452,7 @@ ATTACKS: dict[str, Attack] = {
     "partial": partial,
     "resets": resets,
     "late-resets": late_resets,
+    "again": again,
     "endless": endless,
     "blocks": blocks,
     "connections": connections,
@@ -301,17 +460,42 @@ ATTACKS: dict[str, Attack] = {
     "deadlines": deadlines,
     "settings": frames(SETTINGS, b""),
     "pings": frames(PING, b"are you?"),
+    "malformed": malformed,
+    "handshakes": handshakes,
+    "descriptors": descriptors,
+    "stopped": stopped,
+    "clock": clock,
 }
 
 # What installArguments() and the listener bound, whatever the attack: MiB and threads.
-BOUNDED = {"inflating": (150, 64), "reflection": (400, 64), "connections": (150, 64)}
+BOUNDED = {
+    "inflating": (150, 64),
+    "reflection": (400, 64),
+    "connections": (150, 64),
+    "descriptors": (150, 64),
+    "late-resets": (900, 64),
+    "endless": (80, 64),
+}
+# What an attack needs the agent to be started with: a program before it, and options.
+UNDER = {"descriptors": ["prlimit", "--nofile=300"]}
+OPTIONS = {"handshakes": ["--keepalive-ms", "3000"]}
 
 
 class Agent:
-    def __init__(self, program: str, folder: str) -> None:
-        self.records = pathlib.Path(folder, "records")
-        command = [program, "--listen", "127.0.0.1:0", "--accounting", f"json:{self.records}"]
-        self.process = subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+    def __init__(self, program: str, folder: str, attack: str) -> None:
+        self.records, self.clock = pathlib.Path(folder, "records"), pathlib.Path(folder, "clock")
+        options = OPTIONS.get(attack, [])
+        self.keepalive = int(options[1]) / 1000 if options else 10
+        command = [*UNDER.get(attack, []), program, "--listen", "127.0.0.1:0", "--accounting", f"json:{self.records}"]
+        environment = dict(os.environ)
+        if attack == "clock":
+            self.clock.write_text("+0")
+            library = next(pathlib.Path("/usr/lib").glob("*/faketime/libfaketimeMT.so.1"))
+            environment |= {"LD_PRELOAD": str(library), "FAKETIME_TIMESTAMP_FILE": str(self.clock)}
+            environment |= {"FAKETIME_DONT_FAKE_MONOTONIC": "1", "FAKETIME_NO_CACHE": "1"}
+        self.process = subprocess.Popen(
+            [*command, *options], stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, env=environment
+        )
         said = re.search(r"port (\d+)", cast(IO[str], self.process.stdout).readline())
         if not said:
             raise RuntimeError("the agent has not started")
@@ -370,13 +554,17 @@ def records_of(path: pathlib.Path, address: str) -> int:
 
 def row(name: str, options: argparse.Namespace) -> tuple[str, list[str]]:
     Attacker.sent = 0
+    wrong, attackers = [], []
     with tempfile.TemporaryDirectory() as folder:
-        agent = Agent(options.agent, folder)
+        agent = Agent(options.agent, folder, name)
         try:
             quiet = Quiet(agent)
             time.sleep(0.2)
             before = agent.seconds()
-            attackers = ATTACKS[name](agent.port, options.short)
+            try:
+                attackers = ATTACKS[name](agent, options.short)
+            except RuntimeError as error:
+                wrong.append(f"{name}: {error}")
             settled(agent)
             quiet.over.set()
             quiet.join()
@@ -387,7 +575,6 @@ def row(name: str, options: argparse.Namespace) -> tuple[str, list[str]]:
             agent.process.kill()
             agent.process.wait()
         answered, recorded = len(quiet.took), records_of(agent.records, "127.0.0.2")
-    wrong = []
     if quiet.failure:
         wrong.append(f"{name}: the well-behaved client: {quiet.failure}")
     if agent.process.returncode != 0:
