@@ -100,24 +100,20 @@ void KernelSync::mplsRouteNotified(const nlmsghdr& message) {
 // A step; answers whether there is more.
 bool KernelSync::programMplsRoutes() {
   std::vector<MplsWrite> writes;
-  std::vector<NetlinkRequest> requests;
   {
     const vorn::lock_guard lock(mutex_);
     if (dirtyMplsRoutes_.empty()) return false;
     writes = takeMplsWrites();
     flying_ += writes.size();
-    for (const auto& write : writes) {
-      requests.push_back(write.hops.empty() ? deleteMplsRoute(write.label)
-                                            : newMplsRoute(write.label, write.hops,
-                                                           mplsRoutes_[write.label].ours));
-    }
   }
-  const auto answers = netlink_.run(requests);
+  perform(writes);
   const vorn::lock_guard lock(mutex_);
-  flying_ -= writes.size();
-  for (std::size_t i = 0; i < writes.size(); ++i)
-    mplsWritten(writes[i], answers[i]);
   return !dirtyMplsRoutes_.empty();
+}
+
+NetlinkRequest KernelSync::requestFor(const MplsWrite& write) {
+  return write.hops.empty() ? deleteMplsRoute(write.label)
+                            : newMplsRoute(write.label, write.hops, write.replaces);
 }
 
 // What has to be written for the next routes of the queue.
@@ -146,7 +142,7 @@ std::vector<KernelSync::MplsWrite> KernelSync::takeMplsWrites() {
 }
 
 KernelSync::MplsWrite KernelSync::mplsWriteOf(std::uint32_t label, const MplsRoute& route) const {
-  MplsWrite write{label, {}, {}};
+  MplsWrite write{label, route.ours};
   if (!route.set) return write;
   if (route.group && !route.group->second.set) {
     write.trouble = {Programming::WAITING, "next-hop group " + route.group->first + " is not set"};
@@ -188,7 +184,7 @@ void KernelSync::addMplsHops(MplsWrite& write, const MplsRoute& route,
   }
 }
 
-void KernelSync::mplsWritten(const MplsWrite& write, const KernelAnswer& answer) {
+void KernelSync::written(const MplsWrite& write, const KernelAnswer& answer) {
   const auto found = mplsRoutes_.find(write.label);
   if (found == mplsRoutes_.end()) return;
   MplsRoute& route = found->second;

@@ -27,18 +27,14 @@ bool KernelSync::programRoutes() {
     writes = takeWrites();
     flying_ += writes.size();
   }
-  std::vector<NetlinkRequest> requests;
-  requests.reserve(writes.size());
-  for (const auto& write : writes) {
-    requests.push_back(write.object == 0 ? deleteRoute(write.prefix)
-                                         : newRoute(write.prefix, write.object, write.replaces));
-  }
-  const auto answers = netlink_.run(requests);
+  perform(writes);
   const vorn::lock_guard lock(mutex_);
-  flying_ -= writes.size();
-  for (std::size_t i = 0; i < writes.size(); ++i)
-    written(writes[i], answers[i]);
   return !dirtyRoutes_.empty();
+}
+
+NetlinkRequest KernelSync::requestFor(const Write& write) {
+  return write.object == 0 ? deleteRoute(write.prefix)
+                           : newRoute(write.prefix, write.object, write.replaces);
 }
 
 // What has to be written for the next routes of the queue.

@@ -206,8 +206,9 @@ class KernelSync {
 
   struct MplsWrite {
     std::uint32_t label;
-    std::vector<KernelHop> hops;  // none: removes the route
-    Trouble trouble;              // why there is none
+    bool replaces;
+    std::vector<KernelHop> hops{};  // none: removes the route
+    Trouble trouble{};              // why there is none
   };
 
   // What a group is to be in one family.
@@ -252,6 +253,20 @@ class KernelSync {
   static std::uint64_t now();  // nanoseconds since 1970
   static Trouble troubleOf(const KernelAnswer& answer);
   void warn(const std::string& what, const Trouble& trouble) const;
+
+  // Has the kernel do what was taken from a queue, and was counted as flying.
+  template <typename AnyWrite>
+  void perform(const std::vector<AnyWrite>& writes) {
+    std::vector<NetlinkRequest> requests;
+    requests.reserve(writes.size());
+    for (const auto& write : writes)
+      requests.push_back(requestFor(write));
+    const auto answers = netlink_.run(requests);
+    const vorn::lock_guard lock(mutex_);
+    flying_ -= writes.size();
+    for (std::size_t i = 0; i < writes.size(); ++i)
+      written(writes[i], answers[i]);
+  }
 
   // KernelReading.cpp: what is in the kernel.
   void readNotifications();
@@ -304,11 +319,12 @@ class KernelSync {
   void adoptMplsRoutes();
   void mplsRouteNotified(const nlmsghdr& message);
   bool programMplsRoutes();
+  static NetlinkRequest requestFor(const MplsWrite& write);
   std::vector<MplsWrite> takeMplsWrites() VORN_REQUIRES(mutex_);
   MplsWrite mplsWriteOf(std::uint32_t label, const MplsRoute& route) const VORN_REQUIRES(mutex_);
   void addMplsHops(MplsWrite& write, const MplsRoute& route, const std::vector<WantedHop>& hops,
                    bool firstOnly) const VORN_REQUIRES(mutex_);
-  void mplsWritten(const MplsWrite& write, const KernelAnswer& answer) VORN_REQUIRES(mutex_);
+  void written(const MplsWrite& write, const KernelAnswer& answer) VORN_REQUIRES(mutex_);
   void mplsTroubleIs(MplsRoutes::value_type& entry, Trouble trouble) VORN_REQUIRES(mutex_);
   void markMplsRoute(MplsRoutes::value_type& entry) VORN_REQUIRES(mutex_);
   void markMplsRoutesOf(const NamedGroup& group) VORN_REQUIRES(mutex_);
@@ -317,6 +333,7 @@ class KernelSync {
 
   // KernelRoutes.cpp
   bool programRoutes();
+  static NetlinkRequest requestFor(const Write& write);
   std::vector<Write> takeWrites() VORN_REQUIRES(mutex_);
   std::optional<Write> writeOf(const PrefixKey& prefix, Route& route) const VORN_REQUIRES(mutex_);
   void written(const Write& write, const KernelAnswer& answer) VORN_REQUIRES(mutex_);
