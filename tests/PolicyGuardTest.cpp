@@ -15,11 +15,11 @@
 #include <mutex>
 #include <set>
 #include <system_error>
-#include <thread>
 
 #include "tests/Capture.h"
 #include "tests/Certificates.h"
 #include "tests/ProbeService.h"
+#include "tests/Thrown.h"
 #include "tests/WaitUntil.h"
 
 namespace VornSdkRpc {
@@ -85,26 +85,15 @@ struct KernelsWord : grpc::AuthMetadataProcessor {
 // credentials, one whose callers the kernel proves, and one with TLS.
 class GuardedServer {
  public:
-  explicit GuardedServer(const std::shared_ptr<PolicyGuard>& guard) {
-    builder_.AddListeningPort("127.0.0.1:0", insecureServerCredentials(policyProcessor(guard)),
-                              &plainPort_);
-    builder_.AddListeningPort(
-        "unix:" + certificates_.path("socket"),
-        insecureServerCredentials(policyProcessor(guard, std::make_shared<KernelsWord>())));
-    builder_.AddListeningPort("127.0.0.1:0", tls(guard), &tlsPort_);
-    server_.emplace(builder_,
-                    std::vector<std::shared_ptr<GrpcService>>{
-                        probe, std::make_shared<MirrorService>(), std::make_shared<Started>(*this)},
-                    properties_);
-    thread_ = std::thread([this] { server_->run(); });
-    started_.get_future().wait();
-  }
-  ~GuardedServer() {
-    server_->stop();
-    thread_.join();
-  }
-  GuardedServer(const GuardedServer&) = delete;
-  GuardedServer& operator=(const GuardedServer&) = delete;
+  explicit GuardedServer(const std::shared_ptr<PolicyGuard>& guard)
+      : running_({probe, std::make_shared<MirrorService>()}, [&](grpc::ServerBuilder& builder) {
+          builder.AddListeningPort("127.0.0.1:0", insecureServerCredentials(policyProcessor(guard)),
+                                   &plainPort_);
+          builder.AddListeningPort(
+              "unix:" + certificates_.path("socket"),
+              insecureServerCredentials(policyProcessor(guard, std::make_shared<KernelsWord>())));
+          builder.AddListeningPort("127.0.0.1:0", tls(guard), &tlsPort_);
+        }) {}
 
   // Clients, each with a connection of its own.
   std::shared_ptr<grpc::Channel> stranger() const {
@@ -121,13 +110,6 @@ class GuardedServer {
   const std::shared_ptr<test::ProbeService> probe = std::make_shared<test::ProbeService>();
 
  private:
-  struct Started : GrpcService {
-    explicit Started(GuardedServer& all) : GrpcService("Started"), all_(all) {}
-    void registerWith(grpc::ServerBuilder&) override {}
-    void serverStarted() override { all_.started_.set_value(); }
-    GuardedServer& all_;
-  };
-
   std::shared_ptr<grpc::ServerCredentials> tls(const std::shared_ptr<PolicyGuard>& guard) const {
     certificates_.issue("bob", "/CN=bob");
     grpc::SslServerCredentialsOptions options(GRPC_SSL_REQUEST_CLIENT_CERTIFICATE_AND_VERIFY);
@@ -141,11 +123,7 @@ class GuardedServer {
 
   const Certificates certificates_;
   int plainPort_ = 0, tlsPort_ = 0;
-  grpc::ServerBuilder builder_;
-  ServerProperties properties_;
-  std::promise<void> started_;
-  std::optional<GrpcServer> server_;
-  std::thread thread_;
+  test::RunningServer running_;
 };
 
 bool isDenied(const std::shared_ptr<grpc::Channel>& channel, const std::string& method) {
@@ -322,12 +300,8 @@ TEST_F(PolicyFileTest, TheFirstPolicyMustBeGood) {
   EXPECT_THROW(PolicyFile{path_}, std::system_error);
   EXPECT_THROW(PolicyFile{testing::TempDir()}, std::system_error);
   write(R"({"name": "p", "allow_rules": [], "else": 1})");
-  try {
-    const PolicyFile file(path_);
-    ADD_FAILURE();
-  } catch (const vorn::configuration_error& error) {
-    EXPECT_EQ(error.what(), path_ + ": else: unknown field");
-  }
+  EXPECT_EQ(test::thrown<vorn::configuration_error>([&] { PolicyFile{path_}; }),
+            path_ + ": else: unknown field");
 }
 
 TEST_F(PolicyFileTest, ABrokenFileKeepsTheLastGoodPolicyAndSaysSoOnce) {
