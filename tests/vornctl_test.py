@@ -585,14 +585,8 @@ class VornctlTest(unittest.TestCase):
     def test_refused_and_failed(self) -> None:
         self.agent.answer = pb.sdk.rpc_status_msg(rpc_status_value="NO_RESOURCES")
         self.refuse(1, "NO_RESOURCES", "set", "group", "g")
-        self.refuse(
-            1,
-            "INVALID_ARGUMENT: route 1: nexthop_group",
-            "set",
-            "routes",
-            "--file",
-            self.file("routes", "10.0.0.0/8 core\n10.1.0.0/16 bad\n10.2.0.0/16 core\n"),
-        )
+        routes = self.file("routes", "10.0.0.0/8 core\n10.1.0.0/16 bad\n10.2.0.0/16 core\n")
+        self.refuse(1, "INVALID_ARGUMENT: route 1: nexthop_group", "set", "routes", "--file", routes)
         self.assertEqual(len(self.agent.routes), 1)
         self.refuse(1, "DEADLINE_EXCEEDED", "set", "group", "late")
         self.agent.answer = pb.sdk.rpc_status_msg()
@@ -758,27 +752,9 @@ class VornctlTest(unittest.TestCase):
 
     def test_tls(self) -> None:
         for name in ("agent", "me"):
-            subprocess.run(
-                [
-                    "openssl",
-                    "req",
-                    "-x509",
-                    "-newkey",
-                    "rsa:2048",
-                    "-nodes",
-                    "-subj",
-                    f"/CN={name}",
-                    "-addext",
-                    f"subjectAltName=DNS:{name}",
-                    "-keyout",
-                    f"{name}.key",
-                    "-out",
-                    f"{name}.pem",
-                ],
-                cwd=self.folder,
-                check=True,
-                capture_output=True,
-            )
+            request = f"openssl req -x509 -newkey rsa:2048 -nodes -subj /CN={name} -addext subjectAltName=DNS:{name}"
+            files = f"-keyout {name}.key -out {name}.pem"
+            subprocess.run(f"{request} {files}".split(), cwd=self.folder, check=True, capture_output=True)
         key, cert, ca = ((self.folder / name).read_bytes() for name in ("agent.key", "agent.pem", "me.pem"))
         self.serve(credentials=grpc.ssl_server_credentials([(key, cert)], ca, require_client_auth=True))
         theirs, mine = f"--tls-ca {self.folder}/agent.pem", f"--tls-cert {self.folder}/me.pem"
