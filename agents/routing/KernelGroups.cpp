@@ -293,7 +293,7 @@ bool KernelSync::needs(const Group& group, Family family) {
 // ------------------------------------------------------------------------------------------------
 // Programming
 
-// A step; answers whether there is more.
+// Does one step; returns whether there is more.
 bool KernelSync::programGroups() {
   std::vector<NamedGroup*> groups;
   std::vector<Plan> planned;

@@ -97,7 +97,7 @@ void KernelSync::mplsRouteNotified(const nlmsghdr& message) {
 // ------------------------------------------------------------------------------------------------
 // Programming
 
-// A step; answers whether there is more.
+// Does one step; returns whether there is more.
 bool KernelSync::programMplsRoutes() {
   std::vector<MplsWrite> writes;
   {

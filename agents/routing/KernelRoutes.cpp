@@ -17,7 +17,7 @@ constexpr const char* kForeign = "another owner's route has this metric";
 
 }  // namespace
 
-// A step; answers whether there is more.
+// Does one step; returns whether there is more.
 bool KernelSync::programRoutes() {
   std::vector<Write> writes;
   {

@@ -167,7 +167,7 @@ std::unique_ptr<StateFile> stateFile(const Options& options, Tables& tables) try
   throw UsageError(error.what());
 }
 
-// Listens on all the places, and answers the ports.
+// Listens on all the places; returns the ports.
 std::vector<int> listen(VornSdkRpc::Listener& listener, const std::vector<Place>& places,
                         const Options& options, const Access& access,
                         VornSdkRpc::CallAccounting* accounting) {

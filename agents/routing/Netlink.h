@@ -81,7 +81,7 @@ class Netlink {
   // thread's own. Without notifications there is no socket for them. Throws std::system_error.
   explicit Netlink(const std::string& netns, Notifications notifications = kNotifications);
 
-  // Sends the requests in one message and answers what the kernel says to each, in order. The
+  // Sends the requests in one message and returns what the kernel says to each, in order. The
   // kernel goes on behind one that it refuses. `data` is given what a request that asks for
   // something is sent, with the request's position. Throws when answers were lost: any of the
   // requests may have been done.
@@ -93,7 +93,7 @@ class Netlink {
   void dump(const NetlinkRequest& request, const std::function<void()>& begin,
             const Receive& receive);
 
-  // Gives `receive` the notifications that have come; answers false when some were lost. Those of
+  // Gives `receive` the notifications that have come; returns false when some were lost. Those of
   // this object's own requests do not come. Does not block.
   bool readNotifications(const Receive& receive);
 

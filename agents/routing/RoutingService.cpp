@@ -91,7 +91,7 @@ std::string objectOf(const await_msg& what) {
 }
 
 // Sends a table in parts, each taken when the one before is out: a client that reads slowly costs
-// one part of memory, whatever the table's size. `add` answers the place of a further item in a
+// one part of memory, whatever the table's size. `add` returns the place of a further item in a
 // part, `stateOf` what became of it.
 template <typename Part, typename Key, typename Value, typename Form, typename Add,
           typename StateOf, typename Waiting>

@@ -23,7 +23,7 @@ struct Place {
 // environment. Throws std::system_error for a socket that can't be named.
 std::vector<Place> placesOf(const Options& options);
 
-// Listens on a place, with what `access` says of its address, and answers the port. A Unix socket
+// Listens on a place, with what `access` says of its address, and returns the port. A Unix socket
 // that is opened here gets the mode and the group of the options; until it has them, it is the
 // agent's user's alone. Throws as Listener::add() does, and std::system_error when the file can't
 // be given away.
