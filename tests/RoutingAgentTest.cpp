@@ -599,6 +599,7 @@ TEST(RoutingAgent, TellsWatchersWhatChanges) {
     EXPECT_EQ(call(*stub, &Sbfd::Stub::SetSession, session), grpc::StatusCode::OK);
   }
   agent.programAll();
+  std::map<std::string, std::uint32_t> highest;
   for (const bool rtt : {false, true}) {
     grpc::ClientContext context;
     watch_sbfd_echo_session_config_msg config;
@@ -619,12 +620,17 @@ TEST(RoutingAgent, TellsWatchersWhatChanges) {
     gone.set_request_delete(true);
     bool deleted = false;
     int rtts = 0;
-    for (bool ended = false; !ended || (rtt && rtts == 0);) {
+    for (bool ended = false; !ended || (rtt && rtts < 12);) {
       ASSERT_TRUE(watch->Read(&item));
       std::vector<Item> news(item.bulk().begin(), item.bulk().end());
       if (news.empty()) news.push_back(item);
       for (const auto& one : news) {
-        rtts += one.update_case() == Item::kRtt;
+        if (one.update_case() == Item::kRtt) {
+          ++rtts;
+          auto& max = highest[one.session_key().outgoing_interface()];
+          max = std::max(max, one.rtt().last_rtt());
+          EXPECT_GE(one.rtt().max_rtt(), max);
+        }
         if (one.session_key().outgoing_interface() != added) continue;
         if (one.status().status() == Status::UP && !deleted) {
           EXPECT_EQ(call(*stub, &Sbfd::Stub::SetSession, gone), grpc::StatusCode::OK);
