@@ -231,7 +231,7 @@ void FloodWatch::close(const Connection& connection, int fd, const CallCounts& c
   const auto now = Clock::now();
   if (now < nextWord_) return;
   nextWord_ = now + std::chrono::seconds(1);
-  tracer_.trace0(
+  tracer_.warn(
       "Closed connections: %llu; their clients flood. The last one: %s, of %llu calls it let %llu "
       "be answered.",
       static_cast<unsigned long long>(std::exchange(untold_, 0)), connection.name.c_str() + 7,
