@@ -53,9 +53,9 @@ class VORN_EXPORT Listener {
 
   // What a client may send over one TCP connection that comes to nothing; 0: any amount.
   struct FloodLimits {
-    // Calls that are open or were abandoned (reset before their answer), of which a tenth of the
-    // limit is forgotten in a second. To be above maxConcurrentStreams (ServerArguments.h), by as
-    // many calls as an honest client may abandon at once.
+    // Calls that are open or were abandoned (reset, or out of time, before their answer), of which
+    // a tenth of the limit is forgotten in a second. To be above maxConcurrentStreams
+    // (ServerArguments.h), by as many calls as an honest client may abandon at once.
     std::size_t abandonedCalls = 0;
 
     // Bytes for each open call, and one more, while no call begins and no message is whole. To be
