@@ -565,6 +565,9 @@ TEST(RoutingAgent, DropsWhatWaitsOfAFormerPrimary) {
     waiting.join();
     EXPECT_EQ(awaited.error_code(), grpc::StatusCode::ABORTED);
     EXPECT_THAT(awaited.error_message(), testing::HasSubstr("with election id 6"));
+    grpc::ClientContext late;
+    asFormer(late);
+    EXPECT_EQ(stub->Await(&late, what, &state).error_code(), grpc::StatusCode::ABORTED);
     agent.programAll();
     EXPECT_THAT(tagsOf(*stub), testing::ElementsAre(1, 5));
     for (const auto& [number, code] :
