@@ -3,12 +3,15 @@
 #include <Kiv/Trace.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <spdlog/sinks/ringbuffer_sink.h>
 
 #include <chrono>
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
-#include "Capture.h"
+#include "tests/Capture.h"
 #include "tests/WaitUntil.h"
 
 using testing::ElementsAre;
@@ -153,6 +156,22 @@ TEST(Log, ASuppressedOccurrenceConvertsItsKeyAndNothingMore) {
     record->strIs(0, Velm::String("the key"));
   other.strIs(1, Velm::String("and more"));
   EXPECT_EQ(Kiv::Impl::logArgsHash(one, 1), Kiv::Impl::logArgsHash(other, 1));
+}
+
+TEST(Log, ALineHasThePriorityOfItsMessage) {
+  auto& sinks = Kiv::platformLogger().sinks();
+  const auto ring = std::make_shared<spdlog::sinks::ringbuffer_sink_st>(8);
+  const auto before = std::exchange(sinks, {ring});
+  for (const std::uint64_t severity : {0, 2, 3, 4, 5, 6, 7}) {
+    auto descriptor = described("");
+    descriptor.severity = severity;
+    Kiv::log(Kiv::LogHandle(&descriptor, Velm::Duration(0), 1.0, 0, 0), "");
+  }
+  sinks = before;
+  std::vector<int> priorities;
+  for (const auto& line : ring->last_raw())
+    priorities.push_back(Kiv::priorityOf(line.level));
+  EXPECT_THAT(priorities, ElementsAre(2, 2, 3, 4, 6, 6, 7));
 }
 
 TEST(Log, AKeyIsWrittenAgainWhenItsIntervalIsOver) {
