@@ -153,7 +153,7 @@ FloodWatch::~FloodWatch() {
   ::close(epoll_);
 }
 
-void FloodWatch::add(int connection, const sockaddr_storage& peer) try {
+void FloodWatch::add(int connection, const sockaddr_storage& peer, const std::string& host) try {
   if (peer.ss_family != AF_INET && peer.ss_family != AF_INET6) return;
   sockaddr_storage local{};
   socklen_t size = sizeof local;
@@ -161,7 +161,7 @@ void FloodWatch::add(int connection, const sockaddr_storage& peer) try {
   {
     const vorn::lock_guard lock(mutex_);
     connections_.insert_or_assign(
-        connection, Connection{FileIdentity(connection), nameOf(peer), portOf(local), newest_,
+        connection, Connection{FileIdentity(connection), nameOf(peer), host, portOf(local), newest_,
                                FloodJudge(limits_)});
   }
   epoll_event event{};
@@ -170,6 +170,22 @@ void FloodWatch::add(int connection, const sockaddr_storage& peer) try {
   epoll_ctl(epoll_, EPOLL_CTL_ADD, connection, &event);
 } catch (const std::bad_alloc&) {
   // It is not watched.
+}
+
+bool FloodWatch::isShutOut(const std::string& host) {
+  if (limits_.shutOut.count() == 0) return false;
+  const vorn::lock_guard lock(mutex_);
+  const auto found = shutOutUntil_.find(host);
+  return found != shutOutUntil_.end() && Clock::now() < found->second;
+}
+
+void FloodWatch::shutOut(const std::string& host) try {
+  if (limits_.shutOut.count() == 0) return;
+  const auto now = Clock::now();
+  std::erase_if(shutOutUntil_, [now](const auto& entry) { return entry.second <= now; });
+  shutOutUntil_[host] = now + limits_.shutOut;
+} catch (const std::bad_alloc&) {
+  // It may connect again.
 }
 
 void FloodWatch::run() {
@@ -226,6 +242,7 @@ void FloodWatch::close(const Connection& connection, int fd, const CallCounts& c
   sockaddr nobody{};
   nobody.sa_family = AF_UNSPEC;
   if (connect(fd, &nobody, sizeof nobody) != 0) shutdown(fd, SHUT_RDWR);
+  shutOut(connection.host);
   ++closed_;
   ++untold_;
   const auto now = Clock::now();

@@ -63,8 +63,11 @@ class FloodWatch {
   FloodWatch& operator=(const FloodWatch&) = delete;
 
   // Watches a connection from here on, until its last descriptor closes. Before gRPC has it. One
-  // that is not of TCP is let be.
-  void add(int connection, const sockaddr_storage& peer);
+  // that is not of TCP is let be. `host` is the client's, whatever its port.
+  void add(int connection, const sockaddr_storage& peer, const std::string& host);
+
+  // Whether nothing is taken of a host, for what it has sent before.
+  bool isShutOut(const std::string& host);
 
   // How many it has closed. Any thread.
   std::uint64_t closed() const { return closed_; }
@@ -75,6 +78,7 @@ class FloodWatch {
   struct Connection {
     FileIdentity file;
     std::string name;  // in gRPC's list
+    std::string host;
     int localPort = 0;
     std::intptr_t newerThan = 0;  // the id that gRPC has or will have for it
     FloodJudge judge;
@@ -86,7 +90,8 @@ class FloodWatch {
   bool handleEvents(int timeout);
   bool rest();
   void look(int fd);
-  void close(const Connection& connection, int fd, const CallCounts& counts);
+  void close(const Connection& connection, int fd, const CallCounts& counts) VORN_REQUIRES(mutex_);
+  void shutOut(const std::string& host) VORN_REQUIRES(mutex_);
   std::intptr_t find(const Connection& connection) VORN_REQUIRES(mutex_);
   std::intptr_t findIn(std::intptr_t server, const Connection& connection) VORN_REQUIRES(mutex_);
 
@@ -99,6 +104,7 @@ class FloodWatch {
   // By their descriptors: one that has gone is there until its number is another's.
   std::unordered_map<int, Connection> connections_ VORN_GUARDED_BY(mutex_);
   std::intptr_t newest_ VORN_GUARDED_BY(mutex_) = 0;  // id that gRPC has told
+  std::unordered_map<std::string, Clock::time_point> shutOutUntil_ VORN_GUARDED_BY(mutex_);
   std::atomic<std::uint64_t> closed_ = 0;
 
   // The thread's own.

@@ -260,8 +260,12 @@ class Listener::Accepting {
 
   Figures figures() const {
     const auto* const watch = watching_.load();
-    return {accepted_, forDescriptors_.count(), forCallers_.count(), forPeer_.count(),
-            watch ? watch->closed() : 0};
+    return {.accepted = accepted_,
+            .refusedForDescriptors = forDescriptors_.count(),
+            .refusedForCallers = forCallers_.count(),
+            .refusedForPeer = forPeer_.count(),
+            .refusedForFlood = forFlood_.count(),
+            .closedForFlood = watch ? watch->closed() : 0};
   }
 
  private:
@@ -353,7 +357,7 @@ class Listener::Accepting {
     if (!peer.isUnix()) setTcpOptions(connection);
     ++accepted_;
     try {
-      if (floodWatch_) floodWatch_->add(connection, peer.address);
+      if (floodWatch_) floodWatch_->add(connection, peer.address, keyOf(peer, connection));
       Acceptor::NewConnectionParameters parameters;
       parameters.listener_fd = place.socket.fd();
       parameters.fd = connection;
@@ -367,6 +371,7 @@ class Listener::Accepting {
   Refusals* refusal(int connection, const Peer& peer, Entrance& entrance) try {
     if (connection >= descriptorLimit() - kKeptBack) return &forDescriptors_;
     const auto key = keyOf(peer, connection);
+    if (floodWatch_ && floodWatch_->isShutOut(key)) return &forFlood_;
     if (!connections_.add(key, connection, connectionsPerPeer_)) return &forPeer_;
     if (entrance.identity) {
       entrance.identity->callerIs(callers_.of(connection));
@@ -434,7 +439,8 @@ class Listener::Accepting {
   LocalCallers callers_;
   Refusals forCallers_{tracer_, "there are as many local callers as there may be"};
   Refusals forPeer_{tracer_, "their peer has as many as it may have"};
-  Refusals* const causes_[3] = {&forDescriptors_, &forCallers_, &forPeer_};
+  Refusals forFlood_{tracer_, "their peer has flooded before"};
+  Refusals* const causes_[4] = {&forDescriptors_, &forCallers_, &forPeer_, &forFlood_};
 };
 
 Listener::Listener(grpc::ServerBuilder& builder, const ServerProperties& properties)

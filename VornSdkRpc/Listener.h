@@ -46,6 +46,7 @@ class VORN_EXPORT Listener {
     std::uint64_t refusedForDescriptors = 0;  // for want of descriptors or memory
     std::uint64_t refusedForCallers = 0;      // over the number of addLocal()
     std::uint64_t refusedForPeer = 0;         // over the limit of their peer
+    std::uint64_t refusedForFlood = 0;        // within FloodLimits::shutOut of their peer
     std::uint64_t closedForFlood = 0;         // over a limit of FloodLimits
 
     bool operator==(const Figures&) const = default;
@@ -62,6 +63,10 @@ class VORN_EXPORT Listener {
     // above the largest message that is taken (maxReceiveMessageBytes), several times where the
     // agent lets messages wait.
     std::size_t bytesWithoutMessage = 0;
+
+    // How long a new connection is refused from the address that one was closed of; those that are
+    // open stay. To be 0 where many clients come from one address, as behind a proxy.
+    std::chrono::milliseconds shutOut{0};
 
     bool any() const { return abandonedCalls != 0 || bytesWithoutMessage != 0; }
   };
@@ -88,10 +93,9 @@ class VORN_EXPORT Listener {
 
   // Closes TCP connections, with TLS or without, over which more comes than `limits` allows: what
   // keeps gRPC busy and never reaches the agent (calls that are reset at once, headers without an
-  // end). Who is over is closed within 50 ms or so, while the others are served on, and may connect
-  // again; it is traced at level 0, once a second at most. It takes a thread of the listener's, and
-  // gRPC's own counts of each connection: nothing is closed with GRPC_ARG_ENABLE_CHANNELZ off. To
-  // be set before start().
+  // end). Who is over is closed within 50 ms or so, while the others are served on; it is traced at
+  // level 0, once a second at most. It takes a thread of the listener's, and gRPC's own counts of
+  // each connection: nothing is closed with GRPC_ARG_ENABLE_CHANNELZ off. To be set before start().
   void floodLimitsAre(const FloodLimits& limits) { floodLimits_ = limits; }
 
   // Listens on an address, with the given credentials, and returns the TCP port, or 0 for a Unix

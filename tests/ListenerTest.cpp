@@ -416,6 +416,31 @@ TEST(Listener, ClosesWhoFloodsAndServesTheOthers) {
   EXPECT_GE(trace.count("their clients flood"), 1U);
 }
 
+TEST(Listener, ShutsOutWhoHasFlooded) {
+  int port = 0;
+  Agent agent([&](Listener& listener, grpc::ServerBuilder& builder) {
+    builder.AddChannelArgument(GRPC_ARG_MAX_CONCURRENT_STREAMS, 100);
+    listener.floodLimitsAre({.abandonedCalls = 400, .shutOut = std::chrono::hours(1)});
+    port = listener.add("[::]:0", grpc::InsecureServerCredentials());
+  });
+  const auto ipv4 = "127.0.0.1:" + std::to_string(port), ipv6 = "[::1]:" + std::to_string(port);
+  const auto before = connected(ipv4, grpc::InsecureChannelCredentials());
+  RawClient floods;
+  ASSERT_TRUE(floods.connectTo(ipv4));
+  std::uint32_t sent = 1;
+  for (std::string more = kHello; sent < 10'000'000 && floods.send(more); sent += 200)
+    more = resetCalls(sent);
+  RawClient again;
+  ASSERT_TRUE(again.connectTo(ipv4));
+  EXPECT_FALSE(again.isServed());
+  EXPECT_EQ(agent.figures().refusedForFlood, 1U);
+  for (const auto& other : {before, connected(ipv6, grpc::InsecureChannelCredentials())}) {
+    grpc::ClientContext context;
+    Text reply;
+    EXPECT_TRUE(Probe::NewStub(other)->Echo(&context, Text(), &reply).ok());
+  }
+}
+
 // ------------------------------------------------------------------------------------------------
 // Local callers
 

@@ -86,8 +86,12 @@ void addConnections(Metrics& metrics, const VornSdkRpc::Listener& listener) {
                 const auto all = listener.figures();
                 return Samples{sample("why", "descriptors", asDouble(all.refusedForDescriptors)),
                                sample("why", "callers", asDouble(all.refusedForCallers)),
-                               sample("why", "peer", asDouble(all.refusedForPeer))};
+                               sample("why", "peer", asDouble(all.refusedForPeer)),
+                               sample("why", "flood", asDouble(all.refusedForFlood))};
               });
+  metrics.add("routing_agent_connections_flooding_total",
+              "Connections that were closed for a flood.", Metrics::counter,
+              [&listener] { return asDouble(listener.figures().closedForFlood); });
 }
 
 void addAccess(Metrics& metrics, const Access& access) {

@@ -172,7 +172,9 @@ std::vector<int> listen(VornSdkRpc::Listener& listener, const std::vector<Place>
                         const Options& options, const Access& access,
                         VornSdkRpc::CallAccounting* accounting) {
   listener.connectionsPerPeerIs(options.peerConnections);
-  listener.floodLimitsAre({.abandonedCalls = 20'000, .bytesWithoutMessage = 4 << 20});
+  listener.floodLimitsAre({.abandonedCalls = 20'000,
+                           .bytesWithoutMessage = 4 << 20,
+                           .shutOut = std::chrono::seconds(10)});
   std::vector<int> ports;
   ports.reserve(places.size());
   for (const auto& place : places) {
