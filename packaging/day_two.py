@@ -73,6 +73,7 @@ class Client(threading.Thread):
             self.answered.add(number)
         except grpc.RpcError as error:
             self.failed.append(f"{error.code().name}: {error.details()}")
+            time.sleep(0.05)  # gRPC gives a call that comes at once to the connection that has just broken
 
     def finish(self) -> None:
         self.over.set()
