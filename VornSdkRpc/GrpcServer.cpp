@@ -367,7 +367,7 @@ void GrpcServer::serveWaiting() {
     if (begunAt_ >= end) break;
     auto [tag, client] = clientTurns_->take();
     client_ = std::move(client);
-    dispatch(tag, true, &GrpcService::begin);
+    dispatch(tag, true, &GrpcService::beginInTurn);
   }
 }
 

@@ -116,8 +116,11 @@ void GrpcService::process(OpaqueId tag, RequestHandler* handler) {
   }
 }
 
+void GrpcService::beginInTurn(OpaqueId tag, RequestHandler* handler) {
+  if (!stopping_) begin(tag, handler);
+}
+
 void GrpcService::begin(OpaqueId tag, RequestHandler* handler) {
-  if (stopping_) return;
   tracer_.trace8("process handler %p", tag);
   handler->state_ = RequestHandler::AWAITING_CALL;
   handler->proceed(tag);

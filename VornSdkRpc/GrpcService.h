@@ -134,8 +134,9 @@ class VORN_EXPORT GrpcService {
  private:
   friend class GrpcServer;
 
-  // What process() does with a call that has arrived, at once or when its turn has come.
+  // What process() does with a call that has arrived, and the server with one whose turn has come.
   VORN_NO_EXPORT void begin(OpaqueId tag, RequestHandler* handler);
+  VORN_NO_EXPORT void beginInTurn(OpaqueId tag, RequestHandler* handler);
 
   std::atomic<bool> draining_ = false;
   bool claimed_ = false;  // by a server
