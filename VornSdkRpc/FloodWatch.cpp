@@ -225,7 +225,8 @@ void FloodWatch::look(int fd) try {
   if (FileIdentity(copy.get()) != connection.file) return;
   const auto bytes = bytesOf(copy.get());
   if (bytes.areLeft) unread_.insert(fd);
-  if (bytes.read - connection.lookedAt < kBytesBetween) return;
+  // What has come between the kernel's two answers may make them less than before.
+  if (bytes.read < connection.lookedAt + kBytesBetween) return;
   connection.lookedAt = bytes.read;
   if (connection.id == 0) connection.id = find(connection);
   if (connection.id == 0) return;

@@ -37,8 +37,8 @@ class FloodJudge {
 
   explicit FloodJudge(const Listener::FloodLimits& limits) : limits_(limits) {}
 
-  // What has become of the connection until now. Returns whether it is over a limit. Time does not
-  // go back.
+  // What has become of the connection until now. Returns whether it is over a limit. Neither bytes
+  // nor time go back.
   bool isFlood(const CallCounts& counts, std::uint64_t bytes, Clock::time_point now);
 
  private:
