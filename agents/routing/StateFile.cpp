@@ -291,8 +291,8 @@ void StateFile::writeAll(int fd, std::size_t place, std::string_view bytes) cons
 // Writing anew
 
 bool StateFile::wantsRewrite() const {
-  const bool grown = size_ > kSmall && size_ / 4 > rewritten_;
-  return !rewriting_ && (grown || dropped_);
+  if (rewriting_) return false;  // first: what the thread that writes it leaves behind is read then
+  return dropped_ || (size_ > kSmall && size_ / 4 > rewritten_);
 }
 
 void StateFile::markRewrite() {
