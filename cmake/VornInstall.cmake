@@ -27,6 +27,7 @@ foreach(folder VornSdkRpc vorn)
     PATTERN Histogram.h EXCLUDE
     PATTERN ServingThread.h EXCLUDE
     PATTERN FileWatch.h EXCLUDE
+    PATTERN FloodWatch.h EXCLUDE
     PATTERN Goaway.h EXCLUDE
     PATTERN GrpcLog.h EXCLUDE
     PATTERN Later.h EXCLUDE
