@@ -114,7 +114,7 @@ class BusyClient:
     def start(self) -> None:
         empty = pathlib.Path("/root/empty-message")
         empty.write_bytes(bytes(5))
-        command = ["h2load", "-D", "60", "-c", "1", "-m", "64", "-B", SOCKET, "-d", str(empty)]
+        command = ["h2load", "-n", "100000000", "-c", "1", "-m", "64", "-B", SOCKET, "-d", str(empty)]
         for header in ("te: trailers", "content-type: application/grpc", f"traceparent: 00-{self.number}-{1:016x}-01"):
             command += ["-H", header]
         self.process = subprocess.Popen([*command, f"http://agent{CHECK}"], stdout=subprocess.PIPE, text=True)
