@@ -357,7 +357,6 @@ class Listener::Accepting {
     if (!peer.isUnix()) setTcpOptions(connection);
     ++accepted_;
     try {
-      if (floodWatch_) floodWatch_->add(connection, peer.address, keyOf(peer, connection));
       Acceptor::NewConnectionParameters parameters;
       parameters.listener_fd = place.socket.fd();
       parameters.fd = connection;
@@ -378,6 +377,7 @@ class Listener::Accepting {
       entrance.connection = connection;
       entrance.file = FileIdentity(connection);
     }
+    if (floodWatch_) floodWatch_->add(connection, peer.address, key);
     return nullptr;
   } catch (const std::bad_alloc&) {
     return &forDescriptors_;
